@@ -122,9 +122,9 @@ std::uint32_t molbAtSecConnConnect(int fd, void* handle, std::uint32_t mode, voi
 // Server side, called until it returns something other than at_again. *channel is null before the
 // first call. *client_credential is owned by the caller when the result is at_ok.
 std::uint32_t molbAtSecConnAcceptWithCommExtn(void* handle, int fd, void* server_credential,
-                                              std::uint32_t mode, void* params,
-                                              std::uint32_t flags, std::uint32_t reserved,
-                                              void** channel, void** client_credential);
+                                              std::uint32_t mode, void* params, std::uint32_t flags,
+                                              std::uint32_t reserved, void** channel,
+                                              void** client_credential);
 
 // Move bytes: the count, 0 when the peer has closed, -1 with errno set (EAGAIN: try again later).
 // A read that returns less than `length` leaves nothing decrypted behind. A write that returns n

@@ -1,0 +1,19 @@
+// The environment block handed to CGI programs, the CGI service and scheduled commands.
+#pragma once
+
+#include <cstddef>
+
+// A fixed text area holding NAME=value strings and the pointer array for execve. Plain data: build
+// it before the fork.
+struct env_block {
+    static constexpr int text_bytes = 4096;
+    static constexpr int pointer_count = 64;
+
+    char text[text_bytes];
+    int used = 0;
+    char* pointers[pointer_count] = {};
+    int count = 0;
+};
+
+// Adds one formatted variable. One that does not fit (4094 bytes in all, 62 variables) is dropped.
+[[gnu::format(printf, 2, 3)]] void addenv(env_block* block, const char* format, ...);

@@ -1,0 +1,64 @@
+// Process-level helpers: detaching, children, descriptors, and thin wrappers of system calls.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <ctime>
+
+#include "core/fwd.h"
+
+// A started child: the base name of its program and its process id (0: none).
+struct process_record {
+    char name[64] = {};
+    pid_t pid = 0;
+};
+
+// Detaches from the terminal: the parent exits, the child continues in a session of its own with
+// standard input, output and error on /dev/null. Does nothing below process 1.
+void daemonize();
+
+// The handler of SIGTERM, SIGCHLD and SIGHUP between daemonize and main's own set-up.
+void daemon_signal_handler(int signal_number);
+
+// The daemon's handler: reaps children on SIGCHLD, else stores the number in exit_flag.
+void signal_handler(int signal_number);
+
+// Starts `program` in `directory` with the environment `envp` and with `fd` as its standard input
+// and output; with the option cgi_interpreter set, the interpreter runs it. The error log becomes
+// its standard error; every other descriptor above 2 is closed and signal dispositions are reset.
+// Returns 0 (the parent's `fd` is closed, `record`, when given, is filled) or -1 (fork failed;
+// `fd` stays open). `c` needs only its context. `ignored` takes no part.
+int spawn_process(conn* c, const char* program, const void* ignored, char* const* envp, int fd,
+                  const char* directory, process_record* record);
+
+// Waits up to 2 seconds for a child to end by itself, then kills it. Returns the result of the
+// waitpid that saw it end; the current time when there is no child (null record, pid below 1).
+long stop_process(const process_record* record);
+
+// Child side of every fork: signal dispositions and mask back to their defaults.
+void reset_child_signals();
+
+// Closes every descriptor from `lowest` upwards, quickly whatever the limit is. Async-signal-safe.
+void close_descriptors_from(int lowest);
+
+// 0, or -1 with errno set.
+int set_non_blocking_mode(int fd);
+
+// The result of fcntl.
+int set_close_on_exec(int fd);
+
+// Newly allocated copies of `name` (free).
+char* get_admin_group(const char* name);
+char* get_admin_user(const char* name);
+
+// Writes the default variable-data directory into `buffer` and returns it.
+char* get_default_var_directory(char* buffer, std::size_t size);
+
+int my_stat(const char* path, struct stat* st);
+int my_open(const char* path, int flags, mode_t mode);
+int my_remove(const char* path);
+int my_rename(const char* from, const char* to);
+int my_mkdir(const char* path, mode_t mode);
+char* my_getcwd(char* buffer, std::size_t size);

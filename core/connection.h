@@ -1,0 +1,166 @@
+// One accepted connection: its request, its two streams, its identity.
+//
+// A connection is one allocation that holds the record and both buffers (the handler's first); it
+// is made by new_conn and freed by the engine alone. Handlers reach everything about a request
+// through it. Each pass of the main loop visits a connection at most once.
+//
+// Rules for handler classes (installed on `local`):
+// - `local` is fully reset before a request is routed; a class assigns its flags with
+//   install_class. Replies begin at local.buffer with tail 0.
+// - A class without a poll slot sets sf_always_ready. A read that can't produce anything yet
+//   returns 0 with sf_keep_open set, or -1 with EAGAIN; it is then called again on a later pass, at
+//   the latest after 5 seconds, at once after shttpd_wake().
+// - The engine hands the request's body to a class that has sf_writable, a write operation and a
+//   poll slot (or is io_file), at most body_left bytes in all, and reads from it while sf_readable.
+// - Poll events are decided by the engine alone, after every visit.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "core/fwd.h"
+#include "core/list.h"
+#include "core/stream.h"
+
+enum http_method : int {
+    method_get = 0,
+    method_post = 1,
+    method_put = 2,
+    method_delete = 3,
+    method_head = 4,
+};
+
+// The values of the known headers; texts point into the block that was parsed.
+struct header_values {
+    std::uint64_t content_length = 0;
+    std::string_view content_type;
+    std::string_view connection;
+    std::time_t if_modified_since = 0;
+    std::string_view authorization;
+    std::string_view user_agent;
+    std::string_view referer;
+    std::string_view cookie;
+    std::string_view location;
+    std::string_view range;
+    std::uint64_t status = 0;
+    std::string_view transfer_encoding;
+    std::string_view accept_language;
+    std::string_view on_behalf_user;
+    std::string_view on_behalf_ip;
+    std::string_view operation;
+    std::string_view namespace_name;
+};
+
+// What belongs to one request and is cleared before the next one on the same connection.
+struct request_data {
+    int status = 0;
+    int method = method_get;
+    unsigned long major = 0;
+    unsigned long minor = 0;
+    std::string text;               // the header block; the request line is terminated in place
+    std::size_t headers_start = 0;  // where the header lines begin in `text`
+    std::string uri;                // decoded and cleaned; a proxied one as received, cleaned
+    std::string query;              // decoded; meaningful when has_query
+    bool has_query = false;
+    std::string path_info;           // without its leading slash; empty: none
+    const char* mime = nullptr;      // chosen for an index file; null: by the URI's extension
+    namespace_record* ns = nullptr;  // one reference is held
+    std::string role;                // the URI's role segment
+    std::string recorded_role;       // the role that authorization granted; empty: none
+    header_values headers;
+    std::uint64_t body_left = 0;  // body bytes not yet handed to the handler
+    std::uint64_t sent = 0;       // reply bytes that have gone out
+    bool routed = false;          // a handler or an error reply is in place
+
+    // The request line, terminated; "" before one was read.
+    [[nodiscard]] const char* line() const { return text.c_str(); }
+    // The header lines, "\r\n"-separated, without the request line.
+    [[nodiscard]] std::string_view header_block() const {
+        return std::string_view(text).substr(headers_start < text.size() ? headers_start
+                                                                         : text.size());
+    }
+};
+
+// body_left of a request whose body has no announced length.
+inline constexpr std::uint64_t unlimited_body = UINT64_MAX;
+
+// A kept connection to a proxy target. While a record exists its descriptor is open and its poll
+// slot is owned; while a request is being forwarded, `local` shares both.
+struct proxy_record {
+    int port = 0;
+    std::string host;
+    int fd = -1;
+    int poll_index = -1;
+    bool secure = false;
+};
+
+enum class conn_state : std::uint8_t {
+    serving,   // requests are read and answered
+    muted,     // input is discarded after an early protocol error
+    draining,  // the reply is out, unread input is discarded for a moment before the close
+};
+
+enum class handshake_state : std::uint8_t { pending, done, failed };
+
+struct conn : list_link {
+    shttpd_ctx* ctx = nullptr;
+    std::uint64_t serial = 0;  // grows with every accepted connection
+    sockaddr_storage peer{};
+    socklen_t peer_length = 0;
+    std::time_t birth_time = 0;
+    std::time_t expire_time = 0;
+    conn_state state = conn_state::serving;
+    bool close_after = false;
+    bool due = false;             // is to be visited in this pass
+    bool remote_pending = false;  // the client's secure channel may hold decrypted bytes
+    bool proxy_pending = false;   // the target's secure channel may
+    bool idle_call = false;       // the local class was read and nothing moved
+
+    request_data request;
+    stream local;
+    stream remote;
+
+    qz_vector* groups = nullptr;   // owned texts: the caller's groups; null: none known
+    qz_vector* granted = nullptr;  // words: roles granted on this connection, per namespace
+
+    void* client_channel = nullptr;     // the client's secure channel
+    void* server_credential = nullptr;  // for the handshake; null: the service's; not owned
+    void* client_credential = nullptr;  // owned
+    handshake_state handshake = handshake_state::done;
+    std::string user_name;  // empty until the caller is authenticated
+
+    proxy_record* proxy = nullptr;
+    void* proxy_channel = nullptr;  // the target's secure channel; null: plain
+};
+
+// The whole allocation for a connection with two buffers of the context's size, or null.
+conn* new_conn(shttpd_ctx* ctx);
+void delete_conn(conn* c);
+
+// One visit of a connection: read, parse, route, move bytes, finish. May free the connection.
+// Returns false when it did.
+bool process_connection(conn* c);
+
+// Ends the current request: writes the access line, then closes the connection or makes it ready
+// for the next request. Returns false when the connection was freed.
+bool disconnect(conn* c);
+
+// Whether the connection must be visited in the next pass even when no descriptor is ready.
+bool needs_visit(const conn* c);
+
+// Frees user name, groups and credential. Idempotent.
+void release_identity(conn* c);
+
+// Closes the kept proxy target, gives its slot back and frees the record. Null record: nothing.
+void proxy_release(conn* c);
+
+// The local port of the connection in host byte order, 0 unless it is IPv4 or IPv6.
+int local_port(const conn* c);
+
+// Makes the next pass start at once instead of waiting for a descriptor.
+void shttpd_wake();

@@ -1,0 +1,10 @@
+// The process-wide variables, one declaration each.
+#pragma once
+
+#include <csignal>
+#include <ctime>
+
+extern std::time_t current_time;              // refreshed once per pass of the main loop
+extern volatile std::sig_atomic_t exit_flag;  // 0 while running, then the signal that ends it
+extern const char* config_file;               // the configuration file to read
+extern int tz_offset;                         // printed in access lines; always 0

@@ -1,0 +1,54 @@
+// Every descriptor that the daemon waits on: the array handed to poll(), with reused slots.
+//
+// Entries are addressed by index, never by a pointer kept across a call: the array moves when it
+// grows. A parked slot is kept but not polled. Not thread-safe.
+#pragma once
+
+#include <cstddef>
+
+#include "core/fwd.h"
+
+struct listener_record;
+
+inline constexpr int max_poll_slots = 32768;
+
+void init_poll_fd_set();
+void clean_poll_fd_set();
+
+// A slot for `fd`, requesting readability, without returned events; -1 when all are taken.
+int get_poll_index(int fd);
+
+// Gives a slot back. Free slots and -1 are ignored; an index above 32767 is logged.
+void put_poll_index(int index);
+
+// The connection that a slot's events concern; null for listeners.
+void set_poll_owner(int index, conn* owner);
+conn* poll_owner(int index);
+
+// Requests events (POLLIN, POLLOUT, ...) on a slot of `fd`.
+void set_poll_events(int index, int fd, short events);
+
+// Keeps a slot without polling it.
+void park_poll_index(int index);
+
+// The events that the last wait returned for a slot; 0 for index -1.
+short poll_revents(int index);
+void clear_poll_revents(int index);
+
+// Waits like poll(2); the number of ready slots or -1. Signals that ask the daemon to end wake it.
+int wait_for_events(int timeout_ms);
+
+// One more than the highest slot in use.
+int poll_high_water();
+
+// Records a listener's slot.
+void set_lp_poll_position(int index, listener_record* listener);
+void remove_lp_poll_position(std::size_t position);
+
+struct listener_position {
+    int poll_index = -1;  // -1: free
+    listener_record* listener = nullptr;
+};
+
+// The pair at a position; a free pair beyond the end.
+listener_position lp_at(std::size_t position);

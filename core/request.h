@@ -1,0 +1,43 @@
+// From bytes to a request: the header block, the request line, the known headers, the URI.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "core/connection.h"
+
+inline constexpr std::array<std::string_view, 5> known_http_methods = {"GET", "POST", "PUT",
+                                                                       "DELETE", "HEAD"};
+
+// The length of the header block at the start of `buffer`, its blank line included; 0 when it is
+// not complete, -1 when it holds a byte that may not stand in headers.
+ssize_t get_headers_len(const char* buffer, std::size_t length);
+
+// Fills `values` from header lines; texts keep pointing into them. The first line of a name wins
+// for nothing: a later one replaces it.
+void parse_headers(const char* start, std::size_t length, header_values* values);
+
+// Cleans a decoded URI in place: behind every slash or backslash a run that begins with a dot and
+// goes on over dots and slashes disappears, so a path can never climb.
+void clean_uri(std::string* uri);
+
+// The role segment of the request's URI, as a copy in request.role.
+void get_role_from_uri(conn* c, bool is_proxied);
+
+// The file that a local URI names: namespace root and URI, or the target of an alias.
+std::string map_uri_to_path(const conn* c);
+
+// What parsing the buffered bytes led to.
+enum class parse_result {
+    incomplete,  // wait for more
+    muted,       // an early error: the connection stays silent
+    failed,      // an error reply is in place
+    parsed,
+};
+
+// Parses the request at the start of the remote buffer.
+parse_result parse_request(conn* c);

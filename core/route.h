@@ -1,0 +1,17 @@
+// Choosing what answers a request, and the engine's error replies.
+#pragma once
+
+#include "core/fwd.h"
+
+// Authenticates, authorizes and routes a parsed request: installs a class on the local stream or
+// puts an error reply in place.
+void route_request(conn* c);
+
+// Replaces whatever the local stream holds by "HTTP/1.1 STATUS REASON\r\n\r\nSTATUS REASON", or
+// starts the handler registered for the status; the connection closes after the reply. When bytes
+// of an earlier reply have gone out nothing is written.
+void send_server_error(conn* c, int status, const char* reason);
+
+// The same with "HTTP/1.1 STATUS REASON\r\n\r\n TEXT".
+// Kept: a handler registered for the status starts without its user data.
+void send_server_error_with_header(conn* c, int status, const char* reason, const char* text);
