@@ -1,0 +1,164 @@
+#include "handlers/uri_handlers.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cstdlib>
+#include <ctime>
+
+#include "core/compat_unix.h"
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/endpoint.h"
+#include "core/paths.h"
+#include "core/peer_name.h"
+#include "core/shttpd.h"
+#include "core/v6socket.h"
+#include "handlers/osuuid.h"
+#include "handlers/sysinfo.h"
+#include "lib/ini.h"
+#include "lib/plat.h"
+#include "lib/qz_vector.h"
+
+namespace {
+
+constexpr const char* version = "2.1.213.0";
+constexpr const char* unknown = "UNKNOWN";
+
+// Consulted in this order.
+// Kept: LANG wins over LC_ALL.
+constexpr std::array<const char*, 3> locale_variables = {"LANG", "LC_ALL", "LC_CTYPE"};
+
+void print_field(shttpd_call_arg* arg, const char* name, const char* value) {
+    shttpd_printf(arg, "\"%s\" : \"%s\",\n", name, value != nullptr ? value : unknown);
+}
+
+// One end of the connection: its host name, empty when the look-up failed, and its address.
+struct endpoint_names {
+    const char* name_field;
+    const char* address_field;
+};
+
+void print_address(shttpd_call_arg* arg, const endpoint_names& fields, const host_name_result& host,
+                   const sockaddr_storage& address) {
+    print_field(arg, fields.name_field, host.code == EAI_NONAME ? unknown : host.name.c_str());
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    const char* shown =
+        v6inet_ntop(reinterpret_cast<const sockaddr*>(&address), text.data(), text.size());
+    print_field(arg, fields.address_field, shown != nullptr ? shown : "");
+}
+
+void print_local_side(shttpd_call_arg* arg) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    host_name_result host;
+    if (getsockname(arg->connection->remote.channel.fd, generic, &length) == 0) {
+        host = lookup_host_name(generic, length);
+    }
+    print_address(arg, {"LOCAL_NAME", "LOCAL_ADDR"}, host, address);
+}
+
+void print_peer_side(shttpd_call_arg* arg) {
+    const conn* c = arg->connection;
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    if (getpeername(c->remote.channel.fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        address = c->peer;
+    }
+    print_address(arg, {"PEER_NAME", "PEER_ADDR"}, peer_host_name(c), address);
+}
+
+const char* locale_name() {
+    for (const char* variable : locale_variables) {
+        if (const char* value = getenv(variable); value != nullptr) {
+            return value;
+        }
+    }
+    return nullptr;
+}
+
+void print_system(shttpd_call_arg* arg) {
+    qz_sysinfo system{};
+    const bool known = get_qzsysinfo(&system) == 0;
+    print_field(arg, "OSNAME", known ? system.os_name.data() : unknown);
+    print_field(arg, "OSRELEASE", known ? system.release.data() : unknown);
+    print_field(arg, "CPUTYPE", known ? system.machine.data() : unknown);
+}
+
+qz_owned<char> get_value(parse_handle* store, const char* section, const char* key) {
+    char* value = nullptr;
+    (void)parse_get(store, section, key, &value);  // absent stays null
+    return qz_owned<char>(value);
+}
+
+void print_domain(shttpd_call_arg* arg, parse_handle* store, const char* name, bool is_last) {
+    const qz_owned<char> broker = get_value(store, name, "primary_broker");
+    const qz_owned<char> admin_url = get_value(store, name, "admin_url");
+    shttpd_printf(arg, "    \"%s\" : {\n", name);
+    if (admin_url != nullptr) {
+        shttpd_printf(arg, "        \"admin_url\" : \"%s\",\n", admin_url.get());
+    }
+    shttpd_printf(arg, "        \"primary_broker\" : \"%s\"\n",
+                  broker != nullptr ? broker.get() : unknown);
+    shttpd_printf(arg, "        }%s\n", is_last ? "" : ",");
+}
+
+void print_domains(shttpd_call_arg* arg) {
+    struct stat st {};
+    parse_handle* opened = nullptr;
+    if (my_stat(paths.resolver_file, &st) != 0 ||
+        parse_open(paths.resolver_file, nullptr, &opened) != 0) {
+        return;
+    }
+    const parse_ptr store(opened);
+    qz_vector* listed = nullptr;
+    if (parse_enum_domains(store.get(), &listed) != 0) {
+        return;
+    }
+    const vector_ptr names(listed);
+    const std::int32_t count = qz_vector_size(names.get());
+    for (std::int32_t i = 0; i < count; i++) {
+        print_domain(arg, store.get(), qz_as<const char>(qz_vector_at(names.get(), i)),
+                     i == count - 1);
+    }
+}
+
+}  // namespace
+
+void init_world_uris(shttpd_ctx* ctx) {
+    shttpd_register_uri(ctx, "/world/getvitals", vitals_call, nullptr);
+    shttpd_register_uri(ctx, "/world/ping", ping_call, nullptr);
+}
+
+void ping_call(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n");
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+void vitals_call(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n{\n");
+    shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", version);
+    print_local_side(arg);
+    print_peer_side(arg);
+    shttpd_printf(arg, "\"LOCAL_TIME\" : \"%ld\",\n", static_cast<long>(time(nullptr)));
+    print_field(arg, "LOCALE", locale_name());
+    print_field(arg, "DOMAIN_MODE", arg->connection->ctx->domain_file.empty() ? "FALSE" : "TRUE");
+    print_system(arg);
+    print_field(arg, "OSUUID", get_osuuid());
+    forget_osuuid();  // so that every request sees the file as it is now
+    shttpd_printf(arg, "\"DOMAINS\" : {\n");
+    print_domains(arg);
+    shttpd_printf(arg, "    }\n}\n");
+    arg->flags |= ARG_END_OF_OUTPUT;
+}

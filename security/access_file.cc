@@ -1,0 +1,160 @@
+#include "security/access_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <memory>
+
+#include "core/compat_unix.h"
+#include "core/string.h"
+#include "lib/alloc.h"
+#include "lib/plat.h"
+#include "lib/qz_iterator.h"
+#include "lib/rbtree.h"
+#include "lib/unique_fd.h"
+
+namespace {
+
+constexpr std::size_t line_bytes = 256;
+constexpr std::string_view white_space = " \t\n\v\f\r";
+
+struct file_closer {
+    void operator()(std::FILE* file) const { (void)fclose(file); }
+};
+using owned_file = std::unique_ptr<std::FILE, file_closer>;
+
+void add_line(std::string_view line, role_entry* row) {
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos || colon == 0) {
+        return;
+    }
+    std::string_view type = line.substr(colon + 1);
+    type = type.substr(0, type.find_first_of(white_space));
+    if (starts_with_nocase(type, "group")) {
+        add_principal(row->groups, line.substr(0, colon));
+    } else if (starts_with_nocase(type, "user")) {
+        add_principal(row->users, line.substr(0, colon));
+    }
+}
+
+// Opens without waiting: a FIFO in the file's place must not stop the daemon.
+owned_file open_regular(const std::string& path) {
+    unique_fd fd(my_open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
+    struct stat st {};
+    if (!fd || fstat(fd.get(), &st) != 0) {
+        return nullptr;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    owned_file file(fdopen(fd.get(), "r"));
+    if (file != nullptr) {
+        (void)fd.release();
+    }
+    return file;
+}
+
+std::int32_t seconds(const struct stat& st) {
+    return static_cast<std::int32_t>(st.st_mtime);
+}
+
+// Kept: times are whole seconds, so a second change within one second goes unseen.
+void load(const std::string& path, role_entry* row) {
+    row->modified = 0;
+    errno = ENOENT;
+    const owned_file file = path.empty() ? nullptr : open_regular(path);
+    if (file == nullptr) {
+        row->unreadable = errno != ENOENT;
+        return;
+    }
+    row->unreadable = !read_access_file(file.get(), row);
+    // Of the opened file, not of the path: a file that replaced it meanwhile is still to be read.
+    struct stat st {};
+    if (fstat(fileno(file.get()), &st) == 0) {
+        row->modified = seconds(st);
+    }
+}
+
+void append_lines(std::string* text, const qz_map* set, std::string_view type,
+                  std::string_view built_in) {
+    if (set == nullptr) {
+        return;
+    }
+    for (const qz_pair& entry : qz_each(set)) {
+        const std::string_view name = qz_as<const char>(entry.key);
+        if (!starts_with_nocase(name, built_in)) {
+            text->append(name).append(":").append(type).append("\n");
+        }
+    }
+}
+
+}  // namespace
+
+int cmp_str(const void* probe, const void* stored) {
+    const char* name = static_cast<const char*>(probe);
+    const char* entry = static_cast<const char*>(stored);
+    if (strcmp(entry, "*") == 0) {
+        return 0;
+    }
+    return my_strncasecmp(name, entry, strlen(name));
+}
+
+void add_principal(qz_map* set, std::string_view name) {
+    qz_owned<char> copy(qz_as<char>(qz_need_bytes(name.size() + 1)));
+    memcpy(copy.get(), name.data(), name.size());
+    copy.get()[name.size()] = '\0';
+    if (qz_set_insert(set, copy.get()) == 0) {
+        (void)copy.release();
+    }
+}
+
+qz_map* principals(const role_entry* row, int kind) {
+    return kind == kind_user ? row->users : row->groups;
+}
+
+bool read_access_file(std::FILE* file, role_entry* row) {
+    std::array<char, line_bytes> line{};
+    while (fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
+        add_line(line.data(), row);
+    }
+    return ferror(file) == 0;
+}
+
+bool refresh_row(const std::string& path, role_entry* row) {
+    struct stat st {};
+    errno = ENOENT;
+    const bool present = !path.empty() && my_stat(path.c_str(), &st) == 0;
+    if (!present && errno == ENOENT) {
+        row->unreadable = false;  // there is nothing left that a rewrite could lose
+    }
+    if ((present ? seconds(st) : 0) == row->modified && row->groups != nullptr &&
+        row->users != nullptr) {
+        return false;
+    }
+    clear_row(row);
+    row->groups = new_qz_set(cmp_str, qzfree);
+    row->users = new_qz_set(cmp_str, qzfree);
+    load(path, row);
+    return true;
+}
+
+std::string access_file_text(const role_entry* row) {
+    const qz_owned<char> user(get_admin_user("root"));
+    const qz_owned<char> group(get_admin_group("root"));
+    std::string text;
+    append_lines(&text, row->users, "user", user.get());
+    append_lines(&text, row->groups, "group", group.get());
+    return text;
+}
+
+void clear_row(role_entry* row) {
+    qz_set_destroy(row->groups);
+    qz_set_destroy(row->users);
+    row->groups = nullptr;
+    row->users = nullptr;
+}

@@ -1,0 +1,172 @@
+#include "security/auth.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <string.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/route.h"
+#include "core/string.h"
+#include "lib/alloc.h"
+#include "lib/base64.h"
+#include "lib/plat.h"
+#include "lib/qz_vector.h"
+#include "security/at_types.h"
+#include "security/authz.h"
+
+namespace {
+
+constexpr std::string_view world_role = "world";
+constexpr std::string_view basic_scheme = "Basic ";
+constexpr std::size_t longest_authorization = 64;
+constexpr std::size_t shortest_authorization = 10;
+constexpr int most_groups = 1024;
+
+constexpr const char* login_page =
+    "<html><head> <title>401 Authorization Required</title> </head><body> "
+    "<h1>Authorization Required</h1> <p>This server could not verify that you are authorized to "
+    "access the document requested.  Either you supplied the wrong credentials (e.g., bad "
+    "password), or your browser doesn't understand how to supply the credentials required.</p> "
+    "</body></html>\r\n";
+
+// A text that is overwritten before its memory is given back.
+struct secret {
+    std::string text;
+
+    explicit secret(std::string_view value) : text(value) {}
+    ~secret() { explicit_bzero(text.data(), text.size()); }
+    secret(const secret&) = delete;
+    secret& operator=(const secret&) = delete;
+};
+
+// Asks the library about "DOMAIN\NAME:PASSWORD" or "NAME:PASSWORD".
+bool log_in(conn* c, std::string_view login) {
+    const std::size_t colon = login.find(':');
+    if (colon == std::string_view::npos || login.find('\0') != std::string_view::npos) {
+        return false;
+    }
+    std::string_view user = login.substr(0, colon);
+    const char* default_domain =
+        c->ctx->security != nullptr ? c->ctx->security->default_domain : nullptr;
+    std::string domain = default_domain != nullptr ? default_domain : "";
+    if (const std::size_t backslash = user.find('\\'); backslash != std::string_view::npos) {
+        domain = user.substr(0, backslash);
+        user.remove_prefix(backslash + 1);
+    }
+    if (user.empty()) {  // without a name the library might take the caller for the service itself
+        return false;
+    }
+    const std::string name(user);
+    const secret password(login.substr(colon + 1));
+    const molb_identity who{"localhost", domain.c_str(), name.c_str(), password.text.c_str()};
+    if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
+        c->client_credential = nullptr;
+        return false;
+    }
+    return true;
+}
+
+bool log_in_by_header(conn* c) {
+    std::string_view value = c->request.headers.authorization;
+    if (value.size() > longest_authorization || value.size() < shortest_authorization ||
+        !starts_with_nocase(value, basic_scheme)) {
+        return false;
+    }
+    value.remove_prefix(basic_scheme.size());
+    std::array<char, longest_authorization> login{};
+    const int length = base64_decode(login.data(), static_cast<int>(login.size()), value.data(),
+                                     static_cast<int>(value.size()));
+    const bool known = length > 0 && log_in(c, {login.data(), static_cast<std::size_t>(length)});
+    explicit_bzero(login.data(), login.size());
+    return known;
+}
+
+const char* or_empty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+std::string user_name_of(const molb_info* info) {
+    std::string name = or_empty(info->name);
+    const std::string_view qualifier = or_empty(info->qualifier);
+    if (!name.empty() && qualifier != "localhost") {
+        name.append("@").append(or_empty(info->domain)).append(".").append(qualifier);
+    }
+    return name;
+}
+
+// The names of a system user's groups, null when the system does not know the user or it belongs to
+// more groups than fit. The process itself joins none of them.
+qz_vector* groups_of(const std::string& user_name) {
+    const passwd* user = getpwnam(user_name.c_str());
+    if (user == nullptr) {
+        return nullptr;
+    }
+    std::array<gid_t, most_groups> ids{};
+    int count = most_groups;
+    if (getgrouplist(user_name.c_str(), user->pw_gid, ids.data(), &count) < 0) {
+        return nullptr;
+    }
+    qz_vector* groups = new_qz_vector(count, qzfree);
+    for (int i = 0; i < count; i++) {
+        const group* entry = getgrgid(ids[static_cast<std::size_t>(i)]);
+        if (entry != nullptr && *or_empty(entry->gr_name) != '\0') {
+            qz_vector_pushback(groups, qz_need(qzstrdup(entry->gr_name)));
+        }
+    }
+    return groups;
+}
+
+bool identify(conn* c) {
+    molb_info* info = nullptr;
+    if (molbAtExtractInfo(c->ctx->at_handle, c->client_credential, &info) != at_ok ||
+        info == nullptr) {
+        return false;
+    }
+    c->user_name = user_name_of(info);
+    (void)molbAtFree(info);
+    if (c->user_name.empty()) {
+        return false;
+    }
+    qz_vector_destroy(c->groups);
+    c->groups = groups_of(c->user_name);
+    return true;
+}
+
+}  // namespace
+
+int check_authorization(conn* c) {
+    const std::string& role = c->request.role;
+    // Kept: a beginning of "world", such as "w", needs no login either.
+    if (!role.empty() && world_role.substr(0, role.size()) == role) {
+        c->request.recorded_role = role;
+        return 1;
+    }
+    if (c->client_credential == nullptr && !log_in_by_header(c)) {
+        return 0;
+    }
+    return is_authorized_at(c);
+}
+
+int is_authorized_at(conn* c) {
+    if (c->user_name.empty() && !identify(c)) {
+        return 2;
+    }
+    if (is_authorized(c) == 0) {
+        return 2;
+    }
+    c->request.recorded_role = c->request.role;
+    return 1;
+}
+
+void send_authorization_request(conn* c) {
+    std::array<char, 512> reason{};
+    my_snprintf(reason.data(), reason.size(),
+                "Unauthorized\r\nWWW-Authenticate: Basic realm=\"%s\"", c->ctx->auth_realm.c_str());
+    send_server_error_with_header(c, 401, reason.data(), login_page);
+}

@@ -1,0 +1,303 @@
+#include "security/authz_uris.h"
+
+#include <string.h>
+
+#include <array>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "core/compat_unix.h"
+#include "core/config.h"
+#include "core/connection.h"
+#include "core/endpoint.h"
+#include "core/shttpd.h"
+#include "core/string.h"
+#include "lib/plat.h"
+#include "lib/qz_iterator.h"
+#include "lib/rbtree.h"
+#include "security/authz.h"
+
+namespace {
+
+constexpr int namespace_bytes = 256;
+constexpr int document_root_bytes = 1024;
+constexpr int sec_uri_bytes = 1024;
+constexpr std::size_t longest_namespaces = 4091;
+
+// --- Grant and deny ---
+
+template <std::size_t Size>
+void store_variable(std::string_view variables, const char* name, std::array<char, Size>* field) {
+    my_strlcpy(field->data(), get_variable(variables, name, static_cast<int>(Size)).c_str(), Size);
+}
+
+// A name that would break its line of the access file, or end it early.
+bool is_bad_name(std::string_view name) {
+    return name.find_first_of("\r\n:") != std::string_view::npos;
+}
+
+bool is_built_in(const az_params* params) {
+    return starts_with_nocase(params->user.data(), "root");
+}
+
+// The roles below `role` that it includes, from which its new holder is removed.
+std::span<const role_number> included_roles(int role) {
+    static constexpr std::array<role_number, 3> below_admin = {role_agent, role_operator, role_pub};
+    switch (role) {
+        case role_admin:
+            return below_admin;
+        case role_operator:
+            return std::span(below_admin).last(1);
+        default:
+            return {};
+    }
+}
+
+void add_to_role(conn* c, const az_params* params, int kind) {
+    role_entry* table = c->request.ns->roles;
+    const int role = get_role_number(params->role.data());
+    for (const role_number lower : included_roles(role)) {
+        az_params copy = *params;
+        my_strlcpy(copy.role.data(), table[lower].directory, copy.role.size());
+        const char* ignored = nullptr;
+        (void)deny_az(c, &copy, &ignored);  // the parameters have been checked
+    }
+    add_principal(principals(&table[role], kind), params->user.data());
+    sync_role(c, table, role);
+}
+
+void az_grant(shttpd_call_arg* arg) {
+    az_params params;
+    if (endpoint_closing(arg) || get_az_params(arg, &params) != 0) {
+        return;
+    }
+    const int kind = get_principal_kind(params.type.data());
+    if (kind < 0) {
+        show_error(arg, "400", "Error: Unknown principal type");
+        return;
+    }
+    if (is_bad_name(params.user.data())) {
+        show_error(arg, "400", "Bad params");
+        return;
+    }
+    conn* c = arg->connection;
+    if (!is_built_in(&params) &&
+        assert_role(c, get_role_number(params.role.data()), params.user.data(), kind) == 0) {
+        add_to_role(c, &params, kind);
+    }
+    show_success(arg);
+}
+
+void az_deny(shttpd_call_arg* arg) {
+    az_params params;
+    if (endpoint_closing(arg) || get_az_params(arg, &params) != 0) {
+        return;
+    }
+    const char* error = "Bad params";
+    if (deny_az(arg->connection, &params, &error) != 0) {
+        show_error(arg, "400", error);
+        return;
+    }
+    show_success(arg);
+}
+
+// --- Namespaces ---
+
+bool is_default_namespace(const std::string& name) {
+    return default_namespace.substr(0, name.size()) == name;
+}
+
+// Kept: the last character of the configured name takes no part, so "abd" matches "abc", and a
+// configured name of one character matches everything.
+bool is_same_namespace(std::string_view configured, std::string_view name) {
+    if (configured.empty()) {
+        return false;
+    }
+    configured.remove_suffix(1);
+    return name.substr(0, configured.size()) == configured;
+}
+
+bool is_configured(const shttpd_ctx* ctx, const std::string& name) {
+    std::string_view rest = ctx->namespaces;
+    for (namespace_entry entry; next_namespace_entry(&rest, &entry);) {
+        if (entry.has_path && is_same_namespace(entry.name, name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The option text without the entries of a name; *found tells whether there were any.
+std::string namespaces_without(const shttpd_ctx* ctx, const std::string& name, bool* found) {
+    std::string text;
+    std::string_view rest = ctx->namespaces;
+    *found = false;
+    for (namespace_entry entry; next_namespace_entry(&rest, &entry);) {
+        if (entry.has_path && is_same_namespace(entry.name, name)) {
+            *found = true;
+            continue;
+        }
+        text.append(text.empty() ? "" : ",").append(entry.text);
+    }
+    return text;
+}
+
+void set_namespaces(shttpd_ctx* ctx, const std::string& text) {
+    ctx->namespaces = text.substr(0, longest_namespaces);
+}
+
+void add_namespace(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || post_only_pending(arg)) {
+        return;
+    }
+    shttpd_ctx* ctx = arg->connection->ctx;
+    const std::string_view body = request_body(arg);
+    const std::string name = get_variable(body, "namespace", namespace_bytes);
+    const std::string root = get_variable(body, "document_root", document_root_bytes);
+    if (name.empty() || root.empty()) {
+        show_error(arg, "400", "Required parameters not specified");
+    } else if (is_default_namespace(name)) {
+        show_error(arg, "400", "Cannot add default namespace");
+    } else if (is_configured(ctx, name)) {
+        show_error(arg, "400", "Namespace is already configured");
+    } else if (name.find_first_of(",=") != std::string::npos ||
+               root.find(',') != std::string::npos) {
+        show_error(arg, "400", "Bad params");  // the list of namespaces could not be read back
+    } else {
+        std::string text = ctx->namespaces;
+        text.append(text.empty() ? "" : ",").append(name).append("=").append(root);
+        set_namespaces(ctx, text);
+        add_namespace_to_map(ctx, name, root);
+        show_success(arg);
+    }
+}
+
+void remove_namespace(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || post_only_pending(arg)) {
+        return;
+    }
+    shttpd_ctx* ctx = arg->connection->ctx;
+    const std::string name = get_variable(request_body(arg), "namespace", namespace_bytes);
+    if (name.empty()) {
+        show_error(arg, "400", "Required parameters not specified");
+        return;
+    }
+    if (is_default_namespace(name)) {
+        show_error(arg, "400", "Cannot remove default namespace");
+        return;
+    }
+    bool found = false;
+    const std::string text = namespaces_without(ctx, name, &found);
+    if (!found && !ctx->namespaces.empty()) {
+        show_error(arg, "400", "Namespace not configured");
+        return;
+    }
+    set_namespaces(ctx, text);
+    remove_namespace_from_map(ctx, name);
+    show_success(arg);
+}
+
+// --- Credentials ---
+
+void at_switch(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    set_security_info(arg->connection->ctx);
+    show_success(arg);
+}
+
+void at_cred_cleanup(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || post_only_pending(arg)) {
+        return;
+    }
+    const std::string uri = get_variable(request_body(arg), "sec_uri", sec_uri_bytes);
+    if (qz_map* map = arg->connection->ctx->broker_credentials; map != nullptr) {
+        (void)qz_map_delete(map, uri.c_str());  // what is not cached needs no clean-up
+    }
+    show_success(arg);
+}
+
+void get_adm_gp(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    const qz_owned<char> group(get_admin_group("root"));
+    shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n%s\n", group.get());
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+struct endpoint {
+    const char* uri;
+    shttpd_handler handler;
+};
+
+constexpr std::array<endpoint, 7> endpoints = {{
+    {"/admin/security/grant", az_grant},
+    {"/admin/security/deny", az_deny},
+    {"/admin/security/reset", at_switch},
+    {"/admin/security/cleanup", at_cred_cleanup},
+    {"/admin/dovmad/config/namespace/add", add_namespace},
+    {"/admin/dovmad/config/namespace/remove", remove_namespace},
+    {"/admin/security/get_admin_group", get_adm_gp},
+}};
+
+}  // namespace
+
+void register_auth_uris(shttpd_ctx* ctx) {
+    for (const endpoint& row : endpoints) {
+        shttpd_register_uri(ctx, row.uri, row.handler, nullptr);
+    }
+}
+
+int get_principal_kind(std::string_view type) {
+    if (starts_with_nocase(type, "group")) {
+        return kind_group;
+    }
+    return starts_with_nocase(type, "user") ? kind_user : -1;
+}
+
+int get_az_params(shttpd_call_arg* arg, az_params* params) {
+    const bool is_post = method_is(arg, "POST");
+    if (is_post && post_body_pending(arg)) {
+        return -1;
+    }
+    const std::string_view variables = is_post ? request_body(arg) : query_text(arg);
+    store_variable(variables, "role", &params->role);
+    store_variable(variables, "user", &params->user);
+    store_variable(variables, "type", &params->type);
+    if (params->user[0] == '\0' || params->type[0] == '\0' || params->role[0] == '\0') {
+        show_error(arg, "400", "Error: User name and Type not specified");
+        return -1;
+    }
+    return 0;
+}
+
+int deny_az(conn* c, const az_params* params, const char** error) {
+    const int role = get_role_number(params->role.data());
+    const int kind = get_principal_kind(params->type.data());
+    if (kind < 0) {
+        *error = "Unknown Role";  // Kept: the text is that of another mistake.
+        return -1;
+    }
+    if (is_bad_name(params->user.data())) {
+        return -1;
+    }
+    if (is_built_in(params)) {
+        return 0;
+    }
+    validate_access_information(c, role);
+    if (role == role_pub && params->user[0] == '*') {
+        return 0;
+    }
+    role_entry* table = c->request.ns->roles;
+    for (qz_cursor at(qz_set_open(principals(&table[role], kind))); !at.at_end(); at.next()) {
+        if (strcmp(at.data<const char>(), params->user.data()) == 0) {
+            at.erase();
+            sync_role(c, table, role);
+            break;
+        }
+    }
+    return 0;
+}

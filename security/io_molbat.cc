@@ -1,0 +1,125 @@
+#include "security/io_molbat.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/io_class.h"
+#include "core/stream.h"
+#include "security/at_types.h"
+
+namespace {
+
+// The meaning of both belongs to the library.
+constexpr std::uint32_t accept_mode = 4;
+constexpr std::uint32_t accept_flags = 1;
+
+void free_credential(conn* c) {
+    if (c->client_credential != nullptr) {
+        (void)molbAtFree(c->client_credential);
+        c->client_credential = nullptr;
+    }
+}
+
+void finish_handshake(stream* s) {
+    s->connection->handshake = handshake_state::done;
+    s->flags |= sf_handshake_done;
+}
+
+// The library's count as the engine may use it. A code that is neither a count nor -1, such as that
+// of an entry point which the library lacks, must never move the buffer's head.
+ssize_t checked_count(std::int32_t count, std::int32_t length) {
+    if (count < -1 || count > length) {
+        errno = EIO;
+        return -1;
+    }
+    if (count == -1 && errno == 0) {
+        errno = EIO;
+    }
+    return count;
+}
+
+std::int32_t int_length(std::size_t length) {
+    constexpr std::size_t most = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(std::min(length, most));
+}
+
+// Sets remote_pending when the channel may hold decrypted bytes that no poll would report: a read
+// that got less than it asked for has emptied it.
+ssize_t read_molbat(stream* s, void* buffer, std::size_t length) {
+    conn* c = s->connection;
+    if (c->handshake == handshake_state::pending) {
+        molbat_handshake(s);
+    }
+    if (c->handshake != handshake_state::done) {
+        errno = c->handshake == handshake_state::pending ? EAGAIN : EPROTO;
+        return -1;
+    }
+    const std::int32_t asked = int_length(length);
+    errno = 0;
+    const std::int32_t count = molbAtSecConnRead(c->client_channel, buffer, asked);
+    c->remote_pending = count == asked;
+    return checked_count(count, asked);
+}
+
+ssize_t write_molbat(stream* s, const void* buffer, std::size_t length) {
+    const std::int32_t offered = int_length(length);
+    errno = 0;
+    return checked_count(molbAtSecConnWrite(s->connection->client_channel, buffer, offered),
+                         offered);
+}
+
+void close_molbat(stream* s) {
+    conn* c = s->connection;
+    if (c->client_channel != nullptr) {
+        (void)molbAtSecConnClose(&c->client_channel);
+        c->client_channel = nullptr;
+    }
+    free_credential(c);
+    c->server_credential = nullptr;
+    c->remote_pending = false;
+    if (s->channel.fd >= 0) {
+        (void)close(s->channel.fd);
+        s->channel.fd = -1;
+    }
+}
+
+}  // namespace
+
+const io_class io_molbat{
+    .name = "molbat", .read = read_molbat, .write = write_molbat, .close = close_molbat};
+
+void molbat_handshake(stream* s) {
+    conn* c = s->connection;
+    if (c->handshake != handshake_state::pending) {
+        return;
+    }
+    if (c->server_credential == nullptr) {
+        c->server_credential = c->ctx->service_credential;
+    }
+    free_credential(c);
+    const std::uint32_t result = molbAtSecConnAcceptWithCommExtn(
+        c->ctx->at_handle, s->channel.fd, c->server_credential, accept_mode, &c->ctx->accept_params,
+        accept_flags, 0, &c->client_channel, &c->client_credential);
+    switch (result) {
+        case at_no_credential:
+            free_credential(c);
+            [[fallthrough]];
+        case at_ok:
+            finish_handshake(s);
+            break;
+        case at_again:
+            return;
+        default:
+            c->handshake = handshake_state::failed;
+            break;
+    }
+    // The first request may have been decrypted along with the handshake; a failure is to be
+    // noticed in the next pass, whatever the client sends.
+    c->remote_pending = true;
+}
