@@ -75,7 +75,6 @@ struct request_data {
     header_values headers;
     std::uint64_t body_left = 0;  // body bytes not yet handed to the handler
     std::uint64_t sent = 0;       // reply bytes that have gone out
-    bool routed = false;          // a handler or an error reply is in place
 
     // The request line, terminated; "" before one was read.
     [[nodiscard]] const char* line() const { return text.c_str(); }
@@ -117,6 +116,7 @@ struct conn : list_link {
     conn_state state = conn_state::serving;
     bool close_after = false;
     bool due = false;             // is to be visited in this pass
+    bool fresh = false;           // just accepted: the first bytes may be there already
     bool remote_pending = false;  // the client's secure channel may hold decrypted bytes
     bool proxy_pending = false;   // the target's secure channel may
     bool idle_call = false;       // the local class was read and nothing moved
@@ -152,6 +152,15 @@ bool disconnect(conn* c);
 
 // Whether the connection must be visited in the next pass even when no descriptor is ready.
 bool needs_visit(const conn* c);
+
+// Whether a secure channel may hold decrypted bytes that poll() can't see and there is room for.
+bool has_hidden_input(const conn* c);
+
+// Ends a connection whatever it is doing; the process stays, also in inetd mode.
+void end_connection(conn* c);
+
+// How many connections wait out their drain deadline.
+int draining_connections();
 
 // Frees user name, groups and credential. Idempotent.
 void release_identity(conn* c);

@@ -17,8 +17,8 @@ inline constexpr std::array<std::string_view, 5> known_http_methods = {"GET", "P
 // not complete, -1 when it holds a byte that may not stand in headers.
 ssize_t get_headers_len(const char* buffer, std::size_t length);
 
-// Fills `values` from header lines; texts keep pointing into them. The first line of a name wins
-// for nothing: a later one replaces it.
+// Fills `values` from header lines; texts keep pointing into them. Of repeated headers the last
+// one counts.
 void parse_headers(const char* start, std::size_t length, header_values* values);
 
 // Cleans a decoded URI in place: behind every slash or backslash a run that begins with a dot and
@@ -27,6 +27,9 @@ void clean_uri(std::string* uri);
 
 // The role segment of the request's URI, as a copy in request.role.
 void get_role_from_uri(conn* c, bool is_proxied);
+
+// Splits the query off a local URI and decodes the path; the query stays as received.
+void split_and_decode_uri(conn* c);
 
 // The file that a local URI names: namespace root and URI, or the target of an alias.
 std::string map_uri_to_path(const conn* c);

@@ -48,6 +48,9 @@ void shttpd_fini(shttpd_ctx* ctx);
 // Opens a listening handle of the dual-stack layer on `port`; -1 after a fatal log message.
 int shttpd_listen(shttpd_ctx* ctx, int port, bool is_ssl, bool u_flag);
 
+// Opens every port of the option listen_ports; failures are fatal.
+void open_listening_ports(shttpd_ctx* ctx);
+
 // Makes a connection of an accepted or inherited socket, which the engine then owns, also when it
 // fails. `is_ssl` and `u_flag` connections start without the authentication handshake.
 void shttpd_add_socket(shttpd_ctx* ctx, int fd, bool is_ssl, bool u_flag);

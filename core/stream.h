@@ -25,6 +25,7 @@ enum stream_flag : std::uint32_t {
 
 struct stream_channel {
     int fd = -1;
+    off_t offset = 0;                  // io_file: where the next read begins
     void* state = nullptr;             // io_embedded: the handler's word,
     shttpd_handler handler = nullptr;  // the handler
     void* user_data = nullptr;         // and what it was registered with
@@ -58,9 +59,10 @@ struct stream {
 // unless sf_keep_open is set; nothing happens to a stream whose class changed during the call.
 void read_stream(stream* s);
 
-// Writes up to `limit` bytes of from's buffer through to's class; consumes what was written.
-// An error stops `to` when it is the client's side; a handler's side only loses sf_writable.
-void write_stream(stream* from, stream* to, std::size_t limit);
+// Writes up to `limit` bytes of from's buffer through to's class, consumes what was written and
+// returns the count. An error stops `to` when it is the client's side; a handler's side only loses
+// sf_writable, so that the answer it has already given is still read.
+std::size_t write_stream(stream* from, stream* to, std::size_t limit);
 
 // Closes the class, gives the poll slot back and marks the stream closed. May be repeated.
 void stop_stream(stream* s);

@@ -1,0 +1,573 @@
+#include "core/connection.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "core/context.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/poll_set.h"
+#include "core/request.h"
+#include "core/route.h"
+#include "lib/plat.h"
+#include "lib/qz_vector.h"
+
+namespace {
+
+constexpr std::time_t idle_limit_s = 300;
+constexpr std::time_t drain_limit_s = 2;
+constexpr std::size_t sendfile_bytes_max = std::size_t{1} << 20;
+
+int draining_count = 0;
+
+constexpr short broken_events = POLLERR | POLLHUP | POLLNVAL;
+
+// --- Steps of one visit ---
+
+bool is_dead(const conn* c) {
+    return current_time > c->expire_time || c->remote.has(sf_closed) ||
+           (poll_revents(c->remote.poll_index) & broken_events) != 0;
+}
+
+// An unfinished write to a secure target must be repeated from the same address.
+bool may_compact(const conn* c) {
+    return !c->remote.has(sf_parsed) ||
+           (c->remote.head >= c->remote.size && c->proxy_channel == nullptr);
+}
+
+void compact(stream* s) {
+    const std::size_t pending = s->pending();
+    std::memmove(s->buffer, s->buffer + s->tail, pending);
+    s->tail = 0;
+    s->head = pending;
+}
+
+// More of the body is still to come, or its length is unknown.
+bool body_complete(const conn* c) {
+    return c->remote.has(sf_parsed) && c->remote.content_length > 0 &&
+           c->remote.total >= c->remote.content_length;
+}
+
+void read_from_client(conn* c) {
+    stream& remote = c->remote;
+    if (remote.tail > 0 && may_compact(c)) {
+        compact(&remote);
+    }
+    const short events = poll_revents(remote.poll_index);
+    const bool ready = (events & POLLIN) != 0 || c->remote_pending || c->fresh;
+    c->fresh = false;
+    if (ready && remote.io != nullptr && !body_complete(c)) {
+        read_stream(&remote);
+    }
+    if ((events & POLLRDHUP) != 0 && body_complete(c)) {
+        stop_stream(&remote);  // a client that ends its side has gone
+    }
+}
+
+void body_to_handler(conn* c) {
+    stream& local = c->local;
+    const std::uint64_t body = std::min<std::uint64_t>(c->remote.pending(), c->request.body_left);
+    const bool deliverable = local.has(sf_writable) && local.io != nullptr &&
+                             local.io->write != nullptr &&
+                             (local.poll_index >= 0 || local.io == &io_file);
+    if (body == 0 || !deliverable) {
+        return;
+    }
+    const std::size_t moved = write_stream(&c->remote, &local, static_cast<std::size_t>(body));
+    if (c->request.body_left != unlimited_body) {
+        c->request.body_left -= moved;
+    }
+}
+
+// The rest of a large file goes from the page cache to the socket without passing the buffer.
+bool bypasses_buffer(const conn* c) {
+    const stream& local = c->local;
+    return local.io == &io_file && c->remote.io == &io_socket && local.has(sf_readable) &&
+           local.content_length > local.total && local.content_length - local.total > local.room();
+}
+
+void reply_from_handler(conn* c) {
+    stream& local = c->local;
+    const short events = poll_revents(local.poll_index);
+    if (local.io == &io_proxy && (events & POLLNVAL) != 0) {
+        c->close_after = true;
+        send_server_error(c, 500, "Could not connect to proxy target");
+        return;
+    }
+    const bool ready = local.has(sf_always_ready) || c->proxy_pending ||
+                       (events & (POLLIN | POLLHUP | POLLERR)) != 0;
+    if (local.io != nullptr && !local.has(sf_closed) && local.has(sf_readable) && ready &&
+        local.room() > 0 && !bypasses_buffer(c)) {
+        read_stream(&local);
+    }
+}
+
+// Sends what the buffer holds, announced as the beginning of more. False when bytes are left.
+bool send_head_of_file(conn* c) {
+    stream& local = c->local;
+    while (local.pending() > 0) {
+        const ssize_t n = send(c->remote.channel.fd, local.buffer + local.tail, local.pending(),
+                               MSG_MORE | MSG_NOSIGNAL);
+        if (n <= 0) {
+            if (errno != EAGAIN && errno != EINTR) {
+                stop_stream(&c->remote);
+            }
+            return false;
+        }
+        local.tail += static_cast<std::size_t>(n);
+        c->request.sent += static_cast<std::uint64_t>(n);
+        c->expire_time = current_time + idle_limit_s;
+    }
+    local.clear_buffer();
+    return true;
+}
+
+void send_file_directly(conn* c) {
+    stream& local = c->local;
+    if (!send_head_of_file(c)) {
+        return;
+    }
+    const std::uint64_t left = local.content_length - local.total;
+    const ssize_t n =
+        sendfile(c->remote.channel.fd, local.channel.fd, &local.channel.offset,
+                 static_cast<std::size_t>(std::min<std::uint64_t>(left, sendfile_bytes_max)));
+    if (n > 0) {
+        local.last_read = n;
+        local.total += static_cast<std::uint64_t>(n);
+        c->ctx->bytes_out += static_cast<std::uint64_t>(n);
+        c->request.sent += static_cast<std::uint64_t>(n);
+        c->expire_time = current_time + idle_limit_s;
+        if (local.total >= local.content_length) {
+            stop_stream(&local);
+        }
+    } else if (n == 0) {
+        stop_stream(&local);  // the file has become shorter
+    } else if (errno != EAGAIN && errno != EINTR) {
+        stop_stream(&c->remote);
+    }
+}
+
+void reply_to_client(conn* c) {
+    if (c->remote.io == nullptr) {
+        return;
+    }
+    if (bypasses_buffer(c)) {
+        send_file_directly(c);
+    } else if (c->local.pending() > 0) {
+        write_stream(&c->local, &c->remote, c->local.pending());
+    }
+}
+
+// --- Poll events, decided here and nowhere else ---
+
+short remote_events(const conn* c) {
+    const stream& remote = c->remote;
+    const stream& local = c->local;
+    short events = 0;
+    if (body_complete(c)) {
+        events |= POLLRDHUP;
+    } else if (remote.room() > 0) {
+        events |= POLLIN;
+    }
+    const bool more_to_come = local.io != nullptr && local.has(sf_always_ready) &&
+                              local.has(sf_readable) && !local.has(sf_closed) && !c->idle_call;
+    if (local.pending() > 0 || more_to_come) {
+        events |= POLLOUT;
+    }
+    return events;
+}
+
+short local_events(const conn* c) {
+    const stream& local = c->local;
+    short events = 0;
+    if (local.has(sf_readable) && local.room() > 0) {
+        events |= POLLIN;
+    }
+    if (local.has(sf_writable) && c->remote.pending() > 0 && c->request.body_left > 0) {
+        events |= POLLOUT;
+    }
+    return events;
+}
+
+void update_events(conn* c) {
+    if (c->remote.poll_index >= 0) {
+        set_poll_events(c->remote.poll_index, c->remote.channel.fd, remote_events(c));
+    }
+    if (c->local.poll_index >= 0) {
+        const short events = local_events(c);
+        if (events != 0) {
+            set_poll_events(c->local.poll_index, c->local.channel.fd, events);
+        } else {
+            park_poll_index(c->local.poll_index);  // a hang-up would be reported for ever
+        }
+    }
+}
+
+// --- The end of a request ---
+
+bool is_finished(const conn* c) {
+    const stream& local = c->local;
+    const bool ended =
+        local.has(sf_closed) || (local.content_length > 0 && local.total >= local.content_length);
+    return ended && local.pending() == 0;
+}
+
+void reset_request(request_data* request) {
+    namespace_release(request->ns);
+    request->ns = nullptr;
+    request->status = 0;
+    request->method = method_get;
+    request->major = request->minor = 0;
+    request->text.clear();
+    request->headers_start = 0;
+    request->uri.clear();
+    request->query.clear();
+    request->has_query = false;
+    request->path_info.clear();
+    request->mime = nullptr;
+    request->role.clear();
+    request->recorded_role.clear();
+    request->headers = header_values();
+    request->body_left = 0;
+    request->sent = 0;
+}
+
+void reset_local(conn* c) {
+    stream& local = c->local;
+    local.channel = stream_channel();
+    local.poll_index = -1;
+    local.clear_buffer();
+    local.total = 0;
+    local.io = nullptr;
+    local.last_read = 0;
+    local.header_length = 0;
+    local.content_length = 0;
+    local.flags = 0;
+}
+
+void free_connection(conn* c) {
+    if (c->state == conn_state::draining) {
+        --draining_count;
+    }
+    stop_stream(&c->local);
+    proxy_release(c);
+    stop_stream(&c->remote);
+    reset_request(&c->request);
+    release_identity(c);
+    if (c->granted != nullptr) {
+        qz_vector_delete(c->granted);
+    }
+    enter_critical_section(&c->ctx->lock);
+    c->unlink();
+    --c->ctx->active_connections;
+    leave_critical_section(&c->ctx->lock);
+    delete_conn(c);
+}
+
+bool has_unread_input(const conn* c) {
+    return c->remote.io != nullptr && (c->remote.pending() > 0 || c->request.body_left > 0 ||
+                                       c->remote.total < c->remote.content_length);
+}
+
+// Closing a socket with unread input resets it and may take the reply away from the client, so
+// what is still arriving is read and dropped for a moment first.
+void start_draining(conn* c) {
+    if (c->remote.io == &io_socket) {
+        (void)shutdown(c->remote.channel.fd, SHUT_WR);  // the peer may have gone already
+    }
+    c->state = conn_state::draining;
+    ++draining_count;
+    c->remote_pending = c->remote.io != &io_socket;
+    c->expire_time = current_time + drain_limit_s;
+    set_poll_events(c->remote.poll_index, c->remote.channel.fd, POLLIN);
+}
+
+// Reads and drops input of a muted or draining connection. Returns false when it was freed.
+bool discard_input(conn* c) {
+    stream& remote = c->remote;
+    const bool ready = (poll_revents(remote.poll_index) & POLLIN) != 0 || c->remote_pending;
+    if (!ready) {
+        return true;
+    }
+    c->remote_pending = false;
+    const ssize_t n = remote.io->read(&remote, remote.buffer, remote.size);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+        free_connection(c);
+        return false;
+    }
+    if (c->state == conn_state::draining && n > 0 && remote.content_length > 0) {
+        remote.total += static_cast<std::uint64_t>(n);
+        if (remote.io != &io_socket && remote.total >= remote.content_length) {
+            free_connection(c);  // a secure peer can't be told that nothing more is wanted
+            return false;
+        }
+    }
+    return true;
+}
+
+// One connection, one life: drains what is still arriving, then ends the process.
+[[noreturn]] void end_inetd_process(conn* c, bool alive) {
+    stop_stream(&c->local);
+    if (alive && has_unread_input(c)) {
+        (void)shutdown(c->remote.channel.fd, SHUT_WR);
+        pollfd entry{.fd = c->remote.channel.fd, .events = POLLIN, .revents = 0};
+        const std::time_t deadline = std::time(nullptr) + drain_limit_s;
+        while (std::time(nullptr) <= deadline && poll(&entry, 1, 1000) > 0 &&
+               recv(entry.fd, c->remote.buffer, c->remote.size, 0) > 0) {
+        }
+    }
+    std::exit(0);
+}
+
+void write_access_line(conn* c) {
+    if (c->ctx->access_log != nullptr) {
+        log_access(c->ctx->access_log, c);
+    }
+}
+
+// Ends a connection whose client has gone, or that has expired.
+bool close_dead(conn* c) {
+    if (c->state == conn_state::serving) {
+        write_access_line(c);
+        if (c->ctx->inetd_mode != 0) {
+            end_inetd_process(c, false);
+        }
+    }
+    c->close_after = true;
+    free_connection(c);
+    return false;
+}
+
+void keep_alive(conn* c) {
+    const bool serves_target = c->proxy != nullptr && c->local.io == &io_proxy &&
+                               c->local.poll_index == c->proxy->poll_index;
+    if (serves_target) {
+        // The target stays connected; anything that happens on it while it is idle drops it.
+        set_poll_events(c->proxy->poll_index, c->proxy->fd, POLLIN);
+        clear_poll_revents(c->proxy->poll_index);
+        c->proxy_pending = false;
+    } else if (c->local.io != nullptr) {
+        stop_stream(&c->local);
+    }
+    reset_local(c);
+    reset_request(&c->request);
+    stream& remote = c->remote;
+    remote.flags = sf_handshake_done | sf_readable | sf_writable;
+    remote.content_length = 0;
+    remote.header_length = 0;
+    remote.total = remote.pending();
+    c->birth_time = current_time;
+}
+
+// Parses and routes what the buffer holds. False when there is nothing to serve yet.
+bool start_request(conn* c) {
+    if (c->remote.pending() == 0) {
+        return false;
+    }
+    switch (parse_request(c)) {
+        case parse_result::incomplete:
+            return false;
+        case parse_result::muted:
+            c->state = conn_state::muted;
+            c->remote.clear_buffer();
+            return false;
+        case parse_result::failed:
+            return true;
+        case parse_result::parsed:
+            route_request(c);
+            return true;
+    }
+    return false;
+}
+
+// A reply that the client can't tell from a complete one, or a body that nobody read, ends the
+// connection.
+void judge_keep_alive(conn* c) {
+    const stream& local = c->local;
+    if (local.total < local.content_length || c->request.body_left > 0 || c->request.sent == 0) {
+        c->close_after = true;
+    }
+}
+
+void drop_idle_target(conn* c) {
+    if (c->proxy != nullptr && c->local.poll_index != c->proxy->poll_index &&
+        poll_revents(c->proxy->poll_index) != 0) {
+        proxy_release(c);
+    }
+}
+
+}  // namespace
+
+conn* new_conn(shttpd_ctx* ctx) {
+    const auto size = static_cast<std::size_t>(ctx->io_buf_size);
+    constexpr std::size_t alignment = alignof(std::max_align_t);
+    const std::size_t record = (sizeof(conn) + alignment - 1) / alignment * alignment;
+    // Behind the client's buffer lies room for the head that a proxied request gets in front.
+    void* memory = std::malloc(record + (size + 1) + (2 * size + 1));
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    conn* c = new (memory) conn;
+    char* buffers = static_cast<char*>(memory) + record;
+    c->ctx = ctx;
+    for (stream* s : {&c->local, &c->remote}) {
+        s->connection = c;
+        s->size = size;
+    }
+    c->local.buffer = buffers;
+    c->remote.buffer = buffers + size + 1;
+    c->local.buffer[size] = '\0';
+    c->remote.buffer[2 * size] = '\0';
+    return c;
+}
+
+void delete_conn(conn* c) {
+    c->~conn();
+    std::free(c);
+}
+
+bool process_connection(conn* c) {
+    for (bool first = true;; first = false) {
+        c->idle_call = false;
+        c->remote.last_read = c->local.last_read = 0;
+        if (is_dead(c)) {
+            return close_dead(c);
+        }
+        if (c->state != conn_state::serving) {
+            return discard_input(c);
+        }
+        drop_idle_target(c);
+        if (first) {
+            read_from_client(c);
+            if (c->remote.has(sf_closed)) {
+                return close_dead(c);
+            }
+        }
+        if (!c->remote.has(sf_parsed) && !start_request(c)) {
+            update_events(c);
+            return true;
+        }
+        body_to_handler(c);
+        reply_from_handler(c);
+        reply_to_client(c);
+        if (c->remote.poll_index < 0) {
+            return close_dead(c);
+        }
+        if (!is_finished(c)) {
+            update_events(c);
+            return true;
+        }
+        judge_keep_alive(c);
+        if (!disconnect(c)) {
+            return false;
+        }
+        if (c->state != conn_state::serving) {
+            return true;
+        }
+        if (c->remote.pending() == 0) {
+            update_events(c);
+            return true;
+        }
+    }
+}
+
+bool disconnect(conn* c) {
+    write_access_line(c);
+    if (c->ctx->inetd_mode != 0) {
+        end_inetd_process(c, true);
+    }
+    if (!c->close_after) {
+        keep_alive(c);
+        return true;
+    }
+    stop_stream(&c->local);
+    proxy_release(c);
+    if (has_unread_input(c)) {
+        start_draining(c);
+        return true;
+    }
+    free_connection(c);
+    return false;
+}
+
+void end_connection(conn* c) {
+    if (c->state == conn_state::serving) {
+        write_access_line(c);
+    }
+    free_connection(c);
+}
+
+int draining_connections() {
+    return draining_count;
+}
+
+bool needs_visit(const conn* c) {
+    if (c->state != conn_state::serving) {
+        return c->remote_pending;
+    }
+    const bool handler_waits = c->local.io != nullptr && c->local.has(sf_always_ready) &&
+                               c->local.has(sf_readable) && !c->local.has(sf_closed);
+    return handler_waits || has_hidden_input(c);
+}
+
+bool has_hidden_input(const conn* c) {
+    if (c->state != conn_state::serving) {
+        return c->remote_pending;
+    }
+    return (c->remote_pending && c->remote.room() > 0 && !body_complete(c)) ||
+           (c->proxy_pending && c->local.room() > 0);
+}
+
+void proxy_release(conn* c) {
+    proxy_record* record = c->proxy;
+    if (record == nullptr) {
+        return;
+    }
+    c->proxy = nullptr;
+    c->proxy_pending = false;
+    if (c->proxy_channel != nullptr) {
+        (void)molbAtSecConnClose(&c->proxy_channel);
+        c->proxy_channel = nullptr;
+    }
+    put_poll_index(record->poll_index);
+    if (record->fd >= 0) {
+        (void)close(record->fd);
+    }
+    delete record;
+}
+
+void release_identity(conn* c) {
+    if (c->client_credential != nullptr) {
+        (void)molbAtFree(c->client_credential);
+        c->client_credential = nullptr;
+    }
+    if (c->groups != nullptr) {
+        qz_vector_destroy(c->groups);
+        c->groups = nullptr;
+    }
+    c->user_name.clear();
+}
+
+int local_port(const conn* c) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    if (getsockname(c->remote.channel.fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return 0;
+    }
+    if (address.ss_family == AF_INET) {
+        return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
+    }
+    if (address.ss_family == AF_INET6) {
+        return ntohs(reinterpret_cast<const sockaddr_in6*>(&address)->sin6_port);
+    }
+    return 0;
+}

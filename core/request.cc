@@ -1,0 +1,342 @@
+#include "core/request.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <variant>
+
+#include "core/context.h"
+#include "core/globals.h"
+#include "core/route.h"
+#include "core/string.h"
+
+namespace {
+
+constexpr std::size_t header_bytes_min = 16;
+
+// The kind of a header's value is the kind of the member that receives it.
+using header_target = std::variant<std::uint64_t header_values::*,
+                                   std::string_view header_values::*, std::time_t header_values::*>;
+
+struct header_row {
+    std::string_view name;  // with its colon and one blank
+    header_target target;
+};
+
+// In matching order.
+constexpr std::array<header_row, 17> http_headers = {{
+    {"Content-Length: ", &header_values::content_length},
+    {"Content-Type: ", &header_values::content_type},
+    {"Accept-Language: ", &header_values::accept_language},
+    {"User-Agent: ", &header_values::user_agent},
+    {"If-Modified-Since: ", &header_values::if_modified_since},
+    {"Authorization: ", &header_values::authorization},
+    {"Referer: ", &header_values::referer},
+    {"Cookie: ", &header_values::cookie},
+    {"Location: ", &header_values::location},
+    {"Status: ", &header_values::status},
+    {"Range: ", &header_values::range},
+    {"Connection: ", &header_values::connection},
+    {"Transfer-Encoding: ", &header_values::transfer_encoding},
+    {"X-PLX-Namespace: ", &header_values::namespace_name},
+    {"X-PLX-OnBehalf-User: ", &header_values::on_behalf_user},
+    {"X-PLX-OnBehalf-Ip: ", &header_values::on_behalf_ip},
+    {"X-PLX-Operation: ", &header_values::operation},
+}};
+
+constexpr bool allowed_in_headers(unsigned char c) {
+    return (c >= 0x20 && c <= 0x7e) || c == '\r' || c == '\n' || c >= 0x80;
+}
+
+constexpr std::array<bool, 256> make_header_alphabet() {
+    std::array<bool, 256> table{};
+    for (unsigned i = 0; i < table.size(); ++i) {
+        table[i] = allowed_in_headers(static_cast<unsigned char>(i));
+    }
+    return table;
+}
+
+constexpr std::array<bool, 256> header_alphabet = make_header_alphabet();
+
+constexpr bool is_white_space(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+std::uint64_t parse_number(std::string_view text) {
+    std::uint64_t value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            break;
+        }
+        const auto digit = static_cast<std::uint64_t>(c - '0');
+        // Absurd lengths stay absurd instead of wrapping into sensible ones.
+        value = value > (INT64_MAX - digit) / 10 ? INT64_MAX : value * 10 + digit;
+    }
+    return value;
+}
+
+int month_index(const char* name) {
+    constexpr std::array<std::string_view, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    const auto* found = std::find(months.begin(), months.end(), std::string_view(name));
+    return found == months.end() ? -1 : static_cast<int>(found - months.begin());
+}
+
+// Kept: dates count as local time, and one that can't be read is the last midnight of 1999.
+std::time_t parse_date(std::string_view text) {
+    constexpr std::array<const char*, 4> patterns = {"%d/%3s/%d %d:%d:%d", "%d %3s %d %d:%d:%d",
+                                                     "%*3s, %d %3s %d %d:%d:%d",
+                                                     "%d-%3s-%d %d:%d:%d"};
+    const std::string value(text);
+    std::tm date{};
+    for (const char* pattern : patterns) {
+        std::tm t{};
+        char month[4] = "";
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        const int converted = std::sscanf(value.c_str(), pattern, &t.tm_mday, month, &t.tm_year,
+                                          &t.tm_hour, &t.tm_min, &t.tm_sec);
+#pragma GCC diagnostic pop
+        if (converted == 6) {
+            t.tm_mon = month_index(month);
+            if (t.tm_mon >= 0) {
+                date = t;
+            }
+            break;
+        }
+    }
+    if (date.tm_year > 1900) {
+        date.tm_year -= 1900;
+    } else if (date.tm_year < 70) {
+        date.tm_year += 100;
+    }
+    std::tm now{};
+    date.tm_isdst = localtime_r(&current_time, &now) != nullptr ? now.tm_isdst : 0;
+    return std::mktime(&date);
+}
+
+void store_header(const header_row& row, std::string_view value, header_values* values) {
+    if (const auto* number = std::get_if<std::uint64_t header_values::*>(&row.target)) {
+        values->** number = parse_number(value);
+    } else if (const auto* text = std::get_if<std::string_view header_values::*>(&row.target)) {
+        values->** text = value;
+    } else if (const auto* date = std::get_if<std::time_t header_values::*>(&row.target)) {
+        values->** date = parse_date(value);
+    }
+}
+
+int find_method(std::string_view block) {
+    for (std::size_t i = 0; i < known_http_methods.size(); ++i) {
+        if (block.starts_with(known_http_methods[i])) {
+            return static_cast<int>(i);  // Kept: "GETX" counts as "GET"
+        }
+    }
+    return -1;
+}
+
+// Takes the header block out of the remote buffer.
+void consume_block(conn* c, std::size_t length) {
+    stream& remote = c->remote;
+    c->request.text.assign(remote.buffer + remote.tail, length);
+    remote.tail += length;
+    if (remote.tail == remote.head) {
+        remote.clear_buffer();
+    }
+    remote.header_length = length;
+    remote.total = remote.pending();
+    remote.flags |= sf_parsed;
+}
+
+// "METHOD URI HTTP/x.y"; returns false after an error reply.
+bool parse_request_line(conn* c) {
+    request_data& request = c->request;
+    const std::size_t line_end = request.text.find('\n');
+    const std::size_t cut =
+        line_end > 0 && request.text[line_end - 1] == '\r' ? line_end - 1 : line_end;
+    request.text[cut] = '\0';
+    request.headers_start = line_end + 1;
+
+    const char* p = request.text.c_str();
+    p += std::strcspn(p, " ");
+    p += std::strspn(p, " ");
+    const char* uri = p;
+    while (*p != '\0' && !is_white_space(*p)) {
+        ++p;
+    }
+    const std::string_view uri_text(uri, static_cast<std::size_t>(p - uri));
+    p += std::strspn(p, " ");
+    int used = 0;
+    if (std::sscanf(p, "HTTP/%lu.%lu%n", &request.major, &request.minor, &used) != 2 ||
+        p[used] != '\0') {
+        send_server_error(c, 400, "Bad HTTP version");
+        return false;
+    }
+    if (request.major > 1) {
+        send_server_error(c, 505, "HTTP version not supported");
+        return false;
+    }
+    if (uri_text.empty()) {
+        send_server_error(c, 400, "Bad URI");
+        return false;
+    }
+    request.uri.assign(uri_text);
+    return true;
+}
+
+// What the headers decide about the connection and the body.
+void apply_headers(conn* c) {
+    request_data& request = c->request;
+    const std::string_view lines = request.header_block();
+    parse_headers(lines.data(), lines.size(), &request.headers);
+    if (starts_with_nocase(request.headers.connection, "close") || request.major == 0 ||
+        request.minor == 0) {
+        c->close_after = true;
+    }
+    c->remote.content_length = request.headers.content_length;
+    request.body_left =
+        request.headers.transfer_encoding.empty() ? request.headers.content_length : unlimited_body;
+}
+
+}  // namespace
+
+ssize_t get_headers_len(const char* buffer, std::size_t length) {
+    for (std::size_t i = 0; i + 1 < length; ++i) {
+        const char c = buffer[i];
+        if (!header_alphabet[static_cast<unsigned char>(c)]) {
+            return -1;
+        }
+        if (c != '\n') {
+            continue;
+        }
+        if (buffer[i + 1] == '\n') {
+            return static_cast<ssize_t>(i + 2);
+        }
+        if (buffer[i + 1] == '\r' && i + 2 < length && buffer[i + 2] == '\n') {
+            return static_cast<ssize_t>(i + 3);
+        }
+    }
+    return 0;
+}
+
+void parse_headers(const char* start, std::size_t length, header_values* values) {
+    std::string_view rest(start, length);
+    while (!rest.empty()) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        for (const header_row& row : http_headers) {
+            if (row.name.size() < rest.size() && starts_with_nocase(rest, row.name)) {
+                std::string_view value = rest.substr(0, end);
+                value.remove_prefix(std::min(row.name.size(), value.size()));
+                if (!value.empty() && value.back() == '\r') {
+                    value.remove_suffix(1);
+                }
+                store_header(row, value, values);
+                break;
+            }
+        }
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+}
+
+void clean_uri(std::string* uri) {
+    std::string& text = *uri;
+    std::size_t out = 0;
+    std::size_t in = 0;
+    while (in < text.size()) {
+        const char c = text[in++];
+        text[out++] = c;
+        if (c != '/' && c != '\\') {
+            continue;
+        }
+        while (in < text.size() && text[in] == '.') {
+            while (in < text.size() && (text[in] == '.' || text[in] == '/')) {
+                ++in;
+            }
+            if (in == text.size() || text[in] != '\\') {
+                break;
+            }
+            ++in;
+        }
+    }
+    text.resize(out);
+}
+
+void get_role_from_uri(conn* c, bool is_proxied) {
+    const std::string_view uri = c->request.uri;
+    std::size_t start = uri.starts_with('/') ? 1 : std::string_view::npos;
+    if (is_proxied) {
+        const std::size_t authority = uri.find("://");
+        const char delimiter = uri.starts_with("/httpu") ? ':' : '/';
+        const std::size_t found =
+            authority == std::string_view::npos ? authority : uri.find(delimiter, authority + 3);
+        start = found == std::string_view::npos ? found : found + 1;
+    }
+    if (start == std::string_view::npos) {
+        c->request.role.clear();
+        return;
+    }
+    const std::string_view rest = uri.substr(start);
+    c->request.role.assign(rest.substr(0, rest.find('/')));
+}
+
+void split_and_decode_uri(conn* c) {
+    request_data& request = c->request;
+    const std::size_t mark = request.uri.find('?');
+    if (mark != std::string::npos) {
+        request.query.assign(request.uri, mark + 1);
+        request.has_query = true;
+        request.uri.resize(mark);
+    }
+    const std::size_t length = url_decode(request.uri.data(), request.uri.size(),
+                                          request.uri.data(), request.uri.size() + 1);
+    request.uri.resize(length);
+    request.uri.resize(std::strlen(request.uri.c_str()));  // "%00" ends the URI
+}
+
+std::string map_uri_to_path(const conn* c) {
+    const std::string& uri = c->request.uri;
+    std::string_view aliases = c->ctx->aliases;
+    for (std::string_view entry = next_list_entry(aliases); !entry.empty();
+         entry = next_list_entry(aliases)) {
+        const std::size_t equals = entry.find('=');
+        if (equals == std::string_view::npos) {
+            continue;
+        }
+        const std::string_view prefix = entry.substr(0, equals);
+        if (uri.starts_with(prefix)) {
+            return std::string(entry.substr(equals + 1)).append(uri, prefix.size());
+        }
+    }
+    std::string path;
+    const std::string_view root = c->request.ns != nullptr
+                                      ? std::string_view(c->request.ns->root)
+                                      : std::string_view(c->ctx->document_root);
+    path.reserve(root.size() + uri.size());
+    path.append(root).append(uri);
+    return path;
+}
+
+parse_result parse_request(conn* c) {
+    stream& remote = c->remote;
+    const std::string_view input(remote.buffer + remote.tail, remote.pending());
+    const ssize_t length = get_headers_len(input.data(), input.size());
+    if (length == 0) {
+        // A block that can never become complete gets no answer, like every other early error.
+        return remote.pending() >= remote.size ? parse_result::muted : parse_result::incomplete;
+    }
+    if (length < static_cast<ssize_t>(header_bytes_min)) {
+        return parse_result::muted;
+    }
+    const int method = find_method(input);
+    if (method < 0) {
+        return parse_result::muted;
+    }
+    c->request.method = method;
+    consume_block(c, static_cast<std::size_t>(length));
+    if (!parse_request_line(c)) {
+        return parse_result::failed;
+    }
+    apply_headers(c);
+    return parse_result::parsed;
+}

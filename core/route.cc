@@ -1,0 +1,360 @@
+#include "core/route.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <string>
+#include <string_view>
+
+#include "core/compat_unix.h"
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/mime_type.h"
+#include "core/request.h"
+#include "core/string.h"
+#include "handlers/cgi.h"
+#include "handlers/io_dir.h"
+#include "handlers/io_emb.h"
+#include "handlers/io_file.h"
+#include "handlers/io_ssi.h"
+#include "handlers/proxy.h"
+#include "security/auth.h"
+#include "security/authz.h"
+
+namespace {
+
+constexpr std::size_t path_bytes_max = 32767;
+
+// The file that a request means.
+struct request_target {
+    std::string path;
+    struct stat st {};
+};
+
+// --- Before routing: namespace, proxy test, cleaning, role ---
+
+// The header names the namespace, else the URI's first segment does, which then leaves the URI.
+void select_namespace(conn* c) {
+    request_data& request = c->request;
+    std::string_view name = request.headers.namespace_name;
+    const bool from_uri = name.empty() && request.uri.starts_with('/');
+    if (from_uri) {
+        name = std::string_view(request.uri).substr(1);
+        name = name.substr(0, name.find('/'));
+    }
+    namespace_record* found = name.empty() ? nullptr : find_namespace(c->ctx, name);
+    if (found != nullptr && from_uri) {
+        request.uri.erase(0, 1 + name.size());
+    }
+    if (found == nullptr) {
+        found = find_namespace(c->ctx, "plx");
+    }
+    namespace_retain(found);
+    request.ns = found;
+}
+
+void decode_query(conn* c) {
+    request_data& request = c->request;
+    if (request.has_query) {
+        request.query.resize(url_decode(request.query.data(), request.query.size(),
+                                        request.query.data(), request.query.size() + 1));
+    }
+}
+
+// --- The routing steps for local requests, in order. True when the request is served. ---
+
+bool serve_embedded(conn* c, request_target&) {
+    const registered_uri* entry = is_registered_uri(c->ctx, c->request.uri.c_str());
+    if (entry == nullptr) {
+        return false;
+    }
+    setup_embedded_stream(c, entry->handler, entry->user_data);
+    return true;
+}
+
+bool refuse_access_file(conn* c, request_target& target) {
+    if (target.path.find(".dovmaaccess") == std::string::npos) {
+        return false;
+    }
+    send_server_error(c, 403, "Forbidden");
+    return true;
+}
+
+// Programs are not replaced over the wire.
+bool refuse_program_change(conn* c, request_target& target) {
+    const int method = c->request.method;
+    if ((method != method_put && method != method_delete) ||
+        !match_extension(target.path, c->ctx->cgi_extensions)) {
+        return false;
+    }
+    send_server_error(c, 501, "Bad method ");
+    return true;
+}
+
+bool serve_put(conn* c, request_target& target) {
+    if (c->request.method != method_put) {
+        return false;
+    }
+    c->request.status = my_stat(target.path.c_str(), &target.st) == 0 ? 200 : 201;
+    if (!c->request.headers.range.empty()) {
+        send_server_error(c, 501, "PUT Range Not Implemented");
+        return true;
+    }
+    const int made = put_dir(target.path.c_str());
+    if (made == 0) {
+        send_server_error(c, 200, "OK");
+    } else if (made < 0) {
+        send_server_error(c, 500, "PUT Directory Error");
+    } else if (c->request.headers.content_length == 0) {
+        send_server_error(c, 411, "Length Required");
+    } else if (!receive_file(c, target.path.c_str())) {
+        send_server_error(c, 500, "PUT Error");
+    }
+    return true;
+}
+
+bool serve_delete(conn* c, request_target& target) {
+    if (c->request.method != method_delete) {
+        return false;
+    }
+    if (my_remove(target.path.c_str()) == 0) {
+        send_server_error(c, 200, "OK");
+    } else {
+        send_server_error(c, 500, "DELETE Error");
+    }
+    return true;
+}
+
+// A missing path may be a file with further components behind it.
+bool split_path_info(conn* c, request_target& target) {
+    const std::size_t lowest = c->request.ns->root.size() + 3;
+    for (std::size_t at = target.path.rfind('/'); at != std::string::npos && at >= lowest && at > 0;
+         at = target.path.rfind('/', at - 1)) {
+        const std::string part = target.path.substr(0, at);
+        if (my_stat(part.c_str(), &target.st) == 0 && !S_ISDIR(target.st.st_mode)) {
+            c->request.path_info = target.path.substr(at + 1);
+            target.path = part;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool look_up(conn* c, request_target& target) {
+    if (my_stat(target.path.c_str(), &target.st) == 0 || split_path_info(c, target)) {
+        return false;
+    }
+    send_server_error(c, 404, "Not Found");
+    return true;
+}
+
+bool find_index_file(conn* c, request_target& target) {
+    std::string_view names = c->ctx->index_files;
+    for (std::string_view name = next_list_entry(names); !name.empty();
+         name = next_list_entry(names)) {
+        std::string candidate = target.path;
+        candidate.append("/").append(name);
+        struct stat st {};
+        if (my_stat(candidate.c_str(), &st) == 0) {
+            target.st = st;
+            c->request.mime = get_mime_type(
+                c->ctx, candidate.c_str() + candidate.size() - name.size(), name.size());
+            target.path = std::move(candidate);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool serve_directory(conn* c, request_target& target) {
+    if (!S_ISDIR(target.st.st_mode)) {
+        return false;
+    }
+    if (!target.path.ends_with('/')) {
+        // Kept: the redirect's header travels inside the reason.
+        const std::string reason = "Moved Permanently\r\nLocation: " + c->request.uri + "/";
+        send_server_error(c, 301, reason.c_str());
+        return true;
+    }
+    if (find_index_file(c, target)) {
+        return false;
+    }
+    if (c->ctx->list_directories == 0) {
+        send_server_error(c, 403, "Directory Listing Denied");
+        return true;
+    }
+    get_dir(c, target.path);
+    return true;
+}
+
+bool serve_cgi(conn* c, request_target& target) {
+    if (!match_extension(target.path, c->ctx->cgi_extensions)) {
+        return false;
+    }
+    if (c->request.method != method_get && c->request.method != method_post) {
+        send_server_error(c, 501, "Bad method ");
+    } else if (run_cgi(c, target.path.c_str()) == 0) {
+        do_cgi(c);
+    } else {
+        send_server_error(c, 500, "Cannot exec CGI");
+    }
+    return true;
+}
+
+bool serve_ssi(conn* c, request_target& target) {
+    if (!match_extension(target.path, c->ctx->ssi_extensions)) {
+        return false;
+    }
+    const int fd = open_regular_file(target.path.c_str(), &target.st);
+    if (fd < 0) {
+        send_server_error(c, 500, "SSI open error");
+        return true;
+    }
+    install_class(&c->local, &io_file, fd, 0);
+    do_ssi(c);
+    return true;
+}
+
+bool serve_file(conn* c, request_target& target) {
+    const std::time_t since = c->request.headers.if_modified_since;
+    if (since != 0 && target.st.st_mtime <= since) {
+        send_server_error(c, 304, "Not Modified");
+        return true;
+    }
+    const int fd = open_regular_file(target.path.c_str(), &target.st);
+    if (fd < 0) {
+        send_server_error(c, 500, "Internal Error");
+        return true;
+    }
+    install_class(&c->local, &io_file, fd, 0);
+    get_file(c, &target.st);
+    return true;
+}
+
+using routing_step = bool (*)(conn*, request_target&);
+
+constexpr std::array<routing_step, 10> routing_steps = {
+    serve_embedded,  refuse_access_file, refuse_program_change,
+    serve_put,       serve_delete,       look_up,
+    serve_directory, serve_cgi,          serve_ssi,
+    serve_file,
+};
+
+void serve_locally(conn* c, request_target& target) {
+    for (const routing_step step : routing_steps) {
+        if (step(c, target)) {
+            return;
+        }
+    }
+}
+
+// True when the caller may go on; else the refusal is in place.
+bool may_proceed(conn* c) {
+    if (c->ctx->noauth != 0) {
+        return true;
+    }
+    switch (check_authorization(c)) {
+        case 1:
+            return true;
+        case 0:
+            send_authorization_request(c);
+            return false;
+        default:
+            send_server_error(c, 403, "Forbidden");
+            return false;
+    }
+}
+
+// --- Error replies ---
+
+const error_handler* find_error_handler(conn* c, int status) {
+    for (const error_handler& handler : c->ctx->error_handlers) {
+        if (handler.code == status) {
+            return &handler;
+        }
+    }
+    return nullptr;
+}
+
+// Takes the local stream away from whatever holds it. False when part of a reply has gone out.
+bool clear_reply(conn* c) {
+    stop_stream(&c->local);
+    c->close_after = true;
+    if (c->request.sent > 0) {
+        return false;
+    }
+    c->local.clear_buffer();
+    c->local.total = 0;
+    c->local.content_length = 0;
+    return true;
+}
+
+void finish_error_reply(conn* c, int status, int length) {
+    c->request.status = status;
+    c->local.head = static_cast<std::size_t>(length);
+    c->local.header_length = c->local.head;
+}
+
+}  // namespace
+
+void route_request(conn* c) {
+    request_data& request = c->request;
+    if (!request.uri.starts_with('/') && !request.uri.starts_with("http://")) {
+        send_server_error(c, 400, "Bad URI");
+        return;
+    }
+    select_namespace(c);
+    const bool proxied = is_proxy(c);
+    if (!proxied) {
+        split_and_decode_uri(c);
+    }
+    clean_uri(&request.uri);
+    get_role_from_uri(c, proxied);
+    decode_query(c);
+    if (request.uri.size() + request.ns->root.size() > path_bytes_max) {
+        send_server_error(c, 400, "URI is too long");
+        return;
+    }
+    request_target target{.path = map_uri_to_path(c)};
+    if (!may_proceed(c)) {
+        return;
+    }
+    if (proxied && !is_loopback(c, &target.path)) {
+        do_proxy(c);
+        return;
+    }
+    serve_locally(c, target);
+}
+
+void send_server_error(conn* c, int status, const char* reason) {
+    const error_handler* handler = find_error_handler(c, status);
+    if (!clear_reply(c)) {
+        return;
+    }
+    if (handler != nullptr) {
+        setup_embedded_stream(c, handler->handler, handler->user_data);
+        return;
+    }
+    stream& local = c->local;
+    finish_error_reply(c, status,
+                       my_snprintf(local.buffer, local.size, "HTTP/1.1 %d %s\r\n\r\n%d %s", status,
+                                   reason, status, reason));
+}
+
+void send_server_error_with_header(conn* c, int status, const char* reason, const char* text) {
+    const error_handler* handler = find_error_handler(c, status);
+    if (!clear_reply(c)) {
+        return;
+    }
+    if (handler != nullptr) {
+        setup_embedded_stream(c, handler->handler, nullptr);
+        return;
+    }
+    stream& local = c->local;
+    finish_error_reply(
+        c, status,
+        my_snprintf(local.buffer, local.size, "HTTP/1.1 %d %s\r\n\r\n %s", status, reason, text));
+}

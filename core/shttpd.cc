@@ -1,0 +1,397 @@
+#include "core/shttpd.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "core/compat_unix.h"
+#include "core/config.h"
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/mime_type.h"
+#include "core/poll_set.h"
+#include "core/string.h"
+#include "core/v6socket.h"
+#include "domain/domain.h"
+#include "handlers/io_file.h"
+#include "lib/plat.h"
+#include "lib/qz_vector.h"
+#include "sched/sched.h"
+#include "security/authz.h"
+#include "security/io_molbat.h"
+
+std::time_t current_time = 0;
+
+// One listening port. Both flags are handed to every connection that is accepted on it.
+struct listener_record : list_link {
+    shttpd_ctx* ctx = nullptr;
+    bool is_ssl = false;
+    bool u_flag = false;
+    int handle = -1;
+};
+
+namespace {
+
+constexpr std::time_t idle_limit_s = 300;
+constexpr int listen_backlog = 128;
+constexpr int passes_between_checks = 6;
+constexpr std::time_t check_interval_max_s = 35;
+constexpr int short_wait_ms = 1000;
+
+list_head<listener_record> listeners;
+
+// What the main loop remembers from one pass to the next.
+struct loop_state {
+    std::vector<conn*> due;       // to be visited in this pass
+    std::vector<conn*> next_due;  // to be visited in the next one whatever poll() says
+    std::time_t last_expiry_check = 0;
+    bool wake = false;           // the next pass must not wait
+    bool accept_paused = false;  // out of descriptors: listeners are not polled
+    std::time_t accept_paused_at = 0;
+    int sched_counter = 0;
+    std::time_t last_sched_check = 0;
+    std::uint64_t next_serial = 1;
+};
+
+loop_state loop;
+
+// --- Listening ---
+
+struct port_entry {
+    int port;
+    bool is_ssl;
+    bool u_flag;
+};
+
+port_entry parse_port(std::string_view entry) {
+    while (!entry.empty() && (entry.back() == ' ' || entry.back() == '\t')) {
+        entry.remove_suffix(1);
+    }
+    const std::string text(entry);
+    return {.port = static_cast<int>(std::strtol(text.c_str(), nullptr, 10)),
+            .is_ssl = text.ends_with('s'),
+            .u_flag = text.ends_with('u')};
+}
+
+void watch_listener(listener_record* listener, int fd) {
+    if (fd < 0) {
+        return;
+    }
+    (void)set_non_blocking_mode(fd);
+    (void)set_close_on_exec(fd);
+    const int index = get_poll_index(fd);
+    if (index >= 0) {
+        set_lp_poll_position(index, listener);
+    }
+}
+
+void listener_destructor(listener_record* listener) {
+    delete listener;
+}
+
+// --- Accepting ---
+
+int listener_socket(const listener_record* listener, std::size_t position) {
+    // Positions of one listener follow each other, the IPv6 socket first where there is one.
+    const int v6 = v6getsocket(listener->handle, 2);
+    const bool second = position > 0 && lp_at(position - 1).listener == listener;
+    return v6 >= 0 && !second ? v6 : v6getsocket(listener->handle, 1);
+}
+
+template <class Visit>
+void for_each_listener(Visit visit) {
+    for (std::size_t i = 0; lp_at(i).poll_index >= 0; ++i) {
+        visit(i, lp_at(i));
+    }
+}
+
+// Out of descriptors: a ready listener would turn the loop into a spin.
+void pause_accepting() {
+    loop.accept_paused = true;
+    loop.accept_paused_at = current_time;
+    for_each_listener([](std::size_t, const listener_position& position) {
+        park_poll_index(position.poll_index);
+    });
+}
+
+void resume_accepting() {
+    loop.accept_paused = false;
+    for_each_listener([](std::size_t i, const listener_position& position) {
+        set_poll_events(position.poll_index, listener_socket(position.listener, i), POLLIN);
+    });
+}
+
+void refuse_socket(shttpd_ctx* ctx, int fd, const char* what, const char* reason) {
+    (void)close(fd);
+    elog(ctx->inetd_mode != 0 ? elog_fatal : elog_info, nullptr, "add_socket: %s%s", what, reason);
+}
+
+// Makes a connection of a non-blocking, close-on-exec socket whose peer is known.
+void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_storage& peer,
+                    socklen_t peer_length) {
+    conn* c = new_conn(ctx);
+    if (c == nullptr) {
+        refuse_socket(ctx, fd, "calloc: ", strerror(errno));
+        return;
+    }
+    if (!poll_stream(&c->remote, fd)) {
+        delete_conn(c);
+        refuse_socket(ctx, fd, "get_poll_index: maximum connections reached\n", "");
+        return;
+    }
+    ++ctx->accepted_connections;
+    c->serial = loop.next_serial++;
+    c->peer_length = std::min(peer_length, static_cast<socklen_t>(sizeof(c->peer)));
+    std::memcpy(&c->peer, &peer, c->peer_length);
+    c->birth_time = current_time;
+    c->expire_time = current_time + idle_limit_s;
+    c->fresh = true;
+    c->remote.io = &io_socket;
+    c->remote.channel.fd = fd;
+    c->remote.flags = sf_readable | sf_writable | (handshake ? 0U : sf_handshake_done);
+
+    enter_critical_section(&ctx->lock);
+    ctx->connections.push_front(c);
+    ++ctx->active_connections;
+    leave_critical_section(&ctx->lock);
+    loop.next_due.push_back(c);
+
+    if (handshake) {
+        c->remote.io = &io_molbat;
+        c->handshake = handshake_state::pending;
+        molbat_handshake(&c->remote);
+    }
+}
+
+void accept_all(listener_record* listener, int listen_fd) {
+    for (;;) {
+        sockaddr_storage peer{};
+        socklen_t length = sizeof(peer);
+        const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&peer), &length,
+                               SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE) {
+                drop_cached_files();
+                pause_accepting();
+            }
+            if (errno != EINTR && errno != ECONNABORTED) {
+                return;
+            }
+            continue;
+        }
+        add_connection(listener->ctx, fd, !listener->is_ssl && !listener->u_flag, peer, length);
+    }
+}
+
+void accept_connections() {
+    for_each_listener([](std::size_t i, const listener_position& position) {
+        if (!loop.accept_paused && (poll_revents(position.poll_index) & (POLLIN | POLLOUT)) != 0) {
+            accept_all(position.listener, listener_socket(position.listener, i));
+        }
+    });
+}
+
+// --- Visiting ---
+
+void mark_due(conn* c) {
+    if (!c->due) {
+        c->due = true;
+        loop.due.push_back(c);
+    }
+}
+
+void collect_due(shttpd_ctx* ctx, int ready) {
+    loop.due.clear();
+    for (conn* c : loop.next_due) {
+        mark_due(c);
+    }
+    loop.next_due.clear();
+    if (ready > 0) {
+        const int slots = poll_high_water();
+        for (int i = 0; i < slots; ++i) {
+            if (poll_revents(i) != 0 && poll_owner(i) != nullptr) {
+                mark_due(poll_owner(i));
+            }
+        }
+    }
+    if (loop.last_expiry_check != current_time) {
+        loop.last_expiry_check = current_time;
+        for (conn& c : ctx->connections) {
+            if (current_time > c.expire_time) {
+                mark_due(&c);
+            }
+        }
+    }
+}
+
+// Every connection with something to do is visited once, the oldest first. The others would find
+// nothing to do: with thousands of idle ones it pays not to touch them.
+void visit_connections() {
+    std::sort(loop.due.begin(), loop.due.end(),
+              [](const conn* a, const conn* b) { return a->serial < b->serial; });
+    for (conn* c : loop.due) {
+        c->due = false;
+        if (!process_connection(c)) {
+            continue;
+        }
+        if (needs_visit(c)) {
+            loop.next_due.push_back(c);
+            loop.wake = loop.wake || has_hidden_input(c);
+        }
+    }
+}
+
+int wait_time(int timeout_ms) {
+    const bool at_once = loop.wake;
+    loop.wake = false;
+    return at_once ? 0 : timeout_ms;
+}
+
+void run_scheduler(shttpd_ctx* ctx) {
+    const std::time_t now = std::time(nullptr);
+    const bool overdue = now - loop.last_sched_check >= check_interval_max_s;
+    if (--loop.sched_counter < 0 || overdue) {
+        loop.last_sched_check = now;
+        loop.sched_counter = passes_between_checks;
+        (void)sched_check_run(ctx);
+    }
+}
+
+void close_all_connections(shttpd_ctx* ctx) {
+    while (conn* c = ctx->connections.first()) {
+        end_connection(c);
+    }
+    loop = loop_state();
+}
+
+void close_log(std::FILE** log) {
+    if (*log != nullptr) {
+        (void)std::fclose(*log);
+        *log = nullptr;
+    }
+}
+
+}  // namespace
+
+void shttpd_wake() {
+    loop.wake = true;
+}
+
+int shttpd_listen(shttpd_ctx* ctx, int port, bool is_ssl, bool u_flag) {
+    int error = 0;
+    const int handle = v6listen(port, listen_backlog, &error);
+    if (handle < 0) {
+        elog(elog_info, nullptr, "open_listening_port(%d): %s", port, strerror(error));
+        elog(elog_fatal, nullptr, "cannot open port %d", port);
+        return -1;
+    }
+    if (is_ssl && ctx->tls_context == nullptr) {
+        (void)v6close(handle);
+        elog(elog_fatal, nullptr, "cannot add SSL socket, please specify certificate file");
+        return -1;
+    }
+    auto* listener = new listener_record;
+    listener->ctx = ctx;
+    listener->is_ssl = is_ssl;
+    listener->u_flag = u_flag;
+    listener->handle = handle;
+    for (const int family : {2, 1}) {
+        watch_listener(listener, v6getsocket(handle, family));
+    }
+    listeners.push_back(listener);
+    return handle;
+}
+
+void open_listening_ports(shttpd_ctx* ctx) {
+    std::string_view ports = ctx->listen_ports;
+    for (std::string_view entry = next_list_entry(ports); !entry.empty();
+         entry = next_list_entry(ports)) {
+        const port_entry port = parse_port(entry);
+        if (shttpd_listen(ctx, port.port, port.is_ssl, port.u_flag) < 0) {
+            elog(elog_fatal, nullptr, "Cannot open socket on port %d", port.port);
+        }
+    }
+}
+
+void shttpd_add_socket(shttpd_ctx* ctx, int fd, bool is_ssl, bool u_flag) {
+    (void)set_non_blocking_mode(fd);
+    (void)set_close_on_exec(fd);
+    sockaddr_storage peer{};
+    socklen_t length = sizeof(peer);
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
+        refuse_socket(ctx, fd, "", strerror(errno));
+        return;
+    }
+    add_connection(ctx, fd, !is_ssl && !u_flag, peer, length);
+}
+
+int shttpd_accept(int listen_handle, int timeout_ms) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof(peer);
+    int kind = 0;
+    return v6accept(listen_handle, reinterpret_cast<sockaddr*>(&peer), &length, &kind, timeout_ms);
+}
+
+int shttpd_active(shttpd_ctx* ctx) {
+    enter_critical_section(&ctx->lock);
+    const int active = ctx->active_connections;
+    leave_critical_section(&ctx->lock);
+    return active;
+}
+
+void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
+    current_time = std::time(nullptr);
+    if (loop.accept_paused && current_time > loop.accept_paused_at) {
+        resume_accepting();
+    }
+    const bool short_wait = loop.accept_paused || draining_connections() > 0;
+    const int ready =
+        wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
+    if (ready > 0) {
+        accept_connections();
+    }
+    const int active_before = ctx->active_connections;
+    collect_due(ctx, ready);
+    visit_connections();
+    if (loop.accept_paused && ctx->active_connections < active_before) {
+        resume_accepting();
+    }
+    close_idle_files();
+    run_scheduler(ctx);
+}
+
+void shttpd_fini(shttpd_ctx* ctx) {
+    ctx->mime_records.free_all(mime_type_destructor);
+    close_all_connections(ctx);
+    ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
+    ctx->uri_auths.free_all([](uri_auth* entry) { delete entry; });
+    ctx->error_handlers.free_all([](error_handler* entry) { delete entry; });
+    listeners.free_all(listener_destructor);
+    ctx->ssi_funcs.free_all([](ssi_func* entry) { delete entry; });
+    clean_poll_fd_set();
+    drop_cached_files();
+    close_log(&ctx->access_log);
+    close_log(&ctx->error_log);
+    free_auth_info(ctx);
+    free_broker_credentials(ctx);
+    free_security_info(ctx->security);
+    ctx->security = nullptr;
+    free_domain_info(ctx);
+    if (ctx->service_credential != nullptr) {
+        (void)molbAtFree(ctx->service_credential);
+    }
+    (void)molbAtTerminate(ctx->at_handle);
+    destroy_critical_section(&ctx->lock);
+    delete ctx;
+}

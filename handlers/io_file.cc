@@ -1,0 +1,228 @@
+#include "handlers/io_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "core/compat_unix.h"
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/globals.h"
+#include "core/mime_type.h"
+#include "core/route.h"
+#include "core/string.h"
+
+namespace {
+
+constexpr std::size_t date_bytes = 64;
+constexpr std::size_t directory_bytes_max = 2047;
+constexpr mode_t file_mode = 0644;
+constexpr mode_t directory_mode = 0755;
+
+// --- The class ---
+
+ssize_t read_file(stream* s, void* buffer, std::size_t length) {
+    const ssize_t n = pread(s->channel.fd, buffer, length, s->channel.offset);
+    if (n > 0) {
+        s->channel.offset += n;
+    }
+    return n;
+}
+
+// Writes all of the buffer, since "the whole body is in" is judged by what was received.
+ssize_t write_all(int fd, const char* bytes, std::size_t length) {
+    std::size_t done = 0;
+    while (done < length) {
+        const ssize_t n = write(fd, bytes + done, length - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return -1;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+// Kept: a failed write is answered like a stored file, with the size that the file has then, and
+// the reply announces a body that does not follow.
+ssize_t write_file(stream* s, const void* buffer, std::size_t length) {
+    conn* c = s->connection;
+    const ssize_t n = write_all(s->channel.fd, static_cast<const char*>(buffer), length);
+    if (n > 0 && c->request.body_left > static_cast<std::uint64_t>(n)) {
+        return n;
+    }
+    struct stat st {};
+    (void)fstat(s->channel.fd, &st);
+    const int written = my_snprintf(
+        s->buffer, s->size, "HTTP/1.1 %d OK\r\nContent-Length: %lu\r\nConnection: close\r\n\r\n",
+        c->request.status, static_cast<unsigned long>(st.st_size));
+    s->tail = 0;
+    s->head = s->header_length = static_cast<std::size_t>(written);
+    stop_stream(s);
+    return n;
+}
+
+void close_file(stream* s) {
+    if (s->channel.fd >= 0) {
+        (void)close(s->channel.fd);
+    }
+}
+
+// --- Ranges ---
+
+struct file_range {
+    bool present = false;
+    bool satisfiable = true;
+    unsigned long first = 0;
+    unsigned long length = 0;
+};
+
+// Kept: the length of "bytes=A-B" is B - A, one byte less than the notation means elsewhere.
+file_range parse_range(std::string_view value, unsigned long size) {
+    unsigned long first = 0;
+    unsigned long second = 0;
+    const std::string text(value);
+    const int converted = std::sscanf(text.c_str(), "bytes=%lu-%lu", &first, &second);
+    if (converted <= 0) {
+        return {};
+    }
+    file_range range{.present = true, .satisfiable = first <= size, .first = first};
+    if (!range.satisfiable) {
+        return range;
+    }
+    const unsigned long end = converted == 2 ? std::min(size, second) : size;
+    range.satisfiable = end >= first;
+    range.length = range.satisfiable ? end - first : 0;
+    return range;
+}
+
+// The last dates that were formatted: most replies of a second share theirs.
+struct date_cache {
+    std::time_t time = -1;
+    std::array<char, date_bytes> text{};
+};
+
+const char* cached_date(date_cache* cache, std::time_t t) {
+    if (cache->time != t) {
+        cache->time = t;
+        format_http_date(t, cache->text.data());
+    }
+    return cache->text.data();
+}
+
+}  // namespace
+
+constinit const io_class io_file{
+    .name = "file", .read = read_file, .write = write_file, .close = close_file};
+
+void format_http_date(std::time_t t, char* out) {
+    constexpr std::array<const char*, 7> days = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    constexpr std::array<const char*, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                    "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    std::tm tm{};
+    if (localtime_r(&t, &tm) == nullptr) {
+        tm = std::tm{};
+        tm.tm_mday = 1;
+        tm.tm_year = 70;
+        tm.tm_wday = 4;
+    }
+    my_snprintf(out, date_bytes, "%s, %02d %s %04ld %02d:%02d:%02d GMT",
+                days[static_cast<std::size_t>(tm.tm_wday)], tm.tm_mday,
+                months[static_cast<std::size_t>(tm.tm_mon)], tm.tm_year + 1900L, tm.tm_hour,
+                tm.tm_min, tm.tm_sec);
+}
+
+int open_regular_file(const char* path, struct stat* st) {
+    if (!S_ISREG(st->st_mode)) {
+        return -1;
+    }
+    const int fd = my_open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0);
+    if (fd >= 0 && (fstat(fd, st) != 0 || !S_ISREG(st->st_mode))) {
+        (void)close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void get_file(conn* c, const struct stat* st) {
+    static date_cache now_cache;
+    static date_cache modified_cache;
+    request_data& request = c->request;
+    stream& local = c->local;
+    const auto size = static_cast<unsigned long>(st->st_size);
+    if (request.mime == nullptr) {
+        request.mime = get_mime_type(c->ctx, request.uri.c_str(), request.uri.size());
+    }
+    const file_range range = parse_range(request.headers.range, size);
+    if (!range.satisfiable) {
+        send_server_error(c, 416, "Requested Range Not Satisfiable");
+        return;
+    }
+    const unsigned long length = range.present ? range.length : size;
+    std::array<char, 128> content_range{};
+    if (range.present) {
+        local.channel.offset = static_cast<off_t>(range.first);
+        my_snprintf(content_range.data(), content_range.size(),
+                    "Content-Range: bytes %lu-%lu/%lu\r\n", range.first, range.first + length - 1,
+                    size);
+    }
+    request.status = range.present ? 206 : 200;
+    const int written = my_snprintf(
+        local.buffer, local.size,
+        "HTTP/1.1 %d %s\r\nDate: %s\r\nLast-Modified: %s\r\nEtag: \"%lx.%lx\"\r\n"
+        "Content-Type: %s\r\nContent-Length: %lu\r\nConnection: keep-alive\r\n"
+        "Accept-Ranges: bytes\r\n%s\r\n",
+        request.status, range.present ? "Partial Content" : "OK",
+        cached_date(&now_cache, current_time), cached_date(&modified_cache, st->st_mtime),
+        static_cast<unsigned long>(st->st_mtime), size, request.mime, length, content_range.data());
+    local.head = local.header_length = static_cast<std::size_t>(written);
+    local.content_length = length;
+    local.flags = sf_readable | sf_always_ready;
+    if (request.method == method_head || length == 0) {
+        stop_stream(&local);
+        local.content_length = 0;
+    }
+}
+
+int put_dir(const char* path) {
+    const std::string_view text(path);
+    for (std::size_t at = text.find('/', std::min<std::size_t>(2, text.size()));
+         at != std::string_view::npos; at = text.find('/', at + 1)) {
+        if (at > directory_bytes_max) {
+            return -1;
+        }
+        const std::string prefix(text.substr(0, at));
+        struct stat st {};
+        if (my_stat(prefix.c_str(), &st) != 0 && my_mkdir(prefix.c_str(), directory_mode) != 0) {
+            return -1;
+        }
+        if (at + 1 == text.size()) {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+bool receive_file(conn* c, const char* path) {
+    const int fd =
+        my_open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, file_mode);
+    if (fd < 0) {
+        return false;
+    }
+    install_class(&c->local, &io_file, fd, sf_writable | sf_always_ready);
+    c->close_after = true;
+    return true;
+}
+
+void drop_cached_files() {}
+
+void close_idle_files() {}

@@ -1,0 +1,31 @@
+// Static files: GET and HEAD with ranges, and the receiving end of a PUT.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <ctime>
+
+#include "core/fwd.h"
+
+// Opens a regular file for reading without ever blocking. `st` is the status that the path had a
+// moment ago; it is refreshed from the descriptor. Returns the descriptor, -1 for anything else.
+int open_regular_file(const char* path, struct stat* st);
+
+// Answers GET and HEAD with the file that stands open in the local stream's channel (class io_file
+// installed), whose status is `st`: headers, entity tag, dates, at most one byte range.
+void get_file(conn* c, const struct stat* st);
+
+// Creates the missing directories of a path. Returns 1 when a file name is left, 0 when the path
+// ends in "/" and exists now, -1 when a directory can't be made or a prefix is over 2047 bytes.
+int put_dir(const char* path);
+
+// Opens (creating, truncating) the target of a PUT and lets the request's body flow into it.
+bool receive_file(conn* c, const char* path);
+
+// Formats a time the way HTTP headers show dates here: English names, local time.
+// Kept: the text says GMT whatever the time zone is. `out` has room for 64 bytes.
+void format_http_date(std::time_t t, char* out);
+
+// Files kept open between requests are closed: all of them, or those unused for a few seconds.
+void drop_cached_files();
+void close_idle_files();

@@ -1,0 +1,123 @@
+#include "tests/support/engine_fixture.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include "core/globals.h"
+#include "core/shttpd.h"
+#include "domain/domain.h"
+#include "handlers/uri_handlers.h"
+#include "lib/ini.h"
+#include "lib/plat.h"
+#include "sched/sched.h"
+#include "security/authz.h"
+
+temporary_folder::temporary_folder() {
+    std::string name = std::filesystem::temp_directory_path() / "dovmad.XXXXXX";
+    path_ = mkdtemp(name.data());
+}
+
+temporary_folder::~temporary_folder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::filesystem::path temporary_folder::write(std::string_view name,
+                                              std::string_view content) const {
+    const std::filesystem::path file = path_ / name;
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << content;
+    return file;
+}
+
+std::string read_whole_file(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+test_engine::test_engine(bool bare) : ctx(new shttpd_ctx) {
+    current_time = std::time(nullptr);
+    conf_parse_init();
+    init_critical_section(&ctx->lock);
+    ctx->document_root = root.path();
+    ctx->auth_realm = "testhost";
+    ctx->noauth = 1;
+    ctx->list_directories = 1;
+    ctx->io_buf_size = 16384;
+    ctx->index_files = "index.html, index.htm, index.pl, index.cgi";
+    ctx->cgi_extensions = ".cgi";
+    ctx->ssi_extensions = ".shtml";
+    ctx->var_dir = root.path();
+    init_auth_info(ctx);
+    if (!bare) {
+        init_domain_info(ctx);
+        scheduler_init(ctx);
+        init_world_uris(ctx);
+    }
+}
+
+test_engine::~test_engine() {
+    shttpd_fini(ctx);
+    sched_fini();
+}
+
+unique_fd test_engine::connect() {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+        std::abort();
+    }
+    shttpd_add_socket(ctx, ends[1], true, false);
+    return unique_fd(ends[0]);
+}
+
+void test_engine::poll() {
+    shttpd_poll(ctx, 0);
+}
+
+std::string test_engine::exchange(std::string_view bytes, int quiet_passes) {
+    const unique_fd client = connect();
+    return exchange_on(client.get(), bytes, quiet_passes);
+}
+
+std::string test_engine::exchange_on(int fd, std::string_view bytes, int quiet_passes) {
+    std::string reply;
+    for (int quiet = 0; quiet < quiet_passes; ++quiet) {
+        if (!bytes.empty()) {
+            const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (sent > 0) {
+                bytes.remove_prefix(static_cast<std::size_t>(sent));
+                quiet = 0;
+            }
+        }
+        poll();
+        char buffer[65536];
+        const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got > 0) {
+            reply.append(buffer, static_cast<std::size_t>(got));
+            quiet = 0;
+        } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+            break;
+        }
+    }
+    return reply;
+}
+
+std::string make_request(std::string_view method, std::string_view uri, std::string_view body) {
+    std::string text;
+    text.append(method).append(" ").append(uri).append(" HTTP/1.1\r\nHost: test\r\n");
+    if (!body.empty()) {
+        text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    return text.append("\r\n").append(body);
+}
+
+std::string body_of(std::string_view reply) {
+    const std::size_t blank = reply.find("\r\n\r\n");
+    return blank == std::string_view::npos ? std::string() : std::string(reply.substr(blank + 4));
+}
