@@ -1,8 +1,77 @@
 #include "sched/sched.h"
 
-void scheduler_init(shttpd_ctx* ctx) { (void)ctx; }
-int sched_check_run(shttpd_ctx* ctx) {
-    (void)ctx;
-    return 0;
+#include <ctime>
+#include <string>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/endpoint.h"
+#include "core/shttpd.h"
+#include "lib/qzstream.h"
+#include "sched/sched_command.h"
+#include "sched/sched_engine.h"
+
+namespace {
+
+constexpr int id_bytes = 64;
+
+// One per process, reachable for as long as it runs.
+scheduler_state* scheduler = nullptr;
+
+const char* schedule_path(const shttpd_ctx* ctx) {
+    return ctx->scheduler_file.empty() ? nullptr : ctx->scheduler_file.c_str();
 }
-void sched_fini() {}
+
+// Reads the schedule file again: the entry of the query's "id", or everything. Any method will do.
+void uri_sched_rescan(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || post_body_pending(arg)) {
+        return;
+    }
+    const std::string id = get_variable(query_text(arg), "id", id_bytes);
+    rescan_schedules(scheduler, id, schedule_path(arg->connection->ctx), std::time(nullptr));
+    show_success(arg);
+}
+
+void uri_sched_dump(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    if (arg->state == nullptr) {
+        const std::string text = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" +
+                                 dump_schedules(scheduler, std::time(nullptr));
+        const auto length = static_cast<std::uint32_t>(text.size());
+        stream_ptr reply(new_qz_stream(length));
+        (void)qz_write_stream(reply.get(), text.data(), length);
+        qz_rewind_stream(reply.get());
+        arg->state = reply.release();
+    }
+    drain_reply(arg);
+}
+
+}  // namespace
+
+void scheduler_init(shttpd_ctx* ctx) {
+    sched_fini();
+    remember_groups();
+    scheduler = new_scheduler_state(spawn_command);
+    const std::time_t now = std::time(nullptr);
+    read_schedules(scheduler, nullptr, schedule_path(ctx), now);
+    scheduler->floor = now;
+    (void)calc_next_wakeup(scheduler, now);
+    shttpd_register_uri(ctx, "/admin/sched/rescan", uri_sched_rescan, nullptr);
+    shttpd_register_uri(ctx, "/admin/sched/dump", uri_sched_dump, nullptr);
+}
+
+int sched_check_run(shttpd_ctx* ctx) {
+    if (scheduler == nullptr) {
+        return 0;
+    }
+    sched_check(scheduler, ctx, std::time(nullptr));
+    const std::time_t now = std::time(nullptr);  // starting commands takes time
+    return static_cast<int>(calc_next_wakeup(scheduler, now) - now);
+}
+
+void sched_fini() {
+    delete_scheduler_state(scheduler);
+    scheduler = nullptr;
+}
