@@ -1,0 +1,189 @@
+// Proves how bytes become a request: block length, headers, dates, cleaning of URIs, roles.
+#include "core/request.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "core/context.h"
+#include "core/globals.h"
+
+namespace {
+
+std::string cleaned(std::string uri) {
+    clean_uri(&uri);
+    return uri;
+}
+
+TEST(HeaderBlock, EndsAtABlankLineAndRefusesControlBytes) {
+    struct row {
+        std::string bytes;
+        ssize_t length;
+    };
+    const std::vector<row> rows = {
+        {"", 0},
+        {"\n", 0},
+        {"GET / HTTP/1.1\r\n\r", 0},
+        {"GET / HTTP/1.1\r\n\r\n", 18},
+        {"GET / HTTP/1.1\n\n", 16},
+        {"GET / HTTP/1.1\r\nA: b\r\n\r\nbody\x01", 24},  // what follows the block is not examined
+        {"a\tb\r\n\r\n", -1},
+        {std::string("a\0b\n\n", 5), -1},
+        {"\x80\xff\n\n", 4},
+        {"abc\x7f\n\n", -1},
+        {"a\n\x01", 0},  // the last byte may still change its meaning
+        {"a\n\r", 0},
+        {"a\n\rb\n\n", 6},
+    };
+    for (const row& r : rows) {
+        EXPECT_EQ(get_headers_len(r.bytes.data(), r.bytes.size()), r.length) << r.bytes;
+        // The scan must not look behind the given length.
+        const std::vector<char> exact(r.bytes.begin(), r.bytes.end());
+        EXPECT_EQ(get_headers_len(exact.data(), exact.size()), r.length);
+    }
+}
+
+TEST(Headers, AreReadByNameIgnoringCase) {
+    const std::string block =
+        "content-length: 42\r\nCONTENT-TYPE: text/x\r\nUser-Agent: a b \r\nReferer:none\r\n"
+        "X-PLX-Namespace: ns\nRange: bytes=1-2\r\nConnection: Close\r\nStatus: 404 Not Found\r\n"
+        "X-PLX-OnBehalf-User: bob\r\nX-Content-Length: 7\r\nAuthorization: Basic eA==\r\n\r\n";
+    header_values values;
+    parse_headers(block.data(), block.size(), &values);
+    EXPECT_EQ(values.content_length, 42U);
+    EXPECT_EQ(values.content_type, "text/x");
+    EXPECT_EQ(values.user_agent, "a b ");
+    EXPECT_EQ(values.referer, "");  // the name includes the blank
+    EXPECT_EQ(values.namespace_name, "ns");
+    EXPECT_EQ(values.range, "bytes=1-2");
+    EXPECT_EQ(values.connection, "Close");
+    EXPECT_EQ(values.status, 404U);
+    EXPECT_EQ(values.on_behalf_user, "bob");
+    EXPECT_EQ(values.authorization, "Basic eA==");
+}
+
+TEST(Headers, AbsurdLengthsNeverWrap) {
+    for (const char* digits : {"99999999999999999999", "18446744073709551617", "9223372036854775808"}) {
+        const std::string block = std::string("Content-Length: ") + digits + "\r\n\r\n";
+        header_values values;
+        parse_headers(block.data(), block.size(), &values);
+        EXPECT_GE(values.content_length, std::uint64_t{INT64_MAX}) << digits;
+    }
+    const std::string negative = "Content-Length: -5\r\n\r\n";
+    header_values values;
+    parse_headers(negative.data(), negative.size(), &values);
+    EXPECT_EQ(values.content_length, 0U);
+}
+
+TEST(Dates, CountAsLocalTime) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    current_time = 1700000000;
+    struct row {
+        const char* text;
+        std::time_t time;  // from date -u -d
+    };
+    const std::vector<row> rows = {
+        {"Sun, 06 Nov 1994 08:49:37 GMT", 784111777},
+        {"06/Nov/1994 08:49:37", 784111777},
+        {"6 Nov 1994 8:49:37", 784111777},
+        {"06-Nov-1994 08:49:37", 784111777},
+        {"Sunday, 06-Nov-94 08:49:37 GMT", 946598400},  // no pattern: 31 December 1999
+        {"Sun, 06 nov 1994 08:49:37 GMT", 946598400},   // the month's case counts
+        {"Sat, 29 Feb 2020 23:59:59 GMT", 1583020799},
+        {"1 Jan 69 00:00:00", 3124224000},
+        {"garbage", 946598400},
+    };
+    for (const row& r : rows) {
+        const std::string block = std::string("If-Modified-Since: ") + r.text + "\r\n\r\n";
+        header_values values;
+        parse_headers(block.data(), block.size(), &values);
+        EXPECT_EQ(values.if_modified_since, r.time) << r.text;
+    }
+}
+
+TEST(Uri, CleaningNeverLetsAPathClimb) {
+    struct row {
+        const char* uri;
+        const char* clean;
+    };
+    for (const row& r : std::vector<row>{{"/", "/"},
+                                         {"/../a", "/a"},
+                                         {"/./a", "/a"},
+                                         {"/.x", "/x"},
+                                         {"/a/../../b", "/a/b"},
+                                         {"/a..//b", "/a..//b"},
+                                         {"//a//b", "//a//b"},
+                                         {"/http://h:1/a/../b", "/http://h:1/a/b"},
+                                         {"/..\\..\\x", "/x"},
+                                         {"/.\\", "/"},
+                                         {"\\..\\a", "\\a"},
+                                         {"/a../b", "/a../b"},
+                                         {"/...", "/"},
+                                         {"", ""}}) {
+        EXPECT_EQ(cleaned(r.uri), r.clean) << r.uri;
+    }
+    // Whatever is put together, no cleaned URI holds a way up.
+    const std::vector<std::string> pieces = {"/", "\\", ".", "..", "a", "//", "/."};
+    for (std::size_t n = 0; n < 7 * 7 * 7 * 7 * 7; ++n) {
+        std::string uri = "/";
+        for (std::size_t k = n, i = 0; i < 5; ++i, k /= pieces.size()) {
+            uri += pieces[k % pieces.size()];
+        }
+        const std::string out = cleaned(uri);
+        EXPECT_EQ(out.find("/."), std::string::npos) << uri << " -> " << out;
+    }
+}
+
+TEST(Uri, RoleIsTheFirstSegmentOrBehindTheAuthority) {
+    struct row {
+        const char* uri;
+        bool proxied;
+        const char* role;
+    };
+    for (const row& r : std::vector<row>{{"/admin/x", false, "admin"},
+                                         {"/pub", false, "pub"},
+                                         {"/", false, ""},
+                                         {"", false, ""},
+                                         {"/http://h:80/agent/x", true, "agent"},
+                                         {"http://h/world", true, "world"},
+                                         {"/http://h", true, ""},
+                                         {"/httpu://any:pub/x", true, "pub"},
+                                         {"/httpu://any/x", true, ""},
+                                         {"/hob://h:/admin/x", true, "admin"}}) {
+        conn c;
+        c.request.uri = r.uri;
+        get_role_from_uri(&c, r.proxied);
+        EXPECT_EQ(c.request.role, r.role) << r.uri;
+    }
+}
+
+TEST(Uri, QuerySplitAndDecoding) {
+    conn c;
+    c.request.uri = "/a%2e%2e/b+c%00/d?x=%26&y";
+    split_and_decode_uri(&c);
+    EXPECT_EQ(c.request.uri, "/a../b c");
+    EXPECT_EQ(c.request.query, "x=%26&y");
+    EXPECT_TRUE(c.request.has_query);
+}
+
+TEST(Uri, MapsBelowTheRootOrToTheFirstAlias) {
+    shttpd_ctx ctx;
+    namespace_record ns;
+    ns.root = "/srv/root";
+    ctx.aliases = "/img=/var/images, /i=/other,broken";
+    conn c;
+    c.ctx = &ctx;
+    c.request.ns = &ns;
+    c.request.uri = "/img/a.png";
+    EXPECT_EQ(map_uri_to_path(&c), "/var/images/a.png");
+    c.request.uri = "/ix";
+    EXPECT_EQ(map_uri_to_path(&c), "/otherx");
+    c.request.uri = "/broken";
+    EXPECT_EQ(map_uri_to_path(&c), "/srv/root/broken");
+    c.request.ns = nullptr;
+}
+
+}  // namespace

@@ -1,0 +1,303 @@
+"""Starts real daemons for tests: free loopback ports, a document root of their own, a first-use
+authentication set-up, and checks at the end that each one ended cleanly.
+
+The programs come from the environment: DOVMAD_BINARY (the daemon whose fixed system paths are
+prefixed by DOVMAD_TEST_ROOT), DOVMAD_PROVIDER (the authentication library) and DOVMAD_USER_TOOL.
+"""
+
+import os
+import re
+import signal
+import socket
+import ssl
+import subprocess
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+BINARY = os.environ.get("DOVMAD_BINARY", "")
+PROVIDER = os.environ.get("DOVMAD_PROVIDER", "")
+USER_TOOL = os.environ.get("DOVMAD_USER_TOOL", "")
+SANITIZED = re.compile(r"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanitizer")
+
+# The daemon takes a port whose first four digits are one of its own for itself, so its ports and
+# those of the servers behind it come from different ranges.
+_RANGES = {"daemon": (20000, 29999), "upstream": (30000, 32700)}
+_next_port = {}
+
+
+def free_port(kind="daemon"):
+    """A port that nobody listens on, whose first four digits no earlier call has given out."""
+    low, high = _RANGES[kind]
+    start = _next_port.get(kind, low + (os.getpid() * 10) % (high - low - 10) // 10 * 10)
+    for step in range((high - low) // 10):
+        port = low + (start - low + step * 10) % (high - low) // 10 * 10 + 3
+        with socket.socket() as probe:
+            probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        _next_port[kind] = port + 7
+        return port
+    raise RuntimeError("no free port")
+
+
+@dataclass
+class Response:
+    status: int
+    reason: str
+    headers: list
+    body: bytes
+    raw: bytes = field(repr=False)
+
+    def header(self, name, default=None):
+        """The value of the first header of that name."""
+        return next((v for n, v in self.headers if n.lower() == name.lower()), default)
+
+    @property
+    def text(self):
+        return self.body.decode()
+
+
+def parse_response(raw):
+    head, _, body = raw.partition(b"\r\n\r\n")
+    lines = head.decode("latin-1").split("\r\n")
+    parts = lines[0].split(" ", 2)
+    if len(parts) < 2:
+        raise AssertionError(f"not a reply: {raw[:200]!r}")
+    headers = [tuple(line.split(": ", 1)) if ": " in line else (line, "") for line in lines[1:]]
+    return Response(int(parts[1]), parts[2] if len(parts) > 2 else "", headers, body, raw)
+
+
+class Daemon:
+    """One daemon below `base`. Keyword options become lines of its configuration file; `auth=True`
+    leaves out "noauth 1", `config_text` replaces the file, `env` adds environment variables and
+    `args` replaces the command line behind the program."""
+
+    def __init__(self, base, auth=False, config_text=None, env=None, args=None, **options):
+        self.dir = Path(base)
+        self.root = self.dir / "root"
+        self.home = self.dir / "home"
+        self.var = self.dir / "var"
+        self.prefix = self.dir / "prefix"
+        self.error_log = self.dir / "error.log"
+        self.access_log = self.dir / "access.log"
+        self.pid_file = self.dir / "dovmad.pid"
+        self.config = self.dir / "dovmad.conf"
+        self.ca = self.var / "sec" / "dovmad-at" / "server.crt"
+        for folder in (self.root, self.home / "lib", self.var, self.prefix):
+            folder.mkdir(parents=True, exist_ok=True)
+        library = self.home / "lib" / "libmolbat4L_t.so"
+        if PROVIDER and not library.exists():
+            library.symlink_to(PROVIDER)
+        self.port, self.tls_port = free_port(), free_port()
+        settings = {
+            "document_root": self.root, "listen_ports": f"{self.port}u,{self.tls_port}",
+            "zel_home": self.home, "var_dir": self.var, "pid_file": self.pid_file,
+            "error_log": self.error_log, "access_log": self.access_log,
+        }
+        if not auth:
+            settings["noauth"] = 1
+        settings.update(options)
+        text = "".join(f"{k} {v}\n" for k, v in settings.items() if v is not None)
+        self.config.write_text(config_text if config_text is not None else text)
+        self.env = dict(os.environ, DOVMAD_TEST_ROOT=str(self.prefix), **(env or {}))
+        self.args = [str(a) for a in args] if args is not None else [str(self.config)]
+        self.stderr_file = self.dir / "stderr.txt"
+        self.process = None
+        self.expected_end = False
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def start(self, wait=True):
+        with open(self.stderr_file, "ab") as stderr:
+            self.process = subprocess.Popen([BINARY, *self.args], env=self.env, stderr=stderr,
+                                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+        self.expected_end = False
+        deadline = time.monotonic() + 60
+        while wait:
+            if self.process.poll() is not None:
+                raise AssertionError(f"the daemon ended with {self.process.returncode}: "
+                                     f"{self.stderr_text()}")
+            try:
+                socket.create_connection(("127.0.0.1", self.port), 1).close()
+                break
+            except OSError:
+                if time.monotonic() > deadline:
+                    raise
+                time.sleep(0.02)
+        return self
+
+    def stop(self, sig=signal.SIGTERM, timeout=30):
+        """Ends the daemon with a signal and returns its exit status."""
+        self.expected_end = True
+        if self.process is None:
+            return None
+        if self.process.poll() is None:
+            self.process.send_signal(sig)
+        try:
+            self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            raise
+        finally:
+            self.process.stdout.close()
+        return self.process.returncode
+
+    def restart(self):
+        self.stop()
+        return self.start()
+
+    def check(self):
+        """Ends the daemon and fails when it had died or a sanitizer had something to say."""
+        if self.process is None:
+            return
+        running = self.process.poll() is None
+        expected = self.expected_end
+        status = self.stop() if running else self.process.returncode
+        text = self.stderr_text()
+        assert not SANITIZED.search(text), text[-6000:]
+        if not expected:
+            assert running, f"the daemon died with {status}: {text[-3000:]}"
+            assert status == 0, f"exit status {status}: {text[-3000:]}"
+
+    # --- Speaking to it ---
+
+    def connect(self, port=None):
+        return socket.create_connection(("127.0.0.1", port or self.port), 30)
+
+    def raw(self, data, port=None, timeout=10, until=None, half_close=False):
+        """Sends bytes (or a list of pieces) and returns everything until the daemon closes, until
+        `until(received)` is true, or until nothing has come for `timeout` seconds."""
+        pieces = [data] if isinstance(data, bytes) else data
+        received = b""
+        with self.connect(port) as sock:
+            sock.settimeout(timeout)
+            try:
+                for piece in pieces:
+                    sock.sendall(piece)
+                if half_close:
+                    sock.shutdown(socket.SHUT_WR)
+            except OSError:
+                pass
+            try:
+                while not (until and until(received)):
+                    chunk = sock.recv(1 << 16)
+                    if not chunk:
+                        break
+                    received += chunk
+            except OSError:
+                pass
+        return received
+
+    def request(self, method, path, body=None, headers=None, user=None, port=None, tls=False,
+                timeout=30):
+        """One request on a connection of its own. `user` is "name:password"."""
+        lines = [f"{method} {path} HTTP/1.1", "Host: localhost"]
+        fields = dict(headers or {})
+        if user is not None:
+            import base64
+            fields["Authorization"] = "Basic " + base64.b64encode(user.encode()).decode()
+        payload = b""
+        if body is not None:
+            payload = body if isinstance(body, bytes) else body.encode()
+            fields.setdefault("Content-Length", str(len(payload)))
+        lines += [f"{name}: {value}" for name, value in fields.items()]
+        data = "\r\n".join(lines).encode("latin-1") + b"\r\n\r\n" + payload
+        sock = self.connect(port or (self.tls_port if tls else self.port))
+        if tls:
+            context = ssl.create_default_context(cafile=str(self.ca))
+            sock = context.wrap_socket(sock, server_hostname="localhost")
+        with sock:
+            sock.settimeout(timeout)
+            sock.sendall(data)
+            return parse_response(self._receive(sock, method, path))
+
+    @staticmethod
+    def _receive(sock, method, path):
+        received = b""
+        while True:
+            head, blank, body = received.partition(b"\r\n\r\n")
+            length = re.search(rb"(?i)\r\ncontent-length: (\d+)", head)
+            closes = re.search(rb"(?i)\r\nconnection: close", head)
+            if blank and length and not closes and (
+                    method == "HEAD" or len(body) >= int(length.group(1))):
+                return received
+            try:
+                chunk = sock.recv(1 << 16)
+            except (ConnectionResetError, ssl.SSLEOFError):
+                chunk = b""
+            if not chunk:
+                assert received, f"no reply to {method} {path}"
+                return received
+            received += chunk
+
+    def post(self, path, fields, **kwargs):
+        """A POST of form variables."""
+        from urllib.parse import urlencode
+        return self.request("POST", path, body=urlencode(fields), **kwargs)
+
+    def curl(self, *args, timeout=120):
+        return subprocess.run(["curl", "--noproxy", "*", *map(str, args)], capture_output=True,
+                              timeout=timeout, check=False)
+
+    def user_tool(self, *args, input=None, timeout=60):
+        """The administration program on this daemon's data directory."""
+        env = dict(self.env, ZEL_DATA_DIR=str(self.var / "sec"))
+        return subprocess.run([USER_TOOL, *map(str, args)], env=env, input=input, text=True,
+                              capture_output=True, timeout=timeout, check=False)
+
+    # --- Looking at it ---
+
+    @property
+    def password(self):
+        """The password that first use gave to root."""
+        match = re.search(r"(?i)password:?\s+(\S+)", self.stderr_text())
+        assert match, self.stderr_text()
+        return match.group(1)
+
+    def stderr_text(self):
+        return self.stderr_file.read_text(errors="replace") if self.stderr_file.exists() else ""
+
+    def fd_count(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def rss_kib(self):
+        status = Path(f"/proc/{self.pid}/status").read_text()
+        return int(re.search(r"VmRSS:\s+(\d+)", status).group(1))
+
+    def cpu_seconds(self):
+        fields = Path(f"/proc/{self.pid}/stat").read_text().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def children(self):
+        """Process ids of its children, zombies included."""
+        found = []
+        for entry in Path("/proc").iterdir():
+            if entry.name.isdigit():
+                try:
+                    fields = (entry / "stat").read_text().rsplit(")", 1)[1].split()
+                except OSError:
+                    continue
+                if int(fields[1]) == self.pid:
+                    found.append(int(entry.name))
+        return found
+
+
+def start_daemon_expecting_failure(base, timeout=30, **options):
+    """Starts a daemon that must end by itself: (exit status, standard error)."""
+    daemon = Daemon(base, **options)
+    daemon.start(wait=False)
+    daemon.expected_end = True
+    try:
+        status = daemon.process.wait(timeout)
+    finally:
+        if daemon.process.poll() is None:
+            daemon.process.kill()
+            daemon.process.wait()
+        daemon.process.stdout.close()
+    return status, daemon.stderr_text()

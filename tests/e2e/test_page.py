@@ -1,0 +1,65 @@
+"""Pages as a browser sees them: headless Chromium over the TLS port and on generated pages."""
+
+import shutil
+import struct
+import subprocess
+import zlib
+
+import pytest
+
+CHROMIUM = shutil.which("chromium")
+pytestmark = pytest.mark.skipif(CHROMIUM is None, reason="Chromium is not installed")
+
+
+def png(red, green, blue):
+    """A 64x64 image of one colour."""
+    def chunk(kind, data):
+        body = kind + data
+        return struct.pack(">I", len(data)) + body + struct.pack(">I", zlib.crc32(body))
+    row = b"\x00" + bytes((red, green, blue)) * 64
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", 64, 64, 8, 2, 0, 0, 0))
+            + chunk(b"IDAT", zlib.compress(row * 64)) + chunk(b"IEND", b""))
+
+
+def dump_dom(tmp_path, url):
+    """The document after its scripts have run."""
+    result = subprocess.run(
+        [CHROMIUM, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+         "--no-first-run", "--disable-background-networking", "--disable-component-update",
+         "--disable-sync", "--ignore-certificate-errors", "--virtual-time-budget=5000",
+         f"--user-data-dir={tmp_path}/profile", "--dump-dom", url],
+        capture_output=True, timeout=120, check=False)
+    assert result.returncode == 0, result.stderr[-2000:]
+    return result.stdout.decode()
+
+
+def test_page_with_style_sheet_and_image_over_tls(make_daemon, tmp_path):
+    daemon = make_daemon(auth=True)
+    world = daemon.root / "world"
+    world.mkdir()
+    (world / "style.css").write_text("#mark { width: 321px; color: rgb(1, 2, 3); }")
+    (world / "dot.png").write_bytes(png(200, 30, 40))
+    (world / "page.html").write_text("""<!doctype html><link rel="stylesheet" href="style.css">
+<p id="mark">text</p><img id="dot" src="dot.png"><p id="out">pending</p><script>
+addEventListener("load", () => {
+  const style = getComputedStyle(document.getElementById("mark"));
+  const image = document.getElementById("dot");
+  document.getElementById("out").textContent =
+    [style.width, style.color, image.naturalWidth, image.complete].join(" ");
+});</script>""")
+    dom = dump_dom(tmp_path, f"https://localhost:{daemon.tls_port}/world/page.html")
+    assert "321px rgb(1, 2, 3) 64 true" in dom
+
+
+def test_generated_pages(make_daemon, tmp_path):
+    """A listing, a page with includes, and a page of another server seen through the proxy."""
+    daemon = make_daemon(ssi_extensions=".shtml")
+    (daemon.root / "list").mkdir()
+    for i in range(50):
+        (daemon.root / "list" / f"entry-{i}.txt").write_text("x")
+    dom = dump_dom(tmp_path, f"http://127.0.0.1:{daemon.port}/list/")
+    assert dom.count(">entry-") == 50 and "Index of /list/" in dom
+    (daemon.root / "part.txt").write_text("<b>included part</b>")
+    (daemon.root / "page.shtml").write_text('<p>a<!--#include virtual="part.txt" -->z</p>')
+    assert "<p>a<b>included part</b>z</p>" in dump_dom(
+        tmp_path, f"http://127.0.0.1:{daemon.port}/page.shtml")
