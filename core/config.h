@@ -30,7 +30,8 @@ void set_option(const option_row* row, const char* value, option_slots* slots);
 void set_security_info(shttpd_ctx* ctx);
 void free_security_info(security_info* info);
 
-// Frees the map of broker credentials with what it caches.
+// Creates and frees the map of broker credentials; its values own library handle and credential.
+void init_broker_credentials(shttpd_ctx* ctx);
 void free_broker_credentials(shttpd_ctx* ctx);
 
 // Chooses handle and credential for the host name that a client asked for.

@@ -35,7 +35,12 @@ void park_poll_index(int index);
 short poll_revents(int index);
 void clear_poll_revents(int index);
 
-// Waits like poll(2); the number of ready slots or -1. Signals that ask the daemon to end wake it.
+// The lowest slot at or above `from` that has returned events, -1 when there is none. A pass walks
+// the ready slots with it: for (int i = next_ready_slot(0); i >= 0; i = next_ready_slot(i + 1)).
+int next_ready_slot(int from);
+
+// Waits like poll(2); the number of ready slots or -1. Signals that ask the daemon to end wake it,
+// also when they came just before. A failure other than EINTR is logged once and takes 0.1 s.
 int wait_for_events(int timeout_ms);
 
 // One more than the highest slot in use.

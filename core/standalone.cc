@@ -1,0 +1,189 @@
+// The daemon's process: start-up, the two ways of taking connections, the loop, the end.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "core/compat_unix.h"
+#include "core/config.h"
+#include "core/context.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/shttpd.h"
+#include "handlers/cgi_service.h"
+
+namespace {
+
+constexpr const char* daemon_version = "2.1.213.0";
+constexpr rlim_t descriptor_limit = 4096;
+constexpr int pass_wait_ms = 5000;
+constexpr int bytes_to_megabytes_shift = 20;
+constexpr double megabytes_per_byte = 9.5367431640625e-07;
+
+bool begins_with(const char* text, const char* prefix) {
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+// A listener that became descriptor 0, 1 or 2 would reach every child as a standard stream.
+void occupy_standard_descriptors() {
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    if (fd > STDERR_FILENO) {
+        (void)close(fd);
+    }
+}
+
+void print_version() {
+    (void)std::printf("dovmad version: %s \n", daemon_version);
+    std::exit(EXIT_SUCCESS);
+}
+
+// Kept: a file name behind an argument that begins with "-" is not taken, and no option is.
+void read_arguments(int argc, char** argv) {
+    if (argc < 2) {
+        return;
+    }
+    if (argv[argc - 1][0] != '-' && argv[argc - 2][0] != '-') {
+        config_file = argv[argc - 1];
+    }
+    if (begins_with(argv[1], "-v")) {
+        if (argc == 2) {
+            print_version();
+        }
+        usage(argv[0]);
+    }
+    if (begins_with(argv[1], "-X")) {
+        daemonize();
+    }
+}
+
+void become_user(const std::string& name) {
+    if (name.empty()) {
+        return;
+    }
+    const char* user = name.c_str();
+    const passwd* entry = getpwnam(user);
+    if (entry == nullptr) {
+        elog(elog_fatal, nullptr, "main: unknown user [%s]", user);
+        return;
+    }
+    // Root's supplementary groups must not stay with an unprivileged user. A process that already
+    // is that user has none to lose, and may not call setgroups.
+    if (entry->pw_uid != geteuid() && setgroups(1, &entry->pw_gid) != 0) {
+        elog(elog_fatal, nullptr, "main: setgroups(%s): %s", user, std::strerror(errno));
+    }
+    if (setgid(entry->pw_gid) != 0) {
+        elog(elog_fatal, nullptr, "main: setgid(%s): %s", user, std::strerror(errno));
+    }
+    if (setuid(entry->pw_uid) != 0) {
+        elog(elog_fatal, nullptr, "main: setuid(%s): %s", user, std::strerror(errno));
+    }
+}
+
+void install_signal_handlers() {
+    struct sigaction action {};
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+    action.sa_handler = signal_handler;
+    (void)sigaction(SIGCHLD, &action, nullptr);
+    (void)sigaction(SIGTERM, &action, nullptr);
+    (void)sigaction(SIGINT, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    (void)sigaction(SIGPIPE, &action, nullptr);
+}
+
+// An unprivileged daemon may not raise its hard limits; it then runs with what it has.
+void raise_limits() {
+    const rlimit descriptors = {.rlim_cur = descriptor_limit, .rlim_max = descriptor_limit};
+    const rlimit core_size = {.rlim_cur = RLIM_INFINITY, .rlim_max = RLIM_INFINITY};
+    (void)setrlimit(RLIMIT_NOFILE, &descriptors);
+    (void)setrlimit(RLIMIT_CORE, &core_size);
+}
+
+void write_pid_file(const shttpd_ctx* ctx) {
+    const char* path = ctx->pid_file.empty() ? paths.pid_file : ctx->pid_file.c_str();
+    std::FILE* file = std::fopen(path, "we");
+    if (file == nullptr) {
+        (void)std::fprintf(stderr, "Cannot open %s\n", path);
+        std::exit(EXIT_FAILURE);
+    }
+    (void)std::fprintf(file, "%d\n", static_cast<int>(getpid()));
+    (void)std::fclose(file);
+}
+
+void take_connections(shttpd_ctx* ctx) {
+    if (ctx->inetd_mode != 0) {
+        // The peer of an inetd service must not see the daemon's messages.
+        (void)!std::freopen("/dev/null", "a", stderr);
+        shttpd_add_socket(ctx, STDIN_FILENO, true, false);
+        return;
+    }
+    open_listening_ports(ctx);
+    write_pid_file(ctx);
+}
+
+// The handler of "/admin/lifecycle/stop".
+// Kept: the first call stops the CGI service only; the second one ends the process without an
+// answer, statistics or clean-up.
+void stop_server(shttpd_call_arg* arg) {
+    static bool stopped = false;
+    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
+        return;
+    }
+    if (stopped) {
+        _exit(EXIT_SUCCESS);
+    }
+    (void)stop_cgi_services();
+    (void)shttpd_printf(arg, "%s", "HTTP/1.1 200 OK\r\n\r\n");
+    (void)shttpd_printf(arg, "%s", "Success");
+    stopped = true;
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+// Kept: received megabytes are whole ones, sent megabytes keep their fraction.
+void log_statistics(const shttpd_ctx* ctx) {
+    elog(elog_info, nullptr, "%d requests %.2lf Mb in %.2lf Mb out. Exit on signal %d",
+         ctx->accepted_connections, static_cast<double>(ctx->bytes_in >> bytes_to_megabytes_shift),
+         static_cast<double>(ctx->bytes_out) * megabytes_per_byte, static_cast<int>(exit_flag));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    occupy_standard_descriptors();
+    (void)std::setlocale(LC_ALL, "");
+    current_time = std::time(nullptr);
+    read_arguments(argc, argv);
+    shttpd_ctx* ctx = init_from_argc_argv(config_file, argc, argv);
+    if (ctx == nullptr) {
+        elog(elog_fatal, nullptr, "Out of memory");
+    }
+    become_user(ctx->runtime_uid);
+    install_signal_handlers();
+    raise_limits();
+    take_connections(ctx);
+    elog(elog_info, nullptr, "dovmad %s started on port(s) %s, serving %s", daemon_version,
+         ctx->listen_ports.c_str(), ctx->document_root.c_str());
+    shttpd_register_uri(ctx, "/admin/lifecycle/stop", stop_server, nullptr);
+    (void)run_cgi_as_service(ctx, "HOBINTF", "hobintf");  // on failure it has logged the reason
+    while (exit_flag == 0) {
+        shttpd_poll(ctx, pass_wait_ms);
+    }
+    (void)stop_cgi_services();
+    log_statistics(ctx);
+    shttpd_fini(ctx);
+    return EXIT_SUCCESS;
+}
