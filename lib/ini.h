@@ -41,11 +41,11 @@ enum class parse_op {
 // What a hook is told: the operation and its arguments, null where it has none.
 struct parse_call {
     parse_op op;
-    parse_handle* handle;  // null for open, and in the leave call of close
-    const char* path;      // open only
-    const char* section;
-    const char* key;
-    const char* value;
+    parse_handle* handle = nullptr;  // null for open, and in the leave call of close
+    const char* path = nullptr;      // open only
+    const char* section = nullptr;
+    const char* key = nullptr;
+    const char* value = nullptr;
 };
 
 // Called around every public operation: enter before the lock is taken, leave just before it is

@@ -1,0 +1,110 @@
+#include "lib/replace_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "lib/on_exit.h"
+#include "lib/plat.h"
+#include "lib/unique_fd.h"
+
+namespace {
+
+constexpr mode_t new_file_mode = 0666;
+constexpr mode_t mode_bits = 07777;
+
+int write_all(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = ::write(fd, content.data(), content.size());
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+// The last way out, and the only one for a device: not safe against a kill.
+int overwrite(int fd, std::string_view content, bool regular) {
+    if (regular && ::ftruncate(fd, 0) != 0) {
+        return errno;
+    }
+    return write_all(fd, content);
+}
+
+// Gives a new file the owner and mode of the one it will replace. Owner first: changing it drops
+// the set-id bits.
+bool adopt(int fd, const struct stat& original) {
+    struct stat status;
+    if (::fstat(fd, &status) != 0) {
+        return false;
+    }
+    if ((status.st_uid != original.st_uid || status.st_gid != original.st_gid) &&
+        ::fchown(fd, original.st_uid, original.st_gid) != 0) {
+        return false;
+    }
+    return ::fchmod(fd, original.st_mode & mode_bits) == 0;
+}
+
+enum class outcome { replaced, failed, impossible };
+
+// Writes a second file beside `path` and renames it over. `failed` leaves errno-style `*error`: the
+// disk is full, and overwriting in place would lose the old content as well. `impossible`: the
+// directory or the owner does not allow a second file.
+outcome replace_by_rename(const std::string& path, const struct stat& original,
+                          std::string_view content, int* error) {
+    std::string temporary = path + ".XXXXXX";
+    unique_fd fd(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!fd) {
+        *error = errno;
+        return *error == ENOSPC || *error == EDQUOT ? outcome::failed : outcome::impossible;
+    }
+    exit_guard remove_temporary([&] { (void)::unlink(temporary.c_str()); });
+    if (!adopt(fd.get(), original)) {
+        return outcome::impossible;
+    }
+    *error = write_all(fd.get(), content);
+    if (*error == 0 && ::close(fd.release()) != 0) {
+        *error = errno;  // some file systems report a full disk only here
+    }
+    if (*error != 0) {
+        return outcome::failed;
+    }
+    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+        return outcome::impossible;  // a mount point, for one
+    }
+    remove_temporary.cancel();
+    return outcome::replaced;
+}
+
+}  // namespace
+
+int replace_file(const char* path, std::string_view content) noexcept {
+    const unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY, new_file_mode));
+    struct stat original;
+    if (!fd || ::fstat(fd.get(), &original) != 0) {
+        return errno;
+    }
+    const bool regular = S_ISREG(original.st_mode);
+    const qz_owned<char> resolved(regular ? ::realpath(path, nullptr) : nullptr);
+    if (resolved != nullptr) {
+        int error = 0;
+        switch (replace_by_rename(resolved.get(), original, content, &error)) {
+            case outcome::replaced:
+                return 0;
+            case outcome::failed:
+                return error;
+            case outcome::impossible:
+                break;
+        }
+    }
+    return overwrite(fd.get(), content, regular);
+}
