@@ -224,7 +224,7 @@ bool serve_file(conn* c, request_target& target) {
         send_server_error(c, 304, "Not Modified");
         return true;
     }
-    const int fd = open_regular_file(target.path.c_str(), &target.st);
+    const int fd = open_shared_file(target.path.c_str(), &target.st);
     if (fd < 0) {
         send_server_error(c, 500, "Internal Error");
         return true;

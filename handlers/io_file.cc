@@ -71,10 +71,75 @@ ssize_t write_file(stream* s, const void* buffer, std::size_t length) {
     return n;
 }
 
-void close_file(stream* s) {
-    if (s->channel.fd >= 0) {
-        (void)close(s->channel.fd);
+// --- Files kept open between requests ---
+
+// A descriptor that stays open for a moment after its last use. It is used again only for a path
+// whose status, asked for on every request, names the very same unchanged file; an open file's
+// identity can't be taken over by another one, and its bytes are read anew each time.
+struct open_file {
+    int fd = -1;
+    dev_t device = 0;
+    ino_t inode = 0;
+    timespec changed{};
+    int users = 0;
+    std::time_t last_used = 0;
+};
+
+constexpr std::size_t open_files_max = 16;
+constexpr std::time_t open_file_idle_s = 2;
+constinit std::array<open_file, open_files_max> open_files{};
+
+open_file* find_open_file(const struct stat& st) {
+    for (open_file& file : open_files) {
+        if (file.fd >= 0 && file.inode == st.st_ino && file.device == st.st_dev &&
+            file.changed.tv_sec == st.st_ctim.tv_sec &&
+            file.changed.tv_nsec == st.st_ctim.tv_nsec) {
+            return &file;
+        }
     }
+    return nullptr;
+}
+
+void forget_open_file(open_file* file) {
+    (void)close(file->fd);
+    *file = open_file();
+}
+
+// Keeps a freshly opened descriptor, in place of the one that has been idle for longest.
+void remember_open_file(int fd, const struct stat& st) {
+    open_file* place = nullptr;
+    for (open_file& file : open_files) {
+        if (file.users == 0 && (place == nullptr || file.last_used < place->last_used)) {
+            place = &file;
+        }
+    }
+    if (place == nullptr) {
+        return;  // all in use: this one is closed after its request
+    }
+    if (place->fd >= 0) {
+        forget_open_file(place);
+    }
+    *place = {.fd = fd,
+              .device = st.st_dev,
+              .inode = st.st_ino,
+              .changed = st.st_ctim,
+              .users = 1,
+              .last_used = current_time};
+}
+
+void close_file(stream* s) {
+    const int fd = s->channel.fd;
+    if (fd < 0) {
+        return;
+    }
+    for (open_file& file : open_files) {
+        if (file.fd == fd) {
+            --file.users;
+            file.last_used = current_time;
+            return;
+        }
+    }
+    (void)close(fd);
 }
 
 // --- Ranges ---
@@ -143,12 +208,29 @@ void format_http_date(std::time_t t, char* out) {
 
 int open_regular_file(const char* path, struct stat* st) {
     if (!S_ISREG(st->st_mode)) {
+        errno = EINVAL;
         return -1;
     }
     const int fd = my_open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0);
     if (fd >= 0 && (fstat(fd, st) != 0 || !S_ISREG(st->st_mode))) {
         (void)close(fd);
         return -1;
+    }
+    return fd;
+}
+
+int open_shared_file(const char* path, struct stat* st) {
+    if (open_file* file = find_open_file(*st); file != nullptr) {
+        ++file->users;
+        return file->fd;
+    }
+    int fd = open_regular_file(path, st);
+    if (fd < 0 && errno == EMFILE) {
+        drop_cached_files();
+        fd = open_regular_file(path, st);
+    }
+    if (fd >= 0) {
+        remember_open_file(fd, *st);
     }
     return fd;
 }
@@ -223,6 +305,23 @@ bool receive_file(conn* c, const char* path) {
     return true;
 }
 
-void drop_cached_files() {}
+void drop_cached_files() {
+    for (open_file& file : open_files) {
+        if (file.fd >= 0 && file.users == 0) {
+            forget_open_file(&file);
+        }
+    }
+}
 
-void close_idle_files() {}
+void close_idle_files() {
+    static std::time_t last_check = 0;
+    if (last_check == current_time) {
+        return;
+    }
+    last_check = current_time;
+    for (open_file& file : open_files) {
+        if (file.fd >= 0 && file.users == 0 && current_time - file.last_used > open_file_idle_s) {
+            forget_open_file(&file);
+        }
+    }
+}

@@ -11,6 +11,10 @@
 // moment ago; it is refreshed from the descriptor. Returns the descriptor, -1 for anything else.
 int open_regular_file(const char* path, struct stat* st);
 
+// The same for a file stream, which may share the descriptor with other requests for the same
+// unchanged file; only the class io_file may close it.
+int open_shared_file(const char* path, struct stat* st);
+
 // Answers GET and HEAD with the file that stands open in the local stream's channel (class io_file
 // installed), whose status is `st`: headers, entity tag, dates, at most one byte range.
 void get_file(conn* c, const struct stat* st);

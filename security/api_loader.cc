@@ -1,0 +1,437 @@
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "security/api.h"
+#include "security/api_debug.h"
+#include "security/api_monitor.h"
+#include "security/api_state.h"
+#include "security/at_osf.h"
+#include "security/at_symbols.h"
+
+namespace {
+
+constexpr const char* library_template = "/opt/MOLBat/lib//libmolbat4L_t.so";
+constexpr std::size_t path_bytes_max = 2048;
+constexpr int tolerated_symbols = 100;
+
+struct symbol_row {
+    const char* name;
+    std::atomic<void*> address{nullptr};
+};
+
+#define MOLBAT_ROW(index, name, kind) {#name},
+std::array<symbol_row, api_index_max + 2> symtab = {{MOLBAT_ENTRY_POINTS(MOLBAT_ROW){nullptr}}};
+#undef MOLBAT_ROW
+
+struct api_version {
+    int major;
+    int minor;
+    int highest_index;
+};
+
+constexpr std::array<api_version, 7> static_apitab = {{
+    {4, 1, 100},
+    {4, 2, 103},
+    {4, 3, 111},
+    {4, 4, 116},
+    {5, 0, 130},
+    {5, 1, 134},
+    {6, 0, 174},
+}};
+
+using control_function = std::uint32_t (*)(const char*, void*);
+
+struct loader_state {
+    std::atomic<void*> handle{nullptr};
+    void* admin_handle = nullptr;  // cleared on unload, never set
+    control_function autoloader = nullptr;
+    std::atomic<int> load_count{0};
+    int highest = -1;
+    char* g_zel_home_dir = nullptr;
+};
+
+loader_state state;
+pthread_once_t api_once = PTHREAD_ONCE_INIT;
+
+std::FILE* debug_stream = nullptr;
+int debug_level_wanted = 0;
+
+const char* last_dl_error() {
+    const char* text = dlerror();
+    return text != nullptr ? text : "";
+}
+
+bool is_set(const char* text) {
+    return text != nullptr && *text != '\0';
+}
+
+const api_version* find_version(int major, int minor) {
+    for (const api_version& row : static_apitab) {
+        if (row.major == major && row.minor == minor) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+// The minors listed for a major are contiguous.
+void truncate_version(molb_version* version) {
+    if (version->major < static_apitab.front().major ||
+        version->major > static_apitab.back().major) {
+        debug(2, "autoloader 'Load'; unknown major version %d; truncating to %d\n", version->major,
+              static_apitab.back().major);
+        version->major = static_apitab.back().major;
+    }
+    int largest = -1;
+    for (const api_version& row : static_apitab) {
+        largest = row.major == version->major ? row.minor : largest;
+    }
+    if (find_version(version->major, version->minor) == nullptr) {
+        debug(2, "autoloader 'Load'; unknown minor version %d; truncating to %d\n", version->minor,
+              largest);
+        version->minor = largest;
+    }
+}
+
+// A library without the newest symbols is good enough for a caller that asks for no version.
+bool tolerable(std::uint32_t result, const molb_version* version) {
+    return result == at_not_available && version == nullptr &&
+           state.highest + 1 > tolerated_symbols;
+}
+
+std::uint32_t load_more(const molb_version* version, int wanted) {
+    std::uint32_t result = at_ok;
+    if (wanted > state.highest) {
+        result = molbatLoadSymbols(state.handle, state.highest + 1, wanted);
+        if (tolerable(result, version)) {
+            result = at_ok;
+        }
+    }
+    if (result == at_ok) {
+        ++state.load_count;
+        debug(2, "molbatLibraryLoad: load count now %d\n", state.load_count.load());
+        debug(2, "molbatLibraryLoad: current symbol count %d\n", state.highest + 1);
+    }
+    return result;
+}
+
+// Opens the library's file and finds its loader entry; both stay known after an unload.
+std::uint32_t find_autoloader(const molb_init* specification) {
+    if (state.autoloader != nullptr) {
+        return at_ok;
+    }
+    std::array<char, path_bytes_max> path{};
+    std::uint32_t error = at_ok;
+    if (tpk_method_make_path_ex(0, library_template, specification, path.size(), path.data(),
+                                &error) == 0) {
+        debug(1, "make_path(%s): %d\n", library_template, static_cast<int>(error));
+        return error;
+    }
+    debug(3, "molbatLibraryLoad: loading %s\n", path.data());
+    void* file = dlopen(path.data(), RTLD_NOW | RTLD_GLOBAL);
+    if (file == nullptr) {
+        debug(1, "dlopen(%s) failed: %s\n", path.data(), last_dl_error());
+        return at_not_available;
+    }
+    void* entry = dlsym(file, "molbatLibraryControl");
+    if (entry == nullptr) {
+        debug(1, "dlsym(%s) failed: %s\n", "molbatLibraryControl", last_dl_error());
+        return at_not_available;
+    }
+    state.autoloader = reinterpret_cast<control_function>(entry);
+    return at_ok;
+}
+
+std::uint32_t call_autoloader(const molb_init* specification) {
+    debug(3, "molbatLibraryLoad: calling autoloader 'Load'\n");
+    char* command = makeLoadCmd(specification);
+    if (command == nullptr) {
+        return at_no_memory;
+    }
+    void* handle = nullptr;
+    const std::uint32_t result = state.autoloader(command, static_cast<void*>(&handle));
+    std::free(command);
+    if (result != at_ok || handle == nullptr) {
+        debug(1, "autoloader 'Load' failed: %d\n", static_cast<int>(result));
+        return result != at_ok ? result : std::uint32_t{at_not_available};
+    }
+    state.handle = handle;
+    state.load_count = 1;
+    return at_ok;
+}
+
+std::uint32_t first_load(const molb_version* version, const molb_version& used, int wanted,
+                         const molb_init* specification) {
+    std::uint32_t result = find_autoloader(specification);
+    if (result == at_ok) {
+        result = call_autoloader(specification);
+    }
+    if (result != at_ok) {
+        return result;
+    }
+    debug(3, "molbatLibraryLoad: Loading API version %d.%d\n", used.major, used.minor);
+    result = molbatLoadSymbols(state.handle, 0, wanted);
+    if (result != at_ok && !tolerable(result, version)) {
+        molbatLibraryUnload();
+        return result;
+    }
+    return at_ok;
+}
+
+void remember_home(const molb_init* init) {
+    if (state.g_zel_home_dir != nullptr) {
+        return;
+    }
+    const char* home = init != nullptr && is_set(init->home) ? init->home : nullptr;
+    if (home == nullptr && is_set(std::getenv("ZEL_HOME_DIR"))) {
+        home = std::getenv("ZEL_HOME_DIR");
+    }
+    state.g_zel_home_dir = home != nullptr ? strdup(home) : nullptr;
+}
+
+std::uint32_t call_library_init(const molb_version* version, void** handle,
+                                const molb_init& specification, std::uintptr_t a, std::uintptr_t b,
+                                std::uintptr_t c) {
+    if (void* address = molbatGetSymbol(170, "molbAtInitEx"); address != nullptr) {
+        debug_call("molbAtInitEx");
+        return reinterpret_cast<decltype(&molbAtInitEx)>(address)(version, handle, &specification,
+                                                                  a, b, c);
+    }
+    if (void* address = molbatGetSymbol(0, "molbAtInit"); address != nullptr) {
+        debug_call("molbAtInit");
+        return reinterpret_cast<decltype(&molbAtInit)>(address)(version, handle);
+    }
+    return at_not_available;
+}
+
+}  // namespace
+
+void debug_configure() {
+    const char* level = std::getenv("MOLBat_API_DEBUG_LEVEL");
+    debug_level_wanted = level != nullptr ? static_cast<int>(std::strtol(level, nullptr, 10)) : 0;
+    debug_stream = stdout;
+    const char* file = std::getenv("MOLBat_API_DEBUG_FILE");
+    if (debug_level_wanted != 0 && file != nullptr) {
+        std::FILE* opened = nullptr;
+        if (at_os_fopen_nr(file, "ab", &opened) == 0) {
+            debug_stream = opened;
+        }
+    }
+}
+
+void debug(debug_level level, const char* format, ...) {
+    if (debug_level_wanted < level.level || debug_stream == nullptr) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    (void)std::fprintf(debug_stream, "api(%d) ", level.line);
+    (void)std::vfprintf(debug_stream, format, args);
+    (void)std::fflush(debug_stream);
+    va_end(args);
+}
+
+void debug_call(const char* name) {
+    if (debug_level_wanted >= 4 && debug_stream != nullptr) {
+        (void)std::fprintf(debug_stream, "Calling %s\n", name);
+        (void)std::fflush(debug_stream);
+    }
+}
+
+void molbatOnceInit() {
+    debug_configure();
+    at_check(api_mon.m_initialized == TPK_False, "(&api_mon)->m_initialized == TPK_False");
+    monitor_init(&api_mon);
+}
+
+void run_once_init() {
+    (void)pthread_once(&api_once, molbatOnceInit);
+}
+
+api_status molbat_status() {
+    return {.load_count = state.load_count,
+            .highest = state.highest,
+            .loaded = state.handle.load() != nullptr};
+}
+
+char* makeLoadCmd(const molb_init* specification) {
+    std::string command = "Load";
+    if (specification != nullptr) {
+        command += "|";
+        command += specification->home != nullptr ? specification->home : "";
+        if (is_set(specification->library_path)) {
+            command += "|";
+            command += specification->library_path;
+        }
+    }
+    return strdup(command.c_str());
+}
+
+int molbat_negotiate(const molb_version* version, molb_version* used) {
+    *used = {.major = static_apitab.back().major, .minor = static_apitab.back().minor};
+    if (version == nullptr) {
+        return api_index_max;
+    }
+    *used = *version;
+    truncate_version(used);
+    const api_version* row = find_version(used->major, used->minor);
+    if (row == nullptr) {
+        debug(2, "autoloader 'Load'; unknown version %d.%d; allowed upto %d.%d\n", used->major,
+              used->minor, static_apitab.back().major, static_apitab.back().minor);
+        return -1;
+    }
+    return row->highest_index;
+}
+
+void* molbatGetSymbol(int index, const char* name) {
+    if (index < 0 || index > api_index_max) {
+        return nullptr;
+    }
+    symbol_row& row = symtab[static_cast<std::size_t>(index)];
+    if (void* known = row.address; known != nullptr) {
+        return known;
+    }
+    if (std::strcmp(name, row.name) != 0 || state.handle == nullptr) {
+        return nullptr;
+    }
+    void* address = dlsym(state.handle, name);
+    if (address == nullptr) {
+        debug(1, "dlsym(%s) failed: %s\n", name, last_dl_error());
+        return nullptr;
+    }
+    (void)pthread_mutex_lock(&api_mon.mutex);
+    row.address = address;
+    (void)pthread_mutex_unlock(&api_mon.mutex);
+    debug(4, "symbol %d (%s) => 0x%x\n", index, name,
+          static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address)));
+    return address;
+}
+
+std::uint32_t molbatLoadSymbols(void* handle, int first, int last) {
+    if (first < 0 || last > api_index_max || first > last) {
+        debug(1, "molbatLoadSymbols; Error : invalid range %d..%d; max allowed %d\n", first, last,
+              api_index_max);
+        return at_invalid_argument;
+    }
+    if (handle == nullptr) {
+        debug(1, "molbatLoadSymbols: Error : Invalid API DLL handle !!!!\n");
+        return at_invalid_argument;
+    }
+    std::uint32_t result = at_ok;
+    for (int index = first; index <= last && result == at_ok; ++index) {
+        symbol_row& row = symtab[static_cast<std::size_t>(index)];
+        if (row.address == nullptr) {
+            row.address = dlsym(handle, row.name);
+        }
+        if (row.address == nullptr) {
+            debug(1, "dlsym(%s) failed: %s\n", row.name, last_dl_error());
+            result = at_not_available;
+        } else {
+            state.highest = index > state.highest ? index : state.highest;
+            debug(4, "symbol %d (%s) => 0x%x\n", index, row.name,
+                  static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(row.address.load())));
+        }
+    }
+    debug(2, "molbatLoadSymbols: rc %d; current max api index %d\n", static_cast<int>(result),
+          state.highest);
+    return result;
+}
+
+std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* specification) {
+    molb_init completed{};
+    if (specification != nullptr) {
+        completed = *specification;
+        if (!is_set(completed.home)) {
+            completed.home = state.g_zel_home_dir;
+        }
+        specification = &completed;
+    }
+    molb_version used{};
+    const int wanted = molbat_negotiate(version, &used);
+    if (wanted < 0) {
+        return at_invalid_argument;
+    }
+    return state.load_count > 0 ? load_more(version, wanted)
+                                : first_load(version, used, wanted, specification);
+}
+
+void molbatLibraryUnload() {
+    if (state.load_count > 1) {
+        --state.load_count;
+        debug(2, "molbatLibraryUnload: load count now %d\n", state.load_count.load());
+        return;
+    }
+    if (state.load_count == 1) {
+        state.load_count = 0;
+        debug(1, "molbatLibraryUnload: unloading the API DLL\n");
+        (void)state.autoloader("Unload", state.handle);
+    }
+    debug(1, "molbatLibraryUnload: destroying the symbol table\n");
+    state.handle = nullptr;
+    state.admin_handle = nullptr;
+    state.highest = -1;
+    for (symbol_row& row : symtab) {
+        row.address = nullptr;
+    }
+    std::free(state.g_zel_home_dir);
+    state.g_zel_home_dir = nullptr;
+}
+
+std::uint32_t molbAtInit_S(const molb_version* version, void** handle, const molb_init* init,
+                           std::uintptr_t a, std::uintptr_t b, std::uintptr_t c) {
+    run_once_init();
+    const write_lock_guard lock(&api_mon);
+    debug(1, "AtInit version {%d,%d}\n", version != nullptr ? version->major : 0,
+          version != nullptr ? version->minor : 0);
+    remember_home(init);
+    molb_init specification = init != nullptr ? *init : molb_init{};
+    specification.home = state.g_zel_home_dir;
+    const bool has_home = init != nullptr && is_set(init->home);
+    std::uint32_t result = molbatLibraryLoad(version, has_home ? &specification : nullptr);
+    if (result != at_ok) {
+        debug(1, "molbAtInit(S): load failed %d\n", static_cast<int>(result));
+        return result;
+    }
+    result = call_library_init(version, handle, specification, a, b, c);
+    if (result != at_ok) {
+        molbatLibraryUnload();
+        debug(1, "molbAtInit(S): initialize failed %d\n", static_cast<int>(result));
+    }
+    return result;
+}
+
+std::uint32_t molbAtInit(const molb_version* version, void** handle) {
+    return molbAtInit_S(version, handle, nullptr, 0, 0, 0);
+}
+
+std::uint32_t molbAtInitEx(const molb_version* version, void** handle, const molb_init* init,
+                           std::uintptr_t a, std::uintptr_t b, std::uintptr_t c) {
+    return molbAtInit_S(version, handle, init, a, b, c);
+}
+
+std::uint32_t molbAtTerminate(void* handle) {
+    if (handle == nullptr) {
+        return at_ok;
+    }
+    run_once_init();
+    const write_lock_guard lock(&api_mon);
+    if (state.handle == nullptr) {
+        return at_not_available;
+    }
+    if (void* address = molbatGetSymbol(1, "molbAtTerminate"); address != nullptr) {
+        const std::uint32_t result = reinterpret_cast<decltype(&molbAtTerminate)>(address)(handle);
+        if (result != at_ok) {
+            debug(1, "molbAtTerminate(S): uninitialize failed %d\n", static_cast<int>(result));
+        }
+    }
+    molbatLibraryUnload();
+    return at_ok;
+}

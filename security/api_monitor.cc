@@ -1,0 +1,95 @@
+#include "security/api_monitor.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+api_monitor api_mon;
+
+void at_check(bool holds, const char* expression, const char* function) {
+    if (!holds) {
+        (void)std::fprintf(stderr, "Assertion failed: %s, file api, function %s\n", expression,
+                           function);
+        std::abort();
+    }
+}
+
+void monitor_init(api_monitor* monitor) {
+    if (pthread_mutex_init(&monitor->mutex, nullptr) != 0) {
+        return;
+    }
+    if (pthread_cond_init(&monitor->wake, nullptr) != 0) {
+        (void)pthread_mutex_destroy(&monitor->mutex);
+        return;
+    }
+    if (pthread_cond_init(&monitor->spare, nullptr) != 0) {
+        (void)pthread_cond_destroy(&monitor->wake);
+        (void)pthread_mutex_destroy(&monitor->mutex);
+        return;
+    }
+    monitor->m_num_readers = 0;
+    monitor->m_lock_type = Mon_NoLock;
+    monitor->m_queued_writers = 0;
+    monitor->m_initialized = TPK_True;
+}
+
+lock_result monitor_write_lock(api_monitor* monitor) {
+    at_check(monitor->m_initialized == TPK_True, "(&api_mon)->m_initialized == TPK_True");
+    (void)pthread_mutex_lock(&monitor->mutex);
+    ++monitor->m_queued_writers;
+    while (monitor->m_lock_type != Mon_NoLock) {
+        if (pthread_cond_wait(&monitor->wake, &monitor->mutex) != 0) {
+            --monitor->m_queued_writers;
+            (void)pthread_mutex_unlock(&monitor->mutex);
+            return lock_result::not_taken;
+        }
+    }
+    --monitor->m_queued_writers;
+    at_check(monitor->m_lock_type == Mon_NoLock, "(&api_mon)->m_lock_type == Mon_NoLock");
+    at_check(monitor->m_num_readers == 0, "(&api_mon)->m_num_readers == 0");
+    monitor->m_lock_type = Mon_WriteLocked;
+    monitor->writer = pthread_self();
+    (void)pthread_mutex_unlock(&monitor->mutex);
+    return lock_result::taken;
+}
+
+lock_result monitor_read_lock(api_monitor* monitor) {
+    at_check(monitor->m_initialized == TPK_True, "(&api_mon)->m_initialized == TPK_True");
+    (void)pthread_mutex_lock(&monitor->mutex);
+    at_check(monitor->m_queued_writers >= 0, "(&api_mon)->m_queued_writers >= 0");
+    if (monitor->m_lock_type == Mon_WriteLocked &&
+        pthread_equal(monitor->writer, pthread_self()) != 0) {
+        (void)pthread_mutex_unlock(&monitor->mutex);
+        return lock_result::own_writer;
+    }
+    while (monitor->m_lock_type == Mon_WriteLocked || monitor->m_queued_writers > 0) {
+        if (pthread_cond_wait(&monitor->wake, &monitor->mutex) != 0) {
+            (void)pthread_mutex_unlock(&monitor->mutex);
+            return lock_result::not_taken;
+        }
+    }
+    at_check(monitor->m_lock_type != Mon_WriteLocked, "(&api_mon)->m_lock_type != Mon_WriteLocked");
+    at_check(monitor->m_queued_writers == 0, "(&api_mon)->m_queued_writers == 0");
+    monitor->m_lock_type = Mon_ReadLocked;
+    ++monitor->m_num_readers;
+    (void)pthread_mutex_unlock(&monitor->mutex);
+    return lock_result::taken;
+}
+
+void monitor_release(api_monitor* monitor) {
+    at_check(monitor->m_initialized == TPK_True, "(&api_mon)->m_initialized == TPK_True");
+    (void)pthread_mutex_lock(&monitor->mutex);
+    at_check(monitor->m_lock_type != Mon_NoLock, "(&api_mon)->m_lock_type != Mon_NoLock");
+    if (monitor->m_lock_type == Mon_ReadLocked) {
+        at_check(monitor->m_num_readers > 0, "(&api_mon)->m_num_readers > 0");
+        if (--monitor->m_num_readers == 0) {
+            monitor->m_lock_type = Mon_NoLock;
+        }
+    } else {
+        at_check(monitor->m_num_readers == 0, "(&api_mon)->m_num_readers == 0");
+        monitor->m_lock_type = Mon_NoLock;
+    }
+    if (monitor->m_lock_type == Mon_NoLock) {
+        (void)pthread_cond_broadcast(&monitor->wake);
+    }
+    (void)pthread_mutex_unlock(&monitor->mutex);
+}
