@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <clocale>
 #include <cstdarg>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <new>
 
 #include "core/compat_unix.h"
@@ -23,8 +25,9 @@
 #include "lib/ini.h"
 #include "lib/plat.h"
 #include "sched/sched.h"
-#include "security/api.h"
+#include "security/at_types.h"
 #include "security/authz.h"
+#include "security/tpk_make_path.h"
 
 namespace {
 
