@@ -1,0 +1,242 @@
+"""Who is calling: Basic logins over plain and TLS connections, client certificates, and callers
+who only look like somebody."""
+
+import os
+import socket
+import ssl
+import struct
+
+import pytest
+
+from rights_support import (Authority, add_user, basic, full_name, grant, make_role_folders,
+                            qualifier, root_login)
+
+PAGE = (
+    "<html><head> <title>401 Authorization Required</title> </head><body> "
+    "<h1>Authorization Required</h1> <p>This server could not verify that you are authorized to "
+    "access the document requested.  Either you supplied the wrong credentials (e.g., bad "
+    "password), or your browser doesn't understand how to supply the credentials required.</p> "
+    "</body></html>\r\n").encode()
+
+
+@pytest.fixture(name="daemon")
+def make_guarded_daemon(make_daemon):
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+    add_user(daemon, "alice", "wonder")
+    return daemon
+
+
+def tls_socket(daemon, certificate=None):
+    context = ssl.create_default_context(cafile=str(daemon.ca))
+    if certificate:
+        context.load_cert_chain(*certificate)
+    sock = context.wrap_socket(daemon.connect(daemon.tls_port), server_hostname="localhost")
+    sock.settimeout(20)
+    return sock
+
+
+def read_until(sock, what):
+    received = b""
+    while what not in received:
+        chunk = sock.recv(65536)
+        if not chunk:
+            break
+        received += chunk
+    return received
+
+
+def get(path, login=None):
+    lines = [f"GET {path} HTTP/1.1", "Host: localhost"]
+    if login is not None:
+        lines.append(f"Authorization: {basic(login)}")
+    return ("\r\n".join(lines) + "\r\n\r\n").encode()
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_strangers_are_asked_for_a_login(daemon, tls):
+    reply = daemon.request("GET", "/pub/f.txt", tls=tls)
+    assert len(PAGE) == 351
+    assert reply.raw == (
+        b"HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"" +
+        socket.gethostname().encode() + b"\"\r\n\r\n " + PAGE)
+    for login in ("alice:wrong", "nobody:wonder", "alice", "NOWHERE\\alice:wonder", ":", "\\:",
+                  "\\alice:wonder", "alice\0:wonder"):
+        assert daemon.request("GET", "/pub/f.txt", user=login, tls=tls).status == 401, login
+    for login in ("alice:wonder", "local\\alice:wonder", root_login(daemon)):
+        assert daemon.request("GET", "/pub/f.txt", user=login, tls=tls).text == "root pub\n"
+    assert daemon.request("GET", "/operator/f.txt", user="alice:wonder", tls=tls).raw == \
+        b"HTTP/1.1 403 Forbidden\r\n\r\n403 Forbidden"
+
+
+def test_the_realm_is_an_option(make_daemon):
+    daemon = make_daemon(auth=True, auth_realm="engine-room")
+    assert daemon.request("GET", "/").header("WWW-Authenticate") == 'Basic realm="engine-room"'
+
+
+def test_logins_of_more_than_64_characters_are_refused(daemon):
+    def status(value):
+        return daemon.request("GET", "/pub/f.txt", headers={"Authorization": value}).status
+    value = basic("alice:wonder")
+    assert status(value.ljust(64)) == 200
+    assert status(value.ljust(65)) == 401
+    assert status(value.lower().replace("basic", "BASIC")) == 401, "the login itself has case"
+    assert status(value.replace("Basic", "bAsIC")) == 200
+
+
+def test_everything_below_world_is_open(daemon):
+    (daemon.root / "world").mkdir()
+    (daemon.root / "world" / "news.txt").write_text("news")
+    assert daemon.request("GET", "/world/news.txt", tls=True).text == "news"
+    assert daemon.request("GET", "/wor/x").status == 404
+    assert daemon.request("GET", "/worlds/x").status == 401
+    assert daemon.request("GET", "/World/news.txt").status == 401
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_a_login_holds_for_its_connection(daemon, tls):
+    with tls_socket(daemon) if tls else daemon.connect() as sock:
+        sock.settimeout(20)
+        sock.sendall(get("/pub/f.txt", "alice:wonder"))
+        assert b" 200 OK" in read_until(sock, b"root pub\n")
+        sock.sendall(get("/pub/f.txt"))
+        assert b" 200 OK" in read_until(sock, b"root pub\n")
+        sock.sendall(get("/pub/f.txt", root_login(daemon)))
+        assert b" 200 OK" in read_until(sock, b"root pub\n")
+        sock.sendall(get("/admin/f.txt", root_login(daemon)))
+        assert b" 403 Forbidden" in read_until(sock, b"403 Forbidden"), "still alice"
+    assert daemon.request("GET", "/pub/f.txt", tls=tls).status == 401
+
+
+def test_a_refused_post_does_not_lose_its_answer(daemon):
+    reply = daemon.request("POST", "/admin/security/grant", body=b"x" * 300000)
+    assert reply.status == 401
+    reply = daemon.request("POST", "/admin/security/grant", body=b"x" * 300000, tls=True)
+    assert reply.status == 401
+
+
+def test_without_authentication_everybody_may_do_everything(make_daemon):
+    daemon = make_daemon(auth=False)
+    make_role_folders(daemon.root)
+    for tls in (False, True):
+        assert daemon.request("GET", "/admin/f.txt", tls=tls).status == 200
+        assert daemon.request("GET", "/admin/security/get_admin_group", tls=tls).text == "root\n"
+
+
+def test_a_request_in_one_record_is_served_whatever_the_buffer_holds(make_daemon):
+    daemon = make_daemon(auth=True, io_buf_size=2048)
+    make_role_folders(daemon.root)
+    body = os.urandom(9000)
+    head = (f"PUT /admin/upload HTTP/1.1\r\nAuthorization: {basic(root_login(daemon))}\r\n"
+            f"Content-Length: {len(body)}\r\n\r\n").encode()
+    with tls_socket(daemon) as sock:
+        sock.sendall(head + body)
+        assert b"HTTP/1.1 20" in read_until(sock, b"\r\n\r\n")
+    assert (daemon.root / "admin" / "upload").read_bytes() == body
+
+
+def test_pipelined_requests_in_one_record(daemon):
+    login = "alice:wonder"
+    with tls_socket(daemon) as sock:
+        sock.sendall(get("/pub/f.txt", login) * 20 + get("/operator/f.txt"))
+        received = read_until(sock, b"403 Forbidden\r\n\r\n403 Forbidden")
+    assert received.count(b"root pub\n") == 20
+
+
+# --- Secure channels that come to nothing ---
+
+def test_broken_handshakes_are_dropped_without_an_answer(daemon):
+    assert daemon.raw(b"GET / HTTP/1.1\r\n\r\n", port=daemon.tls_port) == b""
+    assert daemon.raw(os.urandom(500), port=daemon.tls_port)[:4] != b"HTTP"
+    before = daemon.fd_count()
+    for _ in range(20):
+        with daemon.connect(daemon.tls_port) as sock:
+            sock.sendall(b"\x16\x03\x01")  # half a record, then a reset
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    assert daemon.request("GET", "/world/ping", tls=True).status == 200
+    assert daemon.fd_count() <= before + 1
+
+
+def test_a_slow_handshake_keeps_nobody_waiting(daemon):
+    context = ssl.create_default_context(cafile=str(daemon.ca))
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    client = context.wrap_bio(incoming, outgoing, server_hostname="localhost")
+    with daemon.connect(daemon.tls_port) as sock:
+        sock.settimeout(20)
+        with pytest.raises(ssl.SSLWantReadError):
+            client.do_handshake()
+        for byte in outgoing.read():
+            sock.sendall(bytes([byte]))
+        assert daemon.request("GET", "/world/ping", tls=True).status == 200
+        done = False
+        while not done:
+            incoming.write(sock.recv(65536))
+            try:
+                client.do_handshake()
+                done = True
+            except ssl.SSLWantReadError:
+                pass
+        client.write(get("/world/ping"))
+        sock.sendall(outgoing.read())  # the last flight and the request in one packet
+        answer = b""
+        while b"200 OK" not in answer:
+            incoming.write(sock.recv(65536))
+            try:
+                answer += client.read(65536)
+            except ssl.SSLWantReadError:
+                pass
+
+
+# --- Client certificates ---
+
+@pytest.fixture(name="certified")
+def make_certified(daemon, tmp_path):
+    """The daemon with an authority whose certificates name users."""
+    authority = Authority(tmp_path / "ca", "Test CA")
+    (daemon.ca.parent / "client_ca.pem").write_text(authority.certificate.read_text())
+    daemon.restart()
+    return daemon, authority
+
+
+def cert_get(daemon, path, certificate=None, login=None):
+    with tls_socket(daemon, certificate) as sock:
+        sock.sendall(get(path, login))
+        return sock.recv(4096).split(b"\r\n")[0]
+
+
+def test_certificates_name_users(certified):
+    daemon, authority = certified
+    alice = authority.issue("alice")
+    assert cert_get(daemon, "/pub/f.txt", alice) == b"HTTP/1.1 200 OK"
+    assert cert_get(daemon, "/operator/f.txt", alice) == b"HTTP/1.1 403 Forbidden"
+    grant(daemon, full_name(daemon, "alice", "cert"), "operator")
+    assert cert_get(daemon, "/operator/f.txt", alice) == b"HTTP/1.1 200 OK"
+    line = f"alice@cert.{qualifier(daemon, 'cert')}:user\n"
+    assert (daemon.root / "operator" / ".dovmaaccess").read_text() == line
+    assert cert_get(daemon, "/operator/f.txt", None, "alice:wonder") == \
+        b"HTTP/1.1 403 Forbidden", "a password user of the same name is somebody else"
+    assert cert_get(daemon, "/operator/f.txt", alice, root_login(daemon)) == b"HTTP/1.1 200 OK"
+    assert cert_get(daemon, "/admin/f.txt", alice, root_login(daemon)) == \
+        b"HTTP/1.1 403 Forbidden", "the certificate counts, not the header"
+
+
+def test_a_certificate_for_root_is_no_administrator(certified):
+    daemon, authority = certified
+    assert cert_get(daemon, "/admin/f.txt", authority.issue("root")) == b"HTTP/1.1 403 Forbidden"
+
+
+def test_without_a_certificate_the_password_still_counts(certified):
+    daemon, _ = certified
+    assert cert_get(daemon, "/pub/f.txt") == b"HTTP/1.1 401 Unauthorized"
+    assert cert_get(daemon, "/pub/f.txt", None, "alice:wonder") == b"HTTP/1.1 200 OK"
+
+
+def test_strange_certificates_get_no_answer(certified, tmp_path):
+    daemon, authority = certified
+    stranger = Authority(tmp_path / "other", "Other CA").issue("alice")
+    for certificate in (stranger, authority.issue("no user name")):
+        with pytest.raises(OSError):
+            answer = cert_get(daemon, "/world/ping", certificate)
+            assert answer == b"", answer
+            raise ConnectionResetError
+    assert daemon.request("GET", "/world/ping", tls=True).status == 200

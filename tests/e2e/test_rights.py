@@ -1,0 +1,413 @@
+"""Who may do what: roles, namespaces and access files, as an administrator works with them."""
+
+import grp
+import http.client
+import os
+import pwd
+import socket
+import ssl
+import time
+
+import pytest
+
+from kill_rights import kill_during_rewrites
+from rights_support import (ROLES, add_user, basic, change, deny, full_name, grant,
+                            make_role_folders, root_login)
+
+ALICE = "alice:wonder"
+BOB = "bob:builder"
+
+
+@pytest.fixture(name="daemon")
+def make_guarded_daemon(make_daemon):
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+    add_user(daemon, "alice", "wonder")
+    add_user(daemon, "bob", "builder")
+    return daemon
+
+
+@pytest.fixture(name="spaces")
+def make_daemon_with_namespaces(make_daemon, tmp_path):
+    """A daemon with the namespaces one and two; daemon.one and daemon.two are their roots."""
+    one, two = tmp_path / "one", tmp_path / "two"
+    for folder in (one, two):
+        make_role_folders(folder)
+    daemon = make_daemon(auth=True, namespaces=f"one={one}, two={two}")
+    make_role_folders(daemon.root)
+    daemon.one, daemon.two = one, two
+    add_user(daemon, "alice", "wonder")
+    add_user(daemon, "bob", "builder")
+    return daemon
+
+
+def access_file(root, role):
+    path = root / role / ".dovmaaccess"
+    return path.read_text() if path.exists() else None
+
+
+def status(daemon, path, login, **kwargs):
+    return daemon.request("GET", path, user=login, **kwargs).status
+
+
+def edit(root, role, text):
+    """Edits an access file by hand, at a time that the daemon has not seen."""
+    path = root / role / ".dovmaaccess"
+    before = path.stat().st_mtime if path.exists() else time.time()
+    path.write_text(text)
+    os.utime(path, (before + 2, before + 2))
+
+
+def role_of(segment):
+    """The role that a first path segment asks for."""
+    if segment and "world".startswith(segment):
+        return "world"
+    return next((r for r in ("admin", "operator", "pub", "agent") if r.startswith(segment)),
+                "admin")
+
+
+# --- Grant, deny, demote ---
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_a_user_is_promoted_and_demoted(daemon, tls):
+    alice = full_name(daemon, "alice")
+
+    def roles():
+        return [r for r in ROLES if status(daemon, f"/{r}/f.txt", ALICE, tls=tls) == 200]
+
+    assert roles() == ["pub"]
+    grant(daemon, alice, "operator", tls=tls)
+    assert roles() == ["pub", "operator"]
+    assert access_file(daemon.root, "operator") == f"{alice}:user\n"
+    grant(daemon, alice, "agent", tls=tls)
+    assert roles() == ["pub", "operator", "agent"]
+    grant(daemon, alice, "admin", tls=tls)
+    assert roles() == list(ROLES)
+    assert [access_file(daemon.root, r) for r in ("operator", "agent", "admin")] == \
+        ["", "", f"{alice}:user\n"], "admin includes the others, which are given up"
+    grant(daemon, alice, "operator", tls=tls)
+    assert access_file(daemon.root, "operator") == "", "nothing to add for an administrator"
+    deny(daemon, alice, "admin", tls=tls)
+    assert roles() == ["pub"]
+    deny(daemon, alice, "pub", tls=tls)
+    assert roles() == ["pub"], "every user holds pub"
+    assert status(daemon, "/operator/f.txt", BOB, tls=tls) == 403
+
+
+def test_rights_follow_from_one_role_for_every_spelling(daemon):
+    grant(daemon, full_name(daemon, "alice"), "agent")
+    grant(daemon, full_name(daemon, "bob"), "operator")
+    allowed = {"alice": ("world", "pub", "agent"), "bob": ("world", "pub", "operator")}
+    segments = {role[:n] for role in (*ROLES, "world") for n in range(1, len(role) + 1)}
+    segments |= {"", "foo", "agents", "operators", "worlds", "PUB", "Agent"}
+    for segment in sorted(segments):
+        for login in (ALICE, BOB):
+            reply = daemon.request("GET", f"/{segment}/nothing-here", user=login)
+            permitted = role_of(segment) in allowed[login.split(":")[0]]
+            assert (reply.status != 403) == permitted, (segment, login)
+            assert reply.status in (403, 404), (segment, login)
+
+
+def test_get_requests_grant_too(daemon):
+    def ask(text):
+        return daemon.request("GET", f"/admin/security/{text}", user=root_login(daemon)).text
+    assert ask("grant?user=bob&role=op&type=USERS") == "Success\n"
+    assert ask("grant?user=wheel&role=operator&type=Group") == "Success\n"
+    assert access_file(daemon.root, "operator") == "bob:user\nwheel:group\n"
+    assert ask("deny?user=BOB&role=operator&type=user") == "Success\n"
+    assert access_file(daemon.root, "operator") == "bob:user\nwheel:group\n", "case counts"
+    assert ask("deny?user=bob&role=operator&type=group") == "Success\n"
+    assert ask("deny?user=bob&role=operator&type=user") == "Success\n"
+    assert access_file(daemon.root, "operator") == "wheel:group\n"
+
+
+def test_a_body_in_pieces_is_waited_for(daemon):
+    body = b"user=carol&role=operator&type=user"
+    head = (f"POST /admin/security/grant HTTP/1.1\r\nAuthorization: {basic(root_login(daemon))}\r\n"
+            f"Content-Length: {len(body)}\r\n\r\n").encode()
+    with daemon.connect() as sock:
+        sock.settimeout(20)
+        for piece in (head, body[:11], body[11:24], body[24:]):
+            sock.sendall(piece)
+            time.sleep(0.05)
+        assert sock.recv(4096).endswith(b"Success\n")
+    assert access_file(daemon.root, "operator") == "carol:user\n"
+    big = b"user=x&type=user&role=pub&" + b"y" * 40000
+    reply = daemon.request("POST", "/admin/security/grant", body=big, user=root_login(daemon))
+    assert (reply.status, reply.text) == (400, "Request is too big")
+
+
+# --- What is refused, and with which words ---
+
+PARAMS = "Error: User name and Type not specified"
+REQUIRED = "Required parameters not specified"
+SEC = "/admin/security"
+SPACE = "/admin/dovmad/config/namespace"
+
+
+@pytest.mark.parametrize("method, path, body, expected", [
+    ("GET", f"{SEC}/grant", None, PARAMS),
+    ("GET", f"{SEC}/deny?", None, PARAMS),
+    ("GET", f"{SEC}/grant?user=a&role=pub", None, PARAMS),
+    ("GET", f"{SEC}/grant?user=a&type=user", None, PARAMS),
+    ("POST", f"{SEC}/grant?user=a&role=pub&type=user", "role=pub&type=user", PARAMS),
+    ("GET", f"{SEC}/grant?user=a&role=pub&type=host", None, "Error: Unknown principal type"),
+    ("GET", f"{SEC}/deny?user=a&role=pub&type=host", None, "Unknown Role"),
+    ("POST", f"{SEC}/grant", "user=a%0Ab&role=admin&type=user", "Bad params"),
+    ("POST", f"{SEC}/grant", "user=a%0D&role=admin&type=user", "Bad params"),
+    ("POST", f"{SEC}/grant", "user=a:user&role=admin&type=group", "Bad params"),
+    ("POST", f"{SEC}/deny", "user=a%0Ab&role=admin&type=user", "Bad params"),
+    ("POST", f"{SEC}/deny", "user=root:x&role=admin&type=user", "Bad params"),
+    ("GET", f"{SEC}/cleanup", None, "Inappropriate method"),
+    ("GET", f"{SPACE}/add", None, "Inappropriate method"),
+    ("PUT", f"{SPACE}/remove", "namespace=x", "Inappropriate method"),
+    ("POST", f"{SPACE}/add", "namespace=x", REQUIRED),
+    ("POST", f"{SPACE}/add", "document_root=/x", REQUIRED),
+    ("POST", f"{SPACE}/remove", "name=x", REQUIRED),
+    ("POST", f"{SPACE}/add", "namespace=pl&document_root=/x", "Cannot add default namespace"),
+    ("POST", f"{SPACE}/remove", "namespace=plx", "Cannot remove default namespace"),
+    ("POST", f"{SPACE}/add", "namespace=one&document_root=/x", "Namespace is already configured"),
+    ("POST", f"{SPACE}/add", "namespace=onx&document_root=/x", "Namespace is already configured"),
+    ("POST", f"{SPACE}/add", "namespace=a,b&document_root=/x", "Bad params"),
+    ("POST", f"{SPACE}/add", "namespace=ab&document_root=/x,c=/y", "Bad params"),
+    ("POST", f"{SPACE}/remove", "namespace=three", "Namespace not configured"),
+])
+def test_refusals(spaces, method, path, body, expected):
+    reply = spaces.request(method, path, body=body, user=root_login(spaces))
+    assert reply.raw == (f"HTTP/1.1 400 {expected}\r\nContent-Type: text/plain\r\n\r\n"
+                         f"{expected}").encode()
+    for role in ROLES:
+        assert access_file(spaces.root, role) is None
+
+
+def test_answers_that_are_always_the_same(daemon):
+    success = b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nSuccess\n"
+    login = root_login(daemon)
+    for name in ("root", "rootx", "ROOT", "Rooty@local.x"):
+        for action in ("grant", "deny"):
+            assert change(daemon, action, name, "operator").raw == success
+    assert access_file(daemon.root, "operator") is None
+    for method in ("GET", "POST", "PUT"):
+        assert daemon.request(method, f"{SEC}/reset", user=login, body="").raw == success
+    assert daemon.request("POST", f"{SEC}/cleanup", body="sec_uri=x", user=login).raw == success
+    reply = daemon.request("GET", f"{SEC}/get_admin_group", user=login)
+    assert reply.raw == b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nroot\n"
+    assert status(daemon, "/pub/f.txt", ALICE, tls=True) == 200, "after the reset"
+
+
+def test_only_administrators_reach_the_endpoints(daemon):
+    grant(daemon, full_name(daemon, "alice"), "operator")
+    for path in (f"{SEC}/grant?user=a&role=pub&type=user", f"{SEC}/reset", f"{SPACE}/add"):
+        assert status(daemon, path, ALICE) == 403
+        assert daemon.request("GET", path).status == 401
+
+
+# --- Access files edited by hand ---
+
+def test_an_edited_file_counts_from_the_next_check(daemon):
+    alice = full_name(daemon, "alice")
+    edit(daemon.root, "operator", f"{alice}:user\n# a comment\nstray line\n")
+    with daemon.connect() as kept:
+        kept.settimeout(20)
+        client = http.client.HTTPConnection("127.0.0.1", daemon.port)
+        client.sock = kept
+
+        def get():
+            client.request("GET", "/operator/f.txt", headers={"Authorization": basic(ALICE)})
+            reply = client.getresponse()
+            reply.read()
+            return reply.status
+
+        assert get() == 200
+        edit(daemon.root, "operator", "somebody:user\n")
+        assert status(daemon, "/operator/f.txt", ALICE) == 403
+        assert get() == 200, "granted on this connection"
+    (daemon.root / "operator" / ".dovmaaccess").unlink()
+    grant(daemon, "carol", "operator")
+    assert access_file(daemon.root, "operator") == "carol:user\n"
+
+
+def test_a_grant_keeps_mode_and_link_of_the_file(daemon, tmp_path):
+    real = tmp_path / "operators"
+    real.write_text("carol:user\nstaff:group\n")
+    real.chmod(0o640)
+    (daemon.root / "operator" / ".dovmaaccess").symlink_to(real)
+    grant(daemon, "dave", "operator")
+    assert real.read_text() == "carol:user\ndave:user\nstaff:group\n"
+    assert real.stat().st_mode & 0o777 == 0o640
+    assert (daemon.root / "operator" / ".dovmaaccess").is_symlink()
+
+
+def test_a_file_that_cannot_be_read_is_left_alone(daemon):
+    loop = daemon.root / "operator" / ".dovmaaccess"
+    loop.symlink_to(loop)
+    grant(daemon, "dave", "operator")
+    assert os.readlink(loop) == str(loop)
+    assert "could not be read and will not be replaced" in daemon.stderr_text()
+    loop.unlink()
+    grant(daemon, "erin", "operator")
+    assert "erin:user\n" in access_file(daemon.root, "operator")
+
+
+def test_access_files_are_never_served(daemon):
+    grant(daemon, "carol", "operator")
+    login = root_login(daemon)
+    assert status(daemon, "/operator/.dovmaaccess", login) == 403
+    assert daemon.request("PUT", "/operator/.dovmaaccess", body="x:user\n",
+                          user=login).status == 403
+    assert daemon.request("DELETE", "/operator/.dovmaaccess", user=login).status == 403
+    assert access_file(daemon.root, "operator") == "carol:user\n"
+
+
+# --- Groups ---
+
+def member_of_a_supplementary_group():
+    for group in grp.getgrall():
+        for name in group.gr_mem:
+            try:
+                if pwd.getpwnam(name).pw_gid != group.gr_gid and name != "root":
+                    return name, group.gr_name
+            except KeyError:
+                pass
+    return None
+
+
+def test_the_groups_of_a_system_user_count(daemon):
+    system_user = "daemon"
+    group = grp.getgrgid(pwd.getpwnam(system_user).pw_gid).gr_name
+    add_user(daemon, system_user, "wonder", "os")
+    assert status(daemon, "/operator/f.txt", f"{system_user}:wonder") == 403
+    grant(daemon, group, "operator", kind="group")
+    assert status(daemon, "/operator/f.txt", f"{system_user}:wonder") == 200
+    assert status(daemon, "/admin/f.txt", f"{system_user}:wonder") == 403
+    assert status(daemon, "/operator/f.txt", ALICE) == 403
+    deny(daemon, group, "operator", kind="group")
+    assert status(daemon, "/operator/f.txt", f"{system_user}:wonder") == 403
+    grant(daemon, group, "admin", kind="group")
+    assert status(daemon, "/agent/f.txt", f"{system_user}:wonder") == 200
+
+
+def test_supplementary_groups_count(daemon):
+    found = member_of_a_supplementary_group()
+    if found is None:
+        pytest.skip("no user of this system is in a second group")
+    name, group = found
+    add_user(daemon, name, "wonder", "os")
+    assert status(daemon, "/operator/f.txt", f"{name}:wonder") == 403
+    grant(daemon, group, "operator", kind="group")
+    assert status(daemon, "/operator/f.txt", f"{name}:wonder") == 200
+
+
+# --- Namespaces ---
+
+def test_two_namespaces_on_one_connection(spaces):
+    grant(spaces, full_name(spaces, "alice"), "operator", namespace="one")
+    assert access_file(spaces.one, "operator") == f"{full_name(spaces, 'alice')}:user\n"
+    assert access_file(spaces.two, "operator") is None
+    for tls in (False, True):
+        client = http.client.HTTPConnection("127.0.0.1", spaces.port, timeout=20)
+        if tls:
+            context = ssl.create_default_context(cafile=str(spaces.ca))
+            client = http.client.HTTPSConnection("localhost", spaces.tls_port, timeout=20,
+                                                 context=context)
+
+        def get(path):
+            client.request("GET", path, headers={"Authorization": basic(ALICE)})
+            reply = client.getresponse()
+            return reply.status, reply.read().decode()
+
+        assert get("/one/operator/f.txt") == (200, "one operator\n")
+        used = client.sock
+        assert get("/two/pub/f.txt") == (200, "two pub\n")
+        assert get("/one/operator/f.txt") == (200, "one operator\n")
+        assert get("/pub/f.txt") == (200, "root pub\n")
+        assert client.sock is used, "all on one connection"
+        assert get("/two/operator/f.txt")[0] == 403, "granted in the other namespace only"
+        client.close()
+
+
+def test_namespaces_come_and_go(spaces, tmp_path):
+    three = tmp_path / "three"
+    make_role_folders(three)
+    login = root_login(spaces)
+    fields = {"namespace": "three", "document_root": str(three)}
+    assert status(spaces, "/three/pub/f.txt", login) == 404
+    assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
+    assert spaces.post(f"{SPACE}/add", fields, user=login).text == \
+        "Namespace is already configured"
+    assert spaces.request("GET", "/three/pub/f.txt", user=login).text == "three pub\n"
+    grant(spaces, "carol", "operator", namespace="three")
+    assert spaces.post(f"{SPACE}/remove", fields, user=login).text == "Success\n"
+    assert status(spaces, "/three/pub/f.txt", login) == 404
+    assert access_file(three, "operator") == "carol:user\n", "files stay"
+    assert spaces.request("GET", "/one/pub/f.txt", user=login).text == "one pub\n"
+    assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
+    assert spaces.request("GET", "/three/pub/f.txt", user=login).text == "three pub\n"
+
+
+def test_the_last_character_of_a_configured_name_takes_no_part(spaces):
+    login = root_login(spaces)
+    assert spaces.post(f"{SPACE}/remove", {"namespace": "onx"}, user=login).text == "Success\n"
+    assert spaces.request("GET", "/one/pub/f.txt", user=login).text == "one pub\n", \
+        "its entry is gone, the namespace is not"
+    assert spaces.post(f"{SPACE}/remove", {"namespace": "one"}, user=login).text == \
+        "Namespace not configured"
+    fields = {"namespace": "one", "document_root": str(spaces.two)}
+    assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
+    assert spaces.request("GET", "/one/pub/f.txt", user=login).text == "one pub\n"
+
+
+def test_a_namespace_is_removed_while_requests_run_in_it(spaces):
+    login = root_login(spaces)
+    auth = f"Authorization: {basic(login)}\r\n"
+    big = os.urandom(8 << 20)
+    (spaces.one / "pub" / "big.bin").write_bytes(big)
+    form = b"user=carol&role=operator&type=user"
+    upload = os.urandom(100000)
+
+    def begin(line, body=b"", length=None):
+        sock = socket.socket()
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
+        sock.connect(("127.0.0.1", spaces.port))
+        sock.settimeout(30)
+        size = f"Content-Length: {length}\r\n" if length else ""
+        sock.sendall(f"{line} HTTP/1.1\r\n{auth}{size}\r\n".encode() + body)
+        return sock
+
+    posting = begin("POST /one/admin/security/grant", form[:9], len(form))
+    putting = begin("PUT /one/pub/upload.bin", upload[:1000], len(upload))
+    loading = begin("GET /one/pub/big.bin")
+    received = loading.recv(1000)
+    kept = begin("GET /one/admin/f.txt")
+    assert b"one admin\n" in kept.recv(4096)
+
+    for _ in range(3):
+        fields = {"namespace": "one", "document_root": str(spaces.two)}
+        assert spaces.post(f"{SPACE}/remove", fields, user=login).text == "Success\n"
+        assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
+    assert spaces.post(f"{SPACE}/remove", {"namespace": "one"}, user=login).text == "Success\n"
+
+    posting.sendall(form[9:])
+    assert posting.recv(4096).endswith(b"Success\n")
+    assert access_file(spaces.one, "operator") == "carol:user\n", "granted where it was asked for"
+    assert access_file(spaces.two, "operator") is None
+    putting.sendall(upload[1000:])
+    assert putting.recv(4096).startswith(b"HTTP/1.1 20")
+    assert (spaces.one / "pub" / "upload.bin").read_bytes() == upload
+    head, _, body = received.partition(b"\r\n\r\n")
+    while len(body) < len(big):
+        chunk = loading.recv(1 << 20)
+        assert chunk
+        body += chunk
+    assert head.startswith(b"HTTP/1.1 200") and body == big
+    kept.sendall(f"GET /one/admin/f.txt HTTP/1.1\r\n{auth}\r\n".encode())
+    assert b" 404 " in kept.recv(4096), "the name is an ordinary folder now"
+    for sock in (posting, putting, loading, kept):
+        sock.close()
+
+
+# --- Kills ---
+
+def test_a_kill_never_loses_a_line(make_daemon):
+    report = kill_during_rewrites(make_daemon(start=False), kills=12, seed=1)
+    assert report.rewrites > 12 * 5, report
