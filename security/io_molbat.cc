@@ -11,6 +11,7 @@
 #include "core/context.h"
 #include "core/io_class.h"
 #include "core/stream.h"
+#include "security/api.h"
 #include "security/at_types.h"
 
 namespace {
@@ -26,13 +27,24 @@ void free_credential(conn* c) {
     }
 }
 
+// A library that lacks one of the calls answers it with a code that a large buffer would take for a
+// count, so a channel is used only when all of them are there.
+bool library_moves_bytes() {
+    return molbatGetSymbol(62, "molbAtSecConnRead") != nullptr &&
+           molbatGetSymbol(63, "molbAtSecConnWrite") != nullptr &&
+           molbatGetSymbol(65, "molbAtSecConnClose") != nullptr;
+}
+
 void finish_handshake(stream* s) {
+    if (!library_moves_bytes()) {
+        s->connection->handshake = handshake_state::failed;
+        return;
+    }
     s->connection->handshake = handshake_state::done;
     s->flags |= sf_handshake_done;
 }
 
-// The library's count as the engine may use it. A code that is neither a count nor -1, such as that
-// of an entry point which the library lacks, must never move the buffer's head.
+// The library's count as the engine may use it: nothing else may move the buffer's head.
 ssize_t checked_count(std::int32_t count, std::int32_t length) {
     if (count < -1 || count > length) {
         errno = EIO;

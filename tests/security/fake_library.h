@@ -20,6 +20,7 @@ struct fake_library {
     std::deque<std::uint32_t> handshakes;  // results of the next accept calls; then at_again
     void* accept_credential = nullptr;
     std::deque<std::int32_t> counts;  // results of the next read and write calls; then -1/EAGAIN
+    std::set<std::string> lacking;    // entry points that do not resolve
     std::uint32_t extract_result = at_ok;
     molb_info info{};
     molb_info* handed_out = nullptr;  // what molbAtExtractInfo stores: &info, or null

@@ -99,6 +99,19 @@ TEST_F(molbat, a_failed_handshake_shows_at_the_next_read) {
     }
 }
 
+TEST_F(molbat, a_library_that_cannot_move_bytes_is_not_used) {
+    for (const char* name : {"molbAtSecConnRead", "molbAtSecConnWrite", "molbAtSecConnClose"}) {
+        for (const std::uint32_t result : {at_ok, at_no_credential}) {
+            c.handshake = handshake_state::pending;
+            fake.lacking = {name};
+            fake.handshakes = {result};
+            EXPECT_EQ(read(), -1);
+            EXPECT_EQ(errno, EPROTO);
+            EXPECT_FALSE(c.remote.has(sf_handshake_done));
+        }
+    }
+}
+
 TEST_F(molbat, only_counts_reach_the_engine) {
     c.handshake = handshake_state::done;
     struct row {
