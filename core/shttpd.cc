@@ -350,6 +350,13 @@ int shttpd_active(shttpd_ctx* ctx) {
     return active;
 }
 
+void shttpd_add_mime_type(shttpd_ctx* ctx, const char* extension, const char* type) {
+    auto* record = new mime_type_record;
+    record->extension = extension;
+    record->type = type;
+    ctx->mime_records.push_back(record);
+}
+
 void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     current_time = std::time(nullptr);
     if (loop.accept_paused && current_time > loop.accept_paused_at) {

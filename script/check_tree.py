@@ -1,0 +1,87 @@
+#!/usr/bin/env python3
+"""Checks of the whole tree that no compiler makes: which folder may include which, sizes of files,
+words that do not belong here, the shares of comments and tests. Ends with 1 on any finding."""
+
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+LINES_MAX = 600
+
+# Folder -> folders it may include, itself apart. Shim files live in security/ but are leaf code.
+ALLOWED = {
+    "lib": {"shim"},  # only for sec_uri.h, see below
+    "shim": {"lib"},
+    "core": {"lib", "shim"},
+    "handlers": {"core", "lib", "shim"},
+    "security": {"core", "lib", "shim"},
+    "sched": {"core", "lib"},
+    "domain": {"security", "core", "lib"},
+}
+# These compose the daemon and may include everything.
+COMPOSITION = {"core/config.cc", "core/route.cc", "core/shttpd.cc", "core/standalone.cc"}
+SHIM = re.compile(r"security/(api\w*|at_\w+|tpk_make_path|sec_uri\w*)\.(h|cc)$")
+BANNED = re.compile(r"specification|\bspec\.md\b|\bthe spec\b|\bParts? [1-6]\.[0-9]\b|decisions\.md|"
+                    r"/w[o]rk/|/f[a]rm/", re.IGNORECASE)
+
+
+def layer(path):
+    return "shim" if SHIM.match(path) else path.split("/", 1)[0]
+
+
+def tracked():
+    names = subprocess.run(["git", "ls-files"], cwd=ROOT, capture_output=True, text=True,
+                           check=True).stdout.splitlines()
+    return [name for name in names if (ROOT / name).is_file()]
+
+
+def include_findings(name, text):
+    own = layer(name)
+    if name in COMPOSITION or own not in ALLOWED:
+        return
+    for target in re.findall(r'^#include "([^"]+)"', text, re.MULTILINE):
+        if "/" not in target:
+            yield f"{name}: includes \"{target}\" without its folder"
+            continue
+        other = layer(target)
+        if other == own:
+            continue
+        if other not in ALLOWED[own] or (own == "lib" and not target.startswith("security/sec_uri")):
+            yield f"{name}: {own} must not include {target}"
+
+
+def code_lines(names):
+    return sum(1 for name in names
+               for line in (ROOT / name).read_text(errors="replace").splitlines() if line.strip())
+
+
+def main():
+    names = tracked()
+    findings = []
+    for name in names:
+        data = (ROOT / name).read_bytes()
+        if b"\0" in data[:8192]:
+            continue
+        text = data.decode(errors="replace")
+        for number, line in enumerate(text.splitlines(), 1):
+            if BANNED.search(line) and name != "script/check_tree.py":
+                findings.append(f"{name}:{number}: {line.strip()[:100]}")
+        if name.endswith((".cc", ".h")):
+            findings.extend(include_findings(name, text))
+            if text.count("\n") > LINES_MAX:
+                findings.append(f"{name}: {text.count(chr(10))} lines, more than {LINES_MAX}")
+
+    code = [n for n in names if re.search(r"\.(cc|h|py|sh)$", n) or n.startswith("script/")]
+    counted = [n for n in code if not n.startswith(("bench/", "fuzz/"))]
+    tests = code_lines([n for n in counted if n.startswith("tests/")])
+    print(f"tests: {tests} of {code_lines(counted)} code lines "
+          f"({100 * tests // max(code_lines(counted), 1)} %)")
+    for finding in findings:
+        print(finding)
+    return 1 if findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
