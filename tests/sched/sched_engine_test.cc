@@ -1,0 +1,414 @@
+// The scheduler's engine under a driven clock: planning against another implementation's table, two
+// days of checks that must start every planned minute exactly once, and clocks that jump.
+
+#include "sched/sched_engine.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "lib/rbtree.h"
+#include "tests/support/engine_fixture.h"
+
+namespace {
+
+constexpr std::time_t half_past_ten = 1750069800;  // 2025-06-16 10:30:00 UTC, a Monday
+constexpr const char* berlin = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+struct start_record {
+    std::string id;
+    std::time_t minute;
+
+    bool operator==(const start_record&) const = default;
+};
+
+std::time_t now_s;
+std::vector<start_record> starts;
+
+pid_t record_start(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
+    starts.push_back({entry->id, min_floor(now_s)});
+    return 1;
+}
+
+void use_zone(const char* rule) {
+    setenv("TZ", rule, 1);
+    tzset();
+}
+
+std::vector<std::string> ids_of_starts() {
+    std::vector<std::string> ids;
+    for (const start_record& s : starts) {
+        ids.push_back(s.id);
+    }
+    starts.clear();
+    return ids;
+}
+
+using texts = std::vector<std::string>;
+
+// A scheduler that is driven by hand.
+class driven_scheduler {
+  public:
+    driven_scheduler(const std::string& lines, std::time_t at)
+        : state_(new_scheduler_state(record_start)) {
+        starts.clear();
+        now_s = at;
+        edit(lines);
+        read_schedules(state_.get(), nullptr, path_.c_str(), at);
+        state_->floor = at;
+        (void)calc_next_wakeup(state_.get(), at);
+    }
+
+    void edit(const std::string& lines) { path_ = folder_.write("jobs", lines); }
+    void rescan(const std::string& id, std::time_t at) {
+        rescan_schedules(state_.get(), id, path_.c_str(), at);
+    }
+    // One periodic check; the ids that it started.
+    texts check(std::time_t at) {
+        now_s = at;
+        sched_check(state_.get(), nullptr, at);
+        (void)calc_next_wakeup(state_.get(), at);
+        return ids_of_starts();
+    }
+    [[nodiscard]] std::time_t next(const char* id) const {
+        const auto* entry = qz_as<schedule_entry>(qz_map_find(state_->entries, id));
+        return entry != nullptr ? entry->next : -1;
+    }
+    [[nodiscard]] scheduler_state* state() const { return state_.get(); }
+
+  private:
+    struct deleter {
+        void operator()(scheduler_state* state) const { delete_scheduler_state(state); }
+    };
+    temporary_folder folder_;
+    std::string path_;
+    std::unique_ptr<scheduler_state, deleter> state_;
+};
+
+class Engine : public testing::Test {
+  protected:
+    void SetUp() override { use_zone("UTC0"); }
+};
+
+// The runs of one expression from a moment on, found by following the wake-up times.
+std::vector<long> planned_minutes(const std::string& expression, std::time_t start,
+                                  std::size_t count) {
+    driven_scheduler scheduler("job - " + expression + " cmd\n", start);
+    scheduler_state* state = scheduler.state();
+    auto* entry = qz_as<schedule_entry>(qz_map_find(state->entries, "job"));
+    std::vector<long> found;
+    const std::time_t first = start - start % 60;
+    const std::time_t end = start + std::time_t{299} * 86400;
+    for (std::time_t now = start; entry != nullptr && found.size() < count && now < end;) {
+        if (entry->next != 0) {
+            now = entry->next;
+            found.push_back((now - first) / 60);
+            (void)qz_map_delete(state->timers, entry->sortkey);
+            now += 60;
+            (void)timer_add(state, entry, now);
+            state->floor = now;  // the engine finds out itself whether the hour is another one
+        } else {
+            now = state->floor;
+        }
+        (void)calc_next_wakeup(state, now);
+    }
+    return found;
+}
+
+TEST(Planning, AgreesWithTheTable) {
+    std::ifstream table(PLANNING_TABLE);
+    ASSERT_TRUE(table);
+    std::size_t rows = 0;
+    for (std::string line; std::getline(table, line);) {
+        if (line.starts_with('#')) {
+            continue;
+        }
+        std::istringstream fields(line);
+        std::string zone;
+        std::string start;
+        std::string expression;
+        std::string minutes;
+        std::getline(fields, zone, '|');
+        std::getline(fields, start, '|');
+        std::getline(fields, expression, '|');
+        std::getline(fields, minutes, '|');
+        std::vector<long> expected;
+        std::istringstream numbers(minutes);
+        for (long minute = 0; numbers >> minute;) {
+            if (minute < 299L * 1440) {
+                expected.push_back(minute);
+            }
+        }
+        use_zone(zone.c_str());
+        EXPECT_EQ(planned_minutes(expression, std::stol(start), 6), expected) << line;
+        ++rows;
+    }
+    EXPECT_GT(rows, 400U);
+}
+
+struct matcher_row {
+    const char* id;
+    const char* times;
+    bool (*matches)(const std::tm&);
+};
+
+const std::vector<matcher_row> simulated = {
+    {"every", "* * * * *", [](const std::tm&) { return true; }},
+    {"hourly", "0 * * * *", [](const std::tm& t) { return t.tm_min == 0; }},
+    {"halves", "0,30 * * * *", [](const std::tm& t) { return t.tm_min % 30 == 0; }},
+    {"last", "59 * * * *", [](const std::tm& t) { return t.tm_min == 59; }},
+    {"edges", "58-59,0-1 * * * *", [](const std::tm& t) { return (t.tm_min + 2) % 60 < 4; }},
+    {"sevens", "*/7 * * * *", [](const std::tm& t) { return t.tm_min % 7 == 0; }},
+    {"night", "0-30/15 2 * * *",
+     [](const std::tm& t) { return t.tm_hour == 2 && t.tm_min <= 30 && t.tm_min % 15 == 0; }},
+    {"sunday", "0 */2 * * sun",
+     [](const std::tm& t) { return t.tm_wday == 0 && t.tm_hour % 2 == 0 && t.tm_min == 0; }},
+    {"either", "5 3 30 * mon",
+     [](const std::tm& t) {
+         return (t.tm_mday == 30 || t.tm_wday == 1) && t.tm_hour == 3 && t.tm_min == 5;
+     }},
+};
+
+// How often each id was started in each minute.
+using start_counts = std::map<std::pair<std::string, std::time_t>, int>;
+
+start_counts expected_starts(std::time_t from, std::time_t to) {
+    start_counts counts;
+    for (std::time_t minute = from; minute < to; minute += 60) {
+        std::tm local{};
+        localtime_r(&minute, &local);
+        for (const matcher_row& row : simulated) {
+            if (row.matches(local)) {
+                counts[{row.id, minute}] = 1;
+            }
+        }
+    }
+    return counts;
+}
+
+std::string simulated_file() {
+    std::string lines;
+    for (const matcher_row& row : simulated) {
+        lines += std::string(row.id) + " - " + row.times + " cmd\n";
+    }
+    return lines;
+}
+
+// Checks come every `shortest` to `longest` seconds from a random second on.
+start_counts simulate(std::time_t from, std::time_t to, int shortest, int longest,
+                      std::mt19937* random) {
+    std::uniform_int_distribution<int> pause(shortest, longest);
+    std::uniform_int_distribution<int> phase(0, 34);
+    std::time_t now = from + phase(*random);
+    driven_scheduler scheduler(simulated_file(), now);
+    start_counts counts;
+    for (; now < to; now += pause(*random)) {
+        now_s = now;
+        sched_check(scheduler.state(), nullptr, now);
+        EXPECT_LE(calc_next_wakeup(scheduler.state(), now), now + 3600);
+    }
+    for (const start_record& s : starts) {
+        ++counts[{s.id, s.minute}];
+    }
+    return counts;
+}
+
+TEST(Simulation, EveryPlannedMinuteStartsExactlyOnce) {
+    // 48 hours over a plain week end, over the spring change and over the autumn change.
+    for (const std::time_t from : {1750032000, 1711753200, 1729893600}) {
+        use_zone(berlin);
+        const std::time_t to = from + std::time_t{48} * 3600;
+        const start_counts expected = expected_starts(from, to);
+        std::mt19937 random(7);
+        for (int run = 0; run < 15; ++run) {
+            EXPECT_EQ(simulate(from, to, 35, 35, &random), expected) << from << " run " << run;
+        }
+        EXPECT_EQ(simulate(from, to, 1, 59, &random), expected) << from << " uneven";
+    }
+}
+
+TEST_F(Engine, PlansWithinTheHour) {
+    const std::time_t ten = half_past_ten - 1800;
+    driven_scheduler five("job - */5 * * * * cmd\n", ten + 450);
+    EXPECT_EQ(five.next("job"), ten + 600);
+    EXPECT_EQ(five.check(ten + 485), texts{});
+    EXPECT_EQ(five.check(ten + 610), texts{"job"});
+    EXPECT_EQ(five.check(ten + 645), texts{});
+    EXPECT_EQ(five.next("job"), ten + 900);
+
+    driven_scheduler past("job - 5 * * * * cmd\n", half_past_ten);
+    EXPECT_EQ(past.next("job"), 0);
+    EXPECT_EQ(past.state()->floor, ten + 3600);
+    EXPECT_EQ(past.check(ten + 3600 + 12), texts{});
+    EXPECT_EQ(past.next("job"), ten + 3600 + 300);
+
+    // A start in the last second of an hour plans that hour, and the next one when it comes.
+    driven_scheduler late("job - 0,59 * * * * cmd\n", ten + 3599);
+    EXPECT_EQ(late.check(ten + 3599), texts{"job"});
+    EXPECT_EQ(late.check(ten + 3601), texts{"job"});
+}
+
+TEST_F(Engine, StartsInOrderOfTimeThenId) {
+    driven_scheduler scheduler(
+        "b - 30 * * * * cmd\na - 30 * * * * cmd\nc - 29 * * * * cmd\nd - * * * * * cmd\n",
+        half_past_ten);
+    EXPECT_EQ(scheduler.check(half_past_ten + 3), (texts{"a", "b", "d"}));
+}
+
+TEST_F(Engine, IntervalsCountFromThePlanning) {
+    const std::time_t at = half_past_ten + 30;
+    driven_scheduler scheduler("five - 5 - x x x cmd\nnever - 0 - x x x cmd\n", at);
+    EXPECT_EQ(scheduler.next("five"), at + 300);
+    EXPECT_EQ(scheduler.next("never"), 0);
+    EXPECT_EQ(scheduler.check(at + 260), texts{});
+    EXPECT_EQ(scheduler.check(at + 272), texts{"five"});  // earlier in the same minute
+    EXPECT_EQ(scheduler.next("five"), at + 272 + 300);
+    EXPECT_EQ(scheduler.check(at + 2000), texts{});  // missed: not made up
+    EXPECT_EQ(scheduler.next("five"), at + 2300);
+
+    // Intervals of centuries would come before everything else in the order of the keys.
+    driven_scheduler huge("huge - 200000000 - x x x cmd\njob - * * * * * cmd\n", half_past_ten);
+    EXPECT_EQ(huge.next("huge"), 0);
+    EXPECT_EQ(huge.check(half_past_ten), texts{"job"});
+}
+
+TEST_F(Engine, KickoffOnceAndOnlyKnownEntries) {
+    const std::string lines =
+        "z kickoff - - x x x cmd\na kickoff 30 * * * * cmd\nb - - - x x x cmd\n";
+    driven_scheduler scheduler(lines, half_past_ten);
+    EXPECT_EQ(scheduler.check(half_past_ten), (texts{"a", "z", "a"}));
+    EXPECT_EQ(scheduler.check(half_past_ten + 5), texts{});
+    scheduler.rescan("", half_past_ten + 10);
+    EXPECT_EQ(scheduler.check(half_past_ten + 15), texts{"a"});  // loaded anew in its minute
+}
+
+TEST_F(Engine, ClockForward) {
+    driven_scheduler scheduler("every - * * * * * cmd\nquarter - */15 * * * * cmd\n",
+                               half_past_ten + 60);
+    EXPECT_EQ(scheduler.check(half_past_ten + 65), texts{"every"});
+    // 10:45 has passed without a check, the current minute has not.
+    EXPECT_EQ(scheduler.check(half_past_ten + 970), texts{"every"});
+    EXPECT_EQ(scheduler.next("quarter"), 0);
+    EXPECT_EQ(scheduler.check(half_past_ten + 1801), (texts{"every", "quarter"}));
+}
+
+TEST_F(Engine, ClockBackward) {
+    const std::string lines = "every - * * * * * cmd\nten - 10 * * * * cmd\n";
+    driven_scheduler scheduler(lines, half_past_ten);
+    EXPECT_EQ(scheduler.check(half_past_ten + 1), texts{"every"});
+    EXPECT_EQ(scheduler.check(half_past_ten), texts{});  // a second back: once is enough
+    EXPECT_EQ(scheduler.check(half_past_ten + 58), texts{});
+    EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{"every"});
+
+    // From 12:10 back to 11:10: this hour is planned again and so are the ones after it.
+    const std::time_t noon = half_past_ten + 5400;
+    EXPECT_EQ(scheduler.check(noon + 600), (texts{"every", "ten"}));
+    EXPECT_EQ(scheduler.check(noon - 3000), (texts{"every", "ten"}));
+    EXPECT_EQ(scheduler.check(noon + 2), texts{"every"});
+    EXPECT_EQ(scheduler.next("ten"), noon + 600);
+}
+
+TEST_F(Engine, RepeatedIdsRunOnceAndGoWithTheirId) {
+    const std::string lines = "a - 31 * * * * one\na - 32 * * * * two\na - 31 * * * * three\n";
+    driven_scheduler scheduler(lines, half_past_ten);
+    EXPECT_EQ(qz_map_size(scheduler.state()->entries), 1);
+    EXPECT_EQ(scheduler.state()->strays.size(), 2U);
+    EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{"a"});
+    EXPECT_EQ(scheduler.check(half_past_ten + 121), texts{"a"});
+    EXPECT_EQ(scheduler.check(half_past_ten + 3600 + 61), texts{"a"});
+    EXPECT_EQ(scheduler.check(half_past_ten + 3600 + 121), texts{});
+
+    for (const char* id : {"a", ""}) {
+        driven_scheduler again(lines, half_past_ten);
+        again.edit("a - 40 * * * * four\n");
+        again.rescan(id, half_past_ten + 1);
+        EXPECT_TRUE(again.state()->strays.empty());
+        EXPECT_EQ(qz_map_size(again.state()->timers), 1);
+        EXPECT_EQ(again.check(half_past_ten + 61), texts{});
+    }
+}
+
+TEST_F(Engine, LongIdsMayCollide) {
+    const std::string same(52, 'x');
+    driven_scheduler scheduler(same + "1 - 31 * * * * cmd\n" + same + "2 - 31 * * * * cmd\n",
+                               half_past_ten);
+    EXPECT_EQ(scheduler.next((same + "2").c_str()), 0);
+    scheduler.edit("");
+    scheduler.rescan(same + "2", half_past_ten + 1);  // must leave the other one's timer alone
+    EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{same + "1"});
+}
+
+TEST_F(Engine, Rescan) {
+    driven_scheduler scheduler("a - 31 * * * * cmd\nb - 31 * * * * cmd\n", half_past_ten);
+    scheduler.edit("a pause 31 * * * * cmd\nb - 40 * * * * cmd\nc - 31 * * * * cmd\n");
+    scheduler.rescan("a", half_past_ten + 1);
+    EXPECT_EQ(scheduler.next("a"), -1);
+    EXPECT_EQ(scheduler.next("b"), half_past_ten + 60);
+    EXPECT_EQ(scheduler.next("c"), -1);
+    scheduler.rescan("a", half_past_ten + 1);  // unknown by now: everything
+    EXPECT_EQ(scheduler.next("b"), half_past_ten + 600);
+    EXPECT_EQ(scheduler.next("c"), half_past_ten + 60);
+    scheduler.rescan("c", half_past_ten + 1);
+    EXPECT_EQ(scheduler.check(half_past_ten + 62), texts{"c"});
+}
+
+TEST_F(Engine, LongLinesComeInPieces) {
+    const std::string tail = "piece - 31 * * * * cmd";
+    const std::string head = "long - 31 * * * * " + std::string(1023 - 18, 'c');
+    ASSERT_EQ(head.size(), 1023U);
+    driven_scheduler scheduler(head + tail + "\n" + head + "\nlast - 31 * * * * no_newline",
+                               half_past_ten);
+    // The line that comes twice is refused the second time: its sort key is taken.
+    EXPECT_EQ(scheduler.check(half_past_ten + 61), (texts{"last", "long", "piece"}));
+}
+
+TEST_F(Engine, NothingToRead) {
+    for (const char* path : {static_cast<const char*>(nullptr), "/nonexistent", "/", "/dev/zero"}) {
+        std::unique_ptr<scheduler_state, void (*)(scheduler_state*)> state(
+            new_scheduler_state(record_start), delete_scheduler_state);
+        read_schedules(state.get(), nullptr, path, half_past_ten);
+        EXPECT_EQ(qz_map_size(state->entries), 0);
+        EXPECT_EQ(calc_next_wakeup(state.get(), half_past_ten), half_past_ten + 1800);
+    }
+}
+
+TEST_F(Engine, Dump) {
+    driven_scheduler scheduler(
+        "b - 31 * * * * cmd\na kickoff 30 * * * * cmd\nlong-identifier - 7 - x x x cmd\n"
+        "past - 5 * * * * cmd\n",
+        half_past_ten);
+    EXPECT_EQ(scheduler.check(half_past_ten + 9), (texts{"a", "a"}));
+    auto* entry = qz_as<schedule_entry>(qz_map_find(scheduler.state()->entries, "b"));
+    EXPECT_EQ(dump_schedules(scheduler.state(), half_past_ten + 10),
+              "---- scheduler data structures ----\n"
+              "now=  Mon Jun 16 10:30:10 2025\n"
+              "floor=Mon Jun 16 10:30:00 2025\n\n"
+              "id=a           interval=0 sortkey=1750069800-a p=0 k=1\n"
+              "\tprev=Mon Jun 16 10:30:09 2025\n\tnext=Thu Jan  1 00:00:00 1970\n"
+              "\tnot scheduled in this hour\n"
+              "id=b           interval=0 sortkey=1750069860-b p=0 k=0\n"
+              "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Mon Jun 16 10:31:00 2025\n\twaiting...\n"
+              "id=long-identifier  interval=7 sortkey=1750070220-long-identifier p=0 k=0\n"
+              "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Mon Jun 16 10:37:00 2025\n\twaiting...\n"
+              "id=past        interval=0 sortkey= p=0 k=0\n"
+              "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Thu Jan  1 00:00:00 1970\n"
+              "\tnot scheduled in this hour\n\n");
+    const auto status_at = [&](std::time_t now) {
+        const std::string text = dump_schedules(scheduler.state(), now);
+        const std::size_t line = text.find("\n\t", text.find("next=", text.find("id=b "))) + 1;
+        return text.substr(line, text.find('\n', line) - line);
+    };
+    EXPECT_EQ(status_at(half_past_ten + 60), "\truns in this minute.");
+    EXPECT_EQ(status_at(half_past_ten + 120), "\tclock is advanced beyond the scheduled time");
+    entry->paused = 1;
+    EXPECT_EQ(status_at(half_past_ten + 119), "\tnot runnable because paused");
+}
+
+}  // namespace
