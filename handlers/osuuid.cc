@@ -1,10 +1,10 @@
 #include "handlers/osuuid.h"
 
 #include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstring>
 #include <string_view>
 
 #include "core/compat_unix.h"
@@ -38,7 +38,7 @@ void read_guid() {
     const std::string_view text(buffer.data(), static_cast<std::size_t>(length));
     const std::size_t brace = text.find('{');
     if (brace != std::string_view::npos && text.size() - brace >= guid_bytes) {
-        memcpy(guid.data(), text.data() + brace, guid_bytes);
+        std::memcpy(guid.data(), text.data() + brace, guid_bytes);
     }
 }
 

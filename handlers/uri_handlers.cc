@@ -2,12 +2,12 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include "core/compat_unix.h"
@@ -75,7 +75,7 @@ void print_peer_side(shttpd_call_arg* arg) {
 
 const char* locale_name() {
     for (const char* variable : locale_variables) {
-        if (const char* value = getenv(variable); value != nullptr) {
+        if (const char* value = std::getenv(variable); value != nullptr) {
             return value;
         }
     }
@@ -151,7 +151,7 @@ void vitals_call(shttpd_call_arg* arg) {
     shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", version);
     print_local_side(arg);
     print_peer_side(arg);
-    shttpd_printf(arg, "\"LOCAL_TIME\" : \"%ld\",\n", static_cast<long>(time(nullptr)));
+    shttpd_printf(arg, "\"LOCAL_TIME\" : \"%ld\",\n", static_cast<long>(std::time(nullptr)));
     print_field(arg, "LOCALE", locale_name());
     print_field(arg, "DOMAIN_MODE", arg->connection->ctx->domain_file.empty() ? "FALSE" : "TRUE");
     print_system(arg);

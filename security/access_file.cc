@@ -1,12 +1,12 @@
 #include "security/access_file.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "core/compat_unix.h"
@@ -23,7 +23,7 @@ constexpr std::size_t line_bytes = 256;
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
 struct file_closer {
-    void operator()(std::FILE* file) const { (void)fclose(file); }
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
 };
 using owned_file = std::unique_ptr<std::FILE, file_closer>;
 
@@ -98,15 +98,15 @@ void append_lines(std::string* text, const qz_map* set, std::string_view type,
 int cmp_str(const void* probe, const void* stored) {
     const char* name = static_cast<const char*>(probe);
     const char* entry = static_cast<const char*>(stored);
-    if (strcmp(entry, "*") == 0) {
+    if (std::strcmp(entry, "*") == 0) {
         return 0;
     }
-    return my_strncasecmp(name, entry, strlen(name));
+    return my_strncasecmp(name, entry, std::strlen(name));
 }
 
 void add_principal(qz_map* set, std::string_view name) {
     qz_owned<char> copy(qz_as<char>(qz_need_bytes(name.size() + 1)));
-    memcpy(copy.get(), name.data(), name.size());
+    std::memcpy(copy.get(), name.data(), name.size());
     copy.get()[name.size()] = '\0';
     if (qz_set_insert(set, copy.get()) == 0) {
         (void)copy.release();
@@ -119,10 +119,10 @@ qz_map* principals(const role_entry* row, int kind) {
 
 bool read_access_file(std::FILE* file, role_entry* row) {
     std::array<char, line_bytes> line{};
-    while (fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
+    while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
         add_line(line.data(), row);
     }
-    return ferror(file) == 0;
+    return std::ferror(file) == 0;
 }
 
 bool refresh_row(const std::string& path, role_entry* row) {

@@ -2,10 +2,9 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <string.h>
 
 #include <array>
-#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -15,6 +14,7 @@
 #include "core/string.h"
 #include "lib/alloc.h"
 #include "lib/base64.h"
+#include "lib/on_exit.h"
 #include "lib/plat.h"
 #include "lib/qz_vector.h"
 #include "security/at_types.h"
@@ -35,16 +35,6 @@ constexpr const char* login_page =
     "password), or your browser doesn't understand how to supply the credentials required.</p> "
     "</body></html>\r\n";
 
-// A text that is overwritten before its memory is given back.
-struct secret {
-    std::string text;
-
-    explicit secret(std::string_view value) : text(value) {}
-    ~secret() { explicit_bzero(text.data(), text.size()); }
-    secret(const secret&) = delete;
-    secret& operator=(const secret&) = delete;
-};
-
 // Asks the library about "DOMAIN\NAME:PASSWORD" or "NAME:PASSWORD".
 bool log_in(conn* c, std::string_view login) {
     const std::size_t colon = login.find(':');
@@ -63,8 +53,9 @@ bool log_in(conn* c, std::string_view login) {
         return false;
     }
     const std::string name(user);
-    const secret password(login.substr(colon + 1));
-    const molb_identity who{"localhost", domain.c_str(), name.c_str(), password.text.c_str()};
+    std::string password(login.substr(colon + 1));
+    const exit_guard wipe([&] { explicit_bzero(password.data(), password.size()); });
+    const molb_identity who{"localhost", domain.c_str(), name.c_str(), password.c_str()};
     if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
         c->client_credential = nullptr;
         return false;

@@ -1,9 +1,8 @@
 #include "security/authz.h"
 
-#include <errno.h>
-#include <string.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <initializer_list>
 
 #include "core/compat_unix.h"
@@ -247,7 +246,7 @@ void sync_role(conn* c, role_entry* table, int role) {
     }
     const int error = replace_file(path.c_str(), access_file_text(row));
     if (is_disk_trouble(error)) {
-        elog(elog_info, c, "Cannot replace %s: %s", path.c_str(), strerror(error));
+        elog(elog_info, c, "Cannot replace %s: %s", path.c_str(), std::strerror(error));
     }
 }
 

@@ -1,8 +1,7 @@
 #include "security/authz_uris.h"
 
-#include <string.h>
-
 #include <array>
+#include <cstring>
 #include <span>
 #include <string>
 #include <string_view>
@@ -293,7 +292,7 @@ int deny_az(conn* c, const az_params* params, const char** error) {
     }
     role_entry* table = c->request.ns->roles;
     for (qz_cursor at(qz_set_open(principals(&table[role], kind))); !at.at_end(); at.next()) {
-        if (strcmp(at.data<const char>(), params->user.data()) == 0) {
+        if (std::strcmp(at.data<const char>(), params->user.data()) == 0) {
             at.erase();
             sync_role(c, table, role);
             break;

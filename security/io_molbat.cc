@@ -1,9 +1,9 @@
 #include "security/io_molbat.h"
 
-#include <errno.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <limits>
 
