@@ -8,9 +8,10 @@
 #include "core/cgi_env.h"
 #include "core/fwd.h"
 
-// Makes a connected pair of close-on-exec stream sockets over the loopback interface. Returns 0
-// with both descriptors owned by the caller, or -1 after a log message with nothing left open.
-// `c` is for the log only and may lack everything but its context.
+// Makes a connected pair of close-on-exec stream sockets over the loopback interface: sp[0], the
+// daemon's end, does not block, sp[1], the child's, does. Returns 0 with both owned by the caller,
+// or -1 after a log message with nothing left open. `c` is for the log only and may lack everything
+// but its context.
 int my_socketpair(conn* c, int sp[2]);
 
 // Fills `block` with the environment of the script `prog` (a full path) for the current request.

@@ -1,3 +1,146 @@
-#include "core/stream.h"
+// The relay between a client and a CGI program. The first 17 bytes of the reply buffer are the
+// status line, held back until the program's headers say which status it is.
 
-constinit const io_class io_cgi{.name = "cgi", .read = nullptr, .write = nullptr, .close = nullptr};
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "core/connection.h"
+#include "core/io_class.h"
+#include "core/log.h"
+#include "core/request.h"
+#include "core/route.h"
+#include "core/stream.h"
+#include "handlers/cgi.h"
+#include "handlers/relay.h"
+
+namespace {
+
+constexpr std::string_view placeholder = "HTTP/1.1     OK\r\n";
+
+// The program will get no further body byte: it sees the end of its input.
+void end_input(stream* s) {
+    (void)shutdown(s->channel.fd, SHUT_WR);  // it may be gone already
+    s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+}
+
+// Logs before the error reply takes the buffer over.
+ssize_t refuse_headers(stream* s) {
+    conn* c = s->connection;
+    const int length = static_cast<int>(s->head - placeholder.size());
+    elog(elog_info, c, "CGI script sent invalid headers: [%.*s]", length,
+         s->buffer + placeholder.size());
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    send_server_error(c, 500, "Bad headers sent");
+    return 0;
+}
+
+// The block in front is complete: decides status, length and keep-alive, and releases the reply.
+void accept_headers(stream* s) {
+    conn* c = s->connection;
+    header_values values;
+    parse_headers(s->buffer, s->header_length, &values);
+    s->content_length = values.content_length;
+    s->total -= s->header_length;
+    // More than was promised already: the client can't tell where the next reply would begin.
+    if (s->content_length == 0 || s->total > s->content_length) {
+        c->close_after = true;
+    }
+    std::uint64_t status = values.status;
+    if (!values.location.empty()) {
+        status = 302;
+    } else if (status == 0) {
+        status = 200;
+    }
+    write_status(s->buffer, status);
+    c->request.status = static_cast<int>(status);
+    s->tail = 0;
+    s->flags |= sf_parsed;
+}
+
+ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    const ssize_t n = recv(s->channel.fd, buffer, length, 0);
+    if (s->has(sf_parsed)) {
+        return n;
+    }
+    if (n < 1) {
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return n;
+        }
+        send_server_error(s->connection, 500, "Error running CGI");
+        return n;
+    }
+    s->flags |= sf_keep_open;
+    s->head += static_cast<std::size_t>(n);
+    s->total += static_cast<std::uint64_t>(n);
+    const ssize_t block = get_headers_len(s->buffer, s->head);
+    if (block < 0 || (block == 0 && s->room() == 0)) {
+        return refuse_headers(s);
+    }
+    if (block == 0) {
+        s->tail = s->head;
+        return 0;
+    }
+    s->header_length = static_cast<std::size_t>(block);
+    accept_headers(s);
+    return 0;
+}
+
+ssize_t write_cgi(stream* s, const void* buffer, std::size_t length) {
+    const body_allowance allowance = allowed_body(s, buffer, length);
+    const ssize_t n =
+        allowance.bytes > 0 ? send(s->channel.fd, buffer, allowance.bytes, MSG_NOSIGNAL) : 0;
+    if (n < 0) {
+        if (errno != EAGAIN && errno != EINTR) {
+            s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+        }
+        return n;
+    }
+    const auto sent = static_cast<std::size_t>(n);
+    note_body_sent(s, buffer, sent);
+    if (allowance.last && sent == allowance.bytes) {
+        end_input(s);
+    }
+    return n;
+}
+
+// When the program has closed its side and has taken all of its input, a reset spares the host a
+// port in TIME_WAIT per run.
+void close_cgi(stream* s) {
+    release_scanners(s);
+    if (s->channel.fd < 0) {
+        return;
+    }
+    char byte = 0;
+    const bool ended = recv(s->channel.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+    if (ended && !s->has(sf_writable)) {
+        const linger reset = {.l_onoff = 1, .l_linger = 0};
+        (void)setsockopt(s->channel.fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    }
+    (void)close(s->channel.fd);
+    s->channel.fd = -1;
+}
+
+}  // namespace
+
+constinit const io_class io_cgi{
+    .name = "cgi", .read = read_cgi, .write = write_cgi, .close = close_cgi};
+
+void do_cgi(conn* c) {
+    stream& local = c->local;
+    std::memcpy(local.buffer, placeholder.data(), placeholder.size());
+    local.head = local.tail = placeholder.size();
+    local.total = placeholder.size();
+    const bool post = c->request.method == method_post;
+    install_class(&local, &io_cgi, local.channel.fd,
+                  post ? sf_readable | sf_writable : std::uint32_t{sf_readable});
+    if (!post || c->request.body_left == 0) {
+        end_input(&local);
+    } else {
+        watch_request_body(&local);
+    }
+}

@@ -1,4 +1,252 @@
-#include "core/stream.h"
+#include "handlers/io_proxy.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <limits>
+#include <string_view>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/io_class.h"
+#include "core/log.h"
+#include "core/request.h"
+#include "core/route.h"
+#include "core/string.h"
+#include "handlers/relay.h"
+#include "handlers/service_exchange.h"
+
+namespace {
+
+constexpr std::size_t status_line_min = 12;
+
+bool would_block(int error) {
+    return error == EAGAIN || error == EINTR;
+}
+
+// --- Moving bytes ---
+
+// The secure channel of the target that the stream serves; null: it is spoken to in clear text.
+void* channel_of(const stream* s) {
+    const conn* c = s->connection;
+    const bool own = c->proxy != nullptr && c->proxy->fd == s->channel.fd;
+    return own ? c->proxy_channel : nullptr;
+}
+
+std::int32_t int_length(std::size_t length) {
+    constexpr std::size_t most = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(std::min(length, most));
+}
+
+// A code that is neither a count nor -1 must never move the buffer's head.
+ssize_t checked_count(std::int32_t count, std::int32_t length) {
+    if (count < -1 || count > length || (count == -1 && errno == 0)) {
+        errno = EIO;
+        return -1;
+    }
+    return count;
+}
+
+ssize_t receive(stream* s, void* buffer, std::size_t length) {
+    void* channel = channel_of(s);
+    if (channel == nullptr) {
+        return recv(s->channel.fd, buffer, length, 0);
+    }
+    const std::int32_t asked = int_length(length);
+    errno = 0;
+    const std::int32_t count = molbAtSecConnRead(channel, buffer, asked);
+    // Only a read that got less than it asked for has emptied the channel.
+    s->connection->proxy_pending = count == asked;
+    return checked_count(count, asked);
+}
+
+ssize_t deliver(stream* s, const void* buffer, std::size_t length) {
+    void* channel = channel_of(s);
+    if (channel == nullptr) {
+        return send(s->channel.fd, buffer, length, MSG_NOSIGNAL);
+    }
+    const std::int32_t offered = int_length(length);
+    errno = 0;
+    return checked_count(molbAtSecConnWrite(channel, buffer, offered), offered);
+}
+
+// --- The reply ---
+
+// The reply is complete although its sender keeps the connection: nothing more is read or written.
+void end_reply(stream* s) {
+    release_scanners(s);
+    s->flags &= ~static_cast<std::uint32_t>(sf_readable | sf_writable);
+    s->flags |= sf_closed;
+    s->connection->proxy_pending = false;
+}
+
+// Judges the next bytes of a chunked body and returns how many of them belong to the reply.
+std::size_t scan_reply(stream* s, std::string_view bytes) {
+    relay_scanners* scanners = scanners_of(s);
+    const std::size_t own = scanners->reply.consume(bytes);
+    if (scanners->reply.failed()) {
+        scanners->scans_reply = false;  // the sender's close will have to tell
+        s->connection->close_after = true;
+        return bytes.size();
+    }
+    if (scanners->reply.complete()) {
+        end_reply(s);
+        if (own < bytes.size()) {
+            s->connection->close_after = true;
+        }
+    }
+    return own;
+}
+
+// Logs before the error reply takes the buffer over.
+ssize_t refuse_headers(stream* s) {
+    elog(elog_info, s->connection, "CGI script sent invalid headers: [%.*s]",
+         static_cast<int>(s->head), s->buffer);
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    send_server_error(s->connection, 500, "Bad headers sent");
+    return 0;
+}
+
+// Whether the client connection ends with this reply.
+bool must_close(const conn* c, const header_values& values, reply_end end) {
+    return !c->request.uri.starts_with("/hob://") || c->request.major == 0 ||
+           c->request.minor == 0 || starts_with_nocase(values.connection, "close") ||
+           end == reply_end::with_close;
+}
+
+// What stands behind the header block has arrived along with it.
+void judge_first_body_bytes(stream* s, reply_end end) {
+    const std::string_view body(s->buffer + s->header_length, s->head - s->header_length);
+    if (end == reply_end::chunked) {
+        obtain_scanners(s)->scans_reply = true;
+        const std::size_t own = scan_reply(s, body);
+        s->head = s->header_length + own;
+        s->total = own;
+    } else if (end == reply_end::at_once) {
+        end_reply(s);
+        s->connection->close_after = s->connection->close_after || !body.empty();
+    } else if (end == reply_end::counted && s->total > s->content_length) {
+        s->connection->close_after = true;  // where the next reply begins is anybody's guess
+    }
+}
+
+void accept_headers(stream* s) {
+    conn* c = s->connection;
+    const std::string_view head(s->buffer, s->header_length);
+    header_values values;
+    parse_headers(head.data(), head.size(), &values);
+    const reply_end end = find_reply_end(head, values, c->request.method);
+    s->content_length = end == reply_end::counted ? values.content_length : 0;
+    c->close_after = c->close_after || must_close(c, values, end);
+    const std::uint64_t status = values.location.empty() ? values.status : 302;
+    c->request.status = static_cast<int>(status);
+    // Kept: a Location makes any status 302, and the reason text stays the target's.
+    if (status != 0 && head.starts_with("HTTP/") && head.size() >= status_line_min) {
+        write_status(s->buffer, status);
+    }
+    s->flags |= sf_parsed;
+    s->total -= s->header_length;
+    s->tail = 0;
+    judge_first_body_bytes(s, end);
+}
+
+ssize_t read_headers(stream* s, ssize_t n) {
+    if (n < 1) {
+        if (n < 0 && would_block(errno)) {
+            return n;
+        }
+        send_server_error(s->connection, 500, "Error in proxy");
+        return n;
+    }
+    s->flags |= sf_keep_open;
+    s->head += static_cast<std::size_t>(n);
+    s->total += static_cast<std::uint64_t>(n);
+    const ssize_t block = get_headers_len(s->buffer, s->head);
+    if (block < 0 || (block == 0 && s->room() == 0)) {
+        return refuse_headers(s);
+    }
+    if (block == 0) {
+        s->tail = s->head;
+        return 0;
+    }
+    s->header_length = static_cast<std::size_t>(block);
+    accept_headers(s);
+    return 0;
+}
+
+ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
+    conn* c = s->connection;
+    if (waits_for_service(c)) {
+        advance_service_exchange(c);
+        errno = EAGAIN;
+        return -1;
+    }
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    const ssize_t n = receive(s, buffer, length);
+    const int error = errno;
+    if (n > 0) {
+        note_service_answer(c, {static_cast<const char*>(buffer), static_cast<std::size_t>(n)});
+    }
+    errno = error;
+    if (!s->has(sf_parsed)) {
+        return read_headers(s, n);
+    }
+    const relay_scanners* scanners = scanners_of(s);
+    if (scanners == nullptr || !scanners->scans_reply) {
+        return n;
+    }
+    if (n > 0) {
+        const std::size_t count = static_cast<std::size_t>(n);
+        return static_cast<ssize_t>(scan_reply(s, {static_cast<const char*>(buffer), count}));
+    }
+    if (n == 0) {
+        c->close_after = true;  // cut short
+    }
+    return n;
+}
+
+ssize_t write_proxy(stream* s, const void* buffer, std::size_t length) {
+    const body_allowance allowance = allowed_body(s, buffer, length);
+    const ssize_t n = allowance.bytes > 0 ? deliver(s, buffer, allowance.bytes) : 0;
+    if (n < 0) {
+        if (!would_block(errno)) {
+            s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+        }
+        return n;
+    }
+    const auto sent = static_cast<std::size_t>(n);
+    note_body_sent(s, buffer, sent);
+    if (allowance.last && sent == allowance.bytes) {
+        s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+    }
+    return n;
+}
+
+void close_proxy(stream* s) {
+    conn* c = s->connection;
+    leave_service_exchange(c);
+    release_scanners(s);
+    if (channel_of(s) != nullptr) {
+        (void)molbAtSecConnClose(&c->proxy_channel);
+        c->proxy_channel = nullptr;
+    }
+    c->proxy_pending = false;
+    if (s->channel.fd >= 0) {
+        (void)close(s->channel.fd);
+        s->channel.fd = -1;
+    }
+}
+
+}  // namespace
 
 constinit const io_class io_proxy{
-    .name = "proxy", .read = nullptr, .write = nullptr, .close = nullptr};
+    .name = "proxy", .read = read_proxy, .write = write_proxy, .close = close_proxy};
+
+void start_proxy_relay(conn* c) {
+    c->local.clear_buffer();
+    c->local.total = 0;
+    install_class(&c->local, &io_proxy, -1, sf_readable | sf_writable);
+}

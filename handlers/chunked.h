@@ -1,0 +1,42 @@
+// Finds the end of a body in chunked transfer coding without changing a byte of it.
+//
+// Strict on purpose: a body that two readers could end at different places counts as broken.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+class chunk_scanner {
+  public:
+    // Takes the next bytes and returns how many of them belong to the body: all of them unless the
+    // body ended or broke within them. Call it no more after that.
+    std::size_t consume(std::string_view bytes);
+
+    [[nodiscard]] bool complete() const { return state_ == state::done; }
+    [[nodiscard]] bool failed() const { return state_ == state::broken; }
+
+  private:
+    enum class state : std::uint8_t {
+        first_digit,
+        digits,
+        extension,
+        size_end,  // the line feed behind a chunk's size
+        data,
+        data_return,
+        data_end,
+        trailer_start,  // the first byte of a trailer line or of the last, empty one
+        trailer_line,
+        trailer_end,
+        last_end,  // the line feed of the empty line
+        done,
+        broken,
+    };
+
+    state after_size() const { return left_ == 0 ? state::trailer_start : state::data; }
+    state step(char c);
+    state add_digit(char c);
+
+    state state_ = state::first_digit;
+    std::uint64_t left_ = 0;  // the size being read, then the bytes of the chunk still to come
+};

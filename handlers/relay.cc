@@ -1,0 +1,106 @@
+#include "handlers/relay.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+#include "core/request.h"
+#include "core/string.h"
+
+namespace {
+
+constexpr std::size_t status_offset = 9;
+constexpr std::size_t status_digits = 3;
+
+// The status in a status line, 0 when the reply does not begin with one.
+int status_of(std::string_view head) {
+    if (!head.starts_with("HTTP/") || head.size() < status_offset + status_digits) {
+        return 0;
+    }
+    int status = 0;
+    for (const char c : head.substr(status_offset, status_digits)) {
+        if (c < '0' || c > '9') {
+            return 0;
+        }
+        status = status * 10 + (c - '0');
+    }
+    return status;
+}
+
+bool names_length(std::string_view head) {
+    for (std::size_t at = head.find('\n'); at != std::string_view::npos;
+         at = head.find('\n', at + 1)) {
+        if (starts_with_nocase(head.substr(at + 1), "Content-Length: ")) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+void write_status(char* status_line, std::uint64_t status) {
+    std::array<char, 24> text{};
+    (void)std::snprintf(text.data(), text.size(), "%3llu", static_cast<unsigned long long>(status));
+    std::memcpy(status_line + status_offset, text.data(), status_digits);
+}
+
+reply_end find_reply_end(std::string_view head, const header_values& values, int method) {
+    const int status = status_of(head);
+    if (method == method_head || status == 204 || status == 304) {
+        return reply_end::at_once;
+    }
+    if (!values.transfer_encoding.empty()) {
+        return equals_nocase(values.transfer_encoding, "chunked") ? reply_end::chunked
+                                                                  : reply_end::with_close;
+    }
+    if (values.content_length > 0) {
+        return reply_end::counted;
+    }
+    return names_length(head) ? reply_end::at_once : reply_end::with_close;
+}
+
+relay_scanners* scanners_of(const stream* s) {
+    return static_cast<relay_scanners*>(s->channel.state);
+}
+
+relay_scanners* obtain_scanners(stream* s) {
+    if (s->channel.state == nullptr) {
+        s->channel.state = new relay_scanners;
+    }
+    return scanners_of(s);
+}
+
+void release_scanners(stream* s) {
+    delete scanners_of(s);
+    s->channel.state = nullptr;
+}
+
+void watch_request_body(stream* s) {
+    if (s->connection->request.body_left == unlimited_body) {
+        obtain_scanners(s)->scans_request = true;
+    }
+}
+
+body_allowance allowed_body(const stream* s, const void* bytes, std::size_t length) {
+    const relay_scanners* scanners = scanners_of(s);
+    if (scanners == nullptr || !scanners->scans_request) {
+        return {.bytes = length, .last = length == s->connection->request.body_left};
+    }
+    const std::size_t skip = std::min(scanners->request_skip, length);
+    chunk_scanner probe = scanners->request;
+    const std::size_t allowed =
+        probe.consume({static_cast<const char*>(bytes) + skip, length - skip});
+    return {.bytes = skip + allowed, .last = probe.complete() || probe.failed()};
+}
+
+void note_body_sent(stream* s, const void* bytes, std::size_t sent) {
+    relay_scanners* scanners = scanners_of(s);
+    if (scanners == nullptr || !scanners->scans_request) {
+        return;
+    }
+    const std::size_t skip = std::min(scanners->request_skip, sent);
+    scanners->request_skip -= skip;
+    (void)scanners->request.consume({static_cast<const char*>(bytes) + skip, sent - skip});
+}

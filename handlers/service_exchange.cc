@@ -1,0 +1,188 @@
+#include "handlers/service_exchange.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+#include "core/connection.h"
+#include "core/globals.h"
+#include "core/request.h"
+#include "core/route.h"
+#include "handlers/cgi_service.h"
+#include "handlers/proxy_head.h"
+#include "handlers/proxy_target.h"
+#include "handlers/relay.h"
+#include "lib/unique_fd.h"
+
+namespace {
+
+constexpr const char* unreachable = "Internal server error. Could not connect to hob server.";
+constexpr const char* no_slot = "Internal server error. Maximum connections reached.";
+constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
+constexpr std::time_t stale_limit_s = 300;
+
+// Follows an answer to its end. The service never learns the method: its answer has a body even
+// when the client asked for none.
+class answer_tracker {
+  public:
+    [[nodiscard]] bool complete() const { return complete_; }
+
+    void feed(std::string_view bytes) {
+        if (head_done_) {
+            feed_body(bytes);
+            return;
+        }
+        head_.append(bytes);
+        const ssize_t block = get_headers_len(head_.data(), head_.size());
+        if (block == 0 && head_.size() < head_max) {
+            return;
+        }
+        head_done_ = true;
+        if (block <= 0) {
+            complete_ = true;  // nobody can say where it ends
+            return;
+        }
+        const auto length = static_cast<std::size_t>(block);
+        header_values values;
+        parse_headers(head_.data(), length, &values);
+        end_ = find_reply_end(std::string_view(head_).substr(0, length), values, method_get);
+        left_ = values.content_length;
+        complete_ = end_ == reply_end::at_once;
+        feed_body(std::string_view(head_).substr(length));
+        head_.clear();
+    }
+
+  private:
+    static constexpr std::size_t head_max = std::size_t{1} << 20;
+
+    void feed_body(std::string_view bytes) {
+        if (end_ == reply_end::counted) {
+            left_ -= std::min<std::uint64_t>(left_, bytes.size());
+            complete_ = left_ == 0;
+        } else if (end_ == reply_end::chunked && !complete_) {
+            (void)chunks_.consume(bytes);
+            complete_ = chunks_.complete() || chunks_.failed();
+        }
+    }
+
+    std::string head_;
+    bool head_done_ = false;
+    bool complete_ = false;
+    reply_end end_ = reply_end::with_close;
+    std::uint64_t left_ = 0;
+    chunk_scanner chunks_;
+};
+
+struct exchange {
+    const conn* owner = nullptr;  // holds the service; null: nobody does
+    bool started = false;         // the owner's request is on its way
+    std::uint64_t request_bytes = 0;
+    bool stale = false;  // `answer` belongs to a client that has gone
+    std::time_t stale_until = 0;
+    answer_tracker answer;
+};
+
+exchange service;
+
+// Takes the service for the connection. False when an error reply is in place.
+bool take_service(conn* c) {
+    const int stdio = gethobstdio();
+    unique_fd fd(stdio < 0 ? -1 : fcntl(stdio, F_DUPFD_CLOEXEC, 3));
+    if (!fd) {
+        send_server_error(c, 500, unreachable);
+        return false;
+    }
+    if (!poll_stream(&c->local, fd.get())) {
+        send_server_error(c, 500, no_slot);
+        return false;
+    }
+    c->local.channel.fd = fd.release();  // non-blocking like the descriptor it copies
+    service.owner = c;
+    service.started = false;
+    return true;
+}
+
+// Drops what lies unread: whatever it is, it is no answer to the next request. False while an
+// answer that nobody waits for is still to come.
+bool drop_old_answer(int fd) {
+    constexpr int reads_max = 64;
+    std::array<char, 4096> buffer;  // NOLINT(*-member-init): filled by recv
+    for (int i = 0; i < reads_max; ++i) {
+        const ssize_t n = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            service.stale = service.stale && n < 0 && errno == EAGAIN;
+            break;
+        }
+        if (service.stale) {
+            service.answer.feed({buffer.data(), static_cast<std::size_t>(n)});
+            service.stale = !service.answer.complete();
+        }
+    }
+    return !service.stale || current_time > service.stale_until;
+}
+
+void start_exchange(conn* c) {
+    const proxy_target target = parse_target(c);
+    if (safe_write_bytes(c, target.path) < 0) {
+        send_server_error(c, 500, unreachable);
+        return;
+    }
+    service.stale = false;
+    service.started = true;
+    service.request_bytes = target.path.size();
+    service.answer = answer_tracker();
+    c->local.flags = sf_readable | sf_writable;
+}
+
+}  // namespace
+
+void join_service_exchange(conn* c) {
+    c->local.flags = waiting_flags;
+    advance_service_exchange(c);
+}
+
+bool waits_for_service(const conn* c) {
+    return c->local.has(sf_always_ready);
+}
+
+void advance_service_exchange(conn* c) {
+    if (service.owner == nullptr && !take_service(c)) {
+        return;
+    }
+    if (service.owner == c && drop_old_answer(c->local.channel.fd)) {
+        start_exchange(c);
+    }
+}
+
+void note_service_answer(const conn* c, std::string_view bytes) {
+    if (service.owner == c) {
+        service.answer.feed(bytes);
+    }
+}
+
+void leave_service_exchange(const conn* c) {
+    if (service.owner != c) {
+        return;
+    }
+    if (service.started) {
+        const bool sent = c->request.body_left < service.request_bytes;
+        service.stale = sent && !service.answer.complete();
+        service.stale_until = current_time + stale_limit_s;
+    }
+    service.owner = nullptr;
+    shttpd_wake();
+}
+
+void reset_service_exchange() {
+    service.stale = false;
+}

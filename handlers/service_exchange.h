@@ -1,0 +1,29 @@
+// Requests without a body to the companion service, over its standard input and output.
+//
+// One socket serves everybody, so one exchange runs at a time: the others wait. When the client of
+// an exchange goes away, what the service still answers is discarded before the next one begins.
+// Process-wide; main thread only.
+#pragma once
+
+#include <string_view>
+
+#include "core/fwd.h"
+
+// Puts the request in line and starts it when it is its turn: the URI's path is then what the
+// service gets to read. Requires an installed relay. An error reply may be in place afterwards.
+void join_service_exchange(conn* c);
+
+// Whether the connection has joined and its own answer can't be read yet.
+bool waits_for_service(const conn* c);
+
+// One step of a waiting connection. An error reply may be in place afterwards.
+void advance_service_exchange(conn* c);
+
+// Bytes that a target has sent to the connection; ignored unless the target is the service.
+void note_service_answer(const conn* c, std::string_view bytes);
+
+// The connection's relay is being closed: hands the service on if it held it.
+void leave_service_exchange(const conn* c);
+
+// The service has ended: nothing of it is awaited any more.
+void reset_service_exchange();
