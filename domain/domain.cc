@@ -1,11 +1,139 @@
 #include "domain/domain.h"
 
+#include <array>
+#include <string>
+#include <utility>
+
+#include "core/connection.h"
 #include "core/context.h"
+#include "core/endpoint.h"
+#include "core/paths.h"
+#include "domain/domain_file.h"
+#include "domain/domain_uris.h"
+#include "domain/registry.h"
+#include "lib/ini.h"
+#include "lib/qz_result.h"
+
+namespace {
+
+struct endpoint {
+    const char* uri;
+    shttpd_handler handler;
+};
+
+constexpr std::array<endpoint, 9> endpoints = {{
+    {"/admin/dovmad/config", set_dovmad_mode},
+    {"/admin/domain/host_rename", domain_host_rename},
+    {"/agent/domain/register", domain_register},
+    {"/agent/domain/unregister", domain_unregister},
+    {"/agent/domain/enum", domain_enum},
+    {"/agent/domain/report", domain_report},
+    {"/admin/domain/add", domain_add},
+    {"/admin/domain/remove", domain_remove},
+    {"/admin/domain/dhc", domain_dhc},
+}};
+
+constexpr int mode_bytes = 32;
+constexpr int path_bytes = 1024;
+
+void set_domain_mode(shttpd_ctx* ctx, const conn* c) {
+    reset_domain_config(domain_mode_config());
+    ctx->registry = new_qz_map(compare_string, nullptr, free_agent_host);
+    load_domain_file(ctx, c);
+}
+
+// The result of reading the resolver file; without one the registry is empty.
+int set_standalone_domains(shttpd_ctx* ctx) {
+    ctx->registry = new_qz_map(compare_string, nullptr, free_dhc_info_map);
+    parse_handle* handle = nullptr;
+    int result = parse_open(paths.resolver_file, nullptr, &handle);
+    if (result != qz_ok) {
+        return result;
+    }
+    const parse_ptr store(handle);
+    qz_vector* names = nullptr;
+    result = parse_enum_domains(store.get(), &names);
+    if (result != qz_ok) {
+        return result;
+    }
+    const vector_ptr owned_names(names);
+    for (const void* name : qz_each(names)) {
+        domain_entry* entry = make_domain_entry(static_cast<const char*>(name));
+        if (qz_map_insert(ctx->registry, entry->name, entry) != qz_ok) {
+            free_dhc_info_map(entry);
+        }
+    }
+    return qz_ok;
+}
+
+// --- Mode switch ---
+
+void switch_to_domain(shttpd_call_arg* arg) {
+    shttpd_ctx* ctx = arg->connection->ctx;
+    if (in_domain_mode(ctx)) {
+        show_error(arg, "400", "Already in domain mode");
+        return;
+    }
+    std::string path = get_variable(request_body(arg), "domain_file", path_bytes);
+    if (path.empty()) {
+        show_error(arg, "400", "Bad Params: domain_file");
+        return;
+    }
+    free_domain_info(ctx);
+    ctx->domain_file = std::move(path);
+    set_domain_mode(ctx, arg->connection);
+    show_success(arg);
+}
+
+void switch_to_standalone(shttpd_call_arg* arg) {
+    shttpd_ctx* ctx = arg->connection->ctx;
+    if (!in_domain_mode(ctx)) {
+        show_error(arg, "400", "Already in standalone mode");
+        return;
+    }
+    free_domain_info(ctx);
+    (void)set_standalone_domains(ctx);  // without the resolver file no domain is served
+    show_success(arg);
+}
+
+}  // namespace
+
+domain_config* domain_mode_config() {
+    static domain_config only;
+    return &only;
+}
 
 void init_domain_info(shttpd_ctx* ctx) {
-    (void)ctx;
+    if (ctx->drlist != nullptr) {
+        qz_map_clear(ctx->drlist);
+    }
+    if (in_domain_mode(ctx)) {
+        set_domain_mode(ctx, nullptr);
+    } else {
+        (void)set_standalone_domains(ctx);  // without the resolver file no domain is served
+    }
+    for (const endpoint& each : endpoints) {
+        shttpd_register_uri(ctx, each.uri, each.handler, nullptr);
+    }
 }
 
 void free_domain_info(shttpd_ctx* ctx) {
+    free_drlist(ctx);  // before the records that it shares
+    qz_map_destroy(ctx->registry);
+    ctx->registry = nullptr;
     ctx->domain_file.clear();
+}
+
+void set_dovmad_mode(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || post_only_pending(arg)) {
+        return;
+    }
+    const std::string mode = get_variable(request_body(arg), "mode", mode_bytes);
+    if (mode == "domain") {
+        switch_to_domain(arg);
+    } else if (mode == "standalone") {
+        switch_to_standalone(arg);
+    } else {
+        show_error(arg, "400", "Bad Params");
+    }
 }

@@ -1,0 +1,193 @@
+// Administration of the domain: /admin/domain/host_rename, dhc, add and remove.
+#include <array>
+#include <string>
+#include <string_view>
+
+#include "core/connection.h"
+#include "core/endpoint.h"
+#include "core/peer_name.h"
+#include "domain/domain_file.h"
+#include "domain/domain_uris.h"
+#include "domain/registry.h"
+#include "lib/alloc.h"
+
+namespace {
+
+constexpr int rename_id_bytes = 40;
+constexpr int host_bytes = 256;
+
+void replace_text(char** field, const std::string& text) {
+    qzfree(*field);
+    *field = static_cast<char*>(qz_need(qzstrdup(text.c_str())));
+}
+
+// The variables of the three endpoints that answer GET: the body's, else the query's. Refuses other
+// methods and requests without variables; false when the caller must return.
+bool get_variables(shttpd_call_arg* arg, std::string_view* variables) {
+    if (!method_is(arg, "GET")) {
+        show_error(arg, "405", "Method not allowed");
+        return false;
+    }
+    if (post_body_pending(arg)) {
+        return false;
+    }
+    *variables = request_body(arg).empty() ? query_text(arg) : request_body(arg);
+    if (variables->empty()) {
+        show_error(arg, "405", "Method not allowed");
+        return false;
+    }
+    return true;
+}
+
+// --- Settings ---
+
+struct setting {
+    const char* name;
+    std::uint32_t domain_config::*field;
+    bool per_domain;  // accepted for a single domain of standalone mode too
+};
+
+constexpr std::array<setting, 6> settings = {{
+    {"enable", &domain_config::dhc_enabled, true},
+    {"freq", &domain_config::ping_frequency, true},
+    {"fudge", &domain_config::fudge, false},
+    {"max_report_per_dhc", &domain_config::max_report_per_dhc, true},
+    {"max_report_per_dc", &domain_config::max_report_per_dc, false},
+    {"max_cycles_per_blist", &domain_config::max_cycles_per_blist, true},
+}};
+
+void apply_settings(std::string_view variables, bool per_domain, domain_config* config) {
+    for (const setting& each : settings) {
+        if (per_domain && !each.per_domain) {
+            continue;
+        }
+        if (const auto number = number_variable(variables, each.name)) {
+            config->*each.field = *number;
+        }
+    }
+}
+
+// --- Blacklist ---
+
+// Kept: the last id takes the character behind the value with it, "&" when another variable
+// follows. A list that ends in ":" keeps its ids as they are.
+void add_to_blacklist(std::string_view variables, domain_entry* entry) {
+    const std::string_view value = raw_variable(variables, "blacklist");
+    for (std::size_t start = 0; start < value.size();) {
+        const std::string_view rest = value.substr(start);
+        std::string_view id = rest.substr(0, rest.find(':'));
+        const bool is_last = id.size() == rest.size();
+        start += id.size() + 1;
+        if (id.empty()) {
+            continue;
+        }
+        const auto offset = static_cast<std::size_t>(id.data() - variables.data());
+        id = is_last ? variables.substr(offset, id.size() + 1) : id;
+        if (blacklist_add(entry, id)) {
+            entry->cycles = 0;
+        }
+    }
+}
+
+domain_entry* find_or_add_domain(shttpd_ctx* ctx, const std::string& name) {
+    domain_entry* entry = find_domain(ctx, name.c_str());
+    if (entry == nullptr) {
+        entry = make_domain_entry(name.c_str());
+        (void)qz_map_insert(registry_domains(ctx), entry->name, entry);  // looked up: it is new
+    }
+    return entry;
+}
+
+}  // namespace
+
+void domain_host_rename(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    conn* c = arg->connection;
+    if (!in_domain_mode(c->ctx)) {
+        show_error(arg, "404", "Not Found");
+        return;
+    }
+    if (post_only_pending(arg)) {
+        return;
+    }
+    const std::string id = get_variable(request_body(arg), "id", rename_id_bytes);
+    const std::string name = get_variable(request_body(arg), "host", host_bytes);
+    if (id.empty() || name.empty() || !is_storable_hostname(name)) {
+        show_error(arg, "400", "Invalid arguments");
+        return;
+    }
+    agent_host* host = find_host(c->ctx, id.c_str());
+    if (host == nullptr) {
+        show_error(arg, "400", "Not found");
+        return;
+    }
+    replace_text(&host->hostname, name);
+    // Kept: the host's reverse name becomes that of whoever renames it.
+    replace_text(&host->revhostname, storable_field(peer_host_name(c).name));
+    sync_allow(c);
+    show_success(arg);
+}
+
+void domain_dhc(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    if (!in_domain_mode(arg->connection->ctx)) {
+        show_error(arg, "403", "DHC enable/disable allowed only on CMS");
+        return;
+    }
+    std::string_view variables;
+    if (!get_variables(arg, &variables)) {
+        return;
+    }
+    apply_settings(variables, false, domain_mode_config());
+    answer_empty(arg);
+}
+
+void domain_add(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    shttpd_ctx* ctx = arg->connection->ctx;
+    if (in_domain_mode(ctx)) {
+        show_error(arg, "403", "Domain add not allowed on DC");
+        return;
+    }
+    std::string_view variables;
+    if (!get_variables(arg, &variables)) {
+        return;
+    }
+    const std::string name(raw_variable(variables, "domain"));
+    if (name.empty()) {
+        show_error(arg, "400", "Bad Request.");
+        return;
+    }
+    domain_entry* entry = find_or_add_domain(ctx, name);
+    apply_settings(variables, true, &entry->config);
+    add_to_blacklist(variables, entry);
+    answer_empty(arg);
+}
+
+void domain_remove(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    shttpd_ctx* ctx = arg->connection->ctx;
+    if (in_domain_mode(ctx)) {
+        show_error(arg, "403", "Domain remove not allowed on DC");
+        return;
+    }
+    std::string_view variables;
+    if (!get_variables(arg, &variables)) {
+        return;
+    }
+    const std::string name(raw_variable(variables, "domain"));
+    if (name.empty()) {
+        show_error(arg, "400", "Bad Request.");
+        return;
+    }
+    (void)qz_map_delete(registry_domains(ctx), name.c_str());  // an unknown name changes nothing
+    answer_empty(arg);
+}

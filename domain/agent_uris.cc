@@ -1,0 +1,152 @@
+// Agents join and leave the domain: /agent/domain/register and /agent/domain/unregister.
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/endpoint.h"
+#include "core/peer_name.h"
+#include "domain/domain_file.h"
+#include "domain/domain_uris.h"
+#include "domain/registry.h"
+#include "lib/alloc.h"
+#include "lib/qz_result.h"
+
+namespace {
+
+constexpr int register_id_bytes = 64;
+constexpr int host_bytes = 256;
+constexpr int osname_bytes = 32;
+constexpr int osrelease_bytes = 64;
+constexpr int cputype_bytes = 16;
+constexpr int unregister_id_bytes = 40;
+
+struct registration {
+    std::string id;
+    std::string host;
+    std::string remote_host;
+    std::string osname;
+    std::string osrelease;
+    std::string cputype;
+};
+
+std::string variable_or_unknown(std::string_view variables, const char* name, int size) {
+    std::string value = get_variable(variables, name, size);
+    return value.empty() ? "unknown" : value;
+}
+
+registration read_registration(std::string_view variables) {
+    return {.id = get_variable(variables, "id", register_id_bytes),
+            .host = get_variable(variables, "host", host_bytes),
+            .remote_host = {},
+            .osname = variable_or_unknown(variables, "osname", osname_bytes),
+            .osrelease = variable_or_unknown(variables, "osrelease", osrelease_bytes),
+            .cputype = variable_or_unknown(variables, "cputype", cputype_bytes)};
+}
+
+// Whether the domain file would give back this host as this host.
+bool is_storable(const registration& host) {
+    return !host.id.empty() && is_storable_id(host.id) && !host.host.empty() &&
+           is_storable_hostname(host.host);
+}
+
+char* heap_text(const std::string& text) {
+    return static_cast<char*>(qz_need(qzstrdup(text.c_str())));
+}
+
+// In the file a CPU type ends at the first white space too.
+std::string storable_cputype(const std::string& text) {
+    std::string field = storable_field(text);
+    std::replace(field.begin(), field.end(), ' ', '_');
+    return field;
+}
+
+void add_host(shttpd_ctx* ctx, const registration& from, const std::string& namespace_name) {
+    agent_host* host = make_host(
+        heap_text(from.host), heap_text(storable_field(from.remote_host)), heap_text(from.id),
+        heap_text(storable_field(from.osname)), heap_text(storable_field(from.osrelease)),
+        heap_text(storable_cputype(from.cputype)), heap_text(namespace_name));
+    if (qz_map_insert(registry_hosts(ctx), host->hostid, host) != qz_ok) {
+        free_agent_host(host);
+    }
+}
+
+// A host that is registered already gains the namespace and keeps everything else.
+void enrol(shttpd_ctx* ctx, const registration& from, const std::string& namespace_name) {
+    agent_host* host = find_host(ctx, from.id.c_str());
+    if (host == nullptr) {
+        add_host(ctx, from, namespace_name);
+    } else if (ns_exists(host->namespaces, namespace_name.c_str()) == 0) {
+        qz_vector_pushback(host->namespaces, heap_text(namespace_name));
+    }
+}
+
+// Kept: the body is one JSON member without enclosing braces.
+void answer_registration(shttpd_call_arg* arg, const registration& host) {
+    std::string text = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
+    text.append("\"output\" : {\n\"Status\" : \"Success\",\n\"Hostname\" : \"").append(host.host);
+    text.append("\",\n\"id\" : \"").append(host.id);
+    text.append("\",\n\"Remote_Hostname\" : \"").append(host.remote_host);
+    text.append("\",\n\"OsName\" : \"").append(host.osname);
+    text.append("\",\n\"OsRelease\" : \"").append(host.osrelease);
+    text.append("\",\n\"CpuType\" : \"").append(host.cputype).append("\"\n}\n");
+    answer_text(arg, text);
+}
+
+// Refuses what both endpoints refuse; true when the caller must return.
+bool refused_or_pending(shttpd_call_arg* arg) {
+    if (!in_domain_mode(arg->connection->ctx)) {
+        show_error(arg, "404", "Not Found");
+        return true;
+    }
+    return post_only_pending(arg);
+}
+
+}  // namespace
+
+void domain_register(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    if (arg->state != nullptr) {
+        drain_reply(arg);
+        return;
+    }
+    if (refused_or_pending(arg)) {
+        return;
+    }
+    conn* c = arg->connection;
+    registration host = read_registration(request_body(arg));
+    if (!is_storable(host) || !is_storable_namespace(c->request.ns->name)) {
+        show_error(arg, "400", "Error: Missing information");
+        return;
+    }
+    host.remote_host = peer_host_name(c).name;
+    enrol(c->ctx, host, c->request.ns->name);
+    sync_allow(c);
+    answer_registration(arg, host);
+}
+
+void domain_unregister(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || refused_or_pending(arg)) {
+        return;
+    }
+    conn* c = arg->connection;
+    const std::string id = get_variable(request_body(arg), "id", unregister_id_bytes);
+    if (id.empty()) {
+        show_error(arg, "400", "Error: Host Identifier not specified");
+        return;
+    }
+    agent_host* host = find_host(c->ctx, id.c_str());
+    if (host == nullptr) {
+        answer_unknown_host(arg);
+        return;
+    }
+    (void)ns_remove(host->namespaces, c->request.ns->name.c_str());
+    if (qz_vector_size(host->namespaces) == 0) {
+        registry_remove_host(c->ctx, id.c_str());
+    }
+    sync_allow(c);
+    show_success(arg);
+}

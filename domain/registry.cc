@@ -1,0 +1,315 @@
+#include "domain/registry.h"
+
+#include <string.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <initializer_list>
+#include <string>
+
+#include "core/context.h"
+#include "lib/alloc.h"
+#include "lib/qz_result.h"
+
+namespace {
+
+// Records are put together here and not by the stream's printf, which is slower and damages a text
+// of exactly 1024 characters.
+void append(std::string* out, std::initializer_list<std::string_view> pieces) {
+    for (const std::string_view piece : pieces) {
+        out->append(piece);
+    }
+}
+
+std::string_view text_or(const char* text, const char* fallback) {
+    return text != nullptr ? text : fallback;
+}
+
+// --- Pings ---
+
+struct ping_times {
+    std::int64_t last_ping;
+    std::int64_t next_due;
+};
+
+// Gives a listed host the times of the ping; false when the id is not registered.
+bool ping_listed(const shttpd_ctx* ctx, std::string_view id, ping_times times) {
+    char name[host_id_bytes];
+    name[id.copy(name, sizeof name - 1)] = '\0';
+    agent_host* host = find_host(ctx, name);
+    if (host == nullptr) {
+        return false;
+    }
+    host->last_ping = times.last_ping;
+    host->next_due = times.next_due;
+    return true;
+}
+
+// Gives the listed hosts their times, leaves the unknown ids in the list and returns the number of
+// known ones.
+std::uint32_t ping_list(const shttpd_ctx* ctx, host_id_list* list, ping_times times) {
+    std::uint32_t known = 0;
+    std::size_t kept = 0;
+    for (std::size_t start = 0; start < list->length;) {
+        const std::string_view rest(list->text + start, list->length - start);
+        const std::string_view id = rest.substr(0, rest.find(':'));
+        const bool is_last = id.size() == rest.size();
+        start += id.size() + 1;
+        if (id.empty()) {
+            continue;
+        }
+        const std::size_t too_long = is_last ? host_id_bytes - 1 : host_id_bytes;
+        if (id.size() < too_long && ping_listed(ctx, id, times)) {
+            ++known;
+            continue;
+        }
+        if (kept > 0) {
+            list->text[kept++] = ':';
+        }
+        memmove(list->text + kept, id.data(), id.size());
+        kept += id.size();
+    }
+    list->length = kept;
+    return known;
+}
+
+// --- Presentation ---
+
+// A number of seconds as it is shown: never negative, even when the clock was set back.
+std::string seconds_text(std::int64_t seconds) {
+    return std::to_string(std::max<std::int64_t>(seconds, 0));
+}
+
+struct host_view {
+    std::string age;      // seconds since the last ping
+    std::string to_next;  // seconds until the next one is due
+    const char* status;
+};
+
+host_view view_host(const agent_host* host, std::int64_t now) {
+    return {.age = seconds_text(host->last_ping == 0 ? 0 : now - host->last_ping),
+            .to_next = seconds_text(host->next_due == 0 ? 0 : host->next_due - now),
+            .status = host->next_due < now ? "DN" : "UP"};
+}
+
+void append_text(std::string* out, const agent_host* host, const host_view& view) {
+    append(out, {text_or(host->hostname, ""), ",", text_or(host->revhostname, ""), ",",
+                 text_or(host->hostid, ""), ",", text_or(host->osname, "unknown"), ",",
+                 text_or(host->osrelease, "unknown"), ",", text_or(host->cputype, "unknown"), ",",
+                 view.age, " seconds,", view.to_next, " seconds,", view.status, "\n"});
+}
+
+void append_namespaces(std::string* out, const qz_vector* namespaces) {
+    if (namespaces == nullptr) {
+        return;
+    }
+    const char* separator = "";
+    for (const void* name : qz_each(namespaces)) {
+        append(out, {separator, "\"", static_cast<const char*>(name), "\""});
+        separator = ", ";
+    }
+}
+
+void append_json(std::string* out, const agent_host* host, const host_view& view) {
+    append(out, {"\n   \"hostname\":\"", text_or(host->hostname, ""), "\",\n   \"revhostname\":\"",
+                 text_or(host->revhostname, ""), "\",\n   \"hostid\":\"", text_or(host->hostid, ""),
+                 "\",\n   \"namespaces\": ["});
+    append_namespaces(out, host->namespaces);
+    append(out, {"],\n   \"osname\":\"", text_or(host->osname, "unknown"),
+                 "\",\n   \"osrelease\":\"", text_or(host->osrelease, "unknown"),
+                 "\",\n   \"cputype\":\"", text_or(host->cputype, "unknown"),
+                 "\",\n   \"pingtime\":\"", view.age, " seconds\",\n   \"nexttime\":\"",
+                 view.to_next, " seconds\",\n   \"status\":\"", view.status, "\"\n}"});
+}
+
+}  // namespace
+
+void reset_domain_config(domain_config* config) {
+    *config = domain_config{};
+}
+
+// --- Host records ---
+
+agent_host* make_host(char* hostname, char* revhostname, char* hostid, char* osname,
+                      char* osrelease, char* cputype, char* namespace_name) {
+    agent_host* host = qz_need_new<agent_host>();
+    host->hostname = hostname;
+    host->revhostname = revhostname;
+    host->hostid = hostid;
+    host->osname = osname;
+    host->osrelease = osrelease;
+    host->cputype = cputype;
+    if (namespace_name != nullptr) {
+        host->namespaces = new_qz_vector(1, ns_free);
+        qz_vector_pushback(host->namespaces, namespace_name);
+    }
+    return host;
+}
+
+void free_agent_host(void* word) {
+    auto* host = static_cast<agent_host*>(word);
+    if (host == nullptr) {
+        return;
+    }
+    for (char* text : {host->hostname, host->revhostname, host->hostid, host->osname,
+                       host->osrelease, host->cputype}) {
+        qzfree(text);
+    }
+    qz_vector_destroy(host->namespaces);
+    qzfree(host);
+}
+
+void ns_free(void* name) {
+    qzfree(name);
+}
+
+int ns_exists(const qz_vector* namespaces, const char* name) {
+    if (namespaces == nullptr) {
+        return 0;
+    }
+    const auto elements = qz_each(namespaces);
+    return std::any_of(
+               elements.begin(), elements.end(),
+               [&](const void* each) { return strcmp(static_cast<const char*>(each), name) == 0; })
+               ? 1
+               : 0;
+}
+
+int ns_remove(qz_vector* namespaces, const char* name) {
+    if (namespaces == nullptr) {
+        return 0;
+    }
+    for (std::int32_t i = 0; i < qz_vector_size(namespaces); ++i) {
+        if (strcmp(static_cast<const char*>(qz_vector_at(namespaces, i)), name) == 0) {
+            ns_free(qz_vector_remove(namespaces, i));
+            return 1;
+        }
+    }
+    return 0;
+}
+
+// --- Domain entries ---
+
+domain_entry* make_domain_entry(const char* name) {
+    domain_entry* entry = qz_need_new<domain_entry>();
+    entry->name = static_cast<char*>(qz_need(qzstrdup(name)));
+    entry->hosts = new_qz_map(compare_string, nullptr, free_agent_host);
+    entry->blacklist = new_qz_set(compare_string, qzfree);
+    reset_domain_config(&entry->config);
+    return entry;
+}
+
+void free_dhc_info_map(void* word) {
+    auto* entry = static_cast<domain_entry*>(word);
+    if (entry == nullptr) {
+        return;
+    }
+    qzfree(entry->name);
+    qz_map_destroy(entry->hosts);
+    qz_set_destroy(entry->blacklist);
+    qzfree(entry);
+}
+
+bool blacklist_add(domain_entry* entry, std::string_view id) {
+    qz_owned<char> copy(static_cast<char*>(qz_need(qzstrdup(std::string(id).c_str()))));
+    if (qz_set_insert(entry->blacklist, copy.get()) != qz_ok) {
+        return false;
+    }
+    (void)copy.release();  // the set's now
+    return true;
+}
+
+// --- Registry and DR list ---
+
+bool in_domain_mode(const shttpd_ctx* ctx) {
+    return !ctx->domain_file.empty();
+}
+
+qz_map* registry_hosts(const shttpd_ctx* ctx) {
+    return in_domain_mode(ctx) ? ctx->registry : nullptr;
+}
+
+agent_host* find_host(const shttpd_ctx* ctx, const char* id) {
+    const qz_map* hosts = registry_hosts(ctx);
+    return hosts != nullptr ? static_cast<agent_host*>(qz_map_find(hosts, id)) : nullptr;
+}
+
+qz_map* registry_domains(const shttpd_ctx* ctx) {
+    return in_domain_mode(ctx) ? nullptr : ctx->registry;
+}
+
+domain_entry* find_domain(const shttpd_ctx* ctx, const char* name) {
+    const qz_map* domains = registry_domains(ctx);
+    return domains != nullptr ? static_cast<domain_entry*>(qz_map_find(domains, name)) : nullptr;
+}
+
+void registry_remove_host(shttpd_ctx* ctx, const char* id) {
+    if (ctx->drlist != nullptr) {
+        (void)qz_map_delete(ctx->drlist, id);  // most hosts are not in it
+    }
+    (void)qz_map_delete(registry_hosts(ctx), id);
+}
+
+qz_map* get_drlist(shttpd_ctx* ctx) {
+    if (ctx->drlist == nullptr) {
+        ctx->drlist = new_qz_map(compare_string, nullptr, nullptr);
+    }
+    return ctx->drlist;
+}
+
+void free_drlist(shttpd_ctx* ctx) {
+    qz_map_destroy(ctx->drlist);
+    ctx->drlist = nullptr;
+}
+
+void drlist_add(shttpd_ctx* ctx, agent_host* host, std::uint32_t limit) {
+    qz_map* list = get_drlist(ctx);
+    if (static_cast<std::uint32_t>(qz_map_size(list)) < limit) {
+        (void)qz_map_insert(list, host->hostid, host);  // refused when it is listed already
+    }
+}
+
+// --- Pings ---
+
+std::int64_t get_current_time() {
+    timeval now{};
+    (void)gettimeofday(&now, nullptr);  // fails only for a bad pointer
+    return now.tv_sec;
+}
+
+void update_ping_time(shttpd_ctx* ctx, const domain_config& config, agent_host* host, bool is_dhc,
+                      std::uint32_t frequency, host_id_list* list) {
+    std::int64_t interval = frequency;
+    std::int64_t grace = std::max<std::int64_t>(interval / 10, 2);
+    if (!is_dhc) {
+        interval = std::max(frequency, config.ping_frequency);
+        grace = config.fudge;
+    }
+    const std::int64_t now = get_current_time();
+    const ping_times times = {.last_ping = now, .next_due = now + interval + grace};
+    host->last_ping = times.last_ping;
+    host->next_due = times.next_due;
+    host->reported = list != nullptr ? ping_list(ctx, list, times) : 0;
+}
+
+// --- Presentation ---
+
+void print_domain_record(const agent_host* host, qz_stream* stream, bool json, std::int64_t now,
+                         bool short_form, bool /*all*/, bool* first) {
+    std::string out;
+    if (json) {
+        out = *first ? "{" : ",\n{";
+        *first = false;
+    }
+    const std::string_view id = text_or(host->hostid, "");
+    if (short_form && json) {
+        append(&out, {"\n\"hostid\":\"", id, "\"}"});
+    } else if (short_form) {
+        append(&out, {id, "\n"});
+    } else if (json) {
+        append_json(&out, host, view_host(host, now));
+    } else {
+        append_text(&out, host, view_host(host, now));
+    }
+    (void)qz_write_stream(stream, out.data(), static_cast<std::uint32_t>(out.size()));
+}
