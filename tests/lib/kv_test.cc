@@ -1,0 +1,281 @@
+// Proves the property sets' results, ownership and merge rules. The leak checker sees who frees
+// what.
+#include "lib/kv.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+
+#include "lib/plat.h"
+#include "lib/qz_result.h"
+
+namespace {
+
+kv* text_entry(const char* name, const std::string& text, std::uint32_t flags = 0) {
+    return new_kv(name, flags, KV_STRING, static_cast<std::uint32_t>(text.size() + 1),
+                  text.c_str());
+}
+
+kv* number_entry(const char* name, std::int32_t number, std::uint32_t flags = 0) {
+    return new_kv(name, flags, KV_INT32, 4, &number);
+}
+
+// "name=text|name=text|": strings as they are, other types as "#".
+std::string summary(const propset* set) {
+    std::string text;
+    for (void* word : qz_each(set->entries)) {
+        const auto* entry = static_cast<kv*>(word);
+        text += entry->name;
+        text += '=';
+        text += entry->value->datatype == KV_STRING ? static_cast<char*>(entry->value->data) : "#";
+        text += '|';
+    }
+    return text;
+}
+
+propset_ptr set_of(std::initializer_list<const char*> names, const char* value) {
+    propset_ptr set(new_ps(0));
+    for (const char* name : names) {
+        EXPECT_EQ(ps_add(set.get(), text_entry(name, value)), 0);
+    }
+    return set;
+}
+
+TEST(property_set, keeps_entries_sorted_and_unique) {
+    const propset_ptr set = set_of({"b", "a", "c"}, "v");
+    EXPECT_EQ(summary(set.get()), "a=v|b=v|c=v|");
+    const kv_ptr refused(text_entry("b", "w"));
+    EXPECT_EQ(ps_add(set.get(), refused.get()), qz_exists);
+    EXPECT_EQ(ps_add(set.get(), nullptr), qz_invalid);
+    const kv_ptr without_data(new_kv("x", 0, KV_STRING, 0, nullptr));
+    EXPECT_EQ(ps_add(set.get(), without_data.get()), qz_invalid);
+    EXPECT_EQ(ps_update(set.get(), without_data.get()), qz_invalid);
+    EXPECT_EQ(ps_delete(set.get(), "x"), qz_not_found);
+    EXPECT_EQ(ps_lookup(set.get(), "x"), nullptr);
+    EXPECT_EQ(ps_remove(set.get(), "x"), nullptr);
+    const kv_ptr removed(ps_remove(set.get(), "b"));
+    EXPECT_STREQ(removed->name, "b");
+    EXPECT_EQ(ps_delete(set.get(), "a"), 0);
+    EXPECT_EQ(summary(set.get()), "c=v|");
+    EXPECT_EQ(ps_at(set.get(), 1), nullptr);
+    propset_free(nullptr);
+}
+
+TEST(property_set, agrees_with_std_map_on_random_operations) {
+    std::mt19937 random(17);
+    const propset_ptr set(new_ps(0));
+    std::map<std::string, std::string> model;
+    for (int i = 0; i < 10000; ++i) {
+        const std::string name = "k" + std::to_string(random() % 60);
+        const std::string value = std::to_string(random() % 5);
+        kv_ptr entry(text_entry(name.c_str(), value));
+        const auto at = model.find(name);
+        const bool present = at != model.end();
+        switch (random() % 5) {
+            case 0:
+                ASSERT_EQ(ps_add(set.get(), entry.get()), static_cast<int>(present));
+                if (!present) {
+                    (void)entry.release();
+                    model[name] = value;
+                }
+                break;
+            case 1:
+                ASSERT_EQ(ps_update(set.get(), entry.get()), 0);
+                model[name] = value;
+                break;
+            case 2: {
+                kv* moved = entry.release();
+                ASSERT_EQ(ps_update_fast(set.get(), &moved), 0);
+                ASSERT_EQ(moved, nullptr);
+                model[name] = value;
+                break;
+            }
+            case 3:
+                ASSERT_EQ(ps_check_update(set.get(), entry.get()),
+                          present && at->second == value ? qz_unchanged : qz_ok);
+                model[name] = value;
+                break;
+            default:
+                ASSERT_EQ(ps_delete(set.get(), name.c_str()), present ? qz_ok : qz_not_found);
+                model.erase(name);
+        }
+        std::string expected;
+        for (const auto& [key, text] : model) {
+            expected += key + "=" + text + "|";
+        }
+        ASSERT_EQ(summary(set.get()), expected);
+    }
+}
+
+TEST(property_set, accepts_the_known_datatypes_only) {
+    const propset_ptr nested(new_ps(0));
+    const std::uint64_t zeros[2] = {};
+    for (std::uint32_t type = 0; type < 40; ++type) {
+        const bool is_set = type == KV_PROPERTY_SET || (type >= KV_OBJECT && type <= KV_I18NFS);
+        const void* data = is_set ? static_cast<const void*>(nested.get()) : zeros;
+        const kv_ptr entry(new_kv("x", 0, type, is_set ? 4 : sizeof zeros, data));
+        EXPECT_EQ(entry != nullptr, type >= 1 && type <= 17) << type;
+    }
+    EXPECT_NE(kv_ptr(new_kv("x", 0, KV_TIME, 8, zeros)), nullptr);
+    EXPECT_EQ(kv_ptr(new_kv("x", 0, 0x10004, 8, zeros)), nullptr);
+}
+
+TEST(property_set, updates_refuse_another_datatype) {
+    const propset_ptr set = set_of({"a"}, "old");
+    kv_ptr number(number_entry("a", 5, 8));
+    kv* moved = number.get();
+    EXPECT_EQ(ps_update(set.get(), number.get()), qz_type_mismatch);
+    EXPECT_EQ(ps_update_fast(set.get(), &moved), qz_type_mismatch);
+    EXPECT_EQ(moved, number.get());
+    EXPECT_EQ(ps_check_update(set.get(), number.get()), qz_type_mismatch);
+    EXPECT_EQ(summary(set.get()), "a=old|");
+
+    kv* entry = ps_lookup(set.get(), "a");
+    EXPECT_EQ(kv_update(entry, entry), 0);
+    EXPECT_EQ(summary(set.get()), "a=old|");
+}
+
+TEST(property_set, only_the_moving_update_takes_the_flags) {
+    const propset_ptr set(new_ps(0));
+    EXPECT_EQ(ps_add(set.get(), text_entry("a", "1", 0x10)), 0);
+    const kv_ptr flagged(text_entry("a", "2", 0x20));
+    EXPECT_EQ(ps_update(set.get(), flagged.get()), 0);
+    EXPECT_EQ(ps_lookup(set.get(), "a")->flags, 0x10U);
+    kv* moved = text_entry("a", "3", 0x20);
+    EXPECT_EQ(ps_update_fast(set.get(), &moved), 0);
+    EXPECT_EQ(ps_lookup(set.get(), "a")->flags, 0x20U);
+}
+
+TEST(property_set, merge_keeps_values_of_other_datatypes) {
+    const propset_ptr dst = set_of({"b", "d"}, "old");
+    const propset_ptr src = set_of({"a", "b", "c", "e"}, "new");
+    EXPECT_EQ(ps_add(src.get(), number_entry("d", 1)), 0);
+    EXPECT_EQ(ps_merge(dst.get(), src.get()), 0);
+    EXPECT_EQ(summary(dst.get()), "a=new|b=new|c=new|d=old|e=new|");
+    EXPECT_EQ(ps_getcount(src.get()), 5);
+    EXPECT_EQ(ps_merge(dst.get(), dst.get()), 0);
+    EXPECT_EQ(summary(dst.get()), "a=new|b=new|c=new|d=old|e=new|");
+}
+
+TEST(property_set, moving_merge_loses_the_entry_after_each_moved_one) {
+    const struct {
+        std::initializer_list<const char*> dst, src;
+        const char* expected;
+    } rows[] = {
+        {{}, {"a", "b", "c", "d"}, "a=new|c=new|"},
+        {{"a", "c"}, {"a", "b", "c"}, "a=new|c=new|"},
+        {{"b"}, {"a", "b", "c"}, "a=new|b=old|c=new|"},
+        {{"x"}, {}, "x=old|"},
+    };
+    for (const auto& row : rows) {
+        const propset_ptr dst = set_of(row.dst, "old");
+        propset* src = set_of(row.src, "new").release();
+        EXPECT_EQ(ps_merge_fast(dst.get(), &src), 0);
+        EXPECT_EQ(src, nullptr);
+        EXPECT_EQ(summary(dst.get()), row.expected);
+    }
+    // A refused entry stays behind and does not shadow the next one.
+    const propset_ptr dst = set_of({"a"}, "old");
+    propset* src = set_of({"b"}, "new").release();
+    EXPECT_EQ(ps_add(src, number_entry("a", 1)), 0);
+    EXPECT_EQ(ps_merge_fast(dst.get(), &src), 0);
+    EXPECT_EQ(summary(dst.get()), "a=old|b=new|");
+}
+
+TEST(property_set, internal_merge_reports_what_happened) {
+    const propset_ptr empty(new_ps(0));
+    const propset_ptr src = set_of({"a", "b"}, "v");
+    const propset_ptr dst = set_of({"a"}, "v");
+    EXPECT_EQ(ps_merge_internal(dst.get(), empty.get(), 1), qz_unchanged);
+    EXPECT_EQ(ps_merge_internal(dst.get(), src.get(), 0), qz_ok);
+    EXPECT_EQ(summary(dst.get()), "a=v|b=v|");
+    EXPECT_EQ(ps_merge_internal(dst.get(), src.get(), 0), qz_unchanged);
+    ps_lookup(dst.get(), "a")->flags = 1;
+    EXPECT_EQ(ps_merge_internal(dst.get(), src.get(), 3), qz_ok);
+    EXPECT_EQ(ps_lookup(dst.get(), "a")->flags, 2U);  // toggled, not cleared
+    EXPECT_EQ(ps_lookup(dst.get(), "b")->flags, 0U);
+    const propset_ptr other(new_ps(0));
+    EXPECT_EQ(ps_add(other.get(), number_entry("a", 1)), 0);
+    EXPECT_EQ(ps_merge_internal(dst.get(), other.get(), 0), qz_invalid);
+}
+
+TEST(property_set, copies_are_deep_and_never_short) {
+    const propset_ptr inner = set_of({"x"}, "deep");
+    const kv_ptr entry(new_kv("set", 3, KV_OBJECT, 4, inner.get()));
+    const propset_ptr outer(new_ps(0));
+    EXPECT_EQ(ps_add(outer.get(), kv_copy(entry.get())), 0);
+    const propset_ptr copy(ps_copy(outer.get()));
+    EXPECT_EQ(ps_delete(static_cast<propset*>(entry->value->data), "x"), 0);
+    EXPECT_EQ(ps_compare(outer.get(), copy.get()), 1);
+    EXPECT_EQ(summary(static_cast<propset*>(ps_at(copy.get(), 0)->value->data)), "x=deep|");
+
+    const char unterminated[] = {'a', 'b', 'c'};
+    const kv_ptr text(new_kv("t", 0, KV_STRING, 3, unterminated));
+    EXPECT_STREQ(static_cast<char*>(text->value->data), "abc");
+    const kv_ptr number(new_kv("n", 0, KV_UINT64, 1, "\x05"));
+    EXPECT_EQ(*static_cast<std::uint64_t*>(number->value->data), 5U);
+
+    propset* shared = ps_shallow_copy(outer.get());
+    EXPECT_EQ(shared->entries, outer->entries);
+    ps_shallow_free(shared);
+}
+
+TEST(property_set, borrowed_data_is_left_alone_until_copied) {
+    char text[] = "mine";
+    kv* entry = new_kv_assign(qzstrdup("b"), 0, KV_STRING | KV_BORROWED, sizeof text, text);
+    kv* owned = kv_copy(entry);
+    EXPECT_EQ(owned->value->datatype, KV_STRING);
+    EXPECT_NE(owned->value->data, static_cast<void*>(text));
+    EXPECT_EQ(kv_compare(entry, owned), 1);
+    kv_free(entry);
+    kv_free(owned);
+    EXPECT_STREQ(text, "mine");
+}
+
+TEST(property_set, arrays_take_values_of_their_datatype) {
+    val_array* array = new_val_array(0, KV_UINT32);
+    const std::uint32_t number = 7;
+    EXPECT_EQ(val_array_add(array, new_value(KV_UINT32, 4, &number)), 0);
+    kv_value* wrong = new_value(KV_INT32, 4, &number);
+    EXPECT_EQ(val_array_add(array, wrong), qz_type_mismatch);
+    value_free(wrong);
+    EXPECT_EQ(val_array_add(array, nullptr), qz_invalid);
+    EXPECT_EQ(new_value(99, 4, &number), nullptr);
+    const kv_ptr entry(new_kv_assign(qzstrdup("a"), 0, KV_UINT32 | KV_ARRAY, 4, array));
+    const kv_ptr copy(kv_copy(entry.get()));
+    EXPECT_EQ(kv_compare(entry.get(), copy.get()), 1);
+    EXPECT_EQ(val_array_add(array, new_value(KV_UINT32, 4, &number)), 0);
+    EXPECT_EQ(kv_compare(entry.get(), copy.get()), 0);
+}
+
+TEST(property_set, equality_is_by_meaning) {
+    const auto value = [](std::uint32_t type, const std::string& bytes) {
+        return new_value(type, static_cast<std::uint32_t>(bytes.size()), bytes.data());
+    };
+    const auto same = [](kv_value* a, kv_value* b) {
+        const int result = value_compare(a, b);
+        EXPECT_EQ(value_compare(b, a), result);
+        value_free(a);
+        value_free(b);
+        return result;
+    };
+    EXPECT_EQ(same(value(KV_BOOLEAN, "\x01"), value(KV_BOOLEAN, "\x02")), 1);
+    EXPECT_EQ(same(value(KV_STRING, std::string("a\0", 2)), value(KV_STRING, "a")), 1);
+    EXPECT_EQ(same(value(KV_BINARY, std::string("a\0", 2)), value(KV_BINARY, "a")), 0);
+    EXPECT_EQ(same(value(KV_INT32, "abcd"), value(KV_UINT32, "abcd")), 0);
+    EXPECT_EQ(same(value(KV_GUID, "0123456789abcdef"), value(KV_GUID, "0123456789abcdeg")), 0);
+    EXPECT_EQ(same(value(KV_WSTRING, std::string("a\0\0\0b\0", 6)),
+                   value(KV_WSTRING, std::string("a\0", 2))),
+              1);
+    // Wire form equals the value that packs to the same bytes.
+    EXPECT_EQ(same(value(KV_STRING | KV_WIRE, std::string("\0\0\0\1a", 5)), value(KV_STRING, "a")),
+              1);
+    EXPECT_EQ(same(new_value(KV_BINARY, 0, nullptr), new_value(KV_BINARY, 0, nullptr)), 1);
+    EXPECT_EQ(same(new_value(KV_BINARY, 0, nullptr), new_value(KV_BINARY, 0, "")), 0);
+    EXPECT_EQ(value_compare(nullptr, nullptr), 1);
+}
+
+}  // namespace
