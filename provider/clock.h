@@ -1,0 +1,11 @@
+// The clock behind every limit of the library. Tests link another definition of this one function.
+#pragma once
+
+#include <cstdint>
+
+namespace provider {
+
+// Milliseconds that never go backwards, from an arbitrary start.
+std::int64_t monotonic_ms();
+
+}  // namespace provider

@@ -1,0 +1,151 @@
+#include "provider/files.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "lib/unique_fd.h"
+
+namespace provider {
+namespace {
+
+constexpr off_t longest_file_bytes = 1 << 20;
+
+int read_all(int fd, std::string* text) {
+    std::size_t done = 0;
+    while (done < text->size()) {
+        const ssize_t n = read(fd, text->data() + done, text->size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        if (n == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    text->resize(done);
+    return 0;
+}
+
+int write_all(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t n = write(fd, text.data(), text.size());
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        text.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return 0;
+}
+
+int fill_file(int fd, std::string_view text, mode_t mode, file_owner owner) {
+    const int error = write_all(fd, text);
+    if (error != 0) {
+        return error;
+    }
+    const bool give = owner.user != static_cast<uid_t>(-1) || owner.group != static_cast<gid_t>(-1);
+    if ((give && fchown(fd, owner.user, owner.group) != 0) || fchmod(fd, mode) != 0 ||
+        fsync(fd) != 0) {
+        return errno;
+    }
+    return 0;
+}
+
+}  // namespace
+
+file_id id_of(const struct stat& status) {
+    return {status.st_dev, status.st_ino, status.st_size,
+            static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec};
+}
+
+int look_at(const std::string& path, file_id* id) {
+    struct stat status {};
+    *id = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return errno == ENOENT ? 0 : errno;
+    }
+    *id = id_of(status);
+    return 0;
+}
+
+file_content::~file_content() {
+    explicit_bzero(text.data(), text.capacity());
+}
+
+int read_file(const std::string& path, file_content* content) {
+    const unique_fd fd{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    struct stat status {};
+    if (!fd || fstat(fd.get(), &status) != 0) {
+        return errno;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return EINVAL;
+    }
+    if (status.st_size > longest_file_bytes) {
+        return EFBIG;
+    }
+    content->id = id_of(status);
+    content->mode = status.st_mode;
+    content->owner = status.st_uid;
+    content->group = status.st_gid;
+    content->text.assign(static_cast<std::size_t>(status.st_size), '\0');
+    return read_all(fd.get(), &content->text);
+}
+
+int create_file(int directory, const char* name, std::string_view text, mode_t mode,
+                file_owner owner) {
+    const unique_fd fd{
+        openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
+    if (!fd) {
+        return errno;
+    }
+    const int error = fill_file(fd.get(), text, mode, owner);
+    if (error != 0) {
+        (void)unlinkat(directory, name, 0);  // the first error is the one to report
+    }
+    return error;
+}
+
+int replace_file_in(const std::string& directory, const std::string& name, std::string_view text,
+                    mode_t mode, file_owner owner) {
+    const unique_fd folder{open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (!folder) {
+        return errno;
+    }
+    const std::string temporary = "." + name + "." + random_suffix();
+    int error = create_file(folder.get(), temporary.c_str(), text, mode, owner);
+    if (error != 0) {
+        return error;
+    }
+    if (renameat(folder.get(), temporary.c_str(), folder.get(), name.c_str()) != 0) {
+        error = errno;
+        (void)unlinkat(folder.get(), temporary.c_str(), 0);
+        return error;
+    }
+    return fsync(folder.get()) == 0 ? 0 : errno;
+}
+
+std::string random_suffix() {
+    constexpr std::string_view letters = "abcdefghijkmnpqrstuvwxyz23456789";
+    unsigned char bytes[6] = {};
+    while (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
+    }
+    std::string suffix;
+    for (const unsigned char byte : bytes) {
+        suffix += letters[byte % letters.size()];
+    }
+    return suffix;
+}
+
+}  // namespace provider

@@ -1,0 +1,167 @@
+#include "provider/password_guard.h"
+
+#include <crypt.h>
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <new>
+
+#include "provider/accounts.h"
+#include "provider/clock.h"
+
+namespace provider {
+namespace {
+
+constexpr std::size_t longest_password = 128;
+constexpr std::int64_t remembered_ms = 300'000;
+constexpr int failures_before_lock = 5;
+constexpr std::int64_t longest_lock_ms = 30'000;
+constexpr std::int64_t hashes_per_second = 20;
+constexpr std::int64_t fullest_budget = 20 * 1000;
+
+}  // namespace
+
+struct password_guard::secrets {
+    std::array<unsigned char, 32> key;
+    std::array<remembered, 64> right;
+    std::array<failures, 256> wrong;
+    crypt_data work;
+};
+
+password_guard::~password_guard() {
+    if (secrets_ != nullptr) {
+        explicit_bzero(secrets_, sizeof *secrets_);
+        (void)munmap(secrets_, sizeof *secrets_);
+    }
+}
+
+bool password_guard::prepare() {
+    void* pages =
+        mmap(nullptr, sizeof(secrets), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED) {
+        return false;
+    }
+    (void)madvise(pages, sizeof(secrets), MADV_DONTDUMP);  // best effort: old kernels lack it
+    secrets_ = new (pages) secrets;                        // the pages are zero
+    const openssl_ptr<EVP_MAC> mac{EVP_MAC_fetch(nullptr, "HMAC", nullptr)};
+    mac_.reset(mac ? EVP_MAC_CTX_new(mac.get()) : nullptr);
+    char name[] = "SHA256";
+    const OSSL_PARAM parameters[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, name, 0),
+        OSSL_PARAM_construct_end()};
+    stand_in_ = make_password_setting();
+    budget_ = fullest_budget;
+    budget_ms_ = monotonic_ms();
+    return mac_ && EVP_MAC_CTX_set_params(mac_.get(), parameters) == 1 && !stand_in_.empty() &&
+           RAND_bytes(secrets_->key.data(), static_cast<int>(secrets_->key.size())) == 1;
+}
+
+// The digest of the name, or of the whole login with the hash that it was right for. Each text goes
+// in with its terminator, so that no two logins run together.
+bool password_guard::make_digest(const login& who, std::string_view hash, bool whole,
+                                 digest* result) {
+    const auto add = [this](std::string_view text) {
+        const unsigned char end = 0;
+        return EVP_MAC_update(mac_.get(), reinterpret_cast<const unsigned char*>(text.data()),
+                              text.size()) == 1 &&
+               EVP_MAC_update(mac_.get(), &end, 1) == 1;
+    };
+    std::size_t length = 0;
+    return EVP_MAC_init(mac_.get(), secrets_->key.data(), secrets_->key.size(), nullptr) == 1 &&
+           add(who.domain) && add(who.name) && (!whole || (add(who.password) && add(hash))) &&
+           EVP_MAC_final(mac_.get(), result->data(), &length, result->size()) == 1;
+}
+
+bool password_guard::is_remembered(const digest& key, std::int64_t now_ms) const {
+    return std::any_of(
+        secrets_->right.begin(), secrets_->right.end(),
+        [&](const remembered& entry) { return entry.until_ms > now_ms && entry.key == key; });
+}
+
+void password_guard::remember(const digest& key, std::int64_t now_ms) {
+    const auto oldest = std::min_element(
+        secrets_->right.begin(), secrets_->right.end(),
+        [](const remembered& a, const remembered& b) { return a.until_ms < b.until_ms; });
+    *oldest = {key, now_ms + remembered_ms};
+}
+
+password_guard::failures* password_guard::slot_of(const digest& key) {
+    for (failures& slot : secrets_->wrong) {
+        if (slot.count > 0 && slot.key == key) {
+            return &slot;
+        }
+    }
+    return nullptr;
+}
+
+// A new name takes a free slot, else that of the name that has been quiet longest.
+void password_guard::count_failure(const digest& key, std::int64_t now_ms) {
+    failures* slot = slot_of(key);
+    if (slot == nullptr) {
+        slot = &*std::min_element(secrets_->wrong.begin(), secrets_->wrong.end(),
+                                  [](const failures& a, const failures& b) {
+                                      return a.count == 0 || b.count == 0 ? a.count < b.count
+                                                                          : a.last_ms < b.last_ms;
+                                  });
+        *slot = {key, now_ms, 0, 0};
+    }
+    slot->last_ms = now_ms;
+    slot->count = std::min(slot->count + 1, failures_before_lock + 5);
+    if (slot->count >= failures_before_lock) {
+        const std::int64_t lock_ms = std::int64_t{1000} << (slot->count - failures_before_lock);
+        slot->locked_until_ms = now_ms + std::min(lock_ms, longest_lock_ms);
+    }
+}
+
+bool password_guard::take_from_budget(std::int64_t now_ms) {
+    const std::int64_t earned = (now_ms - budget_ms_) * hashes_per_second;
+    budget_ = std::min(budget_ + earned, fullest_budget);
+    budget_ms_ = now_ms;
+    if (budget_ < 1000) {
+        return false;
+    }
+    budget_ -= 1000;
+    return true;
+}
+
+bool password_guard::hash_fits(const char* password, const std::string& hash) {
+    const char* result =
+        crypt_r(password, hash.empty() ? stand_in_.c_str() : hash.c_str(), &secrets_->work);
+    const bool fits = !hash.empty() && result != nullptr && result[0] != '*' &&
+                      strlen(result) == hash.size() &&
+                      CRYPTO_memcmp(result, hash.data(), hash.size()) == 0;
+    explicit_bzero(&secrets_->work, sizeof secrets_->work);
+    return fits;
+}
+
+bool password_guard::check(const login& who, const std::string& hash) {
+    digest name{};
+    digest whole{};
+    if (strlen(who.password) > longest_password || !make_digest(who, hash, false, &name) ||
+        !make_digest(who, hash, true, &whole)) {
+        return false;
+    }
+    const std::int64_t now_ms = monotonic_ms();
+    if (!hash.empty() && is_remembered(whole, now_ms)) {
+        return true;  // other people's failures do not hurt whoever knows the password
+    }
+    failures* slot = slot_of(name);
+    if ((slot != nullptr && slot->locked_until_ms > now_ms) || !take_from_budget(now_ms)) {
+        return false;
+    }
+    if (!hash_fits(who.password, hash)) {
+        count_failure(name, now_ms);
+        return false;
+    }
+    if (slot != nullptr) {
+        slot->count = 0;
+    }
+    remember(whole, now_ms);
+    return true;
+}
+
+}  // namespace provider

@@ -1,0 +1,193 @@
+#include "provider/site.h"
+
+#include <dirent.h>
+#include <string.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+#include "provider/debug_log.h"
+#include "provider/result.h"
+
+namespace provider {
+namespace {
+
+struct directory_close {
+    void operator()(DIR* directory) const { (void)closedir(directory); }
+};
+
+}  // namespace
+
+std::uint32_t site::open(const std::string& data_dir, bool whole, site_ref* out, std::string* why) {
+    const site_ref opened{new site(data_dir + "/" + std::string(site_directory_name))};
+    const std::uint32_t result = opened->load(whole);
+    if (result == at_ok) {
+        *out = opened;
+    } else {
+        *why = opened->problem_;
+    }
+    return result;
+}
+
+std::uint32_t site::load(bool whole) {
+    const std::uint32_t domains = refresh_domains();
+    if (domains != at_ok) {
+        return domains;
+    }
+    const std::uint32_t keys = tls_.refresh();
+    if (keys != at_ok && (whole || keys != at_not_available)) {
+        problem_ = tls_.problem();
+        return keys;
+    }
+    file_id users;
+    const int error = look_at(users_directory_, &users);
+    if (whole && (error != 0 || users == file_id{})) {
+        return complain(users_directory_, error == 0 ? ENOENT : error);
+    }
+    if (!guard_.prepare()) {
+        return complain(directory_, ENOMEM);
+    }
+    load_users();
+    return at_ok;
+}
+
+std::uint32_t site::complain(const std::string& path, int error) {
+    problem_ = path + ": " + strerror(error);
+    debug_log(1, "%s", problem_.c_str());
+    return error == ENOENT ? std::uint32_t{at_not_available} : result_of(error);
+}
+
+std::uint32_t site::refresh_domains() {
+    const std::string path = directory_ + "/domains";
+    file_id now;
+    int error = look_at(path, &now);
+    if (error == 0 && now == domains_id_ && now != file_id{}) {
+        return at_ok;
+    }
+    file_content content;
+    error = error != 0 ? error : read_file(path, &content);
+    if (error != 0) {
+        return complain(path, error);
+    }
+    int refused = 0;
+    domains_ = parse_domains(content.text, &refused);
+    domains_id_ = content.id;
+    if (refused > 0) {
+        debug_log(1, "%s: %d bad lines skipped", path.c_str(), refused);
+    }
+    return at_ok;
+}
+
+// Everybody is read at the start: later the process may no longer be allowed to.
+void site::load_users() {
+    const std::unique_ptr<DIR, directory_close> directory{opendir(users_directory_.c_str())};
+    if (!directory) {
+        debug_log(1, "%s: %s", users_directory_.c_str(), strerror(errno));
+        return;
+    }
+    while (const dirent* entry = readdir(directory.get())) {
+        if (is_user_name(entry->d_name)) {
+            refresh_user(entry->d_name);
+        }
+    }
+}
+
+void site::refresh_user(std::string_view name) {
+    const std::string path = users_directory_ + "/" + std::string(name);
+    const auto known = users_.find(name);
+    file_id now;
+    if (look_at(path, &now) != 0) {
+        return;
+    }
+    if (now == file_id{}) {
+        if (known != users_.end()) {
+            users_.erase(known);
+        }
+        return;
+    }
+    if (known != users_.end() && known->second.id == now) {
+        return;
+    }
+    file_content content;
+    const int error = read_file(path, &content);
+    if (error != 0) {
+        debug_log(1, "%s: %s", path.c_str(), strerror(error));
+        return;
+    }
+    known_user fresh{content.id, find_user(content.text, name)};
+    if (!fresh.user) {
+        debug_log(1, "%s: no good line for this user", path.c_str());
+    }
+    users_.insert_or_assign(std::string(name), std::move(fresh));
+}
+
+const domain_entry* site::find_domain(std::string_view name) const {
+    const auto found = std::find_if(domains_.begin(), domains_.end(),
+                                    [&](const domain_entry& entry) { return entry.name == name; });
+    return found == domains_.end() ? nullptr : &*found;
+}
+
+void site::refresh_key_pair() {
+    const std::lock_guard guard(lock_);
+    const std::uint32_t result = tls_.refresh();
+    if (result != at_ok) {
+        debug_log(1, "certificate files kept as they were: %s", tls_.problem().c_str());
+    }
+    (void)refresh_domains();  // has logged
+}
+
+bool site::has_key_pair() {
+    return server_context() != nullptr;
+}
+
+openssl_ptr<SSL_CTX> site::server_context() {
+    const std::lock_guard guard(lock_);
+    return tls_.server();
+}
+
+openssl_ptr<SSL_CTX> site::client_context() {
+    const std::lock_guard guard(lock_);
+    return tls_.client();
+}
+
+std::vector<domain_entry> site::domains() {
+    const std::lock_guard guard(lock_);
+    (void)refresh_domains();
+    return domains_;
+}
+
+std::optional<principal> site::check_login(const login& who) {
+    const std::lock_guard guard(lock_);
+    (void)refresh_domains();
+    const domain_entry* domain = find_domain(who.domain);
+    if (domain != nullptr && domain->kind != domain_kind::password) {
+        domain = nullptr;
+    }
+    const user_entry* user = nullptr;
+    if (is_user_name(who.name)) {
+        refresh_user(who.name);
+        const auto known = users_.find(who.name);
+        if (known != users_.end() && known->second.user && !known->second.user->off) {
+            user = &*known->second.user;
+        }
+    }
+    const bool possible = domain != nullptr && user != nullptr;
+    if (!guard_.check(who, possible ? user->hash : std::string()) || !possible) {
+        return std::nullopt;
+    }
+    return principal{user->os ? "localhost" : domain->qualifier, domain->name, user->name};
+}
+
+std::optional<principal> site::certificate_user(std::string_view common_name) {
+    const std::lock_guard guard(lock_);
+    const auto domain = std::find_if(
+        domains_.begin(), domains_.end(),
+        [](const domain_entry& entry) { return entry.kind == domain_kind::certificate; });
+    if (domain == domains_.end() || !is_user_name(common_name)) {
+        return std::nullopt;
+    }
+    return principal{domain->qualifier, domain->name, std::string(common_name)};
+}
+
+}  // namespace provider

@@ -1,0 +1,121 @@
+// One data directory in use: its domains, its users, its key pair.
+//
+// Handles, credentials and channels each hold a reference, so they may be released in any order.
+// Safe for use from several threads: one lock per site. The files are looked at again where their
+// content matters and read again when they have changed; what can no longer be read (the process
+// has given up its rights, say) stays as it was.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "provider/accounts.h"
+#include "provider/files.h"
+#include "provider/password_guard.h"
+#include "provider/tls_files.h"
+
+namespace provider {
+
+class site_ref;
+
+// Who somebody is, as the daemon's information record says it.
+struct principal {
+    std::string qualifier;
+    std::string domain;
+    std::string name;
+};
+
+class site {
+  public:
+    // Loads DATA_DIR/dovmad-at. On failure *out stays empty, the result is an at_result and *why
+    // names the file and the reason. `whole`: a missing key pair is a failure too.
+    [[nodiscard]] static std::uint32_t open(const std::string& data_dir, bool whole, site_ref* out,
+                                            std::string* why);
+
+    // Takes changed certificate files over. A failure leaves the former ones in use.
+    void refresh_key_pair();
+    [[nodiscard]] bool has_key_pair();
+
+    // References of the caller's own; null without a key pair.
+    [[nodiscard]] openssl_ptr<SSL_CTX> server_context();
+    [[nodiscard]] openssl_ptr<SSL_CTX> client_context();
+
+    // The domains in the order of their file.
+    [[nodiscard]] std::vector<domain_entry> domains();
+
+    // Who the login is; nothing when it is refused, for whatever reason.
+    [[nodiscard]] std::optional<principal> check_login(const login& who);
+
+    // Who the holder of a verified certificate with this common name is.
+    [[nodiscard]] std::optional<principal> certificate_user(std::string_view common_name);
+
+  private:
+    friend class site_ref;
+
+    struct known_user {
+        file_id id;
+        std::optional<user_entry> user;  // nothing: the file holds no good line
+    };
+
+    explicit site(std::string directory)
+        : directory_(std::move(directory)),
+          tls_(directory_),
+          users_directory_(directory_ + "/users") {}
+
+    [[nodiscard]] std::uint32_t load(bool whole);
+    [[nodiscard]] std::uint32_t refresh_domains();
+    [[nodiscard]] std::uint32_t complain(const std::string& path, int error);
+    void load_users();
+    void refresh_user(std::string_view name);
+    [[nodiscard]] const domain_entry* find_domain(std::string_view name) const;
+
+    std::atomic<int> references_{0};
+    std::mutex lock_;
+    const std::string directory_;
+    std::string problem_;
+    tls_files tls_;
+    std::vector<domain_entry> domains_;
+    file_id domains_id_;
+    const std::string users_directory_;
+    std::map<std::string, known_user, std::less<>> users_;
+    password_guard guard_;
+};
+
+// Shares a site; the last holder frees it.
+class site_ref {
+  public:
+    site_ref() = default;
+    explicit site_ref(site* shared) : site_(shared) {
+        if (site_ != nullptr) {
+            ++site_->references_;
+        }
+    }
+    site_ref(const site_ref& other) : site_ref(other.site_) {}
+    site_ref& operator=(const site_ref& other) {
+        site_ref copy(other);
+        std::swap(site_, copy.site_);
+        return *this;
+    }
+    ~site_ref() {
+        if (site_ != nullptr && --site_->references_ == 0) {
+            delete site_;
+        }
+    }
+
+    site* operator->() const { return site_; }
+    explicit operator bool() const { return site_ != nullptr; }
+
+  private:
+    site* site_ = nullptr;
+};
+
+// The library's own directory below the data directory.
+inline constexpr std::string_view site_directory_name = "dovmad-at";
+
+}  // namespace provider

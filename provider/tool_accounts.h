@@ -1,0 +1,27 @@
+// dovmad-user: where the accounts are.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "provider/accounts.h"
+#include "provider/tool.h"
+
+// The library's directory, opened for administration.
+struct account_store {
+    std::string directory;
+    std::string users_directory;
+    std::string password_domain;  // that of a login without a domain
+    std::string qualifier;        // and its host part
+};
+
+// False: the failure has been reported.
+[[nodiscard]] bool open_store(const tool_options& options, account_store* store);
+
+// Nothing when there is no such user or the daemon would not accept the file.
+[[nodiscard]] std::optional<provider::user_entry> look_up_user(const account_store& store,
+                                                               const std::string& name);
+
+// The name under which the daemon knows the user, and under which rights are granted.
+[[nodiscard]] std::string granted_name(const account_store& store,
+                                       const provider::user_entry& user);

@@ -1,0 +1,166 @@
+// dovmad-user: the configuration file, the terminal, messages.
+#include <string.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "core/paths.h"
+#include "provider/tool.h"
+
+namespace {
+
+struct file_close {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
+};
+using file_ptr = std::unique_ptr<std::FILE, file_close>;
+
+constexpr std::size_t longest_config_line = 2048;
+constexpr std::size_t longest_secret = 512;
+constexpr std::string_view blanks = " \t\n\v\f\r";
+
+// A keyword, blank space, and a value up to the first '#'. Blanks behind the value belong to it, as
+// they do for the daemon.
+void add_config_line(std::string_view line, daemon_config* config) {
+    const std::size_t start = line.find_first_not_of(blanks);
+    if (start == std::string_view::npos) {
+        return;
+    }
+    line.remove_prefix(start);
+    const std::size_t end = line.find_first_of(blanks);
+    const std::size_t value =
+        end == std::string_view::npos ? end : line.find_first_not_of(blanks, end);
+    if (value == std::string_view::npos) {
+        return;
+    }
+    const std::string_view text = line.substr(value, line.find('#', value) - value);
+    if (!text.empty()) {
+        config->values.insert_or_assign(std::string(line.substr(0, end)), std::string(text));
+    }
+}
+
+// Reads one line without its end; reads byte by byte so that nothing is left in another buffer.
+bool read_line(int fd, secret* result) {
+    result->text.reserve(longest_secret + 1);
+    for (;;) {
+        char c = 0;
+        const ssize_t n = read(fd, &c, 1);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 || (n == 0 && result->text.empty())) {
+            return false;
+        }
+        if (n == 0 || c == '\n') {
+            break;
+        }
+        if (c == '\0' || result->text.size() == longest_secret) {
+            return false;
+        }
+        result->text += c;
+    }
+    if (!result->text.empty() && result->text.back() == '\r') {
+        result->text.pop_back();
+    }
+    return true;
+}
+
+bool ask(const std::string& prompt, secret* result) {
+    termios before{};
+    if (tcgetattr(STDIN_FILENO, &before) != 0) {
+        return false;
+    }
+    (void)std::fprintf(stderr, "%s: ", prompt.c_str());
+    (void)std::fflush(stderr);
+    termios silent = before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    silent.c_lflag |= ECHONL;
+    // An interrupt must not leave the terminal silent: signals from the keyboard become input.
+    silent.c_lflag &= ~static_cast<tcflag_t>(ISIG);
+    if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) != 0) {
+        return false;
+    }
+    const bool read = read_line(STDIN_FILENO, result);
+    (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+    return read && result->text.find('\x03') == std::string::npos;
+}
+
+}  // namespace
+
+std::string daemon_config::get(std::string_view keyword, std::string_view fallback) const {
+    const auto found = values.find(keyword);
+    return found == values.end() ? std::string(fallback) : found->second;
+}
+
+int fail(const char* format, ...) {
+    std::array<char, 1024> text{};
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(text.data(), text.size(), format, arguments);
+    va_end(arguments);
+    (void)std::fprintf(stderr, "dovmad-user: %s\n", text.data());
+    return exit_failed;
+}
+
+bool read_config(const tool_options& options, daemon_config* config) {
+    const file_ptr file{std::fopen(options.config_file.c_str(), "re")};
+    if (!file) {
+        if (errno == ENOENT && !options.config_required) {
+            return true;
+        }
+        (void)fail("%s: %s", options.config_file.c_str(), strerror(errno));
+        return false;
+    }
+    std::array<char, longest_config_line> line{};
+    while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
+        if (line[0] != '#' && line[0] != '\n') {
+            // The last character goes, whatever it is: the daemon takes it for the line's end.
+            add_config_line({line.data(), strlen(line.data()) - 1}, config);
+        }
+    }
+    return true;
+}
+
+std::string find_data_dir(const tool_options& options) {
+    if (!options.data_dir.empty()) {
+        return options.data_dir;
+    }
+    const char* exported = std::getenv("ZEL_DATA_DIR");
+    if (exported != nullptr && *exported != '\0') {
+        return exported;
+    }
+    daemon_config config;
+    if (!read_config(options, &config)) {
+        return {};
+    }
+    return config.get("var_dir", paths.var_directory) + "/sec";
+}
+
+secret::~secret() {
+    explicit_bzero(text.data(), text.capacity());
+}
+
+bool read_secret(const std::string& prompt, bool repeat, secret* result) {
+    if (isatty(STDIN_FILENO) == 0) {
+        if (!read_line(STDIN_FILENO, result)) {
+            (void)fail("no password on standard input");
+            return false;
+        }
+        return true;
+    }
+    secret again;
+    if (!ask(prompt, result) || (repeat && !ask("Again", &again))) {
+        (void)fail("no password");
+        return false;
+    }
+    if (repeat && again.text != result->text) {
+        (void)fail("the passwords differ");
+        return false;
+    }
+    return true;
+}
