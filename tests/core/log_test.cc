@@ -1,0 +1,156 @@
+// Proves both logs byte for byte, in the files that they end up in.
+#include "core/log.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/globals.h"
+#include "tests/support/engine_fixture.h"
+
+namespace {
+
+constexpr std::time_t billion = 1'000'000'000;  // Sunday 9 September 2001, 01:46:40 UTC
+
+class Logs : public testing::Test {
+  protected:
+    Logs() {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        current_time = billion;
+        ctx_.error_log = std::fopen(error_path_.c_str(), "ae");
+        access_ = std::fopen(access_path_.c_str(), "ae");
+        c_.ctx = &ctx_;
+        c_.birth_time = billion;
+        sockaddr_in peer{};
+        peer.sin_family = AF_INET;
+        peer.sin_addr.s_addr = htonl(0xC0000207);
+        std::memcpy(&c_.peer, &peer, sizeof peer);
+        c_.peer_length = sizeof peer;
+        c_.request.text = "POST /agent/x HTTP/1.1";
+        c_.request.method = method_post;
+        c_.request.status = 403;
+        c_.request.role = "agent";
+        c_.local.total = 12345678901;
+    }
+    ~Logs() override {
+        std::fclose(ctx_.error_log);
+        std::fclose(access_);
+    }
+
+    // The access line of the connection, the empty text when none was written.
+    std::string access_line() {
+        const std::string before = read_whole_file(access_path_);
+        log_access(access_, &c_);
+        return read_whole_file(access_path_).substr(before.size());
+    }
+    std::string error_lines() { return read_whole_file(error_path_); }
+
+    temporary_folder folder_;
+    std::filesystem::path error_path_ = folder_.write("error.log", "");
+    std::filesystem::path access_path_ = folder_.write("access.log", "");
+    shttpd_ctx ctx_;
+    conn c_;
+    std::FILE* access_ = nullptr;
+};
+
+TEST_F(Logs, ErrorLineNamesTimeClientAndRequest) {
+    testing::internal::CaptureStderr();
+    errno = ENOTTY;
+    elog(elog_info, &c_, "lost %d of %s", 3, "four");
+    EXPECT_EQ(errno, ENOTTY);
+    elog(0, &c_, "not for the file");
+    ctx_.inetd_mode = 1;
+    c_.request.text.clear();
+    c_.peer_length = 0;
+    elog(elog_info, &c_, "to the file only");
+    elog(elog_info, nullptr, "to the console only");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "lost 3 of four\nnot for the file\nto the console only\n");
+    EXPECT_EQ(error_lines(),
+              "[Sun Sep 09 01:46:40 2001] [error] [client 192.0.2.7] \"POST /agent/x HTTP/1.1\" "
+              "lost 3 of four\n"
+              "[Sun Sep 09 01:46:40 2001] [error] [client -] \"-\" to the file only\n");
+}
+
+TEST_F(Logs, ABareConnectionAndALocalPeerAreLoggedToo) {
+    const conn bare;
+    testing::internal::CaptureStderr();
+    elog(elog_info, &bare, "bare");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "bare\n");
+    ctx_.inetd_mode = 1;
+    c_.peer.ss_family = AF_UNIX;
+    elog(elog_info, &c_, "local");
+    EXPECT_NE(error_lines().find("[client -] "), std::string::npos);
+}
+
+TEST_F(Logs, LongLinesAreCutAndEndInALineFeed) {
+    ctx_.inetd_mode = 1;
+    elog(elog_info, &c_, "%s", std::string(40000, 'x').c_str());
+    EXPECT_EQ(error_lines().size(), 32768U);
+    c_.request.text = std::string(50000, 'y');
+    elog(elog_info, &c_, "%s", "unseen");
+    const std::string lines = error_lines();
+    EXPECT_EQ(lines.size(), 65536U);
+    EXPECT_EQ(lines.substr(lines.size() - 2), "y\n");
+    EXPECT_EQ(access_line().size(), 32768U);
+}
+
+TEST_F(Logs, FatalMessagesEndTheProcess) {
+    EXPECT_EXIT(elog(elog_fatal, nullptr, "no %s", "way"), testing::ExitedWithCode(1), "^no way\n$");
+    ctx_.inetd_mode = 1;
+    EXPECT_EXIT(elog(elog_fatal, &c_, "gone"), testing::ExitedWithCode(1), "^$");
+    EXPECT_NE(error_lines().find("\" gone\n"), std::string::npos);
+}
+
+TEST_F(Logs, AccessLineWithEveryField) {
+    EXPECT_EQ(access_line(),
+              "192.0.2.7 - - [09/Sep/2001:01:46:40 +0000] \"POST /agent/x HTTP/1.1 op=unknown from=- "
+              "namespace=plx\" 403 12345678901 - -\n");
+    c_.user_name = "kpr://alice";
+    c_.request.headers.operation = "enrol";
+    c_.request.headers.on_behalf_ip = "198.51.100.1";
+    c_.request.headers.namespace_name = "other";
+    c_.request.headers.referer = "http://r/";
+    c_.request.headers.user_agent = "curl/7 (x)";
+    c_.request.method = method_head;
+    const std::string rest =
+        " [09/Sep/2001:01:46:40 +0000] \"POST /agent/x HTTP/1.1 op=enrol from=198.51.100.1 "
+        "namespace=other\" 403 12345678901 \"http://r/\" \"curl/7 (x)\"\n";
+    EXPECT_EQ(access_line(), "192.0.2.7 - -" + rest);
+    c_.request.headers.on_behalf_user = "bob";
+    EXPECT_EQ(access_line(), "192.0.2.7 - kpr://alice" + rest);
+    c_.user_name.clear();
+    EXPECT_EQ(access_line(), "192.0.2.7 - -" + rest);
+}
+
+TEST_F(Logs, GetAndSuccessfulAgentTrafficLeaveNoAccessLine) {
+    const struct {
+        int method;
+        int status;
+        const char* role;
+        bool logged;
+    } rows[] = {
+        {method_get, 500, "admin", false}, {method_post, 200, "agent", false},
+        {method_post, 200, "ag", false},   {method_put, 200, "", false},
+        {method_put, 201, "", true},       {method_delete, 200, "agents", true},
+        {method_head, 200, "admin", true}, {method_post, 0, "agent", true},
+    };
+    for (const auto& row : rows) {
+        c_.request.method = row.method;
+        c_.request.status = row.status;
+        c_.request.role = row.role;
+        EXPECT_EQ(!access_line().empty(), row.logged) << row.method << row.status << row.role;
+    }
+    log_access(nullptr, &c_);
+}
+
+}  // namespace

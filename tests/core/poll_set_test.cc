@@ -1,0 +1,247 @@
+// Proves the poll set against a model under random use, and its waiting with real descriptors and
+// signals.
+#include "core/poll_set.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "core/compat_unix.h"
+#include "core/globals.h"
+#include "lib/unique_fd.h"
+
+namespace {
+
+class PollSet : public testing::Test {
+  protected:
+    PollSet() {
+        clean_poll_fd_set();
+        exit_flag = 0;
+    }
+    ~PollSet() override { clean_poll_fd_set(); }
+};
+
+struct pipe_pair {
+    unique_fd out;
+    unique_fd in;
+    pipe_pair() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe(ends), 0);
+        out.reset(ends[0]);
+        in.reset(ends[1]);
+    }
+    void feed() const { EXPECT_EQ(write(in.get(), "x", 1), 1); }
+};
+
+// Never followed: the set only carries the pointers.
+conn* fake_conn(std::uintptr_t number) {
+    return reinterpret_cast<conn*>(number * 16);
+}
+
+listener_record* fake_listener(std::uintptr_t number) {
+    return reinterpret_cast<listener_record*>(number * 16);
+}
+
+std::set<int> ready_slots() {
+    std::set<int> ready;
+    for (int i = next_ready_slot(0); i >= 0; i = next_ready_slot(i + 1)) {
+        ready.insert(i);
+    }
+    return ready;
+}
+
+TEST_F(PollSet, SlotsAreOwnedOnceUnderRandomUse) {
+    std::mt19937 random(42);
+    std::map<int, conn*> model;
+    int highest_ever = -1;
+    for (int round = 0; round < 20000; ++round) {
+        if (random() % 100 < (round / 2000 % 2 == 0 ? 60U : 40U)) {
+            const int index = get_poll_index(5);
+            ASSERT_GE(index, 0);
+            ASSERT_EQ(model.count(index), 0U) << "slot given out twice";
+            ASSERT_EQ(poll_owner(index), nullptr);
+            ASSERT_EQ(poll_revents(index), 0);
+            conn* owner = fake_conn(static_cast<std::uintptr_t>(round) + 1);
+            set_poll_owner(index, owner);
+            model[index] = owner;
+            highest_ever = std::max(highest_ever, index);
+        } else if (!model.empty()) {
+            const auto victim = std::next(model.begin(), random() % model.size());
+            const int index = victim->first;
+            if (random() % 3 == 0) {
+                park_poll_index(index);
+            }
+            model.erase(victim);
+            put_poll_index(index);
+            put_poll_index(index);  // and again: must not enter the free list twice
+            ASSERT_EQ(poll_owner(index), nullptr);
+        }
+        ASSERT_GT(poll_high_water(), model.empty() ? -1 : model.rbegin()->first);
+        ASSERT_LE(poll_high_water(), highest_ever + 1);
+    }
+    for (const auto& [index, owner] : model) {
+        ASSERT_EQ(poll_owner(index), owner);
+    }
+}
+
+TEST_F(PollSet, TheMarkSinksWhenASlotIsTakenAgain) {
+    std::vector<int> slots;
+    for (int i = 0; i < 100; ++i) {
+        slots.push_back(get_poll_index(5));
+    }
+    EXPECT_EQ(poll_high_water(), 100);
+    for (int i = 10; i < 100; ++i) {
+        put_poll_index(slots[static_cast<std::size_t>(i)]);
+    }
+    put_poll_index(slots[3]);
+    EXPECT_EQ(poll_high_water(), 100);
+    EXPECT_EQ(get_poll_index(5), 3);
+    EXPECT_EQ(poll_high_water(), 10);
+}
+
+TEST_F(PollSet, HoldsExactlyItsLimit) {
+    for (int i = 0; i < max_poll_slots; ++i) {
+        ASSERT_EQ(get_poll_index(5), i);
+    }
+    EXPECT_EQ(get_poll_index(5), -1);
+    put_poll_index(1234);
+    EXPECT_EQ(get_poll_index(5), 1234);
+    EXPECT_EQ(get_poll_index(5), -1);
+    testing::internal::CaptureStderr();
+    put_poll_index(32768);
+    put_poll_index(-1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Trying to free invalid poll index = 32768\n\n");
+}
+
+TEST_F(PollSet, ForeignIndexesAreIgnored) {
+    (void)get_poll_index(5);
+    for (const int index : {-1, -2, 7, 1000, 40000}) {
+        set_poll_owner(index, fake_conn(1));
+        set_poll_events(index, 5, POLLIN);
+        park_poll_index(index);
+        clear_poll_revents(index);
+        EXPECT_EQ(poll_owner(index), nullptr);
+        EXPECT_EQ(poll_revents(index), 0);
+    }
+    EXPECT_EQ(get_poll_index(5), 1);
+}
+
+TEST_F(PollSet, ReportsReadySlotsAndSkipsParkedOnes) {
+    const std::array<pipe_pair, 70> pipes;
+    std::vector<int> slots;
+    for (const pipe_pair& p : pipes) {
+        slots.push_back(get_poll_index(p.out.get()));
+    }
+    EXPECT_EQ(wait_for_events(0), 0);
+    EXPECT_EQ(next_ready_slot(0), -1);
+    for (const std::size_t i : {0U, 33U, 69U}) {
+        pipes[i].feed();
+    }
+    park_poll_index(slots[33]);
+    EXPECT_EQ(wait_for_events(1000), 2);
+    EXPECT_EQ(ready_slots(), (std::set<int>{slots[0], slots[69]}));
+    EXPECT_EQ(poll_revents(slots[0]), POLLIN);
+    set_poll_events(slots[33], pipes[33].out.get(), POLLIN);
+    set_poll_events(slots[0], pipes[0].out.get(), POLLOUT);
+    EXPECT_EQ(wait_for_events(0), 2);
+    EXPECT_EQ(ready_slots(), (std::set<int>{slots[33], slots[69]}));
+    clear_poll_revents(slots[33]);
+    put_poll_index(slots[69]);
+    EXPECT_EQ(ready_slots(), std::set<int>());
+    EXPECT_EQ(poll_revents(get_poll_index(5)), 0);  // the slot of 69, without its events
+}
+
+TEST_F(PollSet, ListenerPositionsAreReusedAndClosedUpToTheFirstFreeOne) {
+    std::array<pipe_pair, 6> pipes;
+    for (std::size_t i = 0; i < pipes.size(); ++i) {
+        set_lp_poll_position(get_poll_index(pipes[i].out.get()), fake_listener(i + 1));
+    }
+    EXPECT_EQ(lp_at(5).listener, fake_listener(6));
+    EXPECT_EQ(lp_at(6).poll_index, -1);
+    EXPECT_EQ(lp_at(1000).poll_index, -1);
+    remove_lp_poll_position(1);
+    EXPECT_EQ(lp_at(1).poll_index, -1);
+    set_lp_poll_position(77, fake_listener(9));
+    EXPECT_EQ(lp_at(1).listener, fake_listener(9));
+    remove_lp_poll_position(4);
+    remove_lp_poll_position(1000);
+    set_lp_poll_position(-1, nullptr);
+    clean_poll_fd_set();
+    for (std::size_t i = 0; i < pipes.size(); ++i) {
+        const bool closed = fcntl(pipes[i].out.get(), F_GETFD) == -1;
+        EXPECT_EQ(closed, i == 0 || i == 2 || i == 3) << i;
+        if (closed) {
+            (void)pipes[i].out.release();
+        }
+    }
+    EXPECT_EQ(poll_high_water(), 0);
+    EXPECT_EQ(lp_at(0).poll_index, -1);
+}
+
+TEST_F(PollSet, AnEndingSignalBeforeOrDuringTheWaitEndsIt) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = signal_handler;
+    action.sa_flags = SA_RESTART;
+    ASSERT_EQ(sigaction(SIGTERM, &action, &before), 0);
+    ASSERT_EQ(raise(SIGTERM), 0);
+    EXPECT_EQ(wait_for_events(60000), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(exit_flag, SIGTERM);
+
+    exit_flag = 0;
+    const pthread_t waiter = pthread_self();
+    std::thread sender([waiter] {
+        while (exit_flag == 0) {
+            pthread_kill(waiter, SIGTERM);
+            usleep(1000);
+        }
+    });
+    EXPECT_EQ(wait_for_events(60000), -1);
+    EXPECT_EQ(exit_flag, SIGTERM);
+    sender.join();
+    sigset_t mask;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
+    EXPECT_EQ(sigismember(&mask, SIGTERM), 0);
+    EXPECT_EQ(sigismember(&mask, SIGINT), 0);
+    sigaction(SIGTERM, &before, nullptr);
+}
+
+TEST_F(PollSet, AWaitThatTheKernelRefusesIsLoggedOnce) {
+    struct rlimit_guard {
+        rlimit before{};
+        rlimit_guard() {
+            getrlimit(RLIMIT_NOFILE, &before);
+            const rlimit tiny = {.rlim_cur = 40, .rlim_max = before.rlim_max};
+            setrlimit(RLIMIT_NOFILE, &tiny);
+        }
+        ~rlimit_guard() { setrlimit(RLIMIT_NOFILE, &before); }
+    };
+    for (int i = 0; i < 64; ++i) {
+        (void)get_poll_index(0);
+    }
+    testing::internal::CaptureStderr();
+    {
+        const rlimit_guard guard;
+        EXPECT_EQ(wait_for_events(0), -1);
+        EXPECT_EQ(wait_for_events(0), -1);
+    }
+    EXPECT_GE(wait_for_events(0), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "poll of 64 descriptors failed: Invalid argument\n");
+}
+
+}  // namespace

@@ -1,0 +1,250 @@
+// Proves what children get and what they don't: environment, descriptors, signals, their end; and
+// the environment block against a model.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/cgi_env.h"
+#include "core/compat_unix.h"
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/globals.h"
+#include "core/paths.h"
+#include "lib/unique_fd.h"
+#include "tests/support/engine_fixture.h"
+
+namespace {
+
+struct child_io {
+    unique_fd ours;
+    int theirs = -1;  // handed over to spawn_process
+    child_io() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        ours.reset(ends[0]);
+        theirs = ends[1];
+    }
+    // Everything until the child has closed its end.
+    [[nodiscard]] std::string read_all() const {
+        std::string text;
+        char buffer[4096];
+        for (ssize_t n = 0; (n = read(ours.get(), buffer, sizeof buffer)) > 0;) {
+            text.append(buffer, static_cast<std::size_t>(n));
+        }
+        return text;
+    }
+};
+
+class Children : public testing::Test {
+  protected:
+    Children() {
+        c_.ctx = &ctx_;
+        ctx_.error_log = std::fopen(error_path_.c_str(), "ae");
+    }
+    ~Children() override { std::fclose(ctx_.error_log); }
+
+    std::string script(const char* name, const std::string& text) {
+        const auto path = folder_.write(name, "#!/bin/sh\n" + text);
+        EXPECT_EQ(chmod(path.c_str(), 0755), 0);
+        return path.string();
+    }
+    // Runs a program to its end and returns what it wrote.
+    std::string run(const std::string& program, process_record* record) {
+        const child_io io;
+        char variable[] = "COLOUR=blue";
+        char* environment[] = {variable, nullptr};
+        EXPECT_EQ(spawn_process(&c_, program.c_str(), nullptr, environment, io.theirs,
+                                folder_.path().c_str(), record),
+                  0);
+        EXPECT_EQ(fcntl(io.theirs, F_GETFD), -1) << "the parent's end stays open";
+        std::string output = io.read_all();
+        EXPECT_EQ(waitpid(record->pid, &status_, 0), record->pid);
+        return output;
+    }
+
+    temporary_folder folder_;
+    std::filesystem::path error_path_ = folder_.write("error.log", "");
+    shttpd_ctx ctx_;
+    conn c_;
+    int status_ = -1;
+};
+
+TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
+    struct sigaction ignore {};
+    struct sigaction before {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &before);
+    const unique_fd leak(open("/dev/null", O_RDONLY));  // not close-on-exec
+    process_record record;
+    const std::string output =
+        run(script("show.sh",
+                   "echo $0 $COLOUR $HOME.; pwd -P; echo to-the-log >&2\n"
+                   "grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
+                   "for fd in 0 1 2 3 4 5 6 7 8 9; do\n"  // the shell's own is above
+                   "  if [ -e /proc/$$/fd/$fd ]; then echo $fd; fi\n"
+                   "done\n"),
+            &record);
+    sigaction(SIGPIPE, &before, nullptr);
+    EXPECT_LT(leak.get(), 10);
+    EXPECT_EQ(output, "show.sh blue .\n" + std::filesystem::canonical(folder_.path()).string() +
+                          "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n");
+    EXPECT_EQ(read_whole_file(error_path_), "to-the-log\n");
+    EXPECT_STREQ(record.name, "show.sh");
+    EXPECT_EQ(status_, 0);
+}
+
+TEST_F(Children, AreRunByTheInterpreterWhenOneIsSet) {
+    ctx_.cgi_interpreter = "/bin/echo";
+    process_record record;
+    EXPECT_EQ(run(folder_.path() / "some.script", &record), "some.script\n");
+    ctx_.cgi_interpreter = "/no/such/interpreter";
+    EXPECT_EQ(run("/x/some.script", &record), "");
+    EXPECT_EQ(read_whole_file(error_path_),
+              "redirect: exec(/no/such/interpreter /x/some.script)\n");
+    EXPECT_EQ(WEXITSTATUS(status_), 1);
+}
+
+TEST_F(Children, ThatCannotStartSaySoInTheErrorLog) {
+    process_record record;
+    EXPECT_EQ(run("/x/missing", &record), "");
+    EXPECT_EQ(WEXITSTATUS(status_), 1);
+    const child_io io;
+    char* environment[] = {nullptr};
+    ASSERT_EQ(spawn_process(&c_, "plain", nullptr, environment, io.theirs, "/no/such/folder",
+                            &record),
+              0);
+    EXPECT_EQ(io.read_all(), "");
+    EXPECT_EQ(waitpid(record.pid, &status_, 0), record.pid);
+    EXPECT_EQ(WEXITSTATUS(status_), 1);
+    EXPECT_STREQ(record.name, "plain");
+    EXPECT_EQ(read_whole_file(error_path_),
+              "redirect: exec(/x/missing)\n"
+              "redirect: chdir(/no/such/folder): No such file or directory\n");
+}
+
+TEST_F(Children, LongNamesAreCutInTheRecord) {
+    process_record record;
+    (void)run("/x/" + std::string(100, 'n'), &record);
+    EXPECT_EQ(std::string(record.name), std::string(63, 'n'));
+}
+
+TEST(StopProcess, KillsOnlyWhatDoesNotEndByItself) {
+    EXPECT_GE(stop_process(nullptr), std::time(nullptr) - 1);
+    for (const pid_t nobody : {0, -1, -4711}) {
+        const process_record record = {.pid = nobody};
+        EXPECT_GE(stop_process(&record), std::time(nullptr) - 1);  // and we are still alive
+    }
+    for (const bool polite : {true, false}) {
+        const pid_t child = fork();
+        if (child == 0) {
+            (void)signal(SIGTERM, SIG_IGN);
+            usleep(polite ? 50000 : 60000000);
+            _exit(7);
+        }
+        const process_record record = {.pid = child};
+        EXPECT_EQ(stop_process(&record), child);
+        EXPECT_EQ(stop_process(&record), -1);  // reaped already
+    }
+}
+
+TEST(SignalHandler, ReapsAllChildrenAndKeepsErrno) {
+    std::vector<pid_t> children;
+    for (int i = 0; i < 3; ++i) {
+        children.push_back(fork());
+        if (children.back() == 0) {
+            _exit(0);
+        }
+    }
+    for (const pid_t child : children) {
+        siginfo_t info{};
+        ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    }
+    exit_flag = 0;
+    errno = EAGAIN;
+    signal_handler(SIGCHLD);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(exit_flag, 0);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    errno = EAGAIN;
+    daemon_signal_handler(SIGCHLD);
+    EXPECT_EQ(errno, EAGAIN);
+    signal_handler(SIGINT);
+    EXPECT_EQ(exit_flag, SIGINT);
+    exit_flag = 0;
+    daemon_signal_handler(SIGHUP);
+    EXPECT_EQ(exit_flag, 0);
+    EXPECT_EXIT(daemon_signal_handler(SIGTERM), testing::ExitedWithCode(0), "^$");
+}
+
+TEST(Descriptors, ModesAndTheirFailures) {
+    const child_io io;
+    const unique_fd theirs(io.theirs);
+    const int fd = io.ours.get();
+    ASSERT_EQ(fcntl(fd, F_SETFD, 0), 0);
+    EXPECT_EQ(set_close_on_exec(fd), 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(set_non_blocking_mode(fd), 0);
+    char byte = 0;
+    EXPECT_EQ(read(fd, &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(set_non_blocking_mode(-1), -1);
+    EXPECT_EQ(set_close_on_exec(-1), -1);
+
+    const pid_t child = fork();
+    if (child == 0) {
+        close_descriptors_from(fd);
+        const bool right = fcntl(fd, F_GETFD) == -1 && fcntl(theirs.get(), F_GETFD) == -1 &&
+                           fcntl(STDERR_FILENO, F_GETFD) != -1;
+        _exit(right ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(VarDirectory, IsBounded) {
+    char buffer[64];
+    EXPECT_STREQ(get_default_var_directory(buffer, sizeof buffer), paths.var_directory);
+    EXPECT_EQ(std::string(get_default_var_directory(buffer, 5)),
+              std::string(paths.var_directory).substr(0, 4));
+}
+
+TEST(Environment, KeepsWhatFitsAndDropsTheRest) {
+    std::mt19937 random(11);
+    for (int round = 0; round < 200; ++round) {
+        env_block block;
+        std::vector<std::string> model;
+        std::size_t used = 0;
+        const int longest = round % 2 == 0 ? 40 : 400;
+        for (int i = 0; i < 90; ++i) {
+            const std::string text(random() % static_cast<unsigned>(longest),
+                                   static_cast<char>('a' + i % 26));
+            addenv(&block, "%s", text.c_str());
+            if (!text.empty() && used + text.size() < 4094 && model.size() < 62) {
+                model.push_back(text);
+                used += text.size() + 1;
+            }
+        }
+        ASSERT_EQ(block.count, static_cast<int>(model.size()));
+        ASSERT_EQ(block.used, static_cast<int>(used));
+        for (std::size_t i = 0; i < model.size(); ++i) {
+            ASSERT_EQ(block.pointers[i], model[i]);
+        }
+        ASSERT_EQ(block.pointers[model.size()], nullptr);
+    }
+}
+
+}  // namespace
