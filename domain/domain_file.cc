@@ -20,6 +20,7 @@
 namespace {
 
 constexpr std::size_t piece_bytes = 1023;
+constexpr int not_regular = -1;
 constexpr std::string_view default_namespace_name = "plx";
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
@@ -121,7 +122,7 @@ void add_host(qz_map* hosts, const host_line& line) {
     (void)qz_map_insert(hosts, host->hostid, host);  // looked up above: the id is new
 }
 
-// Reads a whole file; 0 or an errno value. Only regular files can be read and, later, be replaced.
+// Reads a whole file; 0, an errno value or not_regular: only regular files can later be replaced.
 int read_file(const char* path, std::string* content) {
     const unique_fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat info {};
@@ -129,7 +130,7 @@ int read_file(const char* path, std::string* content) {
         return errno;
     }
     if (!S_ISREG(info.st_mode)) {
-        return S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+        return not_regular;
     }
     std::array<char, 65536> block;
     for (;;) {
@@ -194,7 +195,7 @@ void load_domain_file(const shttpd_ctx* ctx, const conn* c) {
     } else if (error != ENOENT) {
         state().unreadable = true;
         elog(elog_info, c, "domain file %s cannot be read: %s", ctx->domain_file.c_str(),
-             strerror(error));
+             error == not_regular ? "not a regular file" : strerror(error));
     }
 }
 
