@@ -1,0 +1,338 @@
+// CGI programs inside the engine: the environment they get, the relay of what they write, and what
+// is left behind.
+
+#include "handlers/cgi.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/connection.h"
+#include "core/context.h"
+#include "core/poll_set.h"
+#include "handlers/chunked.h"
+#include "lib/plat.h"
+#include "lib/qz_vector.h"
+#include "tests/handlers/relay_fixture.h"
+
+namespace {
+
+int open_descriptors() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/fd")) {
+        ++count;
+    }
+    return count;
+}
+
+// --- The environment ---
+
+class environment_test : public ::testing::Test {
+  protected:
+    environment_test() {
+        for (const char* name :
+             {"PATH", "LD_LIBRARY_PATH", "LC_ALL", "LANG", "LC_COLLATE", "LC_CTYPE", "LC_MESSAGES",
+              "LC_MONETARY", "LC_NUMERIC", "LC_TIME", "PERLLIB"}) {
+            unsetenv(name);
+        }
+        ctx.auth_realm = "realm";
+        ctx.var_dir = "/var/x";
+        ctx.document_root = "/srv";
+        c.ctx = &ctx;
+        auto* peer = reinterpret_cast<sockaddr_in*>(&c.peer);
+        peer->sin_family = AF_INET;
+        peer->sin_port = htons(4660);
+        inet_pton(AF_INET, "192.0.2.7", &peer->sin_addr);
+        c.peer_length = sizeof(*peer);
+        c.request.uri = "/x/run.cgi";
+    }
+    ~environment_test() override { setenv("PATH", "/usr/bin:/bin", 1); }
+
+    void set_headers(const std::string& lines) {
+        c.request.text = "GET / HTTP/1.1\r\n" + lines + "\r\n";
+        c.request.headers_start = 16;
+    }
+    std::vector<std::string> build() {
+        auto block = std::make_unique<env_block>();
+        build_cgi_environment(&c, "/srv/x/run.cgi", block.get());
+        std::vector<std::string> all;
+        for (char** p = block->pointers; *p != nullptr; ++p) {
+            all.emplace_back(*p);
+        }
+        return all;
+    }
+
+    shttpd_ctx ctx;
+    conn c;
+};
+
+TEST_F(environment_test, names_everything_in_order) {
+    setenv("PATH", "/p", 1);
+    setenv("LC_TIME", "C", 1);
+    c.request.method = method_post;
+    c.request.recorded_role = "pub";
+    c.request.has_query = true;
+    c.request.query = "a=&b c";
+    c.request.path_info = "more/of it";
+    c.request.headers.content_type = "text/x";
+    c.request.headers.content_length = 12;
+    c.user_name = "ann@host";
+    ctx.cgi_envvar = "ONE=1, TWO=2 , THREE=a b";
+    c.groups = new_qz_vector(2, qzfree);
+    qz_vector_pushback(c.groups, qzstrdup("a"));
+    qz_vector_pushback(c.groups, qzstrdup("b"));
+    set_headers("X-Foo-Bar: v\r\nEmpty: \r\nA:b\r\nNone:\r\n: x\r\nno colon\r\nproxy:  two\r\n");
+    const std::vector<std::string> expected = {
+        "GATEWAY_INTERFACE=CGI/1.1",
+        "SERVER_PROTOCOL=HTTP/1.1",
+        "REDIRECT_STATUS=200",
+        "SERVER_PORT=0",
+        "SERVER_NAME=realm",
+        "SERVER_ROOT=/srv",
+        "DOCUMENT_ROOT=/srv",
+        "REQUEST_METHOD=POST",
+        "PLX_VAR_DIR=/var/x",
+        "REMOTE_ADDR=192.0.2.7",
+        "REMOTE_PORT=4660",
+        "REQUEST_URI=/x/run.cgi",
+        "SCRIPT_NAME=/srv/x/run.cgi",
+        "SCRIPT_FILENAME=run.cgi",
+        "PATH_TRANSLATED=/srv/x/run.cgi",
+        "PLXE_ROLE=pub",
+        "PLX_GROUPS=a,b,",
+        "CONTENT_TYPE=text/x",
+        "QUERY_STRING=a=&b c",
+        "PATH_INFO=/more/of it",
+        "CONTENT_LENGTH=12",
+        "PATH=/p",
+        "LC_TIME=C",
+        "REMOTE_USER=ann@host",
+        "AUTH_TYPE=Basic",
+        "ONE=1",
+        "TWO=2 ",
+        "THREE=a b",
+        "HTTP_X_FOO_BAR=v",
+        "HTTP_EMPTY=",
+        "HTTP_A=",
+        "HTTP_PROXY= two",
+    };
+    EXPECT_EQ(build(), expected);
+    qz_vector_destroy(c.groups);
+    c.groups = nullptr;
+}
+
+TEST_F(environment_test, stays_within_its_block) {
+    c.peer.ss_family = AF_UNIX;
+    set_headers("");
+    const std::vector<std::string> base = build();
+    EXPECT_EQ(base.at(9), "REMOTE_ADDR=-");
+    EXPECT_EQ(base.at(10), "REQUEST_URI=/x/run.cgi") << "no port for a local peer";
+    EXPECT_EQ(base.at(14), "PLXE_ROLE=admin") << "no role was recorded";
+
+    for (int i = 0; i < 100; ++i) {
+        ctx.cgi_envvar += "V" + std::to_string(i) + "=1,";
+    }
+    set_headers("First: 1\r\nSecond: 2\r\n");
+    std::vector<std::string> full = build();
+    ASSERT_EQ(full.size(), 63U) << "62 variables and one header";
+    EXPECT_EQ(full.back(), "HTTP_FIRST=1");
+
+    ctx.cgi_envvar.clear();
+    const std::string large(3000, 'x');
+    set_headers("Large: " + large + "\r\nAlso-Large: " + large + "\r\nSmall: s\r\n");
+    full = build();
+    EXPECT_EQ(full.at(full.size() - 2), "HTTP_LARGE=" + large);
+    EXPECT_EQ(full.back(), "HTTP_SMALL=s") << "what does not fit is left out, the rest stays";
+}
+
+// --- Chunked bodies ---
+
+TEST(chunk_scanner_test, finds_the_end_however_the_body_is_cut) {
+    std::mt19937 random(11);
+    for (int round = 0; round < 300; ++round) {
+        std::string body;
+        for (auto chunks = random() % 6; chunks > 0; --chunks) {
+            const std::string data(1 + random() % 40, static_cast<char>('a' + random() % 26));
+            char size[32];
+            snprintf(size, sizeof size, random() % 2 ? "%zX\r\n" : "%04zx; name=\"v\"\r\n",
+                     data.size());
+            body += size + data + "\r\n";
+        }
+        body += random() % 2 ? "0\r\n\r\n" : "00;x\r\nTrailer: yes\r\nOther: no\r\n\r\n";
+        const std::string wire = body + "GET / HTTP/1.1\r\n\r\n";
+        chunk_scanner scanner;
+        std::size_t own = 0;
+        for (std::size_t at = 0; at < wire.size() && !scanner.complete();) {
+            const std::size_t piece = std::min<std::size_t>(1 + random() % 30, wire.size() - at);
+            own += scanner.consume(std::string_view(wire).substr(at, piece));
+            at += piece;
+        }
+        ASSERT_TRUE(scanner.complete()) << body;
+        ASSERT_EQ(own, body.size()) << body;
+    }
+}
+
+TEST(chunk_scanner_test, refuses_what_two_readers_could_take_differently) {
+    for (const char* body :
+         {"x", "\r\n", "-1\r\n", "5\nhello", "5\r\nhelloX", "5\r\nhello\n0\r\n\r\n",
+          "0\r\nTrailer: a\nb\r\n\r\n", "0\r\n\n", "0x5\r\nhello", "5;a\nhello",
+          "11111111111111111\r\n", "ffffffffffffffffff\r\n", "0\r\n\rX"}) {
+        chunk_scanner scanner;
+        (void)scanner.consume(body);
+        EXPECT_TRUE(scanner.failed()) << body;
+        EXPECT_FALSE(scanner.complete()) << body;
+    }
+}
+
+// --- The pair ---
+
+TEST(socket_pair_test, connects_two_descriptors_that_programs_do_not_inherit) {
+    shttpd_ctx ctx;
+    conn c;
+    c.ctx = &ctx;
+    const int before = open_descriptors();
+    int sp[2] = {-1, -1};
+    ASSERT_EQ(my_socketpair(&c, sp), 0);
+    const unique_fd first(sp[0]);
+    const unique_fd second(sp[1]);
+    EXPECT_EQ(open_descriptors(), before + 2);
+    for (const int fd : sp) {
+        EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    }
+    ASSERT_EQ(send(sp[0], "to", 2, 0), 2);
+    char buffer[8];
+    EXPECT_EQ(recv(sp[1], buffer, sizeof buffer, 0), 2);
+    ASSERT_EQ(send(sp[1], "fro", 3, 0), 3);
+    EXPECT_EQ(recv(sp[0], buffer, sizeof buffer, 0), 3);
+}
+
+// --- Programs ---
+
+// What a script wrote behind its headers, which end in bare line feeds.
+std::string output_of(const std::string& reply) {
+    const std::size_t blank = reply.find("\n\n");
+    return blank == std::string::npos ? "no headers: " + reply : reply.substr(blank + 2);
+}
+
+class cgi_relay_test : public relay_fixture {
+  protected:
+    std::string script(const std::string& name, const std::string& text) const {
+        const std::filesystem::path file = engine.root.write(name, "#!/bin/sh\n" + text);
+        chmod(file.c_str(), 0755);
+        return "/" + name;
+    }
+    // The reply to a request for a script with this text.
+    std::string run(const std::string& text, const std::string& method = "GET",
+                    const std::string& body = "") {
+        return talk(make_request(method, script("run.cgi", text), body));
+    }
+};
+
+TEST_F(cgi_relay_test, status_line_comes_from_the_headers) {
+    const struct {
+        const char* output;
+        const char* line;
+    } rows[] = {
+        {"Content-Type: text/plain", "HTTP/1.1 200 OK"},
+        {"Status: 404 Not Found", "HTTP/1.1 404 OK"},
+        {"Location: /elsewhere", "HTTP/1.1 302 OK"},
+        {"Status: 201 Created\\r\\nLocation: /x", "HTTP/1.1 302 OK"},
+        {"Status: 7 seven", "HTTP/1.1   7 OK"},
+        {"Status: 12345", "HTTP/1.1 123 OK"},
+        {"Status: none", "HTTP/1.1 200 OK"},
+    };
+    for (const auto& row : rows) {
+        const std::string output(row.output);
+        std::string headers = output;
+        if (const std::size_t at = headers.find("\\r\\n"); at != std::string::npos) {
+            headers.replace(at, 4, "\r\n");
+        }
+        EXPECT_EQ(run("printf '" + output + "\\r\\n\\r\\nbody'"),
+                  std::string(row.line) + "\r\n" + headers + "\r\n\r\nbody");
+    }
+}
+
+TEST_F(cgi_relay_test, bad_programs_get_clear_answers) {
+    const std::string running = "HTTP/1.1 500 Error running CGI\r\n\r\n500 Error running CGI";
+    const std::string headers = "HTTP/1.1 500 Bad headers sent\r\n\r\n500 Bad headers sent";
+    EXPECT_EQ(run("exit 0"), running);
+    EXPECT_EQ(run("printf 'Content-Type: te'"), running) << "it ends inside its headers";
+    EXPECT_EQ(run("printf 'A: \\001\\n\\nbody'"), headers);
+    EXPECT_EQ(run("head -c 20000 /dev/zero | tr '\\0' x"), headers) << "no end of the headers";
+    engine.root.write("no.cgi", "not executable");
+    EXPECT_EQ(talk(make_request("GET", "/no.cgi")), running);
+    EXPECT_EQ(talk(make_request("HEAD", "/no.cgi")),
+              "HTTP/1.1 501 Bad method \r\n\r\n501 Bad method ");
+    // Part of the reply was out before it went wrong: nothing may be glued behind it.
+    EXPECT_EQ(output_of(run("printf 'Content-Length: 100\\n\\nabcd'")), "abcd");
+}
+
+TEST_F(cgi_relay_test, bodies_reach_the_program_and_nothing_else_does) {
+    const std::string count = "n=$(wc -c); printf 'A: b\\n\\n%d' $n";
+    EXPECT_EQ(output_of(run(count, "POST", std::string(300000, 'x'))), "300000");
+    EXPECT_EQ(output_of(run(count)), "0") << "a GET has an end of input at once";
+    const std::string path = script("cat.cgi", "printf 'A: b\\n\\n'; cat");
+    const std::string behind = "GET /cat.cgi HTTP/1.1\r\n\r\n";
+    EXPECT_EQ(output_of(talk(make_request("POST", path, "hello") + behind)), "hello");
+    // A body without length goes up to its last chunk.
+    const std::string chunked = "5\r\nhello\r\n0\r\n\r\n";
+    EXPECT_EQ(output_of(talk("POST " + path + " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" +
+                             chunked + behind)),
+              chunked);
+}
+
+TEST_F(cgi_relay_test, program_that_ignores_its_input_is_still_heard) {
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(output_of(run("printf 'A: b\\n\\nno thanks'", "POST", std::string(3000000, 'x'))),
+                  "no thanks");
+    }
+}
+
+TEST_F(cgi_relay_test, connection_stays_only_when_the_length_was_kept) {
+    const std::string right = script("right.cgi", "printf 'Content-Length: 5\\n\\nright'");
+    const std::string longer = script("longer.cgi", "printf 'Content-Length: 5\\n\\nlonger'");
+    const unique_fd client = engine.connect();
+    const std::string line = "HTTP/1.1 200 OK\r\nContent-Length: 5\n\n";
+    EXPECT_EQ(
+        talk_on(client.get(), make_request("POST", right, std::string(3000, 'x')), line + "right"),
+        line + "right");
+    EXPECT_EQ(talk_on(client.get(), make_request("POST", right, "0123456789"), line + "right"),
+              line + "right");
+    EXPECT_EQ(talk_on(client.get(), make_request("GET", longer)), line + "longer");
+    EXPECT_TRUE(closed(client.get()));
+}
+
+TEST_F(cgi_relay_test, leaves_no_descriptor_slot_or_connection_behind) {
+    const std::string fine = script("fine.cgi", "echo; echo fine");
+    const std::string slow = script("slow.cgi", "exec sleep 60");
+    (void)talk(make_request("GET", fine));
+    const int descriptors = open_descriptors();
+    const int slots = poll_high_water();
+    for (int i = 0; i < 60; ++i) {
+        EXPECT_EQ(output_of(talk(make_request("GET", fine))), "fine\n");
+    }
+    {
+        const unique_fd leaver = engine.connect();
+        const std::string request = make_request("GET", slow);
+        ASSERT_GT(send(leaver.get(), request.data(), request.size(), 0), 0);
+        passes(5);
+    }
+    passes(5);
+    EXPECT_EQ(shttpd_active(engine.ctx), 0);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_LE(poll_high_water(), slots);
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+// An engine whose handlers talk to other processes or sockets: its tests wait for events instead
+// of counting passes.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "core/shttpd.h"
+#include "lib/unique_fd.h"
+#include "tests/support/engine_fixture.h"
+
+class relay_fixture : public ::testing::Test {
+  protected:
+    relay_fixture() { std::signal(SIGCHLD, SIG_IGN); }  // children leave no zombies
+    ~relay_fixture() override { std::signal(SIGCHLD, SIG_DFL); }
+
+    // Sends the bytes and returns what comes back until the engine closes, until `enough` has come,
+    // or for 20 seconds. `meanwhile` runs after every pass.
+    std::string talk_on(int fd, std::string_view bytes, std::string_view enough = {},
+                        const std::function<void()>& meanwhile = {}) {
+        using clock = std::chrono::steady_clock;
+        std::string reply;
+        for (const auto end = clock::now() + std::chrono::seconds(20); clock::now() < end;) {
+            const ssize_t sent =
+                bytes.empty() ? 0
+                              : send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            bytes.remove_prefix(sent > 0 ? static_cast<std::size_t>(sent) : 0);
+            shttpd_poll(engine.ctx, sent > 0 ? 0 : 10);
+            if (meanwhile) {
+                meanwhile();
+            }
+            char buffer[65536];
+            const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (got > 0) {
+                reply.append(buffer, static_cast<std::size_t>(got));
+            }
+            if (got == 0 || (got < 0 && errno != EAGAIN) ||
+                (!enough.empty() && reply.size() >= enough.size())) {
+                return reply;
+            }
+        }
+        ADD_FAILURE() << "no end after 20 seconds; so far: " << reply.substr(0, 500);
+        return reply;
+    }
+    std::string talk(std::string_view bytes, const std::function<void()>& meanwhile = {}) {
+        const unique_fd client = engine.connect();
+        return talk_on(client.get(), bytes, {}, meanwhile);
+    }
+    void passes(int count) {
+        for (int i = 0; i < count; ++i) {
+            shttpd_poll(engine.ctx, 10);
+        }
+    }
+    // Whether the engine has closed its side.
+    bool closed(int fd) {
+        passes(5);
+        char byte = 0;
+        return recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+    }
+
+    test_engine engine{true};
+};
