@@ -1,0 +1,188 @@
+"""The scheduler in a real daemon: what it starts, with which surroundings, and what it shows."""
+
+import os
+import re
+import socket
+import time
+
+import pytest
+
+CHECK_PASSES = 9  # the daemon looks at its schedule every seventh pass
+
+
+def check_now(daemon):
+    """Keeps the daemon's loop turning until it has looked at its schedule."""
+    for _ in range(CHECK_PASSES):
+        daemon.request("GET", "/world/ping")
+
+
+def wait_for(condition, seconds=60, daemon=None):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < deadline, "it did not happen"
+        if daemon:
+            check_now(daemon)
+        time.sleep(0.05)
+
+
+def dump(daemon):
+    reply = daemon.request("GET", "/admin/sched/dump")
+    assert reply.raw.startswith(b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n")
+    assert b"\0" not in reply.body
+    return reply.text
+
+
+def ids(daemon):
+    return re.findall(r"^id=(\S+)", dump(daemon), re.M)
+
+
+def rescan(daemon, query="", method="POST"):
+    reply = daemon.request(method, "/admin/sched/rescan" + query)
+    assert (reply.status, reply.body) == (200, b"Success\n")
+
+
+@pytest.fixture(name="schedule")
+def schedule_fixture(tmp_path):
+    return tmp_path / "schedule"
+
+
+def test_kickoff_and_shell_quoting(make_daemon, schedule, tmp_path):
+    out = tmp_path / "out"
+    out.mkdir()
+    schedule.write_text(
+        f"plain kickoff - - x x x /usr/bin/touch {out}/a {out}/b\\ c '{out}/d\n"
+        f"shell kickoff - - x x x /bin/sh -c printf '%s|' \"a  b\" 'c\"d' $((6*7)) > {out}/shell\n"
+        f"other - - - x x x /usr/bin/touch {out}/never\n"
+        f"paused pause,kickoff - - x x x /usr/bin/touch {out}/never\n")
+    daemon = make_daemon(scheduler_file=schedule)
+    wait_for(lambda: (out / "a").exists() and (out / "shell").exists()
+             and (out / "shell").read_text().count("|") == 3, daemon=daemon)
+    assert (out / "b\\").exists()  # words are cut at blanks, whatever quotes they hold
+    assert (out / "shell").read_text() == 'a  b|c"d|42|'
+    (out / "a").unlink()
+    rescan(daemon)
+    check_now(daemon)
+    assert not (out / "a").exists() and not (out / "never").exists()
+    assert ids(daemon) == ["other", "plain", "shell"]
+
+
+def test_surroundings_of_a_command(make_daemon, schedule, tmp_path):
+    """Session, descriptors, environment, umask, signals and directory of a child."""
+    out = tmp_path / "facts"
+    schedule.write_text(
+        f"job kickoff - - x x x /bin/sh -c ls -l /proc/$$/fd | sed 's/.*-> //' > {out}.fds; "
+        f"tr '\\0' '\\n' < /proc/$$/environ | sort > {out}.env; umask > {out}.umask; "
+        f"grep -E '^Sig(Ign|Blk)|^Groups' /proc/$$/status > {out}.signals; "
+        f"cut -d' ' -f1,5,6 /proc/$$/stat > {out}.session; touch {out}.end\n")
+    daemon = make_daemon(scheduler_file=schedule,
+                         cgi_envvar="X=1,PLX_INSTALL_ROOT=/opt/plx",
+                         env={"PATH": "/usr/bin:/bin", "SECRET": "1"})
+    held = [daemon.connect() for _ in range(5)]  # sockets that a child must not see
+    wait_for((tmp_path / "facts.end").exists, daemon=daemon)
+    for sock in held:
+        sock.close()
+
+    def fact(name):
+        return (tmp_path / f"facts.{name}").read_text()
+    fds = [line for line in fact("fds").splitlines() if not line.startswith("total")]
+    assert fds.count("/dev/null") == 3 and len(fds) == 3
+    assert fact("env").splitlines() == [
+        "LC_TIME=C", "PATH=/usr/bin:/bin", "PERL5LIB=/opt/plx/lib/modules",
+        "PLX_INSTALL_ROOT=/opt/plx", f"PLX_VAR_DIR={daemon.var}",
+        f"SERVER_NAME={socket.gethostname()}"]
+    assert fact("umask") == "0027\n"
+    signals = dict(line.split(":\t") for line in fact("signals").splitlines())
+    assert int(signals["SigIgn"], 16) == 0 and int(signals["SigBlk"], 16) == 0
+    assert sorted(map(int, signals["Groups"].split())) == sorted(os.getgroups())
+    assert len(set(fact("session").split())) == 1  # a session and group of its own
+
+
+def test_interval_and_time_entries(make_daemon, schedule, tmp_path):
+    """The one test that waits for the clock: a minute passes."""
+    out = tmp_path / "runs"
+    schedule.write_text(
+        f"interval - 1 - x x x /bin/sh -c echo interval >> {out}\n"
+        f"every - * * * * * /bin/sh -c echo every >> {out}\n"
+        f"bad - 61 * * * * /bin/sh -c echo bad >> {out}\n")
+    daemon = make_daemon(scheduler_file=schedule)
+
+    def runs():
+        return out.read_text().split() if out.exists() else []
+    wait_for(lambda: runs().count("every") >= 2 and runs().count("interval") >= 1, 200, daemon)
+    assert "bad" not in runs() and runs().count("every") <= 4 and runs().count("interval") <= 3
+    assert "prev=Thu Jan  1" not in dump(daemon)
+
+
+def test_rescan_of_one_entry_and_of_all(make_daemon, schedule):
+    schedule.write_text("a - 5 - x x x /bin/true\nb - 5 - x x x /bin/true\n")
+    daemon = make_daemon(scheduler_file=schedule)
+    assert ids(daemon) == ["a", "b"]
+    schedule.write_text("a - 7 - x x x /bin/true\nb - 7 - x x x /bin/true\nc - - - x x x /bin/true\n")
+    rescan(daemon, "?id=a")
+    assert re.findall(r"interval=(\d+)", dump(daemon)) == ["7", "5"]
+    rescan(daemon, "?id=nobody", method="GET")
+    assert re.findall(r"interval=(\d+)", dump(daemon)) == ["7", "7", "0"]
+    schedule.write_text("a pause 7 - x x x /bin/true\nb - 8 - x x x /bin/true\n")
+    rescan(daemon, "?id=a")
+    assert ids(daemon) == ["b", "c"]
+    schedule.unlink()
+    rescan(daemon)
+    assert ids(daemon) == []
+    # A body is waited for, and one that can never fit is refused.
+    reply = daemon.request("POST", "/admin/sched/rescan", body=b"id=a")
+    assert reply.status == 200
+    reply = daemon.request("POST", "/admin/sched/rescan", body=b"x" * 100000)
+    assert (reply.status, reply.reason) == (400, "Request is too big")
+
+
+def test_file_edited_while_running(make_daemon, schedule):
+    """Half-written files, long lines and binary rubbish: what is readable is loaded."""
+    daemon = make_daemon(scheduler_file=schedule)
+    for content, expected in [
+            (b"a - 5 - x x x /bin/tr", ["a"]),
+            (b"a - 5 - x", []),
+            (b"a - 5 - x x x /bin/true\n" + b"long" * 5000 + b"\nb - 5 - x x x /bin/true", ["a", "b"]),
+            (bytes(range(256)) * 50 + b"\nz - 5 - x x x /bin/true\n", ["z"]),
+            (b"a - 5 - x x x one\na - 5 - x x x two\n" * 300, ["a"]),
+            (b"", [])]:
+        schedule.write_bytes(content)
+        rescan(daemon)
+        assert ids(daemon) == expected, content[:60]
+
+
+def test_a_thousand_entries_start_and_leave_nothing(make_daemon, schedule, tmp_path):
+    out = tmp_path / "out"
+    out.mkdir()
+    schedule.write_text("".join(
+        f"job{i:04} kickoff - - x x x /usr/bin/touch {out}/{i}\n" for i in range(1000)))
+    daemon = make_daemon(scheduler_file=schedule)
+    before = daemon.fd_count()
+    assert ids(daemon) == [f"job{i:04}" for i in range(1000)]
+    wait_for(lambda: len(os.listdir(out)) == 1000, 120, daemon)
+    wait_for(lambda: daemon.children() == [], 30, daemon)
+    wait_for(lambda: daemon.fd_count() <= before, 30, daemon)
+
+
+def test_dump_of_thousands_for_a_slow_reader(make_daemon, schedule):
+    count = 5000
+    schedule.write_text("".join(f"{i:05} - 100 - x x x /bin/true\n" for i in range(count)))
+    daemon = make_daemon(scheduler_file=schedule)
+    with daemon.connect() as sock:
+        sock.settimeout(60)
+        sock.sendall(b"GET /admin/sched/dump HTTP/1.1\r\n\r\n")
+        received = b""
+        while chunk := sock.recv(5000):
+            received += chunk
+    body = received.partition(b"\r\n\r\n")[2].decode()
+    assert re.findall(r"^id=(\d+) {7}interval=100 sortkey=\d{10}-\1 p=0 k=0$", body, re.M) == [
+        f"{i:05}" for i in range(count)]
+    assert body.startswith("---- scheduler data structures ----\nnow=  ")
+    assert body.count("\twaiting...\n") == count and body.endswith("waiting...\n\n")
+
+
+def test_program_that_cannot_be_started(make_daemon, schedule):
+    schedule.write_text("a kickoff - - x x x /nonexistent/program\nb kickoff - - x x x sh -c true\n")
+    daemon = make_daemon(scheduler_file=schedule)
+    check_now(daemon)
+    wait_for(lambda: daemon.children() == [], 30, daemon)
+    assert "/nonexistent" not in daemon.stderr_text()
