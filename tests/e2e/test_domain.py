@@ -1,0 +1,328 @@
+"""A management domain as its machines see it: a domain server, a collector, agents that enrol from
+two namespaces, report, are blacklisted, renamed, enumerated and removed."""
+
+import json
+import os
+import resource
+import socket
+import subprocess
+import time
+
+import pytest
+
+from kill_domain import kill_during_enrolments
+
+SUCCESS = "Success\n"
+
+
+def rows(text):
+    """The records of a text enumeration as lists of fields."""
+    return [line.split(",") for line in text.splitlines()]
+
+
+class Server:
+    """A daemon and the requests that agents and administrators send it."""
+
+    def __init__(self, daemon):
+        self.daemon = daemon
+
+    def post(self, path, **fields):
+        return self.daemon.post(path, fields)
+
+    def get(self, path):
+        return self.daemon.request("GET", path)
+
+    def enrol(self, host_id, host, namespace="", **fields):
+        reply = self.post(f"{namespace}/agent/domain/register", id=host_id, host=host, **fields)
+        assert reply.status == 200, reply.raw
+        # The body is one member of an object.
+        return json.loads("{" + reply.text + "}")["output"]
+
+    def leave(self, host_id, namespace=""):
+        return self.post(f"{namespace}/agent/domain/unregister", id=host_id).text
+
+    def report(self, **fields):
+        return self.post("/agent/domain/report", **fields).text
+
+    def hosts(self, query="", namespace=""):
+        reply = self.get(f"{namespace}/agent/domain/enum?format=json{query}")
+        assert reply.header("Content-Type") == "application/json"
+        return {host["hostid"]: host for host in json.loads(reply.text)}
+
+    def switch(self, **fields):
+        return self.post("/admin/dovmad/config", **fields).text
+
+
+@pytest.fixture(name="make_server")
+def make_server_fixture(make_daemon, tmp_path):
+    """Domain servers with the namespaces one and two, all over the same domain file."""
+    spaces = ",".join(f"{name}={tmp_path}/{name}" for name in ("one", "two"))
+
+    def make(**options):
+        server = Server(make_daemon(domain_file=tmp_path / "domain", namespaces=spaces, **options))
+        server.file = tmp_path / "domain"
+        return server
+
+    return make
+
+
+@pytest.fixture(name="server")
+def server_fixture(make_server):
+    return make_server()
+
+
+def make_collector(make_daemon, resolver):
+    daemon = make_daemon(start=False)
+    path = daemon.prefix / "etc/default/plx_resolv.conf"
+    path.parent.mkdir(parents=True)
+    path.write_text(resolver)
+    return Server(daemon.start())
+
+
+def test_whole_enrolment(server, make_daemon):
+    collector = make_collector(make_daemon, "[corp.example]\nprimary = true;\n")
+    loopback_name = socket.gethostbyaddr("127.0.0.1")[0]
+
+    # Agents join from two namespaces; n1 from both.
+    answer = server.enrol("n1", "n1.example", "/one", osname="Linux", osrelease="6.1",
+                          cputype="x86_64")
+    assert answer == {"Status": "Success", "Hostname": "n1.example", "id": "n1",
+                      "Remote_Hostname": loopback_name, "OsName": "Linux", "OsRelease": "6.1",
+                      "CpuType": "x86_64"}
+    server.enrol("n1", "other.example", "/two")
+    for host_id in ("n2", "n3"):
+        server.enrol(host_id, f"{host_id}.example", "/one")
+    server.enrol("n4", "2001:db8::4", "/two")
+    assert sorted(server.hosts(namespace="/one")) == ["n1", "n2", "n3"]
+    assert sorted(server.hosts(namespace="/two")) == ["n1", "n4"]
+    assert server.hosts() == {}
+    everybody = server.hosts("&scope=all")
+    assert everybody["n1"]["namespaces"] == ["one", "two"]
+    assert everybody["n1"]["hostname"] == "n1.example", "a second registration adds a namespace"
+    assert everybody["n4"]["hostname"] == "2001:db8::4"
+    assert {host["status"] for host in everybody.values()} == {"DN"}
+    assert server.file.read_text() == "".join(
+        f"{host}:{loopback_name}:{host_id}:{system}:{space}\n" for host, host_id, system, space in [
+            ("n1.example", "n1", "Linux:6.1:x86_64", "one"),
+            ("n1.example", "n1", "Linux:6.1:x86_64", "two"),
+            ("n2.example", "n2", "unknown:unknown:unknown", "one"),
+            ("n3.example", "n3", "unknown:unknown:unknown", "one"),
+            ("[2001:db8::4]", "n4", "unknown:unknown:unknown", "two")])
+
+    # n2 reports by itself, n3 and a stranger through the collector, which n1 runs.
+    assert server.get("/admin/domain/dhc?enable=1&freq=100&fudge=10").text == ""
+    assert server.report(id="n2", freq=60) == SUCCESS
+    assert collector.get("/admin/domain/add?domain=corp.example&enable=1").text == ""
+    for host_id in ("n3", "stranger"):
+        assert collector.report(domain="corp.example", id=host_id) == SUCCESS
+    collected = collector.get("/agent/domain/enum?domain=corp.example").text.split()
+    assert collected == ["n3", "stranger"]
+    assert collector.get("/agent/domain/enum?domain=corp.example").text == "", "handed over once"
+    unknown = server.report(id="n1", dhc=1, freq=200, list=":".join(collected))
+    assert unknown == SUCCESS + "stranger\n"
+    alive = server.hosts("&scope=all")
+    assert {i: host["status"] for i, host in alive.items()} == \
+        {"n1": "UP", "n2": "UP", "n3": "UP", "n4": "DN"}
+    seconds = {i: int(host["nexttime"].split()[0]) for i, host in alive.items()}
+    assert 100 <= seconds["n2"] <= 110, "the server's frequency and fudge"
+    assert seconds["n1"] == seconds["n3"] and 210 <= seconds["n3"] <= 220, "the collector's"
+    assert list(server.hosts("&dronly=1")) == ["n2"], "the direct reporters"
+    assert server.hosts("&dronly=1") == {}
+
+    # The stranger is blacklisted at the collector for two enumerations.
+    assert collector.report(domain="corp.example", id="n1", dhc=1, list="stranger") == SUCCESS
+    for _ in range(2):
+        assert collector.report(domain="corp.example", id="stranger") == "Host blacklisted"
+        assert collector.report(domain="corp.example", id="n3") == SUCCESS
+        assert list(collector.hosts("&domain=corp.example")) == ["n3"]
+    collector.hosts("&domain=corp.example")
+    assert collector.report(domain="corp.example", id="stranger") == SUCCESS
+
+    # Renamed, restarted, and away to standalone mode and back: the file carries everything.
+    assert server.post("/admin/domain/host_rename", id="n3", host="fe80::3").text == SUCCESS
+    before = server.hosts("&scope=all")
+    assert before["n3"]["hostname"] == "fe80::3"
+    assert server.switch(mode="standalone") == SUCCESS
+    assert server.get("/agent/domain/enum").text == "Bad Request"
+    assert server.post("/agent/domain/register", id="x", host="x").text == "Not Found"
+    assert server.switch(mode="domain", domain_file=server.file) == SUCCESS
+    names = {i: (host["hostname"], host["namespaces"]) for i, host in before.items()}
+    for _ in range(2):
+        again = server.hosts("&scope=all")
+        assert {i: (h["hostname"], h["namespaces"]) for i, h in again.items()} == names
+        assert {h["status"] for h in again.values()} == {"DN"}, "pings live in memory"
+        server.daemon.restart()
+
+    # Everybody leaves; n1 namespace by namespace.
+    assert server.leave("n1", "/two") == SUCCESS
+    assert server.leave("n1", "/two") == SUCCESS
+    assert server.hosts("&scope=all")["n1"]["namespaces"] == ["one"]
+    for host_id, space in (("n1", "/one"), ("n2", "/one"), ("n3", "/one"), ("n4", "/two")):
+        assert server.leave(host_id, space) == SUCCESS
+    assert server.leave("n1", "/one") == "Host not found\n"
+    assert server.file.read_text() == ""
+
+
+def test_hostile_values_reach_neither_file_nor_json(server):
+    bad_ids = ['a"b', "a\\b", "a:b", "a\nb", "a\r", "\x01", ""]
+    bad_hosts = ['h"', "h\\", "h\nx:y:z:o:1:x:plx", "h\x7f", "[::1]", "h]", ""]
+    for host_id, host in [(i, "h") for i in bad_ids] + [("i", h) for h in bad_hosts]:
+        reply = server.post("/agent/domain/register", id=host_id, host=host)
+        assert (reply.status, reply.text) == (400, "Error: Missing information"), (host_id, host)
+    assert not server.file.exists()
+    odd = "a:b\"c\\d\ne f"
+    server.post("/agent/domain/register", id="id{1}", host="h %41,b", osname=odd, osrelease=odd,
+                cputype=odd)
+    host = server.hosts()["id{1}"]
+    assert host["hostname"] == "h %41,b"
+    assert host["osname"] == host["osrelease"] == "a_b_c_d_e f"
+    assert host["cputype"] == "a_b_c_d_e_f"
+    assert server.file.read_text().count("\n") == 1
+    server.post("/agent/domain/register", id="é" * 31, host="ü" * 127)
+    assert server.hosts()["é" * 31]["hostname"] == "ü" * 127
+    server.daemon.restart()
+    assert sorted(server.hosts()) == ["id{1}", "é" * 31]
+
+
+def test_values_are_cut_to_their_room(server):
+    server.enrol("i" * 80, "h" * 300, osname="o" * 50, osrelease="r" * 80, cputype="c" * 20)
+    host = server.hosts()["i" * 63]
+    assert [len(host[field]) for field in ("hostname", "osname", "osrelease", "cputype")] == \
+        [255, 31, 63, 15]
+    # An id of more than 39 characters can be enrolled but not named by the other two endpoints.
+    assert server.leave("i" * 63) == "Host not found\n"
+    server.enrol("i" * 39, "h")
+    assert server.leave("i" * 39 + "cut") == SUCCESS
+
+
+def test_ipv6_hosts_survive_a_restart(server):
+    names = ["::", "fe80::1%eth0", "2001:db8::1"]
+    for number, name in enumerate(names):
+        server.enrol(f"v6-{number}", name)
+    server.daemon.restart()
+    assert [h["hostname"] for h in server.hosts().values()] == names
+    assert server.file.read_text().startswith("[::]:")
+
+
+@pytest.mark.parametrize("resolver, served", [
+    ("[domains]\nb.example = \"\";\na.example = \"\";\n[c.example]\nk = v;\n",
+     ["a.example", "b.example"]),
+    ("[b.example]\nk = v;\n[a.example]\nk = v;\n", ["a.example", "b.example"]),
+    ("[a.example\n", []),
+    ("", []),
+])
+def test_served_domains_come_from_the_resolver_file(make_daemon, resolver, served):
+    collector = make_collector(make_daemon, resolver)
+    for name in ("a.example", "b.example", "c.example", "domains"):
+        reply = collector.get(f"/agent/domain/enum?domain={name}")
+        assert reply.text == ("" if name in served else "Bad Request"), name
+
+
+def test_hand_written_file(server):
+    server.daemon.stop()
+    server.file.write_text("# hosts\nplain::p1:Linux:6:x86_64\n[::1]:r:p2:Linux:6:x86_64:one\n"
+                           "broken:line\n[::1]:r:p2:Linux:6:x86_64:two\n\nh:r:p3:L:6:a b:one")
+    server.daemon.start()
+    hosts = server.hosts("&scope=all")
+    assert {i: host["namespaces"] for i, host in hosts.items()} == \
+        {"p1": ["plx"], "p2": ["one", "two"], "p3": ["one"]}
+    server.enrol("p0", "new")
+    assert [line.split(":")[-1] for line in server.file.read_text().splitlines()] == \
+        ["plx", "plx", "one", "two", "one"], "skipped lines are gone, the rest is in order"
+
+
+def test_a_link_stays_a_link(server, tmp_path):
+    target = tmp_path / "elsewhere"
+    target.write_text("h:r:old:L:6:x\n")
+    target.chmod(0o640)
+    (tmp_path / "link").symlink_to(target)
+    server.switch(mode="standalone")
+    assert server.switch(mode="domain", domain_file=tmp_path / "link") == SUCCESS
+    server.enrol("new", "n")
+    assert (tmp_path / "link").is_symlink() and target.read_text().count("\n") == 2
+    assert target.stat().st_mode & 0o777 == 0o640
+
+
+def test_only_refused_reports_are_logged(server):
+    server.enrol("good", "h")
+    server.report(id="good")
+    server.report(id="unknown")
+    server.daemon.stop()
+    lines = server.daemon.access_log.read_text().splitlines()
+    assert len(lines) == 1 and '"POST /agent/domain/report' in lines[0] and " 404 " in lines[0]
+
+
+@pytest.fixture(name="small_disk")
+def small_disk_fixture(tmp_path):
+    """A file system of 64 KiB."""
+    folder = tmp_path / "small"
+    folder.mkdir()
+    done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", folder],
+                          capture_output=True, check=False)
+    if done.returncode != 0:
+        pytest.skip("needs the right to mount a file system")
+    yield folder
+    subprocess.run(["umount", folder], check=True)
+
+
+def test_a_full_disk_keeps_the_good_file(make_daemon, small_disk):
+    path = small_disk / "domain"
+    server = Server(make_daemon(domain_file=path))
+    for number in range(20):
+        server.enrol(f"early{number}", "h" * 200)
+    with open(small_disk / "filler", "wb", buffering=0) as filler:
+        with pytest.raises(OSError):
+            while True:
+                filler.write(b"x" * 4096)
+    good = path.read_text()
+    for number in range(20):
+        server.enrol(f"late{number}", "h" * 200)
+    assert path.read_text() == good and good.count("\n") == 20
+    assert len(server.hosts()) == 40, "the registry goes on in memory"
+    log = server.daemon.error_log.read_text()
+    assert log.count("is not written: No space left on device") == 1, log
+    assert sorted(os.listdir(small_disk)) == ["domain", "filler"]
+    (small_disk / "filler").unlink()
+    server.enrol("last", "h")
+    assert path.read_text().count("\n") == 41, "the next change writes everything"
+    assert "is written again" in server.daemon.error_log.read_text()
+
+
+def test_an_unreadable_file_is_never_replaced(make_daemon, tmp_path):
+    daemon = make_daemon()
+    server = Server(daemon)
+    path = tmp_path / "kept"
+    path.write_text("".join(f"h:r:id{n}:L:6:x\n" for n in range(100)))
+    # No descriptor is left for reading it, as on a daemon with too many clients.
+    with daemon.connect() as client:
+        body = f"mode=domain&domain_file={path}"
+        client.sendall(f"POST /admin/dovmad/config HTTP/1.1\r\nContent-Length: {len(body)}"
+                       "\r\n\r\n".encode())
+        time.sleep(0.3)
+        used = max(int(fd) for fd in os.listdir(f"/proc/{daemon.pid}/fd")) + 1
+        _, hard = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
+        holes = used - daemon.fd_count()
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (used - holes, hard))
+        client.sendall(body.encode())
+        reply = b""
+        while chunk := client.recv(4096):
+            reply += chunk
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (hard, hard))
+    assert reply.endswith(SUCCESS.encode())
+    before = path.read_text()
+    assert server.hosts() == {}
+    server.enrol("new", "h")
+    server.enrol("newer", "h")
+    assert path.read_text() == before
+    log = daemon.stderr_text()
+    assert log.count("cannot be read: Too many open files") == 1, log
+    assert log.count("is not written: its old hosts could not be read") == 1, log
+    server.switch(mode="standalone")
+    server.switch(mode="domain", domain_file=path)
+    server.enrol("new", "h")
+    assert len(path.read_text().splitlines()) == 101, "a good load ends it"
+
+
+def test_kills_lose_no_host(tmp_path):
+    report = kill_during_enrolments(tmp_path, kills=25, seed=20)
+    assert report.kills == 25 and report.rewrites > 0 and report.cut_short > 0
