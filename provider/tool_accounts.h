@@ -15,8 +15,9 @@ struct account_store {
     std::string qualifier;        // and its host part
 };
 
-// False: the failure has been reported.
-[[nodiscard]] bool open_store(const tool_options& options, account_store* store);
+// False: the failure has been reported, unless `quiet`.
+[[nodiscard]] bool open_store(const tool_options& options, account_store* store,
+                              bool quiet = false);
 
 // Nothing when there is no such user or the daemon would not accept the file.
 [[nodiscard]] std::optional<provider::user_entry> look_up_user(const account_store& store,

@@ -117,24 +117,16 @@ std::vector<std::string> user_names(const account_store& store) {
 
 }  // namespace
 
-bool open_store(const tool_options& options, account_store* store) {
+bool open_store(const tool_options& options, account_store* store, bool quiet) {
     const std::string data_dir = find_data_dir(options);
     if (data_dir.empty()) {
         return false;
     }
     store->directory = data_dir + "/dovmad-at";
     store->users_directory = store->directory + "/users";
+    const std::string path = store->directory + "/domains";
     file_content domains;
-    const int error = read_file(store->directory + "/domains", &domains);
-    if (error == ENOENT) {
-        (void)fail("%s is not set up: start the daemon once, or name another directory with -d",
-                   store->directory.c_str());
-        return false;
-    }
-    if (error != 0) {
-        (void)fail("%s/domains: %s", store->directory.c_str(), strerror(error));
-        return false;
-    }
+    const int error = read_file(path, &domains);
     int refused = 0;
     for (const domain_entry& domain : parse_domains(domains.text, &refused)) {
         if (domain.kind == domain_kind::password) {
@@ -143,7 +135,15 @@ bool open_store(const tool_options& options, account_store* store) {
             return true;
         }
     }
-    (void)fail("%s/domains names no password domain", store->directory.c_str());
+    if (quiet) {
+        return false;
+    }
+    if (error == ENOENT) {
+        (void)fail("%s is not set up: start the daemon once, or name another directory with -d",
+                   store->directory.c_str());
+    } else {
+        (void)fail("%s: %s", path.c_str(), error != 0 ? strerror(error) : "no password domain");
+    }
     return false;
 }
 

@@ -1,0 +1,22 @@
+// dovmad-user: speaking to a running daemon on the loopback interface.
+#pragma once
+
+#include <string>
+
+#include "provider/tool.h"
+
+enum class daemon_answer {
+    none,     // no daemon runs
+    success,  // it has done what was asked
+    failure,  // it has not; reported
+};
+
+// Posts form variables to one of the daemon's administrative URIs in a namespace. A daemon runs
+// when the pid file names a living process and one of its ports takes connections. Plain HTTP ports
+// come first; on the others the peer must show the certificate of the data directory.
+[[nodiscard]] daemon_answer post_to_daemon(const tool_options& options, const daemon_config& config,
+                                           const std::string& uri, const std::string& name_space,
+                                           const std::string& variables);
+
+// Encodes a form variable's value.
+std::string url_encoded(std::string_view text);
