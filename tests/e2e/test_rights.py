@@ -249,13 +249,13 @@ def test_a_file_that_cannot_be_read_is_left_alone(daemon):
     assert "erin:user\n" in access_file(daemon.root, "operator")
 
 
-def test_access_files_are_never_served(daemon):
+def test_access_files_are_never_served_or_replaced_over_the_wire(daemon):
     grant(daemon, "carol", "operator")
     login = root_login(daemon)
-    assert status(daemon, "/operator/.dovmaaccess", login) == 403
-    assert daemon.request("PUT", "/operator/.dovmaaccess", body="x:user\n",
-                          user=login).status == 403
-    assert daemon.request("DELETE", "/operator/.dovmaaccess", user=login).status == 403
+    for path in (".dovmaaccess", "%2edovmaaccess", "x/../.dovmaaccess", "a/.dovmaaccess"):
+        for method, body in (("GET", None), ("PUT", "mallory:user\n"), ("DELETE", None)):
+            reply = daemon.request(method, f"/operator/{path}", body=body, user=login)
+            assert b"carol" not in reply.body
     assert access_file(daemon.root, "operator") == "carol:user\n"
 
 
