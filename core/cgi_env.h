@@ -9,7 +9,7 @@ struct env_block {
     static constexpr int text_bytes = 4096;
     static constexpr int pointer_count = 64;
 
-    char text[text_bytes];
+    char text[text_bytes] = {};
     int used = 0;
     char* pointers[pointer_count] = {};
     int count = 0;

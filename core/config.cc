@@ -71,8 +71,7 @@ void read_line(char* line, option_slots* slots) {
 }
 
 void read_file(const char* path, option_slots* slots) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "re"),
-                                                               std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "re"), std::fclose);
     if (file == nullptr) {
         if (errno != ENOENT) {
             elog(elog_info, nullptr, "cannot read %s: %s", path, std::strerror(errno));

@@ -109,7 +109,7 @@ struct shttpd_ctx {
     std::string var_dir;
     security_info* security = nullptr;
     void* service_credential = nullptr;  // lives from start-up to shttpd_fini
-    critical_section lock;               // guards `connections` and `active_connections`
+    critical_section lock{};             // guards `connections` and `active_connections`
     std::string scheduler_file;
     molb_accept_params accept_params{};
 

@@ -11,6 +11,9 @@ struct list_link {
     list_link() = default;
     list_link(const list_link&) = delete;
     list_link& operator=(const list_link&) = delete;
+    list_link(list_link&&) = delete;
+    list_link& operator=(list_link&&) = delete;
+    ~list_link() = default;
 
     // True when the element stands in no list.
     [[nodiscard]] bool alone() const { return next == this; }

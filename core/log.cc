@@ -122,8 +122,8 @@ void log_access(std::FILE* file, const conn* c) {
     static time_text clock("%d/%b/%Y:%H:%M:%S");
     const header_values& headers = request.headers;
     // Kept: the caller's name is shown only for requests on behalf of somebody.
-    const std::string_view user = or_default(
-        headers.on_behalf_user.empty() ? headers.on_behalf_user : c->user_name, "-");
+    const std::string_view user =
+        or_default(headers.on_behalf_user.empty() ? headers.on_behalf_user : c->user_name, "-");
     const std::string_view operation = or_default(headers.operation, "unknown");
     const std::string_view from = or_default(headers.on_behalf_ip, "-");
     const std::string_view ns = or_default(headers.namespace_name, "plx");

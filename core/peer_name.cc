@@ -46,6 +46,8 @@ class short_resolver_patience {
     }
     short_resolver_patience(const short_resolver_patience&) = delete;
     short_resolver_patience& operator=(const short_resolver_patience&) = delete;
+    short_resolver_patience(short_resolver_patience&&) = delete;
+    short_resolver_patience& operator=(short_resolver_patience&&) = delete;
 
   private:
     int retrans_ = 0;
@@ -114,7 +116,7 @@ host_name_result lookup_host_name(const sockaddr* address, socklen_t length) {
     if (cache.size() >= cache_limit) {
         cache.clear();
     }
-    const host_name_result result = ask_resolver(copy, length);
+    host_name_result result = ask_resolver(copy, length);
     cache.insert_or_assign(key, remembered_name{.result = result, .stored_at = current_time});
     return result;
 }

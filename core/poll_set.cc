@@ -18,7 +18,7 @@ namespace {
 constexpr int free_slot = -1;    // also what poll() skips
 constexpr int parked_slot = -2;  // taken, but skipped by poll() as well
 constexpr int end_of_list = -1;
-constexpr int slot_step = 32;
+constexpr std::size_t slot_step = 32;
 constexpr std::size_t listener_step = 4;
 constexpr int failed_wait_ms = 100;
 
@@ -52,7 +52,7 @@ bool in_use(int index) {
 // Adds a step of free slots, lowest first on the free list. Requires: the free list is empty.
 void grow() {
     const int old_count = slot_count();
-    const auto new_count = static_cast<std::size_t>(old_count + slot_step);
+    const std::size_t new_count = set.fds.size() + slot_step;
     set.fds.resize(new_count, pollfd{.fd = free_slot, .events = 0, .revents = 0});
     set.owners.resize(new_count, nullptr);
     set.next_free.resize(new_count, end_of_list);

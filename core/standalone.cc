@@ -170,6 +170,7 @@ int main(int argc, char** argv) {
     shttpd_ctx* ctx = init_from_argc_argv(config_file, argc, argv);
     if (ctx == nullptr) {
         elog(elog_fatal, nullptr, "Out of memory");
+        return EXIT_FAILURE;
     }
     become_user(ctx->runtime_uid);
     install_signal_handlers();

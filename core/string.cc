@@ -117,9 +117,8 @@ bool starts_with_nocase(std::string_view text, std::string_view prefix) {
 }
 
 bool equals_nocase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return lower(x) == lower(y);
-           });
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                              [](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::string_view next_list_entry(std::string_view& rest) {

@@ -105,8 +105,8 @@ TEST_F(Configuration, ValuesRunToTheCommentAndTheLastCharacterIsCut) {
         {"listen_ports 80\r\n", [](auto& c) { return c.listen_ports; }, "80\r"},
         {"index_files a.html, b c.html\n", [](auto& c) { return c.index_files; },
          "a.html, b c.html"},
-        {"auth_realm X\n",
-         [](auto& c) { return std::string(c.auth_realm == "X" ? "X" : "host"); }, "host"},
+        {"auth_realm X\n", [](auto& c) { return std::string(c.auth_realm == "X" ? "X" : "host"); },
+         "host"},
         {"list_directories 0\n", [](auto& c) { return std::to_string(c.list_directories); }, "0"},
         {"daemon_mode 12x\n", [](auto& c) { return std::to_string(c.daemon_mode); }, "12"},
         {"daemon_mode -99999999999999999999\n",
@@ -124,8 +124,13 @@ TEST_F(Configuration, BufferSizesStayInBounds) {
     const struct {
         const char* value;
         int size;
-    } rows[] = {{"1023", 16384}, {"1024", 1024}, {"x", 16384}, {"-5", 16384},
-                {"16777216", 16777216}, {"16777217", 16777216}, {"99999999999", 16777216}};
+    } rows[] = {{"1023", 16384},
+                {"1024", 1024},
+                {"x", 16384},
+                {"-5", 16384},
+                {"16777216", 16777216},
+                {"16777217", 16777216},
+                {"99999999999", 16777216}};
     for (const auto& row : rows) {
         testing::internal::CaptureStderr();
         const context_ptr ctx = read("io_buf_size " + std::string(row.value) + "\n");
@@ -179,7 +184,8 @@ TEST_F(Configuration, TheLibraryIsMandatory) {
 
 TEST_F(Configuration, EmbeddersGivePairs) {
     const auto file = folder_.write("conf", "listen_ports 1\nzel_home /z\n");
-    const context_ptr ctx(shttpd_init(file.c_str(), "listen_ports", "2", "aliases", "a=b", nullptr));
+    const context_ptr ctx(
+        shttpd_init(file.c_str(), "listen_ports", "2", "aliases", "a=b", nullptr));
     EXPECT_EQ(ctx->listen_ports, "1");  // the file comes after the pairs
     EXPECT_EQ(ctx->aliases, "a=b");
     EXPECT_EXIT((void)shttpd_init(nullptr, "nonsense", "1", nullptr), testing::ExitedWithCode(1),
@@ -266,8 +272,8 @@ TEST_F(Brokers, OnlyListedNamesGetACredentialOfTheirOwn) {
     EXPECT_NE(a, service());
     EXPECT_NE(a, b);
     EXPECT_EQ(library.data_dirs, (std::vector<std::string>{"/data/a", "/data/b"}));
-    EXPECT_EQ(library.asked, (std::vector<std::string>{"localhost|(null)|broker.a",
-                                                       "broker.b|DOM|alice"}));
+    EXPECT_EQ(library.asked,
+              (std::vector<std::string>{"localhost|(null)|broker.a", "broker.b|DOM|alice"}));
     EXPECT_EQ(library.instances.count(a.handle), 1U);
     EXPECT_EQ(library.blocks.count(a.credential), 1U);
     unlink(paths.resolver_file);
@@ -296,8 +302,9 @@ TEST_F(Brokers, FailuresAnswerTheServiceAndAreNotRemembered) {
     EXPECT_EQ(ask("broker.a"), service());
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Syntax error in " + std::string(paths.resolver_file) + "\n");
-    list_domains("[domains]\nz = \"\";\n[a]\nprimary_broker = broker.a;\nzel_data_dir = /a;\n"
-                 "[z]\nprimary_broker = broker.z;\nzel_data_dir = /z;\n");
+    list_domains(
+        "[domains]\nz = \"\";\n[a]\nprimary_broker = broker.a;\nzel_data_dir = /a;\n"
+        "[z]\nprimary_broker = broker.z;\nzel_data_dir = /z;\n");
     library.credentials = 1;
     EXPECT_EQ(ask("broker.a"), service());  // an index section leaves [a] out
     EXPECT_NE(ask("broker.z"), service());

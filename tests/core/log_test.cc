@@ -105,16 +105,18 @@ TEST_F(Logs, LongLinesAreCutAndEndInALineFeed) {
 }
 
 TEST_F(Logs, FatalMessagesEndTheProcess) {
-    EXPECT_EXIT(elog(elog_fatal, nullptr, "no %s", "way"), testing::ExitedWithCode(1), "^no way\n$");
+    EXPECT_EXIT(elog(elog_fatal, nullptr, "no %s", "way"), testing::ExitedWithCode(1),
+                "^no way\n$");
     ctx_.inetd_mode = 1;
     EXPECT_EXIT(elog(elog_fatal, &c_, "gone"), testing::ExitedWithCode(1), "^$");
     EXPECT_NE(error_lines().find("\" gone\n"), std::string::npos);
 }
 
 TEST_F(Logs, AccessLineWithEveryField) {
-    EXPECT_EQ(access_line(),
-              "192.0.2.7 - - [09/Sep/2001:01:46:40 +0000] \"POST /agent/x HTTP/1.1 op=unknown from=- "
-              "namespace=plx\" 403 12345678901 - -\n");
+    EXPECT_EQ(
+        access_line(),
+        "192.0.2.7 - - [09/Sep/2001:01:46:40 +0000] \"POST /agent/x HTTP/1.1 op=unknown from=- "
+        "namespace=plx\" 403 12345678901 - -\n");
     c_.user_name = "kpr://alice";
     c_.request.headers.operation = "enrol";
     c_.request.headers.on_behalf_ip = "198.51.100.1";

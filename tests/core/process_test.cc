@@ -122,9 +122,9 @@ TEST_F(Children, ThatCannotStartSaySoInTheErrorLog) {
     EXPECT_EQ(WEXITSTATUS(status_), 1);
     const child_io io;
     char* environment[] = {nullptr};
-    ASSERT_EQ(spawn_process(&c_, "plain", nullptr, environment, io.theirs, "/no/such/folder",
-                            &record),
-              0);
+    ASSERT_EQ(
+        spawn_process(&c_, "plain", nullptr, environment, io.theirs, "/no/such/folder", &record),
+        0);
     EXPECT_EQ(io.read_all(), "");
     EXPECT_EQ(waitpid(record.pid, &status_, 0), record.pid);
     EXPECT_EQ(WEXITSTATUS(status_), 1);

@@ -85,7 +85,8 @@ TEST(Extensions, OnlyCommasSeparate) {
         {"", "", false},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(match_extension(row.path, row.list), row.matches) << row.path << " | " << row.list;
+        EXPECT_EQ(match_extension(row.path, row.list), row.matches)
+            << row.path << " | " << row.list;
     }
 }
 

@@ -1,0 +1,321 @@
+"""The daemon's process: command line, configuration, start-up failures with their exact texts and
+exit codes, detaching, inetd mode, users, descriptors, and the ways it ends."""
+
+import os
+import pwd
+import re
+import signal
+import socket
+import ssl
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+import pytest
+from dovmad_harness import BINARY, Daemon, free_port, start_daemon_expecting_failure
+
+KEYWORDS = """d document_root directory|Web root directory
+i index_files file_list|Index files
+p listen_ports ports|Listening ports
+D list_directories 0|1|Directory listing
+c cgi_extensions ext_list|CGI extensions
+C cgi_interpreter file|CGI interpreter
+V cgi_envvar X=Y,....|CGI envir variables
+S ssi_extensions ext_list|SSI extensions
+N auth_realm auth_realm|Authentication realm
+l access_log file|Access log file
+e error_log file|Error log file
+x pid_file file|Pid file
+P domain_file file|Domain file
+m mime_types file|Mime types file
+s zel_home directory|Enable MOLB AT
+Q var_dir directory|Var Directory
+U put_auth file|PUT,DELETE auth file
+a aliases X=Y,...|Aliases
+n namespaces X=Y,...|Namespaces
+b io_buf_size bytes|IO buffer size
+I inetd_mode 0|1|Inetd mode
+X daemon_mode 0|1|Daemon mode
+A noauth 0|1|No Authentication mode
+u runtime_uid user_name|Run as user
+s scheduler_file file|Scheduler file"""
+
+
+def run(*args, **kwargs):
+    return subprocess.run([BINARY, *map(str, args)], capture_output=True, text=True, timeout=60,
+                          check=False, **kwargs)
+
+
+def wait_for(condition, what):
+    deadline = time.monotonic() + 30
+    while not condition():
+        assert time.monotonic() < deadline, what
+        time.sleep(0.02)
+
+
+def status_of(pid):
+    """The lines of /proc/PID/status, empty when the process is gone or a zombie."""
+    try:
+        text = Path(f"/proc/{pid}/status").read_text()
+    except OSError:
+        return {}
+    fields = dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
+    return {} if fields["State"].startswith("Z") else fields
+
+
+# --- Command line ---
+
+def test_version_and_usage():
+    version = run("-v")
+    assert (version.returncode, version.stdout, version.stderr) == (
+        0, "dovmad version: 2.1.213.0 \n", "")
+    expected = (f"DOVMAD version 1.0\nusage: {BINARY} [OPTIONS] [config_file]\n"
+                "Note: config line keyword for every option is in the round brackets\n"
+                "-A <htpasswd_file> <realm> <user> <passwd>\n")
+    for row in KEYWORDS.splitlines():
+        letter, keyword, rest = row.split(" ", 2)
+        argument, description = rest.rsplit("|", 1)
+        expected += f"-{letter} <{argument}>\t\t{description} ({keyword})\n"
+    for args in (["-v", "x"], ["-version", "/some/file.conf"]):
+        usage = run(*args)
+        assert (usage.returncode, usage.stdout, usage.stderr) == (1, "", expected)
+
+
+@pytest.mark.parametrize("args, read", [
+    ([], "default"), (["{file}"], "file"), (["-p", "8080", "{file}"], "file"),
+    (["-d", "{file}"], "default"), (["-d", "/srv"], "default"),
+    (["{file}", "-d"], "default"), (["x", "-X", "/srv", "{file}"], "file"),
+])
+def test_which_file_is_read(make_daemon, args, read):
+    daemon = make_daemon(start=False)
+    default = daemon.prefix / "etc/opt/MOLBplxh/dovmad.conf"
+    default.parent.mkdir(parents=True)
+    (daemon.config if read == "file" else default).write_text(daemon.config.read_text())
+    if read == "file":
+        default.write_text("wrong 1\n")
+    else:
+        daemon.config.rename(daemon.dir / "other.conf").write_text("wrong 1\n")
+    daemon.args = [arg.format(file=daemon.config if read == "file" else daemon.dir / "other.conf")
+                   for arg in args]
+    daemon.start()
+    assert daemon.request("GET", "/world/ping").status == 200
+
+
+def test_default_pid_file(make_daemon):
+    daemon = make_daemon(start=False, pid_file=None)
+    pid_file = daemon.prefix / "var/opt/MOLBdovma/dovmad.pid"
+    pid_file.parent.mkdir(parents=True)
+    daemon.start()
+    assert pid_file.read_text() == f"{daemon.pid}\n"
+
+
+# --- Start-up failures ---
+
+@pytest.mark.parametrize("lines, status, text", [
+    ("foo 1\n", 1, "set_option: unknown variable [foo]\n"),
+    ("noauth\n", 1, "init_ctx: bad line: [noauth]\n"),
+    ("error_log {dir}\n", 1, "cannot open log file {dir}: Is a directory\n"),
+    ("access_log /no/log\n", 1, "cannot open log file /no/log: No such file or directory\n"),
+    ("mime_types /no/types\n", 1, "set_mime_types: fopen(/no/types): No such file or directory\n"),
+    ("", -signal.SIGABRT, "zel home dir not specified\n"),
+    ("zel_home /nowhere\n", -signal.SIGABRT, "Error initializing MOLB AT24598\n"),
+])
+def test_fatal_configurations(tmp_path, lines, status, text):
+    config = lines.format(dir=tmp_path)
+    assert start_daemon_expecting_failure(tmp_path / "d", config_text=config) == (
+        status, text.format(dir=tmp_path))
+
+
+def test_fatal_ports_users_and_pid_files(tmp_path):
+    with socket.create_server(("127.0.0.1", 0)) as taken:
+        port = taken.getsockname()[1]
+        cases = [
+            ({"listen_ports": f"{port}u"},
+             f"open_listening_port({port}): Address already in use\ncannot open port {port}\n"),
+            ({"listen_ports": f"{free_port()}s"},
+             "cannot add SSL socket, please specify certificate file\n"),
+            ({"runtime_uid": "nobody-has-this-name"},
+             "main: unknown user [nobody-has-this-name]\n"),
+            ({"pid_file": "/no/such/dir/pid"}, "Cannot open /no/such/dir/pid\n"),
+        ]
+        for number, (options, text) in enumerate(cases):
+            status, errors = start_daemon_expecting_failure(tmp_path / str(number), **options)
+            assert status == 1, errors
+            assert errors.endswith(text), errors
+            assert "started on port" not in errors
+
+
+# --- Running ---
+
+def test_every_keyword_is_taken_and_acts(make_daemon, tmp_path):
+    other = tmp_path / "other"
+    other.mkdir()
+    (other / "a.txt").write_text("aliased")
+    (tmp_path / "types").write_text("text/x-test xyz\n")
+    (tmp_path / "sched").write_text("")
+    daemon = make_daemon(
+        start=False, index_files="start.xyz", list_directories=0, cgi_extensions=".run",
+        cgi_interpreter="/bin/sh", cgi_envvar="COLOUR=blue", ssi_extensions=".inc",
+        auth_realm="ignored", domain_file=tmp_path / "domain", mime_types=tmp_path / "types",
+        put_auth="/unused", aliases=f"/other={other}", namespaces=f"ns={other}", io_buf_size=4096,
+        inetd_mode=0, daemon_mode=1, runtime_uid=pwd.getpwuid(os.getuid()).pw_name,
+        scheduler_file=tmp_path / "sched")
+    used = {line.split()[0] for line in daemon.config.read_text().splitlines()}
+    assert used == {row.split()[1] for row in KEYWORDS.splitlines()}
+    (daemon.root / "start.xyz").write_text("index")
+    (daemon.root / "sub").mkdir()
+    (daemon.root / "x.run").write_text('printf "Content-Type: text/plain\\n\\n$COLOUR"\n')
+    (daemon.root / "x.inc").write_text('[<!--#exec "echo hi" -->]')
+    daemon.start()
+    index = daemon.request("GET", "/")
+    assert (index.body, index.header("Content-Type")) == (b"index", "text/x-test")
+    assert daemon.request("GET", "/sub/").status == 403
+    assert daemon.request("GET", "/other/a.txt").body == b"aliased"
+    assert daemon.request("GET", "/ns/a.txt").body == b"aliased"
+    assert daemon.request("GET", "/x.run").raw.endswith(b"\n\nblue")
+    assert daemon.request("GET", "/x.inc").raw.endswith(b"[hi\n]")
+    assert b'"DOMAIN_MODE" : "TRUE"' in daemon.request("GET", "/world/getvitals").body
+    assert daemon.pid_file.read_text() == f"{daemon.pid}\n"
+    started = (f"dovmad 2.1.213.0 started on port(s) {daemon.port}u,{daemon.tls_port}, "
+               f"serving {daemon.root}\n")
+    assert started in daemon.stderr_text()
+    limits = Path(f"/proc/{daemon.pid}/limits").read_text()
+    assert re.search(r"Max open files +4096 +4096 ", limits)
+
+
+def test_closed_standard_descriptors_are_never_reused(make_daemon):
+    daemon = make_daemon(start=False)
+    process = subprocess.Popen(["sh", "-c", 'exec "$0" "$1" <&- >&- 2>&-', BINARY, daemon.config],
+                               env=daemon.env)
+    try:
+        wait_for(lambda: daemon.pid_file.exists() and daemon.pid_file.read_text(), "no pid file")
+        assert daemon.request("GET", "/world/ping").status == 200
+        for fd in range(3):
+            assert os.readlink(f"/proc/{process.pid}/fd/{fd}") == "/dev/null"
+    finally:
+        process.terminate()
+        assert process.wait(30) == 0
+
+
+def test_detached(make_daemon):
+    daemon = make_daemon(start=False)
+    daemon.args = ["-X", "-d", "x", daemon.config]
+    parent = subprocess.run([BINARY, *map(str, daemon.args)], env=daemon.env, timeout=60,
+                            check=False, capture_output=True)
+    assert (parent.returncode, parent.stdout, parent.stderr) == (0, b"", b"")
+    wait_for(lambda: daemon.pid_file.exists() and daemon.pid_file.read_text(), "no pid file")
+    pid = int(daemon.pid_file.read_text())
+    try:
+        assert daemon.request("GET", "/world/ping").status == 200
+        fields = status_of(pid)
+        assert fields["Umask"] == "0027"
+        assert os.getsid(pid) == pid
+        for fd in range(3):
+            assert os.readlink(f"/proc/{pid}/fd/{fd}") == "/dev/null"
+        os.kill(pid, signal.SIGHUP)
+        assert daemon.request("GET", "/world/ping").status == 200
+    finally:
+        os.kill(pid, signal.SIGTERM)
+        wait_for(lambda: not status_of(pid), "still running")
+
+
+@pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
+def test_runs_as_an_unprivileged_user(make_daemon):
+    nobody = pwd.getpwnam("nobody")
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o777)
+        pid_file = Path(folder) / "pid"
+        daemon = make_daemon(runtime_uid="nobody", pid_file=pid_file)
+        assert daemon.request("GET", "/world/ping").status == 200
+        fields = status_of(daemon.pid)
+        assert fields["Uid"].split() == [str(nobody.pw_uid)] * 4
+        assert fields["Gid"].split() == [str(nobody.pw_gid)] * 4
+        assert fields["Groups"].split() == [str(nobody.pw_gid)]
+        assert pid_file.stat().st_uid == nobody.pw_uid
+        daemon.stop()
+
+
+def test_traces_its_socket_set_up(make_daemon, tmp_path):
+    trace = tmp_path / "trace"
+    daemon = make_daemon(env={"IPV6_TRACEFILE": str(trace)})
+    text = trace.read_text()
+    assert "isdualIP: ipv4 support available\n" in text
+    assert f"v6listen: Listen successfull on {daemon.port} port for ipv4\n" in text
+    assert re.search(r"v6init: This is (dual IP|a dual stack|a pure ipv4) machine\n", text)
+
+
+# --- Inetd mode ---
+
+def test_inetd_mode_serves_one_request(make_daemon):
+    daemon = make_daemon(start=False, inetd_mode=1)
+    (daemon.root / "a.txt").write_text("hello")
+    ours, theirs = socket.socketpair()
+    with ours, theirs:
+        process = subprocess.Popen([BINARY, daemon.config], env=daemon.env, stdin=theirs,
+                                   stdout=theirs, stderr=subprocess.DEVNULL)
+        theirs.close()
+        ours.settimeout(60)
+        ours.sendall(b"HEAD /a.txt HTTP/1.1\r\n\r\nGET /a.txt HTTP/1.1\r\n\r\n")
+        received = b""
+        while chunk := ours.recv(65536):
+            received += chunk
+        assert process.wait(60) == 0
+    assert received.startswith(b"HTTP/1.1 200 OK\r\n")
+    assert received.count(b"HTTP/1.1 ") == 1
+    assert not daemon.pid_file.exists()
+    assert re.match(r'- - - \[.*\] "HEAD /a.txt HTTP/1.1 op=unknown from=- namespace=plx" 200 0 - -\n',
+                    daemon.access_log.read_text())
+
+
+# --- The end ---
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
+def test_statistics_when_a_signal_ends_it(make_daemon, sig):
+    daemon = make_daemon()
+    body = b"x" * 1572864
+    assert daemon.request("PUT", "/file", body=body).status == 201
+    assert daemon.request("GET", "/file").body == body
+    assert daemon.stop(sig) == 0
+    # The harness has made one connection of its own.
+    last = daemon.stderr_text().splitlines()[-1]
+    assert last == f"3 requests 1.00 Mb in 1.50 Mb out. Exit on signal {int(sig)}"
+
+
+def test_the_stop_uri_ends_it_at_the_second_call(make_daemon):
+    daemon = make_daemon()
+    first = daemon.raw(b"GET /admin/lifecycle/stop HTTP/1.1\r\n\r\n",
+                       until=lambda received: received.endswith(b"Success"))
+    assert first == b"HTTP/1.1 200 OK\r\n\r\nSuccess"
+    assert daemon.request("GET", "/world/ping").status == 200
+    daemon.expected_end = True
+    assert daemon.raw(b"GET /admin/lifecycle/stop HTTP/1.1\r\n\r\n") == b""
+    assert daemon.process.wait(30) == 0
+    assert "Exit on signal" not in daemon.stderr_text()
+
+
+# --- Brokers ---
+
+def certificate_for(daemon, name):
+    context = ssl.create_default_context()
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    with context.wrap_socket(daemon.connect(daemon.tls_port), server_hostname=name) as sock:
+        return sock.getpeercert(binary_form=True)
+
+
+def test_a_broker_answers_with_its_own_certificate(make_daemon):
+    broker = make_daemon(auth=True)
+    broker.stop()
+    daemon = make_daemon(auth=True, start=False)
+    resolver = daemon.prefix / "etc/default/plx_resolv.conf"
+    resolver.parent.mkdir(parents=True)
+    resolver.write_text('[other]\nprimary_broker = other.test;\n'
+                        f'[one]\nprimary_broker = broker.test;\nzel_data_dir = "{broker.var}/sec";\n'
+                        '[gone]\nprimary_broker = gone.test;\nzel_data_dir = /nowhere;\n')
+    daemon.start()
+    own, theirs = (ssl.PEM_cert_to_DER_cert(d.ca.read_text()) for d in (daemon, broker))
+    assert own != theirs
+    for name, expected in [("broker.test", theirs), ("localhost", own), ("other.test", own),
+                           ("gone.test", own), ("unknown.test", own), ("broker.test", theirs)]:
+        assert certificate_for(daemon, name) == expected, name
