@@ -75,10 +75,17 @@ bool wait_for(int fd, short events) {
     return ready > 0;
 }
 
-// Without the delay that would hold a program's second small write back.
-void send_at_once(int fd) {
+// A socket of the pair: without the delay that would hold a program's second small write back, and
+// without claiming its port for the minute in which the ended connection lingers; thousands of
+// runs a minute would use the host's ports up.
+unique_fd pair_socket(int family) {
+    unique_fd fd(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     const int on = 1;
-    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (fd) {
+        (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        (void)setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    }
+    return fd;
 }
 
 bool connect_to(int fd, socket_address* address) {
@@ -277,12 +284,10 @@ std::string directory_of(std::string_view prog) {
 int my_socketpair(conn* c, int sp[2]) {
     socket_address address = loopback_address();
     const int family = address.storage.ss_family;
-    const unique_fd listener(
-        socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    const unique_fd listener = pair_socket(family);  // the accepted socket inherits its options
     if (!listener) {
         return fail_pair(c, "socket()");
     }
-    send_at_once(listener.get());  // the accepted socket inherits it
     if (bind(listener.get(), address.get(), address.length) != 0) {
         return fail_pair(c, "bind()");
     }
@@ -292,11 +297,10 @@ int my_socketpair(conn* c, int sp[2]) {
     if (getsockname(listener.get(), address.get(), &address.length) != 0) {
         return fail_pair(c, "getsockname()");
     }
-    unique_fd ours(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    unique_fd ours = pair_socket(family);
     if (!ours) {
         return fail_pair(c, "socket()");
     }
-    send_at_once(ours.get());
     if (!connect_to(ours.get(), &address)) {
         return fail_pair(c, "connect()");
     }

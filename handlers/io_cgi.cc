@@ -108,21 +108,12 @@ ssize_t write_cgi(stream* s, const void* buffer, std::size_t length) {
     return n;
 }
 
-// When the program has closed its side and has taken all of its input, a reset spares the host a
-// port in TIME_WAIT per run.
 void close_cgi(stream* s) {
     release_scanners(s);
-    if (s->channel.fd < 0) {
-        return;
+    if (s->channel.fd >= 0) {
+        (void)close(s->channel.fd);
+        s->channel.fd = -1;
     }
-    char byte = 0;
-    const bool ended = recv(s->channel.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
-    if (ended && !s->has(sf_writable)) {
-        const linger reset = {.l_onoff = 1, .l_linger = 0};
-        (void)setsockopt(s->channel.fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-    }
-    (void)close(s->channel.fd);
-    s->channel.fd = -1;
 }
 
 }  // namespace
