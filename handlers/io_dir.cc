@@ -40,7 +40,7 @@ void format_size(const struct stat& status, char* out) {
         (void)my_snprintf(out, field_bytes, "%s", "&lt;DIR&gt;");
     } else if (size < 1024) {
         (void)my_snprintf(out, field_bytes, "%lu", size);
-    } else if (size < 1024 * 1024) {
+    } else if (size < 1024UL * 1024) {
         (void)my_snprintf(out, field_bytes, "%luk", size / 1024 + 1);
     } else {
         constexpr float megabytes_per_byte = 1.0F / 1048576.0F;

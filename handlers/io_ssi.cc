@@ -58,8 +58,8 @@ struct ssi_level {
 
 // The room that one read may fill.
 struct page_output {
-    char* at;
-    std::size_t length;
+    char* at = nullptr;
+    std::size_t length = 0;
     std::size_t used = 0;
 
     [[nodiscard]] std::size_t room() const { return length - used; }

@@ -1,5 +1,6 @@
 """The scheduler in a real daemon: what it starts, with which surroundings, and what it shows."""
 
+import json
 import os
 import re
 import socket
@@ -66,35 +67,45 @@ def test_kickoff_and_shell_quoting(make_daemon, schedule, tmp_path):
     assert ids(daemon) == ["other", "plain", "shell"]
 
 
+FACTS = """
+import json, os, sys
+names = os.listdir("/proc/self/fd")
+status = dict(line.split(":", 1) for line in open("/proc/self/status"))
+facts = {
+    "descriptors": {n: os.readlink("/proc/self/fd/" + n) for n in names
+                    if os.path.exists("/proc/self/fd/" + n)},
+    "environment": dict(line.split("=", 1) for line in
+                        open("/proc/self/environ").read().split("\\0") if line),
+    "umask": os.umask(0), "session": os.getsid(0) == os.getpid() == os.getpgid(0),
+    "groups": sorted(os.getgroups()), "arguments": sys.argv[2:],
+    "blocked": int(status["SigBlk"], 16),
+}
+with open(sys.argv[1] + ".new", "w") as out:
+    json.dump(facts, out)
+os.rename(sys.argv[1] + ".new", sys.argv[1])
+"""
+
+
 def test_surroundings_of_a_command(make_daemon, schedule, tmp_path):
-    """Session, descriptors, environment, umask, signals and directory of a child."""
-    out = tmp_path / "facts"
-    schedule.write_text(
-        f"job kickoff - - x x x /bin/sh -c ls -l /proc/$$/fd | sed 's/.*-> //' > {out}.fds; "
-        f"tr '\\0' '\\n' < /proc/$$/environ | sort > {out}.env; umask > {out}.umask; "
-        f"grep -E '^Sig(Ign|Blk)|^Groups' /proc/$$/status > {out}.signals; "
-        f"cut -d' ' -f1,5,6 /proc/$$/stat > {out}.session; touch {out}.end\n")
+    """Session, descriptors, environment, umask, mask and groups of a child."""
+    out, script = tmp_path / "facts", tmp_path / "facts.py"
+    script.write_text(FACTS)
+    schedule.write_text(f"job kickoff - - x x x  \t/usr/bin/python3 -S {script} {out} 'a\tb'  \n")
     daemon = make_daemon(scheduler_file=schedule,
                          cgi_envvar="X=1,PLX_INSTALL_ROOT=/opt/plx",
                          env={"PATH": "/usr/bin:/bin", "SECRET": "1"})
     held = [daemon.connect() for _ in range(5)]  # sockets that a child must not see
-    wait_for((tmp_path / "facts.end").exists, daemon=daemon)
+    wait_for(out.exists, daemon=daemon)
     for sock in held:
         sock.close()
-
-    def fact(name):
-        return (tmp_path / f"facts.{name}").read_text()
-    fds = [line for line in fact("fds").splitlines() if not line.startswith("total")]
-    assert fds.count("/dev/null") == 3 and len(fds) == 3
-    assert fact("env").splitlines() == [
-        "LC_TIME=C", "PATH=/usr/bin:/bin", "PERL5LIB=/opt/plx/lib/modules",
-        "PLX_INSTALL_ROOT=/opt/plx", f"PLX_VAR_DIR={daemon.var}",
-        f"SERVER_NAME={socket.gethostname()}"]
-    assert fact("umask") == "0027\n"
-    signals = dict(line.split(":\t") for line in fact("signals").splitlines())
-    assert int(signals["SigIgn"], 16) == 0 and int(signals["SigBlk"], 16) == 0
-    assert sorted(map(int, signals["Groups"].split())) == sorted(os.getgroups())
-    assert len(set(fact("session").split())) == 1  # a session and group of its own
+    assert json.loads(out.read_text()) == {
+        "descriptors": {"0": "/dev/null", "1": "/dev/null", "2": "/dev/null"},
+        "environment": {"LC_TIME": "C", "PATH": "/usr/bin:/bin", "PLX_VAR_DIR": str(daemon.var),
+                        "PERL5LIB": "/opt/plx/lib/modules", "PLX_INSTALL_ROOT": "/opt/plx",
+                        "SERVER_NAME": socket.gethostname()},
+        "umask": 0o027, "session": True, "groups": sorted(os.getgroups()),
+        "arguments": ["'a", "b'"], "blocked": 0,
+    }
 
 
 def test_interval_and_time_entries(make_daemon, schedule, tmp_path):
