@@ -375,6 +375,7 @@ bool start_request(conn* c) {
     }
     switch (parse_request(c)) {
         case parse_result::incomplete:
+            compact(&c->remote);  // the rest needs room, or it would never be asked for
             return false;
         case parse_result::muted:
             c->state = conn_state::muted;

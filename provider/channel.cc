@@ -126,7 +126,7 @@ bool make_ssl(channel* c, SSL_CTX* context) {
 
 int choose_protocol(SSL*, const unsigned char** out, unsigned char* out_length,
                     const unsigned char* offered, unsigned int offered_length, void*) {
-    constexpr unsigned char known[] = {8, 'h', 't', 't', 'p', '/', '1', '.', '1'};
+    static constexpr unsigned char known[] = {8, 'h', 't', 't', 'p', '/', '1', '.', '1'};
     unsigned char* chosen = nullptr;
     if (SSL_select_next_proto(&chosen, out_length, known, sizeof known, offered, offered_length) !=
         OPENSSL_NPN_NEGOTIATED) {
