@@ -117,19 +117,27 @@ bool must_close(const conn* c, const header_values& values, reply_end end) {
            end == reply_end::with_close;
 }
 
+// Keeps `own` of the bytes behind the header block; the others are no part of this reply.
+void keep_body_bytes(stream* s, std::size_t own) {
+    if (s->header_length + own < s->head) {
+        s->connection->close_after = true;
+    }
+    s->head = s->header_length + own;
+    s->total = own;
+}
+
 // What stands behind the header block has arrived along with it.
 void judge_first_body_bytes(stream* s, reply_end end) {
     const std::string_view body(s->buffer + s->header_length, s->head - s->header_length);
     if (end == reply_end::chunked) {
         obtain_scanners(s)->scans_reply = true;
-        const std::size_t own = scan_reply(s, body);
-        s->head = s->header_length + own;
-        s->total = own;
+        keep_body_bytes(s, scan_reply(s, body));
     } else if (end == reply_end::at_once) {
         end_reply(s);
-        s->connection->close_after = s->connection->close_after || !body.empty();
+        keep_body_bytes(s, 0);
     } else if (end == reply_end::counted && s->total > s->content_length) {
-        s->connection->close_after = true;  // where the next reply begins is anybody's guess
+        // Kept: they are relayed, but where the next reply would begin is anybody's guess.
+        s->connection->close_after = true;
     }
 }
 

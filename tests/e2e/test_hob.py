@@ -1,0 +1,318 @@
+"""The companion service: its start and end with the daemon, and requests that reach it through its
+port or through its standard input and output."""
+
+import os
+import re
+import signal
+import socket
+import threading
+import time
+
+import pytest
+
+NO_SERVICE = (b"HTTP/1.1 500 Internal server error. Could not connect to hob server.\r\n\r\n"
+              b"500 Internal server error. Could not connect to hob server.")
+
+# Answers on its standard output with what it read; paths choose how. Bodies come over TCP.
+SERVICE = r'''#!/usr/bin/python3 -I
+import os, socket, socketserver, sys, threading, time
+
+place = os.path.dirname(os.path.abspath(__file__))
+class Handler(socketserver.BaseRequestHandler):
+    def handle(self):
+        self.server.connections += 1
+        while data := self.request.recv(65536):
+            text = b"tcp %d %s" % (self.server.connections, data)
+            self.request.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (len(text), text))
+class Server(socketserver.ThreadingTCPServer):
+    daemon_threads = True
+    connections = 0
+server = Server(("127.0.0.1", 0), Handler)
+threading.Thread(target=server.serve_forever, daemon=True).start()
+with open(os.path.join(place, "facts"), "w") as out:
+    print(os.getpid(), os.getcwd(), *sorted(os.listdir("/proc/self/fd"), key=int), file=out)
+    print(*sorted(f"{k}={v}" for k, v in os.environ.items()), sep="\n", file=out)
+announce = "PORT : %d\n" % server.server_address[1]
+for piece in ("starting\nPORT ", ": ", announce[7:9], announce[9:]):
+    os.write(1, piece.encode())
+    time.sleep(0.1)
+while data := os.read(0, 65536):
+    body = b"stdio " + data
+    if b"slow" in data:
+        time.sleep(1)
+    if b"die" in data:
+        os._exit(1)
+    if b"silent" in data:
+        continue
+    if b"large" in data:
+        body += b"x" * 500000
+    if b"nolength" in data:
+        os.write(1, b"HTTP/1.1 200 OK\r\n\r\n" + body)
+        continue
+    if b"chunked" in data:
+        head = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+        body = b"%x\r\n%s\r\n0\r\n\r\n" % (len(body), body)
+    else:
+        head = b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % len(body)
+    out = head + body
+    while out:
+        out = out[os.write(1, out):]
+'''
+
+
+def eventually(check, seconds=10):
+    deadline = time.monotonic() + seconds
+    while not check():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+def alive(pid):
+    try:
+        os.kill(pid, 0)
+        return True
+    except ProcessLookupError:
+        return False
+
+
+@pytest.fixture(name="hob")
+def make_hob(make_daemon, tmp_path):
+    def make(service=SERVICE, auth=False, start=True, **options):
+        folder = tmp_path / "install" / "bin"
+        folder.mkdir(parents=True, exist_ok=True)
+        program = folder / "hobintf"
+        program.write_text(service)
+        program.chmod(0o755)
+        daemon = make_daemon(start=start, auth=auth,
+                             cgi_envvar=f"PERL5LIB=/p5,PLX_INSTALL_ROOT={tmp_path}/install,X=1",
+                             **options)
+        daemon.facts = folder / "facts"
+        if start:
+            # The ports are open before the service has announced itself.
+            assert daemon.request("GET", "/world/ping").status == 200
+        return daemon
+
+    return make
+
+
+def get(uri, *headers, method="GET", body=b""):
+    lines = [f"{method} {uri} HTTP/1.1", *headers]
+    if body:
+        lines.append(f"Content-Length: {len(body)}")
+    return "\r\n".join([*lines, "", ""]).encode() + body
+
+
+class Client:
+    """A client that keeps its connection."""
+
+    def __init__(self, daemon):
+        self.sock = daemon.connect()
+        self.sock.settimeout(20)
+        self.received = b""
+
+    def ask(self, request):
+        self.sock.sendall(request)
+        return self.answer()
+
+    def answer(self):
+        while True:
+            head, blank, body = self.received.partition(b"\r\n\r\n")
+            length = re.search(rb"Content-Length: (\d+)", head)
+            end = int(length.group(1)) if length else body.find(b"\r\n0\r\n\r\n") + 7
+            if blank and (length or end > 6) and len(body) >= end:
+                self.received = body[end:]
+                return body[:end]
+            chunk = self.sock.recv(1 << 16)
+            assert chunk, self.received[:300]
+            self.received += chunk
+
+    def close(self):
+        self.sock.close()
+
+
+def test_service_starts_and_ends_with_the_daemon(hob):
+    daemon = hob()
+    pid, cwd, *descriptors = daemon.facts.read_text().splitlines()[0].split(" ")
+    environment = daemon.facts.read_text().splitlines()[1:]
+    assert cwd == str(daemon.facts.parent)
+    # Its own listening socket and its look at /proc come on top.
+    assert descriptors[:3] == ["0", "1", "2"] and len(descriptors) <= 6
+    install = daemon.facts.parent.parent
+    for item in ("PERL5LIB=/p5", f"PLX_INSTALL_ROOT={install}", f"PLX_VAR_DIR={daemon.var}",
+                 f"DOCUMENT_ROOT={daemon.root}", f"ZEL_HOME_DIR={daemon.home}"):
+        assert item in environment
+    assert not any(item.startswith(("X=", "GATEWAY", "DOVMAD")) for item in environment)
+    assert int(pid) in daemon.children()
+    assert daemon.stop(signal.SIGTERM) == 0
+    assert not alive(int(pid))
+
+
+def test_requests_go_by_port_or_by_standard_input(hob):
+    daemon = hob()
+    client = Client(daemon)
+    assert client.ask(get("/hob://h:/a%20b?c=d")) == b"stdio /a%20b?c=d"
+    assert client.ask(get("/hob://h:/x", method="POST", body=b"one")) == b"tcp 1 one"
+    assert client.ask(get("/hob://h:/x", method="POST", body=b"two")) == b"tcp 1 two"
+    assert client.ask(get("/hob://h:/y")) == b"stdio /y"
+    assert client.ask(get("/hob://h:/chunked")) == b"e\r\nstdio /chunked\r\n0\r\n\r\n"
+    assert client.ask(get("/hob://h:/large")) == b"stdio /large" + b"x" * 500000
+    assert client.ask(get("/hob://h:/x", method="POST", body=b"three")) == b"tcp 1 three"
+    other = Client(daemon)
+    assert other.ask(get("/hob://h:/x", method="POST", body=b"four")) == b"tcp 2 four"
+    client.sock.sendall(get("/hob://h:/one") + get("/hob://h:/two"))
+    assert client.answer() == b"stdio /one" and client.answer() == b"stdio /two"
+    # HTTP/1.0 ends with its reply.
+    reply = daemon.raw(b"GET /hob://h:/old HTTP/1.0\r\n\r\n")
+    assert reply.endswith(b"\r\n\r\nstdio /old")
+    # The service is never told the method and answers with a body that HEAD does not have.
+    reply = daemon.raw(get("/hob://h:/head", method="HEAD"), until=lambda r: r.endswith(b"\r\n\r\n"))
+    assert reply == b"HTTP/1.1 200 OK\r\nContent-Length: 11\r\n\r\n"
+    assert client.ask(get("/hob://h:/next")) == b"stdio /next"
+
+
+def test_one_exchange_at_a_time(hob):
+    daemon = hob()
+    results = {}
+
+    def run(name):
+        client = Client(daemon)
+        results[name] = [client.ask(get(f"/hob://h:/{name}-{i}")) for i in range(10)]
+        client.close()
+
+    threads = [threading.Thread(target=run, args=(f"client{n}",)) for n in range(8)]
+    start = time.monotonic()
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert len(results) == 8
+    for name, answers in results.items():
+        assert answers == [f"stdio /{name}-{i}".encode() for i in range(10)]
+    assert time.monotonic() - start < 20, "waiting clients are served at once, not at the next tick"
+
+
+def test_answer_of_a_client_that_left_reaches_nobody(hob):
+    daemon = hob()
+    for path in ("slow", "slow-large", "slow-chunked"):
+        leaver = Client(daemon)
+        leaver.sock.sendall(get(f"/hob://h:/{path}"))
+        time.sleep(0.2)
+        waiting = Client(daemon)
+        waiting.sock.sendall(get("/hob://h:/mine"))
+        time.sleep(0.2)
+        leaver.close()
+        before = daemon.cpu_seconds()
+        assert waiting.answer() == b"stdio /mine"
+        assert daemon.cpu_seconds() - before < 0.4
+        assert Client(daemon).ask(get("/hob://h:/after")) == b"stdio /after"
+    # One that leaves in the middle of an answer that it has begun to take.
+    leaver = Client(daemon)
+    leaver.sock.sendall(get("/hob://h:/large"))
+    leaver.sock.recv(1000)
+    leaver.close()
+    assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine"
+
+
+def test_service_that_says_nothing_holds_only_its_own_clients(hob):
+    daemon = hob()
+    silent = Client(daemon)
+    silent.sock.sendall(get("/hob://h:/silent"))
+    time.sleep(0.2)
+    waiting = Client(daemon)
+    waiting.sock.sendall(get("/hob://h:/waiting"))
+    before, start = daemon.cpu_seconds(), time.monotonic()
+    while time.monotonic() - start < 1:
+        assert daemon.request("GET", "/world/ping").status == 200
+        assert Client(daemon).ask(get("/hob://h:/x", method="POST", body=b"tcp"))[:3] == b"tcp"
+        time.sleep(0.1)
+    assert daemon.cpu_seconds() - before < 0.3
+    waiting.close()
+    silent.close()
+
+
+def test_answer_without_length_closes_the_client(hob):
+    daemon = hob()
+    received = daemon.raw(get("/hob://h:/nolength"), timeout=1)
+    assert received == b"HTTP/1.1 200 OK\r\n\r\nstdio /nolength"
+
+
+def test_service_that_dies(hob):
+    daemon = hob()
+    error = b"HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy"
+    assert daemon.raw(get("/hob://h:/die")) == error
+    for _ in range(3):
+        assert daemon.raw(get("/hob://h:/x")) == error
+        assert daemon.raw(get("/hob://h:/x", method="POST", body=b"x")) == NO_SERVICE
+    before = daemon.cpu_seconds()
+    time.sleep(0.5)
+    assert daemon.cpu_seconds() - before < 0.2
+
+
+def test_stop_uri_ends_the_service_only(hob):
+    daemon = hob()
+    pid = int(daemon.facts.read_text().split(" ")[0])
+    assert daemon.raw(get("/admin/lifecycle/stop")) == b"HTTP/1.1 200 OK\r\n\r\nSuccess"
+    assert eventually(lambda: not alive(pid))
+    assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
+    assert daemon.request("GET", "/world/ping").status == 200
+
+
+def test_only_administrators_reach_it(hob):
+    daemon = hob(auth=True)
+    user = "root:" + daemon.password
+    assert daemon.request("GET", "/hob://h:/admin/x", user=user).body == b"stdio /admin/x"
+    forbidden = b"HTTP/1.1 403 Forbidden.\r\n\r\n403 Forbidden."
+    assert daemon.request("GET", "/hob://h:/world/x").raw == forbidden
+    assert daemon.request("GET", "/hob://h:/pub/x", user=user).raw == forbidden
+    assert daemon.request("GET", "/hob://h:/admin/x").status == 401
+
+
+def test_requests_of_unclear_length_are_refused(hob):
+    daemon = hob()
+    bad = b"HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers"
+    assert daemon.raw(get("/hob://h:/x", "Transfer-Encoding: chunked", method="POST") +
+                      b"0\r\n\r\n") == bad
+    assert daemon.raw(get("/hob://h:/x", "Content-Length: 0", "Content-Length: 3",
+                          method="POST") + b"abc") == bad
+
+
+@pytest.mark.parametrize("output", ["", "no port here\n", "PORT : none\n", "PORT : 0\n",
+                                    "PORT : 70000\n", "PORT: 80\n"])
+def test_service_without_port_is_ended(hob, output):
+    daemon = hob(f"#!/bin/sh\necho $$ >facts\nprintf '{output}'\n")
+    pid = int(daemon.facts.read_text())
+    assert not alive(pid)
+    assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
+    assert daemon.raw(get("/hob://h:/x", method="POST", body=b"x")) == NO_SERVICE
+    assert "HOBINTF: no port announced by " in daemon.error_log.read_text()
+
+
+def test_port_at_the_end_of_what_a_service_says(hob):
+    listener = socket.create_server(("127.0.0.1", 0))
+    port = listener.getsockname()[1]
+    daemon = hob(f"#!/bin/sh\nprintf 'PORT : {port}'\nexec cat\n")
+    answer = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"
+
+    def serve():
+        sock, _ = listener.accept()
+        with sock:
+            assert sock.recv(100) == b"body"
+            sock.sendall(answer)
+
+    thread = threading.Thread(target=serve)
+    thread.start()
+    assert daemon.raw(get("/hob://h:/x", "Connection: close", method="POST",
+                          body=b"body")) == answer
+    thread.join()
+    listener.close()
+
+
+def test_silent_service_does_not_keep_the_daemon_from_ending(hob):
+    daemon = hob("#!/bin/sh\necho $$ >facts\nexec sleep 60\n", start=False)
+    daemon.start(wait=False)
+    assert eventually(lambda: daemon.facts.exists() and daemon.facts.read_text().strip())
+    pid = int(daemon.facts.read_text())
+    assert daemon.stop(signal.SIGTERM) == 0
+    assert not alive(pid)

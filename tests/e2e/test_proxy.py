@@ -1,0 +1,566 @@
+"""Forwarding by the real daemon to real targets: plain, keep-alive, chunked, TLS, Unix-domain, the
+daemon itself, and targets that are slow, dead, silent or wrong."""
+
+import base64
+import hashlib
+import http.client
+import http.server
+import os
+import socket
+import socketserver
+import ssl
+import subprocess
+import threading
+import time
+
+import pytest
+
+from dovmad_harness import free_port, parse_response
+
+NO_TARGET = (b"HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
+             b"404 Not Found. Could not connect to proxy target")
+ROOT_ADMIN = "Basic " + base64.b64encode(b"root:admin").decode()
+
+
+def eventually(check, seconds=10):
+    deadline = time.monotonic() + seconds
+    while not check():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+class KeepAlive(http.server.BaseHTTPRequestHandler):
+    """An HTTP/1.1 server that keeps every connection and answers in every way there is; its chunked
+    answer has a body even where it must not have one."""
+
+    protocol_version = "HTTP/1.1"
+
+    def log_message(self, *args):
+        pass
+
+    def do_GET(self):
+        self.server.seen.append((self.requestline, self.headers, b""))
+        kind = self.path.split("/")[1].split("?")[0]
+        if kind == "chunked":
+            self.send_response(200)
+            self.send_header("Transfer-Encoding", "chunked")
+            self.end_headers()
+            for piece in (b"one ", b"two " * 20000, b"three"):
+                self.wfile.write(b"%x\r\n%s\r\n" % (len(piece), piece))
+            self.wfile.write(b"0\r\n\r\n")
+            return
+        status, body = {"204": (204, None), "304": (304, None), "empty": (200, b""),
+                        "large": (200, b"L" * 2_000_000)}.get(kind, (200, b"hello"))
+        self.send_response(status)
+        if body is not None:
+            self.send_header("Content-Length", str(len(body)))
+        if kind == "moved":
+            self.send_header("Location", "/elsewhere")
+        self.end_headers()
+        if body and self.command != "HEAD":
+            self.wfile.write(body)
+
+    do_HEAD = do_GET
+
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers["Content-Length"]))
+        self.server.seen.append((self.requestline, self.headers, body))
+        answer = hashlib.sha256(body).hexdigest().encode()
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(answer)))
+        self.end_headers()
+        self.wfile.write(answer)
+
+
+class Upstream(http.server.ThreadingHTTPServer):
+    request_queue_size = 64
+
+    def __init__(self, context=None):
+        self.seen = []
+        super().__init__(("127.0.0.1", free_port("upstream")), KeepAlive)
+        if context:
+            self.socket = context.wrap_socket(self.socket, server_side=True,
+                                              do_handshake_on_connect=False)
+        self.port = self.server_address[1]
+        self.thread = threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True)
+        self.thread.start()
+
+    def handle_error(self, request, client_address):
+        pass
+
+    def stop(self):
+        self.shutdown()
+        self.server_close()
+
+
+@pytest.fixture(name="upstream")
+def make_upstream():
+    server = Upstream()
+    yield server
+    server.stop()
+
+
+class RawTarget:
+    """A TCP server whose every connection is handed to `play(sock)` in a thread of its own."""
+
+    def __init__(self, play):
+        self.listener = socket.create_server(("127.0.0.1", free_port("upstream")))
+        self.port = self.listener.getsockname()[1]
+        self.play = play
+        self.connections = 0
+        threading.Thread(target=self.run, daemon=True).start()
+
+    def run(self):
+        while True:
+            try:
+                sock, _ = self.listener.accept()
+            except OSError:
+                return
+            self.connections += 1
+            threading.Thread(target=self.serve, args=(sock,), daemon=True).start()
+
+    def serve(self, sock):
+        with sock:
+            try:
+                self.play(sock)
+            except OSError:
+                pass
+
+    def stop(self):
+        self.listener.close()
+
+
+@pytest.fixture(name="raw_target")
+def make_raw_target():
+    targets = []
+
+    def make(play):
+        targets.append(RawTarget(play))
+        return targets[-1]
+
+    yield make
+    for target in targets:
+        target.stop()
+
+
+def read_head(sock):
+    received = b""
+    while b"\r\n\r\n" not in received:
+        chunk = sock.recv(65536)
+        if not chunk:
+            break
+        received += chunk
+    return received
+
+
+def get(uri, *headers, method="GET", body=b""):
+    lines = [f"{method} {uri} HTTP/1.1", *headers]
+    if body:
+        lines.append(f"Content-Length: {len(body)}")
+    return "\r\n".join([*lines, "", ""]).encode() + body
+
+
+def test_python_http_server(make_daemon, tmp_path):
+    daemon = make_daemon()
+    files = tmp_path / "files"
+    files.mkdir()
+    content = os.urandom(300_000)
+    (files / "a b.bin").write_bytes(content)
+    port = free_port("upstream")
+    server = subprocess.Popen(["/usr/bin/python3", "-m", "http.server", str(port), "--bind",
+                               "127.0.0.1", "--directory", files], stderr=subprocess.DEVNULL)
+    try:
+        assert eventually(lambda: daemon.raw(get(f"/http://127.0.0.1:{port}/")) != NO_TARGET)
+        direct = http.client.HTTPConnection("127.0.0.1", port)
+        direct.request("GET", "/a%20b.bin")
+        expected = direct.getresponse()
+        for form in ("/http://", "http://"):
+            # "localhost" has an IPv6 address that nobody listens on.
+            for host in ("127.0.0.1", "localhost"):
+                reply = parse_response(daemon.raw(get(f"{form}{host}:{port}/a%20b.bin")))
+                assert reply.status == 200 and reply.body == content
+                assert reply.header("Last-Modified") == expected.getheader("Last-Modified")
+        reply = parse_response(daemon.raw(get(f"/http://127.0.0.1:{port}/none")))
+        assert reply.status == 404
+    finally:
+        server.kill()
+        server.wait()
+    assert daemon.raw(get(f"/http://127.0.0.1:{port}/")) == NO_TARGET
+
+
+@pytest.mark.parametrize("connection", [(), ("Connection: keep-alive",)])
+def test_answers_of_a_keep_alive_server_end(make_daemon, upstream, connection):
+    daemon = make_daemon()
+    base = f"/http://127.0.0.1:{upstream.port}"
+    chunks = b"".join(b"%x\r\n%s\r\n" % (len(p), p) for p in (b"one ", b"two " * 20000, b"three"))
+    rows = {"/plain": b"hello", "/empty": b"", "/204": b"", "/304": b"", "/moved": b"hello",
+            "/large": b"L" * 2_000_000, "/chunked": chunks + b"0\r\n\r\n"}
+    for path, body in rows.items():
+        start = time.monotonic()
+        reply = parse_response(daemon.raw(get(base + path, *connection), timeout=20))
+        assert reply.body == body, path
+        assert time.monotonic() - start < 15, path
+    assert parse_response(daemon.raw(get(base + "/moved"))).raw.startswith(b"HTTP/1.1 302 OK\r\n")
+    for path in ("/plain", "/chunked", "/large"):
+        reply = parse_response(daemon.raw(get(base + path, *connection, method="HEAD")))
+        assert reply.status == 200 and reply.body == b""
+
+
+def test_head_of_the_forwarded_request(make_daemon, upstream):
+    daemon = make_daemon()
+    daemon.raw(get(f"/http://127.0.0.1:{upstream.port}/a%20b?q=1&r=%32", "Host: original",
+                   "User-Agent: test", "Accept: */*", "Cookie: a=b", "Authorization: Basic eDp5",
+                   "SOAPAction: \"act\"", "X-Other: x", "Expect: 100-continue"))
+    line, headers, _ = upstream.seen[-1]
+    assert line == "GET /a%20b?q=1&r=%32 HTTP/1.1"
+    assert headers.items() == [("User-Agent", "test"), ("Host", "original"), ("Cookie", "a=b"),
+                               ("SOAPAction", "\"act\""), ("Authorization", ROOT_ADMIN),
+                               ("Connection", "close")]
+
+
+def test_bodies_arrive_whole_and_alone(make_daemon, upstream):
+    daemon = make_daemon()
+    uri = f"/http://127.0.0.1:{upstream.port}/post"
+    stray = b"GET /admin HTTP/1.1\r\n\r\n"
+    for size in (1, 5, 16000, 16384, 100_000, 3_000_000):
+        body = os.urandom(size)
+        request = get(uri, "Content-Type: a/b", method="POST", body=body)
+        head = request[:-size]
+        for pieces in (request, [head, body], [request + stray]):
+            if isinstance(pieces, list) and len(pieces) == 2:
+                with daemon.connect() as sock:
+                    sock.sendall(pieces[0])
+                    time.sleep(0.05)
+                    sock.sendall(pieces[1])
+                    sock.settimeout(20)
+                    received = b""
+                    while chunk := sock.recv(65536):
+                        received += chunk
+            else:
+                received = daemon.raw(pieces)
+            assert parse_response(received).body == hashlib.sha256(body).hexdigest().encode(), size
+            assert upstream.seen[-1][2] == body
+    lines = {line for line, _, _ in upstream.seen}
+    assert lines == {"POST /post HTTP/1.1"}, "the stray request stays here"
+
+
+def test_two_readings_of_one_request_are_refused(make_daemon, upstream):
+    daemon = make_daemon()
+    uri = f"/http://127.0.0.1:{upstream.port}/post"
+    hidden = b"GET /admin HTTP/1.1\r\n\r\n"
+    for headers in (("Content-Length: 0", f"Content-Length: {len(hidden)}"),
+                    (f"Content-Length: {len(hidden)}", "Transfer-Encoding: chunked"),
+                    ("Transfer-Encoding: xchunked",),
+                    (f"Content-Length:{len(hidden)}",)):
+        assert daemon.raw(get(uri, *headers, method="POST") + hidden) == (
+            b"HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers")
+    assert upstream.seen == []
+
+
+def test_chunked_upload_ends_with_its_last_chunk(make_daemon, raw_target):
+    received = []
+
+    def play(sock):
+        data = read_head(sock)
+        while b"0\r\n\r\n" not in data:
+            data += sock.recv(65536)
+        sock.settimeout(0.5)
+        try:
+            data += sock.recv(65536)
+        except socket.timeout:
+            pass
+        received.append(data)
+        sock.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")
+
+    target = raw_target(play)
+    daemon = make_daemon()
+    body = b"4000\r\n" + b"x" * 0x4000 + b"\r\n" + b"5;a=b\r\nhello\r\n0\r\n\r\n"
+    reply = daemon.raw(get(f"/http://127.0.0.1:{target.port}/up", "Transfer-Encoding: chunked",
+                           method="POST") + body + b"GET /admin HTTP/1.1\r\n\r\n")
+    assert reply.endswith(b"\r\n\r\nok")
+    assert received[0].split(b"\r\n\r\n", 1)[1] == body
+
+
+# --- TLS ---
+
+@pytest.fixture(name="authority")
+def make_authority(tmp_path):
+    """Two self-signed certificates for localhost: the trusted one and another."""
+    paths = []
+    for name in ("trusted", "other"):
+        key, cert = tmp_path / f"{name}.key", tmp_path / f"{name}.crt"
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                        "ec_paramgen_curve:P-256", "-nodes", "-keyout", key, "-out", cert, "-days",
+                        "2", "-subj", "/CN=localhost", "-addext",
+                        "subjectAltName=DNS:localhost,IP:127.0.0.1"], check=True,
+                       capture_output=True)
+        paths.append((cert, key))
+    return paths
+
+
+def tls_server_context(pair):
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(*pair)
+    return context
+
+
+def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, authority, raw_target):
+    daemon = make_daemon()
+    trust = daemon.var / "sec" / "dovmad-at" / "peer_ca.pem"
+    trust.write_bytes(authority[0][0].read_bytes())
+    daemon.restart()
+    good = Upstream(tls_server_context(authority[0]))
+    bad = Upstream(tls_server_context(authority[1]))
+    heard = []
+    clear = raw_target(lambda sock: heard.append(sock.recv(65536)))
+    try:
+        base = f"/https://127.0.0.1:{good.port}"
+        assert parse_response(daemon.raw(get(base + "/x"), timeout=20)).body == b"hello"
+        assert parse_response(daemon.raw(get(base + "/large"), timeout=20)).body == b"L" * 2_000_000
+        body = os.urandom(1_000_000)
+        reply = parse_response(daemon.raw(get(base + "/p", method="POST", body=body), timeout=20))
+        assert reply.body == hashlib.sha256(body).hexdigest().encode()
+        assert good.seen[-1][1]["Authorization"] == ROOT_ADMIN
+        assert daemon.raw(get(f"/https://127.0.0.1:{bad.port}/x"), timeout=20) == NO_TARGET
+        assert bad.seen == []
+        assert daemon.raw(get(f"/https://127.0.0.1:{clear.port}/x"), timeout=20) == NO_TARGET
+        assert eventually(lambda: heard) and b"HTTP/1.1" not in heard[0]
+        assert daemon.raw(get("/world/ping"))  # and the daemon lives
+    finally:
+        good.stop()
+        bad.stop()
+
+
+# --- Unix-domain services ---
+
+@pytest.fixture(name="uds")
+def make_uds():
+    servers = []
+
+    def make(path):
+        class Server(socketserver.ThreadingUnixStreamServer):
+            daemon_threads = True
+
+        class Handler(socketserver.StreamRequestHandler):
+            def handle(self):
+                head = b""
+                while not head.endswith(b"\r\n\r\n"):
+                    line = self.rfile.readline()
+                    if not line:
+                        return
+                    head += line
+                length = 0
+                for line in head.split(b"\r\n"):
+                    if line.startswith(b"Content-Length: "):
+                        length = int(line[16:])
+                self.server.seen.append(head + self.rfile.read(length))
+                # Answers and closes: the daemon sees a hang-up together with the answer.
+                self.wfile.write(b"HTTP/1.1 200 OK\r\n\r\nfrom " + path.parent.name.encode())
+
+        path.parent.mkdir(parents=True, exist_ok=True)
+        server = Server(str(path), Handler)
+        server.seen = []
+        threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
+        servers.append(server)
+        return server
+
+    yield make
+    for server in servers:
+        server.shutdown()
+        server.server_close()
+
+
+def test_unix_services_are_chosen_by_role(make_daemon, uds):
+    daemon = make_daemon(auth=True)
+    folder = daemon.prefix / "var/qz/tuvo/.uds"
+    user = "root:" + daemon.password
+    assert daemon.request("GET", "/httpu://any:admin/x", user=user).raw == NO_TARGET
+    admin, query = uds(folder / "admin/tuvo_uds"), uds(folder / "query/tuvo_uds")
+    for _ in range(20):
+        reply = daemon.request("GET", "/httpu://any:pub/x", user=user)
+        assert reply.raw == b"HTTP/1.1 200 OK\r\n\r\nfrom query"
+    assert query.seen[0].startswith(b"GET httpu://any:pub/x HTTP/1.1\r\n")
+    reply = daemon.request("POST", "/httpu://any:admin/y", body=b"body", user=user)
+    assert reply.body == b"from admin"
+    head, _, body = admin.seen[0].partition(b"\r\n\r\n")
+    assert body == b"body" and head.startswith(b"POST httpu://any:admin/y HTTP/1.1\r\n")
+    for data, role in ((query.seen[0], b"pub"), (admin.seen[0], b"admin")):
+        line = next(l for l in data.split(b"\r\n") if l.startswith(b"Authorization: Basic "))
+        name, _, sent = base64.b64decode(line[21:]).rpartition(b":")
+        assert name.startswith(b"root") and sent == role
+    assert daemon.request("GET", "/httpu://any:pub/x").status == 401
+    assert len(query.seen) == 20
+    # Nobody authenticated: no socket stands for that.
+    assert daemon.request("GET", "/httpu://any:world/x").raw == NO_TARGET
+    assert daemon.request("GET", "/httpu://any/x", user=user).status in (403, 404)
+
+
+# --- The daemon itself ---
+
+def test_own_address_is_served_locally(make_daemon):
+    daemon = make_daemon(auth=True)
+    (daemon.root / "world").mkdir()
+    (daemon.root / "world" / "a b.txt").write_text("local")
+    (daemon.root / "secret.txt").write_text("secret")
+    for form in ("/http://", "http://", "/https://"):
+        for host in ("127.0.0.1", "localhost"):
+            for port in (daemon.port, daemon.tls_port):
+                reply = daemon.request("GET", f"{form}{host}:{port}/world/a%20b.txt?x=1")
+                assert reply.body == b"local"
+    base = f"/http://127.0.0.1:{daemon.port}"
+    assert daemon.request("GET", base + "/world/ping").raw == daemon.request(
+        "GET", "/world/ping").raw
+    # Whatever the path hides, nothing outside the role that was checked is served.
+    for path in ("/world/%2e%2e/secret.txt", "/world%2f..%2fsecret.txt", "/world/../secret.txt",
+                 "/w%6frld/../secret.txt", "/world%00/secret.txt", "/secret.txt"):
+        reply = daemon.request("GET", base + path)
+        assert b"secret" not in reply.body, path
+
+
+# --- Targets that misbehave ---
+
+def test_dead_targets_leave_nothing_and_cost_nothing(make_daemon):
+    daemon = make_daemon()
+    daemon.request("GET", "/world/ping")
+    descriptors = daemon.fd_count()
+    dead = free_port("upstream")
+    for _ in range(50):
+        assert daemon.raw(get(f"/http://127.0.0.1:{dead}/")) == NO_TARGET
+        assert daemon.raw(get("/http://no.such.host.invalid/"))[:12] == b"HTTP/1.1 404"
+    assert daemon.raw(get("/http://127.0.0.1:99999/")) == NO_TARGET
+    before = daemon.cpu_seconds()
+    time.sleep(1)
+    assert daemon.cpu_seconds() - before < 0.2
+    assert eventually(lambda: daemon.fd_count() <= descriptors)
+
+
+def test_targets_that_go_wrong(make_daemon, raw_target):
+    answers = {
+        b"none": b"",
+        b"half": b"HTTP/1.1 200 OK\r\nContent-Le",
+        b"bytes": b"HTTP/1.1 200 OK\r\nA: \x01\r\n\r\n",
+        b"endless": b"HTTP/1.1 200 OK\r\nA: " + b"x" * 40000,
+        b"short": b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nshort",
+        b"cut": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhel",
+        b"chunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nhello",
+        b"plain": b"no header at all\n\nbody",
+    }
+
+    def play(sock):
+        path = read_head(sock).split(b" ")[1][1:]
+        sock.sendall(answers[path])
+
+    target = raw_target(play)
+    daemon = make_daemon()
+    error = b"HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy"
+    bad = b"HTTP/1.1 500 Bad headers sent\r\n\r\n500 Bad headers sent"
+    expected = dict(answers, none=None)
+    expected.pop("none")
+    expected.update({b"none": error, b"half": error, b"bytes": bad, b"endless": bad})
+    for path, reply in expected.items():
+        uri = f"/http://127.0.0.1:{target.port}/{path.decode()}"
+        assert daemon.raw(get(uri, "Connection: keep-alive")) == reply, path
+    assert "CGI script sent invalid headers: [HTTP/1.1 200 OK\r\nA: \x01\r\n\r\n]" in (
+        daemon.error_log.read_bytes().decode())
+
+
+def test_early_answer_to_a_large_upload(make_daemon, raw_target):
+    def play(sock):
+        sock.recv(100)
+        sock.sendall(b"HTTP/1.1 413 Too Large\r\nContent-Length: 4\r\n\r\nlarg")
+
+    target = raw_target(play)
+    daemon = make_daemon()
+    for _ in range(10):
+        reply = daemon.raw(get(f"/http://127.0.0.1:{target.port}/", method="POST",
+                               body=bytes(3_000_000)))
+        assert reply in (b"HTTP/1.1 413 Too Large\r\nContent-Length: 4\r\n\r\nlarg",
+                         b"HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy")
+
+
+def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
+    release = threading.Event()
+
+    def play(sock):
+        path = read_head(sock).split(b" ")[1]
+        if path == b"/drip":
+            for byte in b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello":
+                sock.sendall(bytes([byte]))
+                time.sleep(0.01)
+        elif path == b"/endless":
+            sock.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
+            while not release.is_set():
+                sock.sendall(b"x" * 65536)
+        else:
+            release.wait(30)
+
+    target = raw_target(play)
+    daemon = make_daemon()
+    base = f"/http://127.0.0.1:{target.port}"
+    daemon.request("GET", "/world/ping")
+    descriptors = daemon.fd_count()
+    silent = [daemon.connect() for _ in range(10)]
+    for sock in silent:
+        sock.sendall(get(base + "/silent"))
+    deaf = daemon.connect()
+    deaf.sendall(get(base + "/endless"))
+    stuck = daemon.connect()
+    stuck.sendall(get(base + "/silent", method="POST", body=bytes(100))[:-50])
+    drip = daemon.raw(get(base + "/drip"))
+    assert drip == b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"
+    time.sleep(0.3)
+    before, start = daemon.cpu_seconds(), time.monotonic()
+    while time.monotonic() - start < 1:
+        assert daemon.request("GET", "/world/ping").status == 200
+        time.sleep(0.1)
+    assert daemon.cpu_seconds() - before < 0.3
+    for sock in [*silent, deaf, stuck]:
+        sock.close()
+    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    release.set()
+
+
+def test_black_hole_is_given_up_after_four_seconds(make_daemon):
+    # A listener whose queue is full drops further connection requests.
+    hole = socket.socket()
+    hole.bind(("127.0.0.1", free_port("upstream")))
+    hole.listen(0)
+    fillers = []
+    for _ in range(4):
+        filler = socket.socket()
+        filler.setblocking(False)
+        filler.connect_ex(hole.getsockname())
+        fillers.append(filler)
+    time.sleep(0.2)
+    daemon = make_daemon()
+    start = time.monotonic()
+    assert daemon.raw(get(f"/http://127.0.0.1:{hole.getsockname()[1]}/")) == NO_TARGET
+    assert 3.5 < time.monotonic() - start < 9
+    assert daemon.request("GET", "/world/ping").status == 200
+    for sock in [*fillers, hole]:
+        sock.close()
+
+
+def test_many_forwarded_requests_leave_nothing(make_daemon, upstream):
+    daemon = make_daemon()
+    uri = f"/http://127.0.0.1:{upstream.port}/x"
+    daemon.raw(get(uri))
+    descriptors, memory = daemon.fd_count(), daemon.rss_kib()
+    failures = []
+
+    def client():
+        for _ in range(100):
+            reply = daemon.raw(get(uri))
+            if not reply.endswith(b"\r\n\r\nhello"):
+                failures.append(reply)
+
+    threads = [threading.Thread(target=client) for _ in range(4)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert failures == []
+    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    assert daemon.rss_kib() < memory + 4096
