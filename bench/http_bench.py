@@ -1,0 +1,189 @@
+#!/usr/bin/env python3
+"""HTTP benchmark against nginx and lighttpd; run it through script/bench.
+
+Every server gets the same document root and one core; wrk runs on the other. Rounds are
+interleaved, so that a machine whose speed drifts slows everybody alike; what is printed are medians
+and ratios to nginx. Only ratios carry over to another machine."""
+
+import argparse
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+PORTS = {"nginx": 21100, "lighttpd": 22200, "dovmad": 23300}
+SERVER_CPU, LOAD_CPU = "0", "1"
+
+CGI = "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\nContent-Length: 3\\r\\n\\r\\nhi\\n'\n"
+
+# name, path, connections, extra wrk arguments, servers that offer it, goal as a ratio to its peer
+ROWS = [
+    ("1 KB keep-alive, 64 connections", "/1k.bin", 64, [], None),
+    ("1 KB keep-alive, 1000 connections", "/1k.bin", 1000, [], None),
+    ("1 KB, Connection: close, 64 clients", "/1k.bin", 64, ["-H", "Connection: close"], None),
+    ("100 KB keep-alive, 16 connections", "/100k.bin", 16, [], None),
+    ("10 MB, 4 connections", "/10m.bin", 4, [], None),
+    ("404, close, 64 clients", "/none", 64, ["-H", "Connection: close"], None),
+    ("listing of 1000 entries, close", "/list/", 4, ["-H", "Connection: close"], None),
+    ("CGI shell script, close", "/hello.cgi", 4, ["-H", "Connection: close"],
+     ("lighttpd", "dovmad")),
+    ("proxied 1 KB, close", "/proxy", 16, ["-H", "Connection: close"], None),
+    ("SSI page, close", "/page.shtml", 16, ["-H", "Connection: close"], ("dovmad",)),
+]
+
+
+def make_root(root):
+    (root / "list").mkdir(parents=True)
+    for name, size in (("1k.bin", 1 << 10), ("100k.bin", 100 << 10), ("10m.bin", 10 << 20)):
+        (root / name).write_bytes(os.urandom(size))
+    for i in range(1000):
+        (root / "list" / f"file-{i:04}.dat").write_bytes(b"x" * (i % 50))
+    (root / "hello.cgi").write_text(CGI)
+    (root / "hello.cgi").chmod(0o755)
+    (root / "part.txt").write_text("part\n")
+    (root / "page.shtml").write_text('<p>\n<!--#include virtual="part.txt" -->\n</p>\n')
+
+
+def nginx(work, root):
+    conf = work / "nginx.conf"
+    conf.write_text(f"""daemon off; master_process off; pid {work}/nginx.pid; error_log {work}/n.log;
+worker_rlimit_nofile 8192; events {{ worker_connections 4096; }}
+http {{ access_log off; sendfile on; tcp_nopush on; keepalive_requests 1000000000;
+  client_body_temp_path {work}/nb; proxy_temp_path {work}/np; fastcgi_temp_path {work}/nf;
+  uwsgi_temp_path {work}/nu; scgi_temp_path {work}/ns;
+  server {{ listen 127.0.0.1:{PORTS["nginx"]}; root {root}; autoindex on;
+    location = /proxy {{ proxy_pass http://127.0.0.1:{PORTS["lighttpd"]}/1k.bin; }} }} }}
+""")
+    return ["nginx", "-c", str(conf), "-p", str(work)]
+
+
+def lighttpd(work, root):
+    conf = work / "lighttpd.conf"
+    conf.write_text(f"""server.document-root = "{root}"
+server.bind = "127.0.0.1"
+server.port = {PORTS["lighttpd"]}
+server.max-fds = 8192
+server.max-keep-alive-requests = 1000000000
+server.modules = ( "mod_dirlisting", "mod_cgi", "mod_proxy" )
+dir-listing.activate = "enable"
+cgi.assign = ( ".cgi" => "" )
+$HTTP["url"] == "/proxy" {{
+  proxy.server = ( "" => (( "host" => "127.0.0.1", "port" => {PORTS["nginx"]} )) )
+  proxy.header = ( "map-urlpath" => ( "/proxy" => "/1k.bin" ) )
+}}
+""")
+    return ["lighttpd", "-D", "-f", str(conf)]
+
+
+def dovmad(work, root, build):
+    (work / "home" / "lib").mkdir(parents=True)
+    shutil.copy(build / "provider" / "libmolbat4L_t.so", work / "home" / "lib")
+    conf = work / "dovmad.conf"
+    conf.write_text(f"""document_root {root}
+listen_ports {PORTS["dovmad"]}u
+noauth 1
+zel_home {work}/home
+var_dir {work}/var
+pid_file {work}/dovmad.pid
+cgi_extensions .cgi
+ssi_extensions .shtml
+""")
+    (work / "var").mkdir()
+    return [str(build / "core" / "dovmad"), str(conf)]
+
+
+def path_for(server, path):
+    if path == "/proxy" and server == "dovmad":
+        return f"/http://127.0.0.1:{PORTS['lighttpd']}/1k.bin"
+    return path
+
+
+def cpu_seconds(pid):
+    total = 0
+    for entry in Path("/proc").iterdir():
+        if entry.name.isdigit():
+            try:
+                fields = (entry / "stat").read_text().rsplit(")", 1)[1].split()
+            except OSError:
+                continue
+            if entry.name == str(pid) or fields[1] == str(pid):
+                total += sum(map(int, fields[11:15]))
+    return total / os.sysconf("SC_CLK_TCK")
+
+
+def sample(server, pid, path, connections, extra, seconds):
+    url = f"http://127.0.0.1:{PORTS[server]}{path_for(server, path)}"
+    before = cpu_seconds(pid)
+    out = subprocess.run(["taskset", "-c", LOAD_CPU, "wrk", "-t1", f"-c{connections}",
+                          f"-d{seconds}s", *extra, url], capture_output=True, text=True,
+                         check=True).stdout
+    rate = float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
+    requests = int(re.search(r"(\d+) requests in", out).group(1))
+    return rate, (cpu_seconds(pid) - before) / max(requests, 1) * 1e6
+
+
+def wait_for(port):
+    import socket
+    for _ in range(200):
+        try:
+            socket.create_connection(("127.0.0.1", port), 1).close()
+            return
+        except OSError:
+            time.sleep(0.05)
+    sys.exit(f"nothing listens on port {port}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", type=Path, required=True)
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--seconds", type=int, default=2)
+    options = parser.parse_args()
+    with tempfile.TemporaryDirectory() as folder:
+        work = Path(folder)
+        work.chmod(0o755)
+        root = work / "root"
+        make_root(root)
+        commands = {"nginx": nginx(work, root), "lighttpd": lighttpd(work, root),
+                    "dovmad": dovmad(work, root, options.build.resolve())}
+        processes = {name: subprocess.Popen(["taskset", "-c", SERVER_CPU, *command],
+                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                     for name, command in commands.items()}
+        try:
+            for name in processes:
+                wait_for(PORTS[name])
+            run(options, {name: process.pid for name, process in processes.items()})
+        finally:
+            for process in processes.values():
+                process.terminate()
+                process.wait()
+
+
+def run(options, pids):
+    print(f"{'':42}{'nginx':>10}{'lighttpd':>10}{'dovmad':>10}{'ratio':>8}{'CPU ratio':>11}")
+    for title, path, connections, extra, servers in ROWS:
+        names = servers or tuple(pids)
+        samples = {name: [] for name in names}
+        for _ in range(options.rounds):
+            for name in names:
+                samples[name].append(sample(name, pids[name], path, connections, extra,
+                                            options.seconds))
+        median = {name: tuple(statistics.median(column) for column in zip(*rows))
+                  for name, rows in samples.items()}
+        peer = next((name for name in ("nginx", "lighttpd") if name in median), None)
+        cells = "".join(f"{median[name][0]:10.0f}" if name in median else f"{'-':>10}"
+                        for name in pids)
+        ratios = ""
+        if peer:
+            ratios = (f"{median['dovmad'][0] / median[peer][0]:8.2f}"
+                      f"{median['dovmad'][1] / max(median[peer][1], 1e-9):11.2f}")
+        print(f"{title:42}{cells}{ratios}", flush=True)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,156 @@
+// Drives the whole engine: each input is what a client sends, in pieces, over a socket pair to a
+// context with a small document root. After every case no connection, descriptor or poll slot may
+// be left. Forwarding, programs and management endpoints are left out: what they do reaches beyond
+// the process.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+#include "core/context.h"
+#include "core/endpoint.h"
+#include "core/globals.h"
+#include "core/shttpd.h"
+#include "fuzz/check.h"
+#include "handlers/io_file.h"
+#include "lib/ini.h"
+#include "lib/plat.h"
+#include "lib/qzstream.h"
+#include "security/authz.h"
+
+namespace {
+
+constexpr int watched_descriptors = 64;
+constexpr int passes_max = 200;
+
+void echo(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg) || post_body_pending(arg)) {
+        return;
+    }
+    const std::string text = get_variable(request_body(arg), "text", 32);
+    const char* header = shttpd_get_header(arg, "X-Echo");
+    shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n%s %s", text.c_str(),
+                  header != nullptr ? header : "-");
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+void long_reply(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    if (arg->state == nullptr) {
+        qz_stream* reply = new_qz_stream(0);
+        for (int i = 0; i < 3000; ++i) {
+            qz_vprintf_stream(reply, "%09d\n", i);
+        }
+        qz_rewind_stream(reply);
+        arg->state = reply;
+    }
+    drain_reply(arg);
+}
+
+// Keeps what it is sent waiting, and eats it piece by piece.
+void eat(shttpd_call_arg* arg) {
+    if (endpoint_closing(arg)) {
+        return;
+    }
+    arg->in.used = arg->in.len > 3 ? 3 : arg->in.len;
+    if ((arg->flags & ARG_MORE_POST_DATA) == 0 && arg->in.len <= 3) {
+        shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\ndone");
+        arg->flags |= ARG_END_OF_OUTPUT;
+    }
+}
+
+void write_files(const std::filesystem::path& root) {
+    std::error_code ignored;
+    std::filesystem::remove_all(root, ignored);
+    std::filesystem::create_directories(root / "dir" / "sub");
+    std::ofstream(root / "f.txt") << "0123456789";
+    std::ofstream(root / "big.bin") << std::string(50000, 'b');
+    std::ofstream(root / "dir" / "x") << "x";
+}
+
+shttpd_ctx* make_context(const std::filesystem::path& root) {
+    auto* ctx = new shttpd_ctx;
+    current_time = std::time(nullptr);
+    conf_parse_init();
+    init_critical_section(&ctx->lock);
+    ctx->document_root = root;
+    ctx->auth_realm = "fuzz";
+    ctx->noauth = 1;
+    ctx->list_directories = 1;
+    ctx->io_buf_size = 4096;
+    ctx->index_files = "index.html";
+    init_auth_info(ctx);
+    ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
+    shttpd_register_uri(ctx, "/echo", echo, nullptr);
+    shttpd_register_uri(ctx, "/long*", long_reply, nullptr);
+    shttpd_register_uri(ctx, "/eat", eat, nullptr);
+    return ctx;
+}
+
+int open_descriptors() {
+    int count = 0;
+    for (int fd = 0; fd < watched_descriptors; ++fd) {
+        count += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+    }
+    return count;
+}
+
+// Sends the input in pieces whose sizes the input itself decides, reading replies in between.
+void exchange(shttpd_ctx* ctx, int client, std::string_view input) {
+    std::size_t step = input.empty() ? 1 : 1 + static_cast<unsigned char>(input.back()) * 16U;
+    for (int pass = 0; pass < passes_max; ++pass) {
+        bool moved = false;
+        if (!input.empty()) {
+            const std::string_view piece = input.substr(0, step);
+            const ssize_t n = send(client, piece.data(), piece.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            moved = n > 0;
+            input.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
+        }
+        shttpd_poll(ctx, 0);
+        char buffer[16384];
+        const ssize_t got = recv(client, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got == 0 || (!moved && got < 0)) {
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const std::filesystem::path root =
+        std::filesystem::temp_directory_path() / ("fuzz_engine." + std::to_string(getpid()));
+    static shttpd_ctx* ctx = make_context(root);
+    static unsigned cases = 0;
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    if (input.find("://") != std::string_view::npos) {
+        return 0;
+    }
+    if (cases++ % 512 == 0) {
+        drop_cached_files();
+        write_files(root);
+    }
+    drop_cached_files();
+    const int before = open_descriptors();
+    int ends[2];
+    check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
+    shttpd_add_socket(ctx, ends[1], true, false);
+    exchange(ctx, ends[0], input);
+    (void)close(ends[0]);
+    for (int pass = 0; pass < 10 && shttpd_active(ctx) > 0; ++pass) {
+        shttpd_poll(ctx, 0);
+    }
+    check(shttpd_active(ctx) == 0);
+    drop_cached_files();
+    check(open_descriptors() == before);
+    return 0;
+}
