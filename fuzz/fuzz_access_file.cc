@@ -4,28 +4,22 @@
 // being written and read again; a variable's value must lie inside the form.
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "core/shttpd.h"
+#include "fuzz/check.h"
 #include "lib/rbtree.h"
 #include "security/access_file.h"
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 void read_text(std::string text, role_entry* row) {
     row->directory = "pub";
     (void)refresh_row("", row);
     if (!text.empty()) {
         std::FILE* file = fmemopen(text.data(), text.size(), "r");
-        require(file != nullptr && read_access_file(file, row));
+        check(file != nullptr && read_access_file(file, row));
         (void)std::fclose(file);
     }
 }
@@ -38,7 +32,7 @@ void fuzz_file(std::string_view text) {
     read_text(written, &second);
     const std::string again = access_file_text(&second);
     // A wildcard swallows names that the order of the lines brings behind it.
-    require(again == written || written.find("*:") != std::string::npos);
+    check(again == written || written.find("*:") != std::string::npos);
     clear_row(&first);
     clear_row(&second);
 }
@@ -49,13 +43,13 @@ void fuzz_form(std::string_view text) {
     for (const char* name : {"user", "role", "a", ""}) {
         char value[16];
         const int decoded = shttpd_get_var(name, form.data(), length, value, sizeof(value));
-        require(decoded < static_cast<int>(sizeof(value)));
+        check(decoded < static_cast<int>(sizeof(value)));
         const char* raw = nullptr;
         const int raw_length = shttpd_get_var_nodecode_nocopy(name, form.data(), length, &raw);
-        require((raw_length < 0) == (decoded < 0));
+        check((raw_length < 0) == (decoded < 0));
         if (raw_length >= 0) {
-            require(raw > form.data() && raw + raw_length <= form.data() + length);
-            require(raw + raw_length == form.data() + length || raw[raw_length] == '&');
+            check(raw > form.data() && raw + raw_length <= form.data() + length);
+            check(raw + raw_length == form.data() + length || raw[raw_length] == '&');
         }
     }
 }

@@ -10,6 +10,7 @@ import time
 
 import pytest
 
+from dovmad_harness import USER_TOOL
 from kill_rights import kill_during_rewrites
 from rights_support import (ROLES, add_user, basic, change, deny, full_name, grant,
                             make_role_folders, root_login)
@@ -135,6 +136,20 @@ def test_a_body_in_pieces_is_waited_for(daemon):
     big = b"user=x&type=user&role=pub&" + b"y" * 40000
     reply = daemon.request("POST", "/admin/security/grant", body=big, user=root_login(daemon))
     assert (reply.status, reply.text) == (400, "Request is too big")
+
+
+def test_users_made_with_the_administration_program(daemon):
+    if not USER_TOOL:
+        pytest.skip("dovmad-user was not built")
+    assert daemon.user_tool("add", "carol", input="secret1\nsecret1\n").returncode == 0
+    carol = full_name(daemon, "carol")
+    assert carol in daemon.user_tool("list").stdout, "it names users as grants need them"
+    assert status(daemon, "/pub/f.txt", "carol:secret1", tls=True) == 200
+    assert status(daemon, "/operator/f.txt", "carol:secret1", tls=True) == 403
+    grant(daemon, carol, "operator", tls=True)
+    assert status(daemon, "/operator/f.txt", "carol:secret1", tls=True) == 200
+    assert daemon.user_tool("lock", "carol").returncode == 0
+    assert status(daemon, "/operator/f.txt", "carol:secret1", tls=True) == 401
 
 
 # --- What is refused, and with which words ---
