@@ -1,6 +1,6 @@
 #include "lib/conf_lex.h"
 
-#include <cstring>
+#include <string_view>
 
 #include "lib/plat.h"
 
@@ -8,8 +8,10 @@ int conflineno = 1;
 
 namespace {
 
+constexpr std::string_view delimiters = " '\n\";[]";
+
 bool is_word_character(char c) {
-    return std::memchr(" '\n\";[]", c, 7) == nullptr;
+    return delimiters.find(c) == std::string_view::npos;
 }
 
 // The text between a quote at `next` and the one that closes it on the same line; null when it

@@ -1,6 +1,9 @@
 #include "lib/conf_yacc.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "lib/conf_lex.h"
 #include "lib/ini.h"
@@ -55,34 +58,60 @@ class parser {
             return false;
         }
         (void)kept.release();  // the store's now
+        statements_.clear();
         while (token_ == conf_token::text) {
             if (!statement()) {
+                return false;
+            }
+        }
+        return hand_over();
+    }
+
+    bool statement() {
+        std::string key;
+        std::string value;
+        if (!expect_text(&key) || !expect(conf_token::equals) || !expect_text(&value)) {
+            return false;
+        }
+        const int line = conflineno;
+        if (!expect(conf_token::semicolon)) {
+            return false;
+        }
+        statements_.push_back({qz_owned<char>(confstrdup(key.c_str())),
+                               qz_owned<char>(confstrdup(value.c_str())), line});
+        return true;
+    }
+
+    // Adds the section's statements in order of their keys: each then goes to the end of the
+    // property set, so that a load stays linear whatever the order in the file.
+    bool hand_over() {
+        const auto before = [](const statement_text& a, const statement_text& b) {
+            return std::strcmp(a.key.get(), b.key.get()) < 0;
+        };
+        if (!std::is_sorted(statements_.begin(), statements_.end(), before)) {
+            std::stable_sort(statements_.begin(), statements_.end(), before);
+        }
+        for (statement_text& statement : statements_) {
+            if (add_statement(handle_, statement.key.release(), statement.value.release()) !=
+                qz_ok) {
+                conflineno = statement.line;  // the second of two equal keys
                 return false;
             }
         }
         return true;
     }
 
-    // The last token is only looked at before the statement is added, so that conflineno still
-    // names its line when the store refuses it.
-    bool statement() {
-        std::string key;
-        std::string value;
-        if (!expect_text(&key) || !expect(conf_token::equals) || !expect_text(&value) ||
-            token_ != conf_token::semicolon) {
-            return false;
-        }
-        if (add_statement(handle_, confstrdup(key.c_str()), confstrdup(value.c_str())) != qz_ok) {
-            return false;
-        }
-        advance();
-        return true;
-    }
+    struct statement_text {
+        qz_owned<char> key;
+        qz_owned<char> value;
+        int line;
+    };
 
     conf_scanner* scanner_;
     parse_handle* handle_;
     conf_token token_ = conf_token::end;
     std::string text_;
+    std::vector<statement_text> statements_;  // of the section that is being read
 };
 
 }  // namespace

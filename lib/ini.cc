@@ -51,6 +51,8 @@ class store_call {
     }
     store_call(const store_call&) = delete;
     store_call& operator=(const store_call&) = delete;
+    store_call(store_call&&) = delete;
+    store_call& operator=(store_call&&) = delete;
 
     // Leaves early, for the operation that needs the unlock's result.
     int finish() {
@@ -104,7 +106,7 @@ bool read_all(FILE* file, std::string* content) {
 
 // The time of the file that is open, not of whatever the path names by now.
 time_t time_of(FILE* file, const char* path) {
-    struct stat status;
+    struct stat status = {};
     return ::fstat(::fileno(file), &status) == 0 ? status.st_mtime : get_m_time(path);
 }
 
@@ -162,7 +164,7 @@ bool has_white_space(std::string_view text) {
 // Writes every section and settles the file's time; false when anything did not reach the file.
 bool write_sections(const parse_handle* handle, file_ptr file, time_t* modified) {
     // A file that only its owner may read stays so.
-    struct stat status;
+    struct stat status = {};
     if (::stat(handle->path, &status) == 0) {
         (void)::fchmod(::fileno(file.get()), status.st_mode & 07777);  // best effort
     }
@@ -195,7 +197,7 @@ int parser_unlock() noexcept {
 }
 
 time_t get_m_time(const char* path) noexcept {
-    struct stat status;
+    struct stat status = {};
     return ::stat(path, &status) == 0 ? status.st_mtime : ::time(nullptr);
 }
 
@@ -203,7 +205,7 @@ int parse_open(const char* path, const parse_hooks* hooks, parse_handle** handle
     const parse_hooks called = hooks == nullptr ? parse_hooks{} : *hooks;
     const store_call call(called, {.op = parse_op::open, .path = path});
     const file_ptr file(std::fopen(path, "re"));
-    struct stat status;
+    struct stat status = {};
     if (file == nullptr && ::stat(path, &status) == 0) {
         return qz_unreadable;
     }

@@ -40,7 +40,7 @@ enum class parse_op {
 
 // What a hook is told: the operation and its arguments, null where it has none.
 struct parse_call {
-    parse_op op;
+    parse_op op = parse_op::open;
     parse_handle* handle = nullptr;  // null for open, and in the leave call of close
     const char* path = nullptr;      // open only
     const char* section = nullptr;

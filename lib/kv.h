@@ -35,11 +35,12 @@ enum kv_type : std::uint32_t {
     KV_I18N,
     KV_I18NFS,
     KV_TIME = 0x10005u,  // unsigned 64-bit
-};
 
-inline constexpr std::uint32_t KV_ARRAY = 0x80000000u;     // data is a val_array* of the lower type
-inline constexpr std::uint32_t KV_WIRE = 0x40000000u;      // data is `length` bytes of wire form
-inline constexpr std::uint32_t KV_BORROWED = 0x20000000u;  // data belongs to somebody else
+    // Flags on a code: type | KV_ARRAY.
+    KV_ARRAY = 0x80000000u,     // data is a val_array* of the lower type
+    KV_WIRE = 0x40000000u,      // data is `length` bytes of wire form
+    KV_BORROWED = 0x20000000u,  // data belongs to somebody else
+};
 
 struct kv_value {
     std::uint32_t length;

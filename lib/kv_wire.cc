@@ -207,7 +207,7 @@ void* wire_reader::take_units(std::uint32_t* length) {
 }
 
 void* wire_reader::take_guid() {
-    qz_guid guid;
+    qz_guid guid = {};
     guid.a = static_cast<std::uint32_t>(big_endian(at_, 4));
     guid.b = static_cast<std::uint16_t>(big_endian(at_ + 4, 2));
     guid.c = static_cast<std::uint16_t>(big_endian(at_ + 6, 2));

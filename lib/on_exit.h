@@ -15,6 +15,8 @@ class exit_guard {
     }
     exit_guard(const exit_guard&) = delete;
     exit_guard& operator=(const exit_guard&) = delete;
+    exit_guard(exit_guard&&) = delete;
+    exit_guard& operator=(exit_guard&&) = delete;
 
     // The work is no longer wanted.
     void cancel() noexcept { armed_ = false; }

@@ -55,6 +55,8 @@ class critical_section_guard {
     ~critical_section_guard() { (void)leave_critical_section(section_); }
     critical_section_guard(const critical_section_guard&) = delete;
     critical_section_guard& operator=(const critical_section_guard&) = delete;
+    critical_section_guard(critical_section_guard&&) = delete;
+    critical_section_guard& operator=(critical_section_guard&&) = delete;
 
   private:
     critical_section* section_;

@@ -85,6 +85,8 @@ class qz_cursor {
     ~qz_cursor() { iterator_->ops->close(iterator_); }
     qz_cursor(const qz_cursor&) = delete;
     qz_cursor& operator=(const qz_cursor&) = delete;
+    qz_cursor(qz_cursor&&) = delete;
+    qz_cursor& operator=(qz_cursor&&) = delete;
 
     [[nodiscard]] bool at_end() const noexcept { return iterator_->ops->isend(iterator_) != 0; }
     [[nodiscard]] bool at_begin() const noexcept { return iterator_->ops->isbegin(iterator_) != 0; }

@@ -38,8 +38,11 @@ struct qz_map {
     qz_free_fn value_free;
 
     qz_map() = default;
+    ~qz_map() = default;
     qz_map(const qz_map&) = delete;
     qz_map& operator=(const qz_map&) = delete;
+    qz_map(qz_map&&) = delete;
+    qz_map& operator=(qz_map&&) = delete;
 };
 using qz_multimap = qz_map;
 using qz_set = qz_map;

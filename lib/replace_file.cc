@@ -43,7 +43,7 @@ int overwrite(int fd, std::string_view content, bool regular) {
 // Gives a new file the owner and mode of the one it will replace. Owner first: changing it drops
 // the set-id bits.
 bool adopt(int fd, const struct stat& original) {
-    struct stat status;
+    struct stat status = {};
     if (::fstat(fd, &status) != 0) {
         return false;
     }
@@ -89,7 +89,7 @@ outcome replace_by_rename(const std::string& path, const struct stat& original,
 
 int replace_file(const char* path, std::string_view content) noexcept {
     const unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY, new_file_mode));
-    struct stat original;
+    struct stat original = {};
     if (!fd || ::fstat(fd.get(), &original) != 0) {
         return errno;
     }

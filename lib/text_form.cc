@@ -76,7 +76,7 @@ char* format_unsafe_xml_str(const char* text) noexcept {
 }
 
 int guidtostr(const void* guid, char* out) noexcept {
-    qz_guid g;
+    qz_guid g = {};
     std::memcpy(&g, guid, sizeof g);  // the bytes may lie anywhere
     return std::snprintf(out, guid_text_bytes, "{%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}",
                          g.a, g.b, g.c, g.d[0], g.d[1], g.d[2], g.d[3], g.d[4], g.d[5], g.d[6],

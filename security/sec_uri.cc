@@ -208,8 +208,8 @@ int qz_isequal_sec_uri(const char* a, const char* b, std::uint32_t flags) noexce
 }
 
 char* qz_sec_overlay(const char* a, const char* b) noexcept {
-    qz_security under;
-    qz_security over;
+    qz_security under = {};
+    qz_security over = {};
     (void)qz_uri_to_security(a == nullptr ? "" : a, &under);
     (void)qz_uri_to_security(b == nullptr ? "" : b, &over);
     if (over.kind != qz_uri_kpr) {

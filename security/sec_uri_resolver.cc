@@ -35,7 +35,7 @@ bool is_primary(parse_handle* store, const char* domain) {
 
 char* get_default_user(const char* file) noexcept {
     const char* path = resolver_file(file);
-    struct stat status;
+    struct stat status = {};
     parse_handle* opened = nullptr;
     if (::stat(path, &status) != 0 || parse_open(path, nullptr, &opened) != qz_ok) {
         return nullptr;
