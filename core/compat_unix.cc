@@ -16,6 +16,7 @@
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
+#include "core/poll_set.h"
 #include "core/paths.h"
 #include "core/string.h"
 
@@ -146,6 +147,7 @@ void signal_handler(int signal_number) {
         reap_children();
     } else {
         exit_flag = signal_number;
+        wake_poll_set();
     }
 }
 

@@ -51,6 +51,11 @@ void compact(stream* s) {
     s->head = pending;
 }
 
+// Room for input, counting what the next visit gains by compacting.
+bool has_input_room(const conn* c) {
+    return c->remote.room() > 0 || (c->remote.tail > 0 && may_compact(c));
+}
+
 // More of the body is still to come, or its length is unknown.
 bool body_complete(const conn* c) {
     return c->remote.has(sf_parsed) && c->remote.content_length > 0 &&
@@ -175,7 +180,7 @@ short remote_events(const conn* c) {
     short events = 0;
     if (body_complete(c)) {
         events |= POLLRDHUP;
-    } else if (remote.room() > 0) {
+    } else if (has_input_room(c)) {
         events |= POLLIN;
     }
     const bool more_to_come = local.io != nullptr && local.has(sf_always_ready) &&
@@ -281,12 +286,16 @@ bool has_unread_input(const conn* c) {
 // Closing a socket with unread input resets it and may take the reply away from the client, so
 // what is still arriving is read and dropped for a moment first.
 void start_draining(conn* c) {
-    if (c->remote.io == &io_socket) {
-        (void)shutdown(c->remote.channel.fd, SHUT_WR);  // the peer may have gone already
+    if (c->remote.io == &io_molbat) {
+        // Says goodbye inside the channel; what still arrives is dropped undeciphered.
+        (void)molbAtSecConnClose(&c->client_channel);
+        c->client_channel = nullptr;
+        c->remote.io = &io_socket;
     }
+    (void)shutdown(c->remote.channel.fd, SHUT_WR);  // the peer may have gone already
     c->state = conn_state::draining;
     ++draining_count;
-    c->remote_pending = c->remote.io != &io_socket;
+    c->remote_pending = false;
     c->expire_time = current_time + drain_limit_s;
     set_poll_events(c->remote.poll_index, c->remote.channel.fd, POLLIN);
 }
@@ -303,13 +312,6 @@ bool discard_input(conn* c) {
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
         free_connection(c);
         return false;
-    }
-    if (c->state == conn_state::draining && n > 0 && remote.content_length > 0) {
-        remote.total += static_cast<std::uint64_t>(n);
-        if (remote.io != &io_socket && remote.total >= remote.content_length) {
-            free_connection(c);  // a secure peer can't be told that nothing more is wanted
-            return false;
-        }
     }
     return true;
 }
@@ -524,7 +526,7 @@ bool has_hidden_input(const conn* c) {
     if (c->state != conn_state::serving) {
         return c->remote_pending;
     }
-    return (c->remote_pending && c->remote.room() > 0 && !body_complete(c)) ||
+    return (c->remote_pending && has_input_room(c) && !body_complete(c)) ||
            (c->proxy_pending && c->local.room() > 0);
 }
 

@@ -1,11 +1,12 @@
 #include "core/poll_set.h"
 
 #include <poll.h>
-#include <signal.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <vector>
@@ -25,7 +26,7 @@ constexpr int failed_wait_ms = 100;
 // What the engine waits on. The pollfd array is handed to the kernel as it is; what only the
 // engine needs stands beside it, so that a pass over the events touches eight bytes per slot.
 struct poll_fd_set {
-    std::vector<pollfd> fds;
+    std::vector<pollfd> fds;  // one more than there are slots, see wait_unless_ending
     std::vector<conn*> owners;
     std::vector<int> next_free;
     std::vector<listener_position> lp;
@@ -37,8 +38,11 @@ struct poll_fd_set {
 
 poll_fd_set set;
 
+// Written to by the signal handler.
+volatile int wake_fd = -1;
+
 int slot_count() {
-    return static_cast<int>(set.fds.size());
+    return static_cast<int>(set.next_free.size());
 }
 
 pollfd& slot(int index) {
@@ -52,8 +56,8 @@ bool in_use(int index) {
 // Adds a step of free slots, lowest first on the free list. Requires: the free list is empty.
 void grow() {
     const int old_count = slot_count();
-    const std::size_t new_count = set.fds.size() + slot_step;
-    set.fds.resize(new_count, pollfd{.fd = free_slot, .events = 0, .revents = 0});
+    const std::size_t new_count = set.next_free.size() + slot_step;
+    set.fds.resize(new_count + 1, pollfd{.fd = free_slot, .events = 0, .revents = 0});
     set.owners.resize(new_count, nullptr);
     set.next_free.resize(new_count, end_of_list);
     for (int i = old_count; i < slot_count() - 1; ++i) {
@@ -73,30 +77,23 @@ void note_failure(int error) {
     (void)nanosleep(&pause, nullptr);  // a signal may end it early
 }
 
+// A signal that arrives between the test of exit_flag and the wait must not be missed. The handler
+// writes to a descriptor that takes the free entry behind the slots in use during the call, which
+// costs no change of the signal mask on every pass.
 int wait_unless_ending(int timeout_ms) {
-    const auto count = static_cast<nfds_t>(set.high_water);
-    if (timeout_ms == 0) {
-        return poll(set.fds.data(), count, 0);
-    }
-    // Between the test of exit_flag and the wait no signal may slip through; children started
-    // elsewhere must not inherit the mask, so it holds for this call only.
-    sigset_t ending;
-    sigset_t before;
-    sigemptyset(&ending);
-    sigaddset(&ending, SIGTERM);
-    sigaddset(&ending, SIGINT);
-    (void)pthread_sigmask(SIG_BLOCK, &ending, &before);
-    int result = -1;
     if (exit_flag != 0) {
         errno = EINTR;
-    } else {
-        const timespec limit = {.tv_sec = timeout_ms / 1000,
-                                .tv_nsec = timeout_ms % 1000 * 1000000L};
-        result = ppoll(set.fds.data(), count, timeout_ms < 0 ? nullptr : &limit, &before);
+        return -1;
     }
-    const int error = errno;
-    (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    errno = error;
+    pollfd& wake = slot(set.high_water);
+    wake = {.fd = wake_fd, .events = POLLIN, .revents = 0};
+    int result = poll(set.fds.data(), static_cast<nfds_t>(set.high_water) + 1, timeout_ms);
+    if (result > 0 && wake.revents != 0) {
+        --result;
+        std::uint64_t count = 0;
+        (void)!read(wake_fd, &count, sizeof count);  // a child that was signalled wrote it, too
+    }
+    wake = {.fd = free_slot, .events = 0, .revents = 0};
     return result;
 }
 
@@ -107,6 +104,9 @@ void init_poll_fd_set() {
         return;
     }
     set.initialised = true;
+    if (wake_fd < 0) {
+        wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
     grow();
     set.lp.resize(listener_step);
 }
@@ -121,6 +121,17 @@ void clean_poll_fd_set() {
         }
     }
     set = poll_fd_set();
+    if (wake_fd >= 0) {
+        (void)close(wake_fd);
+        wake_fd = -1;
+    }
+}
+
+void wake_poll_set() {
+    const int error = errno;
+    const std::uint64_t one = 1;
+    (void)!write(wake_fd, &one, sizeof one);  // without a poll set there is nobody to wake
+    errno = error;
 }
 
 int get_poll_index(int fd) {

@@ -43,6 +43,9 @@ int next_ready_slot(int from);
 // also when they came just before. A failure other than EINTR is logged once and takes 0.1 s.
 int wait_for_events(int timeout_ms);
 
+// Ends the current or the next wait at once. Async-signal-safe.
+void wake_poll_set();
+
 // One more than the highest slot in use.
 int poll_high_water();
 

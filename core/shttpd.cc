@@ -218,9 +218,8 @@ void collect_due(shttpd_ctx* ctx, int ready) {
     }
     loop.next_due.clear();
     if (ready > 0) {
-        const int slots = poll_high_water();
-        for (int i = 0; i < slots; ++i) {
-            if (poll_revents(i) != 0 && poll_owner(i) != nullptr) {
+        for (int i = next_ready_slot(0); i >= 0; i = next_ready_slot(i + 1)) {
+            if (poll_owner(i) != nullptr) {
                 mark_due(poll_owner(i));
             }
         }
@@ -362,7 +361,8 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     if (loop.accept_paused && current_time > loop.accept_paused_at) {
         resume_accepting();
     }
-    const bool short_wait = loop.accept_paused || draining_connections() > 0;
+    const bool files_open = close_idle_files();
+    const bool short_wait = loop.accept_paused || draining_connections() > 0 || files_open;
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
     if (ready > 0) {
@@ -374,7 +374,6 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     if (loop.accept_paused && ctx->active_connections < active_before) {
         resume_accepting();
     }
-    close_idle_files();
     run_scheduler(ctx);
 }
 

@@ -313,15 +313,23 @@ void drop_cached_files() {
     }
 }
 
-void close_idle_files() {
+bool close_idle_files() {
     static std::time_t last_check = 0;
+    static bool any_idle = false;
     if (last_check == current_time) {
-        return;
+        return any_idle;
     }
     last_check = current_time;
+    any_idle = false;
     for (open_file& file : open_files) {
-        if (file.fd >= 0 && file.users == 0 && current_time - file.last_used > open_file_idle_s) {
+        if (file.fd < 0 || file.users > 0) {
+            continue;
+        }
+        if (current_time - file.last_used > open_file_idle_s) {
             forget_open_file(&file);
+        } else {
+            any_idle = true;
         }
     }
+    return any_idle;
 }

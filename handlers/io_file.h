@@ -30,6 +30,9 @@ bool receive_file(conn* c, const char* path);
 // Kept: the text says GMT whatever the time zone is. `out` has room for 64 bytes.
 void format_http_date(std::time_t t, char* out);
 
-// Files kept open between requests are closed: all of them, or those unused for a few seconds.
+// Closes the files that are kept open between requests and not in use.
 void drop_cached_files();
-void close_idle_files();
+
+// Closes those that have been unused for a few seconds; looks once a second. True when some are
+// still open and will want another look.
+bool close_idle_files();

@@ -254,6 +254,7 @@ TEST(Engine, DeliveredErrorsHaveTheirExactText) {
         {"GET /f HTTP/1.1\r\nIf-Modified-Since: 01 Jan 2060 00:00:00\r\n\r\n",
          "HTTP/1.1 304 Not Modified\r\n\r\n304 Not Modified"},
     };
+    engine.poll();
     const int before = descriptors_in_use();
     for (const row& r : rows) {
         EXPECT_EQ(engine.exchange(r.request), r.reply) << r.request;
