@@ -175,7 +175,6 @@ void reply_to_client(conn* c) {
 // --- Poll events, decided here and nowhere else ---
 
 short remote_events(const conn* c) {
-    const stream& remote = c->remote;
     const stream& local = c->local;
     short events = 0;
     if (body_complete(c)) {
