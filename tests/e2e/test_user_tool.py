@@ -1,0 +1,373 @@
+"""dovmad-user: accounts and rights, in the files and through a running daemon."""
+
+import ctypes
+import os
+import pty
+import random
+import re
+import subprocess
+
+import pytest
+from dovmad_harness import USER_TOOL
+from rights_support import ROLES, add_user, full_name, make_role_folders
+
+USAGE = 64
+
+
+class Site:
+    """A data directory and a configuration file, made by hand."""
+
+    def __init__(self, base):
+        self.base = base
+        self.data = base / "var" / "sec"
+        self.at = self.data / "dovmad-at"
+        self.root = base / "root"
+        self.other = base / "other"
+        (self.at / "users").mkdir(parents=True)
+        (self.at / "domains").write_text("local:password:box\ncert:certificate:box\n")
+        for folder in (self.root, self.other):
+            make_role_folders(folder)
+        self.config = base / "dovmad.conf"
+        self.config.write_text(
+            f"# comment\ndocument_root {self.root}# the value ends here\nvar_dir {base}/var\n"
+            f"pid_file {base}/pid\nnamespaces ns={self.other}, broken,plx2={self.other}\n")
+
+    def run(self, *args, input=None, **env):
+        environment = {k: v for k, v in os.environ.items()
+                       if k not in ("ZEL_DATA_DIR", "DOVMAD_USER", "DOVMAD_PASSWORD")}
+        return subprocess.run([USER_TOOL, *map(str, args)], input=input, text=True, timeout=60,
+                              capture_output=True, check=False, env={**environment, **env})
+
+    def tool(self, *args, input=None, **env):
+        return self.run("-c", self.config, *args, input=input, **env)
+
+    def good(self, *args, **kwargs):
+        done = self.tool(*args, **kwargs)
+        assert (done.returncode, done.stderr) == (0, ""), done
+        return done.stdout
+
+    def bad(self, *args, **kwargs):
+        done = self.tool(*args, **kwargs)
+        assert done.returncode == 1 and done.stderr.startswith("dovmad-user: "), done
+        assert "Sanitizer" not in done.stderr
+        return done.stderr
+
+    def user(self, name):
+        return (self.at / "users" / name).read_text()
+
+    def access(self, role, root=None):
+        path = (root or self.root) / role / ".dovmaaccess"
+        return path.read_text() if path.exists() else None
+
+
+@pytest.fixture(name="site")
+def site_fixture(tmp_path):
+    return Site(tmp_path)
+
+
+# --- Accounts ---
+
+
+def fits(password, hashed):
+    """Whether the C library agrees that the hash is the password's."""
+    library = ctypes.CDLL("libcrypt.so.1")
+    library.crypt.restype = ctypes.c_char_p
+    return library.crypt(password.encode(), hashed.encode()) == hashed.encode()
+
+
+def test_life_of_a_user(site):
+    site.good("add", "alice", input="wonder\n")
+    path = site.at / "users" / "alice"
+    name, hashed = path.read_text().rstrip("\n").split(":")
+    assert name == "alice" and hashed.startswith("$y$")
+    assert fits("wonder", hashed)
+    assert path.stat().st_mode & 0o7777 == 0o600
+    site.good("add", "-o", "bob", input="no line end")
+    assert site.good("list") == "alice\talice@local.box\tactive\nbob\tbob\tactive\n"
+
+    site.good("passwd", "bob", input="changed\r\nmore\n")
+    name, hashed, options = site.user("bob").rstrip("\n").split(":")
+    assert fits("changed", hashed) and options == "os"
+    site.good("lock", "bob")
+    assert site.user("bob") == f"bob:{hashed}:os,off\n"
+    site.good("lock", "alice")
+    assert "alice\talice@local.box\tlocked\n" in site.good("list")
+    site.good("unlock", "bob")
+    assert site.user("bob") == f"bob:{hashed}:os\n"
+    site.good("del", "alice")
+    assert site.good("list") == "bob\tbob\tactive\n"
+    assert [entry.name for entry in (site.at / "users").iterdir()] == ["bob"]
+
+
+def test_refuses_what_could_never_log_in(site):
+    longest = 42 - len("local\\alice:")
+    assert f"leaves {longest} " in site.bad("add", "alice", input="x" * (longest + 1))
+    assert "empty" in site.bad("add", "alice", input="\n")
+    assert "no password" in site.bad("add", "alice", input="")
+    for name in ("a:b", "", "-a", "a b", "a/b", "..", "a\nb", "ä", "x" * 33):
+        assert "a user name begins" in site.bad("add", "--", name, input="pw\n"), name
+    for name in ("r", "roo", "Root", "RO"):
+        assert "for root" in site.bad("add", "-o", name, input="pw\n")
+    assert list((site.at / "users").iterdir()) == []
+    site.good("add", "alice", input="x" * longest)
+    assert "exists" in site.bad("add", "alice", input="pw\n")
+    for command in ("passwd", "del", "lock", "unlock"):
+        assert "no such user" in site.bad(command, "carol", input="pw\n")
+    (site.at / "users" / "dave").write_text("dave:nonsense\n")
+    assert "no line" in site.bad("lock", "dave")
+    assert site.good("list").endswith("dave\t-\tunusable\n")
+
+
+def test_wrong_usage(site):
+    for args in ((), ("frobnicate",), ("add",), ("add", "a", "b"), ("list", "x"), ("--frob",),
+                 ("grant", "alice"), ("grant", "alice", "boss"), ("grant", "alice", "op"),
+                 ("deny", "a:b", "pub"), ("grant", "a\nb", "pub"), ("rights", "x" * 128), ("-c",)):
+        done = site.run(*args) if args == ("-c",) else site.tool(*args)
+        assert (done.returncode, done.stdout) == (USAGE, "") and done.stderr, args
+    done = site.run("--help")
+    assert done.returncode == 0 and done.stderr == ""
+    for word in ("add", "passwd", "del", "list", "lock", "unlock", "grant", "deny", "rights"):
+        assert re.search(rf"\b{word}\b", done.stdout)
+
+
+def test_finds_the_data_directory(site, tmp_path):
+    (site.at / "users" / "here").write_text("here:nonsense\n")
+    second = Site(tmp_path / "second")
+    (second.at / "users" / "there").write_text("there:nonsense\n")
+    assert "here" in site.good("list")
+    assert "there" in site.good("list", ZEL_DATA_DIR=str(second.data))
+    assert "here" in site.good("-d", site.data, "list", ZEL_DATA_DIR=str(second.data))
+    assert "not set up" in site.bad("-d", tmp_path / "nowhere", "list")
+    assert "missing.conf" in site.bad("-c", tmp_path / "missing.conf", "list")
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root makes files for others")
+def test_keeps_owners(site):
+    os.chown(site.at / "users", 65534, 65534)
+    site.good("add", "alice", input="pw\n")
+    path = site.at / "users" / "alice"
+    assert path.stat().st_uid == 65534
+    os.chown(path, 1, 1)
+    site.good("passwd", "alice", input="other\n")
+    assert (path.stat().st_uid, path.stat().st_gid, path.stat().st_mode & 0o777) == (1, 1, 0o600)
+
+
+def on_terminal(site, answers, *args):
+    """Runs the tool on a terminal of its own: (status, everything shown)."""
+    master, slave = pty.openpty()
+    shown = b""
+    try:
+        process = subprocess.Popen([USER_TOOL, "-c", str(site.config), *args], stdin=slave,
+                                   stdout=slave, stderr=slave, close_fds=True)
+        os.close(slave)
+        for answer in answers:
+            while not shown.endswith(b": "):
+                shown += os.read(master, 4096)
+            shown += b"|"
+            os.write(master, answer.encode() + b"\n")
+        while True:
+            try:
+                piece = os.read(master, 4096)
+            except OSError:
+                break
+            if not piece:
+                break
+            shown += piece
+        return process.wait(30), shown.decode()
+    finally:
+        os.close(master)
+
+
+def test_asks_twice_without_echo(site):
+    status, shown = on_terminal(site, ["wonder", "wonder"], "add", "alice")
+    assert status == 0, shown
+    assert "wonder" not in shown and shown.count("|") == 2
+    hashed = site.user("alice").rstrip("\n").split(":")[1]
+    assert fits("wonder", hashed)
+    status, shown = on_terminal(site, ["other", "another"], "passwd", "alice")
+    assert status == 1 and "differ" in shown
+    assert hashed in site.user("alice")
+
+
+# --- Rights without a daemon ---
+
+
+def test_changes_access_files(site):
+    site.good("add", "alice", input="pw\n")
+    alice = "alice@local.box"
+    assert site.good("grant", "alice", "operator") == f"{alice}: granted operator in namespace plx\n"
+    assert site.access("operator") == f"{alice}:user\n"
+    site.good("grant", "alice", "agent")
+    site.good("grant", "-g", "wheel", "operator")
+    site.good("grant", "alice", "admin")  # includes what she held before
+    assert [site.access(role) for role in ROLES] == [None, "wheel:group\n", f"{alice}:user\n", ""]
+    site.good("grant", "alice", "operator")  # held already
+    assert site.access("operator") == "wheel:group\n"
+    site.good("grant", "alice", "admin", "ns")
+    assert site.access("admin", site.other) == f"{alice}:user\n"
+    site.good("deny", "alice", "admin")
+    assert site.access("admin") == "" and site.access("admin", site.other) != ""
+    site.good("deny", "-g", "Wheel", "operator")  # spelled differently: another group
+    assert site.access("operator") == "wheel:group\n"
+    for action in ("grant", "deny"):
+        assert "built in" in site.good(action, "rootx", "agent")
+    assert site.access("agent") == ""
+    for unknown in ("nowhere", "broken", "n"):
+        assert "not in" in site.bad("grant", "alice", "admin", unknown)
+    (site.root / "agent" / ".dovmaaccess").unlink()
+    (site.root / "agent" / ".dovmaaccess").mkdir()
+    assert "agent" in site.bad("grant", "carol", "agent")
+
+
+def test_shows_rights(site):
+    (site.root / "operator" / ".dovmaaccess").write_text("daemon:group\nbob:user\nno colon\n")
+    (site.other / "agent" / ".dovmaaccess").write_text("BOB@x:user\n")
+    (site.other / "admin" / ".dovmaaccess").write_text("carol:user\n")
+
+    def held(name, *options):
+        rows = [line.split("\t") for line in site.good(*options, "rights", name).splitlines()]
+        assert [tuple(row[:2]) for row in rows] == [
+            (ns, role) for ns in ("ns", "plx2", "plx") for role in ROLES]
+        return {f"{ns} {role}": answer for ns, role, answer in rows if answer != "no"}
+
+    everywhere = {f"{ns} pub": "yes" for ns in ("ns", "plx2", "plx")}
+    assert held("nobody-at-all") == everywhere
+    assert held("bob") == {**everywhere, "plx operator": "yes", "ns agent": "yes",
+                           "plx2 agent": "yes"}
+    assert held("carol") == {**{f"{ns} {role}": "yes" for ns in ("ns", "plx2") for role in ROLES},
+                             "plx pub": "yes"}
+    assert len(held("root")) == 12
+    assert held("daemon") == {**everywhere, "plx operator": "yes (group daemon)"}
+    assert held("daemon", "-g") == {"plx operator": "yes", "plx pub": "yes"}
+
+
+def test_a_dead_daemon_does_not_count(site):
+    gone = subprocess.Popen(["true"])
+    gone.wait()
+    pid_file = site.base / "pid"
+    for content in (str(gone.pid), "0", "-1", "rubbish", ""):
+        pid_file.write_text(content + "\n")
+        site.good("grant", "bob", "agent")
+        site.good("deny", "bob", "agent")
+    # A living process under its number, but nobody on the port.
+    pid_file.write_text(f"{os.getpid()}\n")
+    with open(site.config, "a", encoding="ascii") as config:
+        config.write("listen_ports 1u,1\n")
+    site.good("grant", "bob", "agent")
+    assert site.access("agent") == "bob:user\n"
+
+
+# --- Rights through a running daemon ---
+
+
+def as_root(daemon, *args, **env):
+    done = subprocess.run(
+        [USER_TOOL, "-c", str(daemon.config), *args], text=True, capture_output=True, timeout=60,
+        check=False, env={**daemon.env, "DOVMAD_PASSWORD": daemon.password, **env})
+    return done.returncode, done.stdout, done.stderr
+
+
+@pytest.mark.parametrize("ports", ["{plain}u,{tls}", "{tls}"])
+def test_asks_a_running_daemon(make_daemon, tmp_path, ports):
+    daemon = make_daemon(start=False, auth=True)
+    make_role_folders(daemon.root)
+    make_role_folders(tmp_path / "second")
+    text = daemon.config.read_text()
+    text = re.sub("listen_ports .*", "listen_ports " + ports.format(
+        plain=daemon.port, tls=daemon.tls_port), text)
+    daemon.config.write_text(text + f"namespaces ns={tmp_path / 'second'}\n")
+    if "u" not in ports:
+        daemon.port = daemon.tls_port
+    daemon.start()
+    add_user(daemon, "alice", "wonder")
+    alice = full_name(daemon, "alice")
+
+    def may(role, prefix=""):
+        reply = daemon.request("GET", f"{prefix}/{role}/f.txt", user="alice:wonder",
+                               port=daemon.tls_port, tls=True)
+        return reply.status == 200
+
+    assert not may("operator")
+    assert as_root(daemon, "grant", "alice", "operator") == (
+        0, f"{alice}: granted operator in namespace plx\n", "")
+    assert may("operator") and not may("operator", "/ns") and not may("admin")
+    assert as_root(daemon, "grant", "alice", "agent", "ns")[0] == 0
+    assert may("agent", "/ns") and not may("agent")
+    assert (tmp_path / "second" / "agent" / ".dovmaaccess").read_text() == f"{alice}:user\n"
+    assert as_root(daemon, "deny", "alice", "operator")[0] == 0
+    assert not may("operator")
+
+    status, out, error = as_root(daemon, "grant", "alice", "admin", DOVMAD_PASSWORD="wrong")
+    assert (status, out) == (1, "") and "does not accept" in error
+    status, out, error = as_root(daemon, "-u", "alice", "grant", "alice", "admin",
+                                 DOVMAD_PASSWORD="wonder")
+    assert (status, out) == (1, "") and "no administrator" in error
+    assert not may("admin")
+    done = daemon.user_tool("-c", daemon.config, "-u", "root", "grant", "alice", "admin",
+                            input=daemon.password + "\n")
+    assert done.returncode == 0, done
+    assert may("admin")
+
+
+def test_sees_when_the_daemon_could_not_write(make_daemon):
+    daemon = make_daemon(auth=True)  # no role folders
+    status, out, error = as_root(daemon, "grant", "bob", "agent")
+    assert (status, out) == (1, "") and "could not write" in error
+
+
+def test_will_not_send_a_password_to_a_stranger(make_daemon):
+    daemon = make_daemon(start=False, auth=True)
+    make_role_folders(daemon.root)
+    daemon.config.write_text(re.sub("listen_ports .*", f"listen_ports {daemon.tls_port}",
+                                    daemon.config.read_text()))
+    daemon.port = daemon.tls_port
+    daemon.start()
+    known = daemon.ca.read_bytes()
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                    "ec_paramgen_curve:P-256", "-nodes", "-keyout", "/dev/null", "-out",
+                    str(daemon.ca), "-subj", "/CN=other"], check=True, capture_output=True)
+    status, out, error = as_root(daemon, "grant", "bob", "agent")
+    assert (status, out) == (1, "") and "TLS" in error
+    daemon.ca.write_bytes(known)
+    assert as_root(daemon, "grant", "bob", "agent")[0] == 0
+
+
+def test_edits_files_as_the_daemon_does(make_daemon, site):
+    """The same random changes, through a daemon and in files, leave the same files behind."""
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+    chance = random.Random(11)
+    names = ["al", "alice", "Alice", "bob", "bobby", "rootling", "carol@x.y"]
+    for _ in range(60):
+        args = [chance.choice(("grant", "grant", "deny")), chance.choice(names),
+                chance.choice(ROLES)]
+        if chance.random() < 0.4:
+            args.insert(0, "-g")
+        assert as_root(daemon, *args)[0] == 0, args
+        site.good(*args)
+        for role in ROLES:
+            path = daemon.root / role / ".dovmaaccess"
+            ours = site.access(role)
+            assert ours == (path.read_text() if path.exists() else None), (args, role)
+
+
+def test_accounts_of_a_running_daemon(make_daemon):
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+
+    def status(login):
+        return daemon.request("GET", "/pub/f.txt", user=login).status
+
+    assert daemon.user_tool("add", "alice", input="wonder\n").returncode == 0
+    assert status("alice:wonder") == 200
+    assert daemon.user_tool("passwd", "alice", input="other\n").returncode == 0
+    assert (status("alice:wonder"), status("alice:other")) == (401, 200)
+    assert daemon.user_tool("lock", "alice").returncode == 0
+    assert status("alice:other") == 401
+    assert daemon.user_tool("unlock", "alice").returncode == 0
+    assert status("alice:other") == 200
+    longest = "x" * (42 - len("local\\alice:"))
+    assert daemon.user_tool("passwd", "alice", input=longest).returncode == 0
+    assert status(f"local\\alice:{longest}") == 200
+    assert daemon.user_tool("del", "alice").returncode == 0
+    assert status(f"alice:{longest}") == 401
