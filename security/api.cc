@@ -88,8 +88,9 @@ void* enter(int index, const char* name) {
     return address;
 }
 
+// Part of each stub, so that arguments are passed on once.
 template <class Result, class... Args>
-Result forward(int index, const char* name, Args... args) {
+[[gnu::always_inline]] inline Result forward(int index, const char* name, Args... args) {
     void* address = enter(index, name);
     if (address == nullptr) {
         return static_cast<Result>(at_not_available);
@@ -102,10 +103,11 @@ using word = std::uintptr_t;
 }  // namespace
 
 int isAdminAPI(const char* name) {
-    return std::find(admin_symtab.begin(), admin_symtab.end(), std::string_view(name)) !=
-                   admin_symtab.end()
-               ? 1
-               : 0;
+    if (name == nullptr) {
+        return 0;
+    }
+    const auto found = std::find(admin_symtab.begin(), admin_symtab.end(), std::string_view(name));
+    return found != admin_symtab.end() ? 1 : 0;
 }
 
 // --- Entry points with a known signature ---

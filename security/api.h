@@ -5,7 +5,9 @@
 // in at_types.h, the others forward twelve machine words (no floating point, no structures by
 // value) and return a 64-bit word. A call returns 24598 when the library can't be loaded or lacks
 // the symbol. The stubs are hidden symbols: a library that calls its own functions must not land
-// here. No stub may be called after the last molbAtTerminate: it would load the library again.
+// here. Should it do so while it is being loaded, initialised or unloaded, the call is refused with
+// 24598, since the thread holds the lock that the call would wait for. No stub may be called after
+// the last molbAtTerminate: it would load the library again.
 #pragma once
 
 #include <cstddef>
@@ -34,8 +36,8 @@ void molbatOnceInit();
 std::uint32_t molbAtInit_S(const molb_version* version, void** handle, const molb_init* init,
                            std::uintptr_t a, std::uintptr_t b, std::uintptr_t c);
 
-// Loads the library, or raises the load count. `version` and `specification` may be null.
-std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* specification);
+// Loads the library, or raises the load count. `version` and `settings` may be null.
+std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* settings);
 // Lowers the load count; the last call unloads and forgets every symbol.
 void molbatLibraryUnload();
 
@@ -45,7 +47,7 @@ std::uint32_t molbatLoadSymbols(void* handle, int first, int last);
 void* molbatGetSymbol(int index, const char* name);
 
 // "Load", "Load|HOME" or "Load|HOME|LIBRARY_PATH" as a new text (free); null without memory.
-char* makeLoadCmd(const molb_init* specification);
+char* makeLoadCmd(const molb_init* settings);
 
 // 1 when the name is one of the administrative entry points, else 0.
 int isAdminAPI(const char* name);

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdarg>
@@ -31,6 +32,20 @@ struct symbol_row {
 std::array<symbol_row, api_index_max + 2> symtab = {{MOLBAT_ENTRY_POINTS(MOLBAT_ROW){nullptr}}};
 #undef MOLBAT_ROW
 
+// A row's place in the list is its index: nothing may be missing, doubled or out of order.
+constexpr bool rows_in_order() {
+#define MOLBAT_INDEX(index, name, kind) index,
+    constexpr std::array indices = {MOLBAT_ENTRY_POINTS(MOLBAT_INDEX)};
+#undef MOLBAT_INDEX
+    for (std::size_t i = 0; i < indices.size(); ++i) {
+        if (indices[i] != static_cast<int>(i)) {
+            return false;
+        }
+    }
+    return indices.size() == api_index_max + 1;
+}
+static_assert(rows_in_order());
+
 struct api_version {
     int major;
     int minor;
@@ -54,7 +69,7 @@ struct loader_state {
     void* admin_handle = nullptr;  // cleared on unload, never set
     control_function autoloader = nullptr;
     std::atomic<int> load_count{0};
-    int highest = -1;
+    std::atomic<int> highest{-1};
     char* g_zel_home_dir = nullptr;
 };
 
@@ -124,14 +139,14 @@ std::uint32_t load_more(const molb_version* version, int wanted) {
 }
 
 // Opens the library's file and finds its loader entry; both stay known after an unload.
-std::uint32_t find_autoloader(const molb_init* specification) {
+std::uint32_t find_autoloader(const molb_init* settings) {
     if (state.autoloader != nullptr) {
         return at_ok;
     }
     std::array<char, path_bytes_max> path{};
     std::uint32_t error = at_ok;
-    if (tpk_method_make_path_ex(0, library_template, specification, path.size(), path.data(),
-                                &error) == 0) {
+    if (tpk_method_make_path_ex(0, library_template, settings, path.size(), path.data(), &error) ==
+        0) {
         debug(1, "make_path(%s): %d\n", library_template, static_cast<int>(error));
         return error;
     }
@@ -150,9 +165,9 @@ std::uint32_t find_autoloader(const molb_init* specification) {
     return at_ok;
 }
 
-std::uint32_t call_autoloader(const molb_init* specification) {
+std::uint32_t call_autoloader(const molb_init* settings) {
     debug(3, "molbatLibraryLoad: calling autoloader 'Load'\n");
-    char* command = makeLoadCmd(specification);
+    char* command = makeLoadCmd(settings);
     if (command == nullptr) {
         return at_no_memory;
     }
@@ -169,10 +184,10 @@ std::uint32_t call_autoloader(const molb_init* specification) {
 }
 
 std::uint32_t first_load(const molb_version* version, const molb_version& used, int wanted,
-                         const molb_init* specification) {
-    std::uint32_t result = find_autoloader(specification);
+                         const molb_init* settings) {
+    std::uint32_t result = find_autoloader(settings);
     if (result == at_ok) {
-        result = call_autoloader(specification);
+        result = call_autoloader(settings);
     }
     if (result != at_ok) {
         return result;
@@ -198,18 +213,34 @@ void remember_home(const molb_init* init) {
 }
 
 std::uint32_t call_library_init(const molb_version* version, void** handle,
-                                const molb_init& specification, std::uintptr_t a, std::uintptr_t b,
+                                const molb_init& settings, std::uintptr_t a, std::uintptr_t b,
                                 std::uintptr_t c) {
     if (void* address = molbatGetSymbol(170, "molbAtInitEx"); address != nullptr) {
         debug_call("molbAtInitEx");
-        return reinterpret_cast<decltype(&molbAtInitEx)>(address)(version, handle, &specification,
-                                                                  a, b, c);
+        return reinterpret_cast<decltype(&molbAtInitEx)>(address)(version, handle, &settings, a, b,
+                                                                  c);
     }
     if (void* address = molbatGetSymbol(0, "molbAtInit"); address != nullptr) {
         debug_call("molbAtInit");
         return reinterpret_cast<decltype(&molbAtInit)>(address)(version, handle);
     }
     return at_not_available;
+}
+
+// Finds one symbol and remembers its address.
+std::uint32_t resolve(void* library, int index) {
+    symbol_row& row = symtab[static_cast<std::size_t>(index)];
+    void* address = dlsym(library, row.name);
+    if (address == nullptr) {
+        debug(1, "dlsym(%s) failed: %s\n", row.name, last_dl_error());
+        return at_not_available;
+    }
+    (void)pthread_mutex_lock(&api_mon.mutex);
+    row.address = address;
+    (void)pthread_mutex_unlock(&api_mon.mutex);
+    debug(4, "symbol %d (%s) => 0x%x\n", index, row.name,
+          static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address)));
+    return at_ok;
 }
 
 }  // namespace
@@ -233,9 +264,11 @@ void debug(debug_level level, const char* format, ...) {
     }
     va_list args;
     va_start(args, format);
+    flockfile(debug_stream);  // one message, one line, whatever other threads write
     (void)std::fprintf(debug_stream, "api(%d) ", level.line);
     (void)std::vfprintf(debug_stream, format, args);
     (void)std::fflush(debug_stream);
+    funlockfile(debug_stream);
     va_end(args);
 }
 
@@ -262,14 +295,14 @@ api_status molbat_status() {
             .loaded = state.handle.load() != nullptr};
 }
 
-char* makeLoadCmd(const molb_init* specification) {
+char* makeLoadCmd(const molb_init* settings) {
     std::string command = "Load";
-    if (specification != nullptr) {
+    if (settings != nullptr) {
         command += "|";
-        command += specification->home != nullptr ? specification->home : "";
-        if (is_set(specification->library_path)) {
+        command += settings->home != nullptr ? settings->home : "";
+        if (is_set(settings->library_path)) {
             command += "|";
-            command += specification->library_path;
+            command += settings->library_path;
         }
     }
     return strdup(command.c_str());
@@ -302,17 +335,7 @@ void* molbatGetSymbol(int index, const char* name) {
     if (std::strcmp(name, row.name) != 0 || state.handle == nullptr) {
         return nullptr;
     }
-    void* address = dlsym(state.handle, name);
-    if (address == nullptr) {
-        debug(1, "dlsym(%s) failed: %s\n", name, last_dl_error());
-        return nullptr;
-    }
-    (void)pthread_mutex_lock(&api_mon.mutex);
-    row.address = address;
-    (void)pthread_mutex_unlock(&api_mon.mutex);
-    debug(4, "symbol %d (%s) => 0x%x\n", index, name,
-          static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address)));
-    return address;
+    return resolve(state.handle, index) == at_ok ? row.address.load() : nullptr;
 }
 
 std::uint32_t molbatLoadSymbols(void* handle, int first, int last) {
@@ -329,30 +352,25 @@ std::uint32_t molbatLoadSymbols(void* handle, int first, int last) {
     for (int index = first; index <= last && result == at_ok; ++index) {
         symbol_row& row = symtab[static_cast<std::size_t>(index)];
         if (row.address == nullptr) {
-            row.address = dlsym(handle, row.name);
+            result = resolve(handle, index);
         }
-        if (row.address == nullptr) {
-            debug(1, "dlsym(%s) failed: %s\n", row.name, last_dl_error());
-            result = at_not_available;
-        } else {
-            state.highest = index > state.highest ? index : state.highest;
-            debug(4, "symbol %d (%s) => 0x%x\n", index, row.name,
-                  static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(row.address.load())));
+        if (result == at_ok) {
+            state.highest = std::max(index, state.highest.load());
         }
     }
     debug(2, "molbatLoadSymbols: rc %d; current max api index %d\n", static_cast<int>(result),
-          state.highest);
+          state.highest.load());
     return result;
 }
 
-std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* specification) {
+std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* settings) {
     molb_init completed{};
-    if (specification != nullptr) {
-        completed = *specification;
+    if (settings != nullptr) {
+        completed = *settings;
         if (!is_set(completed.home)) {
             completed.home = state.g_zel_home_dir;
         }
-        specification = &completed;
+        settings = &completed;
     }
     molb_version used{};
     const int wanted = molbat_negotiate(version, &used);
@@ -360,7 +378,7 @@ std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* sp
         return at_invalid_argument;
     }
     return state.load_count > 0 ? load_more(version, wanted)
-                                : first_load(version, used, wanted, specification);
+                                : first_load(version, used, wanted, settings);
 }
 
 void molbatLibraryUnload() {
@@ -389,18 +407,21 @@ std::uint32_t molbAtInit_S(const molb_version* version, void** handle, const mol
                            std::uintptr_t a, std::uintptr_t b, std::uintptr_t c) {
     run_once_init();
     const write_lock_guard lock(&api_mon);
+    if (lock.refused()) {
+        return at_not_available;
+    }
     debug(1, "AtInit version {%d,%d}\n", version != nullptr ? version->major : 0,
           version != nullptr ? version->minor : 0);
     remember_home(init);
-    molb_init specification = init != nullptr ? *init : molb_init{};
-    specification.home = state.g_zel_home_dir;
+    molb_init settings = init != nullptr ? *init : molb_init{};
+    settings.home = state.g_zel_home_dir;
     const bool has_home = init != nullptr && is_set(init->home);
-    std::uint32_t result = molbatLibraryLoad(version, has_home ? &specification : nullptr);
+    std::uint32_t result = molbatLibraryLoad(version, has_home ? &settings : nullptr);
     if (result != at_ok) {
         debug(1, "molbAtInit(S): load failed %d\n", static_cast<int>(result));
         return result;
     }
-    result = call_library_init(version, handle, specification, a, b, c);
+    result = call_library_init(version, handle, settings, a, b, c);
     if (result != at_ok) {
         molbatLibraryUnload();
         debug(1, "molbAtInit(S): initialize failed %d\n", static_cast<int>(result));
@@ -423,7 +444,7 @@ std::uint32_t molbAtTerminate(void* handle) {
     }
     run_once_init();
     const write_lock_guard lock(&api_mon);
-    if (state.handle == nullptr) {
+    if (lock.refused() || state.handle == nullptr) {
         return at_not_available;
     }
     if (void* address = molbatGetSymbol(1, "molbAtTerminate"); address != nullptr) {

@@ -5,6 +5,15 @@
 
 api_monitor api_mon;
 
+namespace {
+
+bool held_by_caller(const api_monitor& monitor) {
+    return monitor.m_lock_type == Mon_WriteLocked &&
+           pthread_equal(monitor.writer, pthread_self()) != 0;
+}
+
+}  // namespace
+
 void at_check(bool holds, const char* expression, const char* function) {
     if (!holds) {
         (void)std::fprintf(stderr, "Assertion failed: %s, file api, function %s\n", expression,
@@ -35,10 +44,15 @@ void monitor_init(api_monitor* monitor) {
 lock_result monitor_write_lock(api_monitor* monitor) {
     at_check(monitor->m_initialized == TPK_True, "(&api_mon)->m_initialized == TPK_True");
     (void)pthread_mutex_lock(&monitor->mutex);
+    if (held_by_caller(*monitor)) {
+        (void)pthread_mutex_unlock(&monitor->mutex);
+        return lock_result::own_writer;
+    }
     ++monitor->m_queued_writers;
     while (monitor->m_lock_type != Mon_NoLock) {
         if (pthread_cond_wait(&monitor->wake, &monitor->mutex) != 0) {
             --monitor->m_queued_writers;
+            (void)pthread_cond_broadcast(&monitor->wake);  // readers may have waited for this one
             (void)pthread_mutex_unlock(&monitor->mutex);
             return lock_result::not_taken;
         }
@@ -56,8 +70,7 @@ lock_result monitor_read_lock(api_monitor* monitor) {
     at_check(monitor->m_initialized == TPK_True, "(&api_mon)->m_initialized == TPK_True");
     (void)pthread_mutex_lock(&monitor->mutex);
     at_check(monitor->m_queued_writers >= 0, "(&api_mon)->m_queued_writers >= 0");
-    if (monitor->m_lock_type == Mon_WriteLocked &&
-        pthread_equal(monitor->writer, pthread_self()) != 0) {
+    if (held_by_caller(*monitor)) {
         (void)pthread_mutex_unlock(&monitor->mutex);
         return lock_result::own_writer;
     }

@@ -1,7 +1,7 @@
 // The readers/writer monitor over the library handle and the symbol table, and the shim's checks.
 //
 // Writers (init, terminate) exclude everybody and are preferred over new readers (calls). A thread
-// that holds the write lock never waits for a read lock: it is told so instead.
+// that holds the write lock never waits for another lock: it is told so instead.
 #pragma once
 
 #include <pthread.h>
@@ -10,9 +10,9 @@ enum tpk_bool : int { TPK_False = 0, TPK_True = 1 };
 enum monitor_lock : int { Mon_NoLock = 0, Mon_ReadLocked = 1, Mon_WriteLocked = 2 };
 
 struct api_monitor {
-    pthread_mutex_t mutex;
-    pthread_cond_t wake;
-    pthread_cond_t spare;  // created, never waited on
+    pthread_mutex_t mutex{};
+    pthread_cond_t wake{};
+    pthread_cond_t spare{};  // created, never waited on
     int m_num_readers = 0;
     int m_queued_writers = 0;
     int m_lock_type = Mon_NoLock;
@@ -27,8 +27,8 @@ void monitor_init(api_monitor* monitor);
 
 enum class lock_result { taken, not_taken, own_writer };
 
-// Returns not_taken when a wait failed: the caller goes on and must not release. A read lock asked
-// for by the thread that holds the write lock is own_writer.
+// Returns not_taken when a wait failed: the caller goes on and must not release. A lock asked for
+// by the thread that holds the write lock is own_writer: the caller must neither go on nor release.
 lock_result monitor_write_lock(api_monitor* monitor);
 lock_result monitor_read_lock(api_monitor* monitor);
 void monitor_release(api_monitor* monitor);
@@ -48,6 +48,11 @@ class write_lock_guard {
     }
     write_lock_guard(const write_lock_guard&) = delete;
     write_lock_guard& operator=(const write_lock_guard&) = delete;
+    write_lock_guard(write_lock_guard&&) = delete;
+    write_lock_guard& operator=(write_lock_guard&&) = delete;
+
+    // Whether this thread is inside a write lock already.
+    [[nodiscard]] bool refused() const { return result_ == lock_result::own_writer; }
 
   private:
     api_monitor* monitor_;

@@ -23,7 +23,7 @@ struct free_text {
     void operator()(char* text) const { std::free(text); }
 };
 
-// A text of the specification, else of the environment; empty when neither is set.
+// A text of the given settings, else of the environment; empty when neither is set.
 std::string_view setting(const char* specified, const char* variable) {
     if (specified != nullptr && *specified != '\0') {
         return specified;
@@ -78,7 +78,7 @@ std::uint32_t relative_part(std::string_view path, bool under_home, std::string*
 
 }  // namespace
 
-int tpk_method_make_path_ex(int kind, const char* path_template, const molb_init* specification,
+int tpk_method_make_path_ex(int kind, const char* path_template, const molb_init* settings,
                             std::size_t size, char* out, std::uint32_t* error) {
     const auto fail = [error](std::uint32_t code) {
         *error = code;
@@ -91,7 +91,7 @@ int tpk_method_make_path_ex(int kind, const char* path_template, const molb_init
     if (path.size() >= size) {
         return fail(at_no_memory);
     }
-    const molb_init given = specification != nullptr ? *specification : molb_init{};
+    const molb_init given = settings != nullptr ? *settings : molb_init{};
     const std::string_view library_path = setting(given.library_path, "ZEL_USE_LIBPATH");
     const std::string_view home =
         kind == 3 ? std::string_view() : setting(given.home, "ZEL_HOME_DIR");

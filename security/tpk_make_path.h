@@ -10,11 +10,11 @@
 extern const char* molbat_loc_path;
 
 // Builds the path of a library file from a template below "/opt/MOLBat/". `kind` is 0, 3 or 4; kind
-// 3 ignores every home directory. `specification` (may be null) may override home directory and
+// 3 ignores every home directory. `settings` (may be null) may override home directory and
 // library path; ZEL_HOME_DIR and ZEL_USE_LIBPATH stand in for empty ones. With a library path the
 // result is the bare file name, left to dlopen's own search. Returns 1 and a terminated text of at
 // most `size` bytes, or 0 with an at_result in *error.
-int tpk_method_make_path_ex(int kind, const char* path_template, const molb_init* specification,
+int tpk_method_make_path_ex(int kind, const char* path_template, const molb_init* settings,
                             std::size_t size, char* out, std::uint32_t* error);
 int tpk_method_make_path(int kind, const char* path_template, std::size_t size, char* out,
                          std::uint32_t* error);

@@ -12,10 +12,10 @@
 #define EXPORTED __attribute__((visibility("default")))
 
 extern "C" {
-EXPORTED fake_call fake_last{};
+EXPORTED thread_local fake_call fake_last{};
 EXPORTED std::uint64_t fake_result = 0;
-EXPORTED std::uintptr_t* fake_changes = nullptr;
 EXPORTED char fake_command[256] = "";
+EXPORTED void (*fake_on_control)() = nullptr;
 EXPORTED int fake_loads = 0;
 EXPORTED int fake_unloads = 0;
 }
@@ -28,9 +28,6 @@ std::uint64_t record(int index, const word (&arguments)[12]) {
     fake_last.index = index;
     ++fake_last.count;
     std::memcpy(fake_last.arguments, arguments, sizeof(arguments));
-    for (int i = 0; fake_changes != nullptr && i < fake_changed_words; ++i) {
-        ++fake_changes[i];
-    }
     return fake_result;
 }
 
@@ -49,6 +46,9 @@ MOLBAT_ENTRY_POINTS(FAKE_ENTRY)
 extern "C" EXPORTED std::uint32_t molbatLibraryControl(const char* command, void* arg);
 
 std::uint32_t molbatLibraryControl(const char* command, void* arg) {
+    if (fake_on_control != nullptr) {
+        fake_on_control();
+    }
     std::strncpy(fake_command, command, sizeof(fake_command) - 1);
     if (std::strncmp(command, "Load", 4) != 0) {
         ++fake_unloads;

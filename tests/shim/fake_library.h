@@ -8,5 +8,3 @@ struct fake_call {
     int count;
     std::uintptr_t arguments[12];
 };
-
-inline constexpr int fake_changed_words = 16;

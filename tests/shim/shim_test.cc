@@ -104,15 +104,25 @@ TEST(Stubs, PassWordsAndPointersUnchanged) {
     });
 }
 
-// A forwarder turned into a jump would put old stack words back over the caller's locals.
+// Opens the library before the shim does, so that its load entry can be made to call back.
+void call_back_on_control(void (*function)()) {
+    const std::string path = std::string(std::getenv("ZEL_HOME_DIR")) + "/lib/libmolbat4L_t.so";
+    REQUIRE(dlopen(path.c_str(), RTLD_NOW) != nullptr);
+    *fake<void (*)()>("fake_on_control") = function;
+}
+
+constexpr int locals_count = 16;
+volatile std::uintptr_t* callers_locals = nullptr;
+
+// A forwarder that ends in a jump would read the words above its frame, resolve the symbol and
+// write the old words back over the locals of a caller that passed fewer arguments.
 [[gnu::noinline]] bool locals_survive() {
-    volatile std::uintptr_t locals[fake_changed_words];
+    volatile std::uintptr_t locals[locals_count];
     for (auto& local : locals) {
         local = 1000;
     }
-    *fake<std::uintptr_t*>("fake_changes") = const_cast<std::uintptr_t*>(&locals[0]);
+    callers_locals = &locals[0];
     (void)molbAtRegisterService(7);
-    *fake<std::uintptr_t*>("fake_changes") = nullptr;
     for (const auto& local : locals) {
         if (local != 1001) {
             return false;
@@ -124,10 +134,12 @@ TEST(Stubs, PassWordsAndPointersUnchanged) {
 TEST(Stubs, LeaveTheCallersStackAlone) {
     in_child([] {
         use_library("libfake_full.so");
-        (void)molbAtGetSecurityLevel();
-        for (int i = 0; i < 3; ++i) {
-            REQUIRE(locals_survive());
-        }
+        call_back_on_control([] {
+            for (int i = 0; i < locals_count; ++i) {
+                callers_locals[i] = callers_locals[i] + 1;
+            }
+        });
+        REQUIRE(locals_survive());
     });
 }
 
@@ -173,6 +185,55 @@ TEST(Loader, CountsLoadsAndForgetsEverythingAtTheEnd) {
     });
 }
 
+// Called by the library while it is being loaded and unloaded, as if its own calls landed in the
+// stubs: a refusal, where waiting would never end.
+void call_stubs_from_the_library() {
+    void* handle = nullptr;
+    REQUIRE(molbAtFree(&handle) == at_not_available);
+    REQUIRE(molbAtGetSecurityLevel() == at_not_available);
+    REQUIRE(molbAtInit(nullptr, &handle) == at_not_available);
+    REQUIRE(molbAtTerminate(&handle) == at_not_available);
+}
+
+TEST(Loader, RefusesCallsOutOfItsOwnLoadAndUnload) {
+    in_child([] {
+        use_library("libfake_full.so");
+        alarm(30);
+        call_back_on_control(call_stubs_from_the_library);
+        void* handle = nullptr;
+        REQUIRE(molbAtInit(nullptr, &handle) == 0);
+        REQUIRE(molbat_status().load_count == 1);
+        REQUIRE(molbAtFree(nullptr) == 0);
+        REQUIRE(molbAtTerminate(&handle) == 0);
+        REQUIRE(*fake<int>("fake_unloads") == 1 && molbat_status().load_count == 0);
+    });
+}
+
+TEST(Loader, ServesThreadsWhileOthersInitialise) {
+    in_child([] {
+        use_library("libfake_full.so");
+        void* handle = nullptr;
+        REQUIRE(molbAtInit(nullptr, &handle) == 0);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([t, &handle] {
+                for (int i = 0; i < 300; ++i) {
+                    void* own = nullptr;
+                    REQUIRE(molbAtFree(nullptr) == 0 && fake<fake_call>("fake_last")->index == 91);
+                    if (i % 4 == t) {
+                        REQUIRE(molbAtInit(nullptr, &own) == 0);
+                        REQUIRE(molbAtTerminate(&handle) == 0);
+                    }
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        REQUIRE(molbat_status().load_count == 1);
+    });
+}
+
 TEST(Loader, ToleratesMissingNewSymbolsOnlyWithoutAVersion) {
     in_child([] {  // exactly 0..100
         use_library("libfake_gap101.so");
@@ -214,7 +275,7 @@ TEST(Loader, PassesOnTheLibrarysRefusal) {
             REQUIRE(molbat_status().load_count == 0);
         });
     }
-    molb_init specification{
+    molb_init settings{
         .home = "/h", .data_dir = nullptr, .reserved = nullptr, .library_path = nullptr};
     const auto command = [](const molb_init* given) {
         char* text = makeLoadCmd(given);
@@ -223,9 +284,9 @@ TEST(Loader, PassesOnTheLibrarysRefusal) {
         return copy;
     };
     EXPECT_EQ(command(nullptr), "Load");
-    EXPECT_EQ(command(&specification), "Load|/h");
-    specification.library_path = "/l";
-    EXPECT_EQ(command(&specification), "Load|/h|/l");
+    EXPECT_EQ(command(&settings), "Load|/h");
+    settings.library_path = "/l";
+    EXPECT_EQ(command(&settings), "Load|/h|/l");
 }
 
 TEST(Loader, DebugLevelFourNamesEveryCall) {
@@ -307,14 +368,14 @@ TEST(Paths, FollowHomeLibraryPathAndLocationFile) {
     unsetenv("ZEL_USE_LIBPATH");
     for (const row& r : rows) {
         molbat_loc_path = r.location->c_str();
-        const molb_init specification{.home = r.home,
-                                      .data_dir = nullptr,
-                                      .reserved = nullptr,
-                                      .library_path = r.library_path};
+        const molb_init settings{.home = r.home,
+                                 .data_dir = nullptr,
+                                 .reserved = nullptr,
+                                 .library_path = r.library_path};
         char out[2048] = "";
         std::uint32_t error = 0;
         const int ok =
-            tpk_method_make_path_ex(r.kind, path_template, &specification, sizeof out, out, &error);
+            tpk_method_make_path_ex(r.kind, path_template, &settings, sizeof out, out, &error);
         EXPECT_EQ(ok, r.result != nullptr ? 1 : 0) << r.home;
         EXPECT_EQ(error, r.error);
         if (r.result != nullptr) {
@@ -323,7 +384,7 @@ TEST(Paths, FollowHomeLibraryPathAndLocationFile) {
         // A buffer that is one byte short is never overrun.
         if (r.result != nullptr) {
             std::vector<char> tight(std::strlen(r.result));
-            EXPECT_EQ(tpk_method_make_path_ex(r.kind, path_template, &specification, tight.size(),
+            EXPECT_EQ(tpk_method_make_path_ex(r.kind, path_template, &settings, tight.size(),
                                               tight.data(), &error),
                       0);
         }
@@ -368,6 +429,7 @@ TEST(Monitor, WritersExcludeEverybodyAndReadersShare) {
     // A stub entered by the thread that is initialising the library is told so, not blocked.
     const write_lock_guard lock(&monitor);
     EXPECT_EQ(monitor_read_lock(&monitor), lock_result::own_writer);
+    EXPECT_EQ(monitor_write_lock(&monitor), lock_result::own_writer);
 }
 
 TEST(Monitor, BrokenInvariantsEndTheProcess) {
