@@ -26,9 +26,9 @@ constexpr const char* page_head =
     "<tr><th>Name</th><th>Modified</th><th>Size</th></tr>"
     "<tr><td colspan=\"3\"><hr></td></tr>";
 
-class Listing : public testing::Test {
+class directory_listing : public testing::Test {
   protected:
-    Listing() {
+    directory_listing() {
         setenv("TZ", "UTC0", 1);
         tzset();
         std::filesystem::create_directory(folder());
@@ -69,7 +69,7 @@ std::string row(const std::string& name, const std::string& size) {
            "</a></td><td>&nbsp;14-Nov-2023 22:13</td><td>&nbsp;&nbsp;" + size + "</td></tr>";
 }
 
-TEST_F(Listing, HeadAndEmptyDirectory) {
+TEST_F(directory_listing, HeadAndEmptyDirectory) {
     const std::string reply = engine_.exchange(make_request("GET", "/d/"));
     EXPECT_TRUE(
         reply.starts_with("HTTP/1.1 200 OK\r\nConnection: close\r\n"
@@ -79,13 +79,13 @@ TEST_F(Listing, HeadAndEmptyDirectory) {
     EXPECT_TRUE(rows().empty());
 }
 
-TEST_F(Listing, SizesAndNames) {
+TEST_F(directory_listing, SizesAndNames) {
     add("a-0", 0);
     add("b-1023", 1023);
     add("c-1024", 1024);
     add("d-1048575", 1048575);
     add("e-1048576", 1048576);
-    add("f-2M", 2 * 1048576);
+    add("f-2M", 2097152);
     add("g-<&\"'> %41", 5);
     add("h-.hidden", 1536);
     add(".dovmaaccess", 10);
@@ -99,12 +99,12 @@ TEST_F(Listing, SizesAndNames) {
     EXPECT_TRUE(sub.ends_with("<td>&nbsp;&nbsp;&lt;DIR&gt;</td></tr>")) << sub;
 }
 
-TEST_F(Listing, EntryWithoutStatusIsListed) {
+TEST_F(directory_listing, EntryWithoutStatusIsListed) {
     ASSERT_EQ(symlink("nowhere", (folder() / "dangling").c_str()), 0);
     ASSERT_EQ(rows().size(), 1U);
 }
 
-TEST_F(Listing, CannotBeOpened) {
+TEST_F(directory_listing, CannotBeOpened) {
     const unique_fd client = engine_.connect();
     engine_.poll();
     rlimit limit{};
@@ -117,7 +117,7 @@ TEST_F(Listing, CannotBeOpened) {
     EXPECT_EQ(reply, "HTTP/1.1 500 Cannot open directory\r\n\r\n500 Cannot open directory");
 }
 
-TEST_F(Listing, ThousandsOfEntriesForAnyReader) {
+TEST_F(directory_listing, ThousandsOfEntriesForAnyReader) {
     std::set<std::string> expected;
     for (int i = 0; i < 3000; ++i) {
         const std::string name = "entry-" + std::to_string(i);
@@ -143,7 +143,7 @@ TEST_F(Listing, ThousandsOfEntriesForAnyReader) {
     }
 }
 
-TEST_F(Listing, BufferTooSmallForARowEndsThePage) {
+TEST_F(directory_listing, BufferTooSmallForARowEndsThePage) {
     add("a", 1);
     engine_.ctx->io_buf_size = 2559;
     EXPECT_EQ(body_of(engine_.exchange(make_request("GET", "/d/"))), page_head);

@@ -44,6 +44,7 @@ void use_zone(const char* rule) {
 
 std::vector<std::string> ids_of_starts() {
     std::vector<std::string> ids;
+    ids.reserve(starts.size());
     for (const start_record& s : starts) {
         ids.push_back(s.id);
     }
@@ -92,7 +93,7 @@ class driven_scheduler {
     std::unique_ptr<scheduler_state, deleter> state_;
 };
 
-class Engine : public testing::Test {
+class scheduler_engine : public testing::Test {
   protected:
     void SetUp() override { use_zone("UTC0"); }
 };
@@ -234,7 +235,7 @@ TEST(Simulation, EveryPlannedMinuteStartsExactlyOnce) {
     }
 }
 
-TEST_F(Engine, PlansWithinTheHour) {
+TEST_F(scheduler_engine, PlansWithinTheHour) {
     const std::time_t ten = half_past_ten - 1800;
     driven_scheduler five("job - */5 * * * * cmd\n", ten + 450);
     EXPECT_EQ(five.next("job"), ten + 600);
@@ -255,14 +256,14 @@ TEST_F(Engine, PlansWithinTheHour) {
     EXPECT_EQ(late.check(ten + 3601), texts{"job"});
 }
 
-TEST_F(Engine, StartsInOrderOfTimeThenId) {
+TEST_F(scheduler_engine, StartsInOrderOfTimeThenId) {
     driven_scheduler scheduler(
         "b - 30 * * * * cmd\na - 30 * * * * cmd\nc - 29 * * * * cmd\nd - * * * * * cmd\n",
         half_past_ten);
     EXPECT_EQ(scheduler.check(half_past_ten + 3), (texts{"a", "b", "d"}));
 }
 
-TEST_F(Engine, IntervalsCountFromThePlanning) {
+TEST_F(scheduler_engine, IntervalsCountFromThePlanning) {
     const std::time_t at = half_past_ten + 30;
     driven_scheduler scheduler("five - 5 - x x x cmd\nnever - 0 - x x x cmd\n", at);
     EXPECT_EQ(scheduler.next("five"), at + 300);
@@ -279,7 +280,7 @@ TEST_F(Engine, IntervalsCountFromThePlanning) {
     EXPECT_EQ(huge.check(half_past_ten), texts{"job"});
 }
 
-TEST_F(Engine, KickoffOnceAndOnlyKnownEntries) {
+TEST_F(scheduler_engine, KickoffOnceAndOnlyKnownEntries) {
     const std::string lines =
         "z kickoff - - x x x cmd\na kickoff 30 * * * * cmd\nb - - - x x x cmd\n";
     driven_scheduler scheduler(lines, half_past_ten);
@@ -289,7 +290,7 @@ TEST_F(Engine, KickoffOnceAndOnlyKnownEntries) {
     EXPECT_EQ(scheduler.check(half_past_ten + 15), texts{"a"});  // loaded anew in its minute
 }
 
-TEST_F(Engine, ClockForward) {
+TEST_F(scheduler_engine, ClockForward) {
     driven_scheduler scheduler("every - * * * * * cmd\nquarter - */15 * * * * cmd\n",
                                half_past_ten + 60);
     EXPECT_EQ(scheduler.check(half_past_ten + 65), texts{"every"});
@@ -299,7 +300,7 @@ TEST_F(Engine, ClockForward) {
     EXPECT_EQ(scheduler.check(half_past_ten + 1801), (texts{"every", "quarter"}));
 }
 
-TEST_F(Engine, ClockBackward) {
+TEST_F(scheduler_engine, ClockBackward) {
     const std::string lines = "every - * * * * * cmd\nten - 10 * * * * cmd\n";
     driven_scheduler scheduler(lines, half_past_ten);
     EXPECT_EQ(scheduler.check(half_past_ten + 1), texts{"every"});
@@ -315,7 +316,7 @@ TEST_F(Engine, ClockBackward) {
     EXPECT_EQ(scheduler.next("ten"), noon + 600);
 }
 
-TEST_F(Engine, RepeatedIdsRunOnceAndGoWithTheirId) {
+TEST_F(scheduler_engine, RepeatedIdsRunOnceAndGoWithTheirId) {
     const std::string lines = "a - 31 * * * * one\na - 32 * * * * two\na - 31 * * * * three\n";
     driven_scheduler scheduler(lines, half_past_ten);
     EXPECT_EQ(qz_map_size(scheduler.state()->entries), 1);
@@ -335,7 +336,7 @@ TEST_F(Engine, RepeatedIdsRunOnceAndGoWithTheirId) {
     }
 }
 
-TEST_F(Engine, LongIdsMayCollide) {
+TEST_F(scheduler_engine, LongIdsMayCollide) {
     const std::string same(52, 'x');
     driven_scheduler scheduler(same + "1 - 31 * * * * cmd\n" + same + "2 - 31 * * * * cmd\n",
                                half_past_ten);
@@ -345,7 +346,7 @@ TEST_F(Engine, LongIdsMayCollide) {
     EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{same + "1"});
 }
 
-TEST_F(Engine, Rescan) {
+TEST_F(scheduler_engine, Rescan) {
     driven_scheduler scheduler("a - 31 * * * * cmd\nb - 31 * * * * cmd\n", half_past_ten);
     scheduler.edit("a pause 31 * * * * cmd\nb - 40 * * * * cmd\nc - 31 * * * * cmd\n");
     scheduler.rescan("a", half_past_ten + 1);
@@ -359,7 +360,7 @@ TEST_F(Engine, Rescan) {
     EXPECT_EQ(scheduler.check(half_past_ten + 62), texts{"c"});
 }
 
-TEST_F(Engine, LongLinesComeInPieces) {
+TEST_F(scheduler_engine, LongLinesComeInPieces) {
     const std::string tail = "piece - 31 * * * * cmd";
     const std::string head = "long - 31 * * * * " + std::string(1023 - 18, 'c');
     ASSERT_EQ(head.size(), 1023U);
@@ -369,7 +370,7 @@ TEST_F(Engine, LongLinesComeInPieces) {
     EXPECT_EQ(scheduler.check(half_past_ten + 61), (texts{"last", "long", "piece"}));
 }
 
-TEST_F(Engine, NothingToRead) {
+TEST_F(scheduler_engine, NothingToRead) {
     for (const char* path : {static_cast<const char*>(nullptr), "/nonexistent", "/", "/dev/zero"}) {
         std::unique_ptr<scheduler_state, void (*)(scheduler_state*)> state(
             new_scheduler_state(record_start), delete_scheduler_state);
@@ -379,7 +380,7 @@ TEST_F(Engine, NothingToRead) {
     }
 }
 
-TEST_F(Engine, Dump) {
+TEST_F(scheduler_engine, Dump) {
     driven_scheduler scheduler(
         "b - 31 * * * * cmd\na kickoff 30 * * * * cmd\nlong-identifier - 7 - x x x cmd\n"
         "past - 5 * * * * cmd\n",
