@@ -132,7 +132,7 @@ int read_file(const char* path, std::string* content) {
     if (!S_ISREG(info.st_mode)) {
         return not_regular;
     }
-    std::array<char, 65536> block;
+    std::array<char, 65536> block{};
     for (;;) {
         const ssize_t count = read(file.get(), block.data(), block.size());
         if (count == 0) {

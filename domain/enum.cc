@@ -41,9 +41,9 @@ bool read_request(shttpd_call_arg* arg, enum_request* request) {
 
 // What stays the same for every record of one answer.
 struct record_writer {
-    qz_stream* stream;
+    qz_stream* stream = nullptr;
     const enum_request& request;
-    bool short_form;
+    bool short_form = false;
     std::int64_t now = get_current_time();
     bool first = true;
 

@@ -132,7 +132,7 @@ void reset_domain_config(domain_config* config) {
 
 agent_host* make_host(char* hostname, char* revhostname, char* hostid, char* osname,
                       char* osrelease, char* cputype, char* namespace_name) {
-    agent_host* host = qz_need_new<agent_host>();
+    auto* host = new agent_host;
     host->hostname = hostname;
     host->revhostname = revhostname;
     host->hostid = hostid;
@@ -156,7 +156,7 @@ void free_agent_host(void* word) {
         qzfree(text);
     }
     qz_vector_destroy(host->namespaces);
-    qzfree(host);
+    delete host;
 }
 
 void ns_free(void* name) {
@@ -191,11 +191,10 @@ int ns_remove(qz_vector* namespaces, const char* name) {
 // --- Domain entries ---
 
 domain_entry* make_domain_entry(const char* name) {
-    domain_entry* entry = qz_need_new<domain_entry>();
+    auto* entry = new domain_entry;
     entry->name = static_cast<char*>(qz_need(qzstrdup(name)));
     entry->hosts = new_qz_map(compare_string, nullptr, free_agent_host);
     entry->blacklist = new_qz_set(compare_string, qzfree);
-    reset_domain_config(&entry->config);
     return entry;
 }
 
@@ -207,7 +206,7 @@ void free_dhc_info_map(void* word) {
     qzfree(entry->name);
     qz_map_destroy(entry->hosts);
     qz_set_destroy(entry->blacklist);
-    qzfree(entry);
+    delete entry;
 }
 
 bool blacklist_add(domain_entry* entry, std::string_view id) {

@@ -38,16 +38,16 @@ domain_config* domain_mode_config();
 // --- Host records ---
 
 struct agent_host {
-    char* hostname;     // the texts are owned (free) and may be null
-    char* revhostname;  // often empty
-    char* hostid;
-    char* osname;
-    char* osrelease;
-    char* cputype;
-    qz_vector* namespaces;   // owned texts; null: made without one
-    std::uint32_t reported;  // hosts of its last ping's list that were known
-    std::int64_t last_ping;  // 0: never
-    std::int64_t next_due;   // 0: never pinged
+    char* hostname = nullptr;     // the texts are owned (free) and may be null
+    char* revhostname = nullptr;  // often empty
+    char* hostid = nullptr;
+    char* osname = nullptr;
+    char* osrelease = nullptr;
+    char* cputype = nullptr;
+    qz_vector* namespaces = nullptr;  // owned texts; null: made without one
+    std::uint32_t reported = 0;       // hosts of its last ping's list that were known
+    std::int64_t last_ping = 0;       // 0: never
+    std::int64_t next_due = 0;        // 0: never pinged
 };
 
 // A record that takes the texts (heap, each may be null) and holds `namespace_name`, when that is
@@ -68,10 +68,10 @@ int ns_remove(qz_vector* namespaces, const char* name);
 // --- Domain entries ---
 
 struct domain_entry {
-    char* name;         // owned, the entry's key
-    qz_map* hosts;      // id -> agent_host, owned: hosts that reported since the last enumeration
-    qz_set* blacklist;  // owned ids that may not report
-    std::uint32_t cycles;  // enumerations since a blacklisting by an administrator
+    char* name = nullptr;         // owned, the entry's key
+    qz_map* hosts = nullptr;      // id -> agent_host, owned: reported since the last enumeration
+    qz_set* blacklist = nullptr;  // owned ids that may not report
+    std::uint32_t cycles = 0;     // enumerations since a blacklisting by an administrator
     domain_config config;
 };
 

@@ -142,6 +142,7 @@ TEST(DomainFile, WhatIsWrittenIsReadBack) {
         expected[f[2]] = describe(static_cast<agent_host*>(qz_map_find(hosts.get(), f[2].c_str())));
     }
     std::vector<std::string> in_order;
+    in_order.reserve(expected.size());
     for (const auto& [id, host] : expected) {
         in_order.push_back(host);
     }
@@ -153,7 +154,7 @@ TEST(DomainFile, WhatIsWrittenIsReadBack) {
 }
 
 // A running domain server over a file of the test's own.
-class DomainFileOnDisk : public testing::Test {
+class domain_file_on_disk : public testing::Test {
   protected:
     std::string path() const { return engine.root.path() / "domain"; }
 
@@ -172,7 +173,7 @@ class DomainFileOnDisk : public testing::Test {
     test_engine engine;
 };
 
-TEST_F(DomainFileOnDisk, AMissingFileIsMade) {
+TEST_F(domain_file_on_disk, AMissingFileIsMade) {
     switch_to(path());
     EXPECT_NE(enrol("id1").find("200 OK"), std::string::npos);
     EXPECT_EQ(
@@ -180,7 +181,7 @@ TEST_F(DomainFileOnDisk, AMissingFileIsMade) {
         std::vector<std::string>{"h|" + local_peer_name() + "|id1|unknown|unknown|unknown|plx"});
 }
 
-TEST_F(DomainFileOnDisk, AFileThatWasNotReadIsNotRewritten) {
+TEST_F(domain_file_on_disk, AFileThatWasNotReadIsNotRewritten) {
     // A folder stands for every file that exists and cannot be read, also for the superuser.
     std::filesystem::create_directory(path());
     testing::internal::CaptureStderr();
@@ -197,14 +198,14 @@ TEST_F(DomainFileOnDisk, AFileThatWasNotReadIsNotRewritten) {
     EXPECT_EQ(told, 1U) << log;
 }
 
-TEST_F(DomainFileOnDisk, SpecialFilesAreLeftAlone) {
+TEST_F(domain_file_on_disk, SpecialFilesAreLeftAlone) {
     ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
     switch_to(path());  // must not wait for a writer
     EXPECT_NE(enrol("id1").find("200 OK"), std::string::npos);
     EXPECT_TRUE(std::filesystem::is_fifo(path()));
 }
 
-TEST_F(DomainFileOnDisk, AFailedWriteIsToldOnceAndMadeUpFor) {
+TEST_F(domain_file_on_disk, AFailedWriteIsToldOnceAndMadeUpFor) {
     const std::string folder = engine.root.path() / "later";
     const std::string file = folder + "/domain";
     testing::internal::CaptureStderr();

@@ -19,9 +19,9 @@ std::string status_line(const std::string& reply) {
     return reply.substr(0, reply.find("\r\n"));
 }
 
-class Domain : public testing::Test {
+class domain_server : public testing::Test {
   protected:
-    Domain() {
+    domain_server() {
         engine.ctx->domain_file = engine.root.path() / "domain";
         init_domain_info(engine.ctx);
         add_namespace_to_map(engine.ctx, "one", engine.root.path().string());
@@ -46,9 +46,9 @@ class Domain : public testing::Test {
     const std::string rev = local_peer_name();
 };
 
-class Collector : public Domain {
+class collector : public domain_server {
   protected:
-    Collector() {
+    collector() {
         EXPECT_EQ(body_of(post("/admin/dovmad/config", "mode=standalone")), "Success\n");
         EXPECT_EQ(get("/admin/domain/add?domain=d&enable=1"), empty_answer);
     }
@@ -74,7 +74,7 @@ std::string expected_reply(const refusal& each) {
            "\r\nContent-Type: text/plain\r\n\r\n" + each.text;
 }
 
-TEST_F(Domain, Refusals) {
+TEST_F(domain_server, Refusals) {
     constexpr const char* method = "Inappropriate method";
     constexpr const char* missing = "Error: Missing information";
     constexpr const char* no_id = "Error: Host Identifier not specified";
@@ -122,7 +122,7 @@ TEST_F(Domain, Refusals) {
     EXPECT_FALSE(std::filesystem::exists(engine.root.path() / "domain")) << "nothing was changed";
 }
 
-TEST_F(Collector, Refusals) {
+TEST_F(collector, Refusals) {
     const std::vector<refusal> cases = {
         {"POST", "/agent/domain/register", "id=a&host=b", "404", "Not Found"},
         {"GET", "/agent/domain/register", "", "404", "Not Found"},
@@ -153,7 +153,7 @@ TEST_F(Collector, Refusals) {
     EXPECT_EQ(list("?domain=d"), "") << "the domain is still served";
 }
 
-TEST_F(Domain, RegisterAnswersWhatItReceivedAndStoresWhatTheFileCanHold) {
+TEST_F(domain_server, RegisterAnswersWhatItReceivedAndStoresWhatTheFileCanHold) {
     EXPECT_EQ(post("/agent/domain/register",
                    "id=id1&host=fe80::1&osname=a%3Ab&osrelease=6.1%22&cputype=x86+64"),
               "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n"
@@ -167,7 +167,7 @@ TEST_F(Domain, RegisterAnswersWhatItReceivedAndStoresWhatTheFileCanHold) {
     EXPECT_EQ(file(), "[fe80::1]:" + rev + ":id1:a_b:6.1_:x86_64:plx\n");
 }
 
-TEST_F(Domain, MembershipIsPerNamespace) {
+TEST_F(domain_server, MembershipIsPerNamespace) {
     enrol("id1", "/one");
     enrol("id1", "/two");
     enrol("id2", "/two");
@@ -189,7 +189,7 @@ TEST_F(Domain, MembershipIsPerNamespace) {
     EXPECT_EQ(file(), file_line("id2", "two"));
 }
 
-TEST_F(Domain, TheFileIsTheRegistryAfterARestart) {
+TEST_F(domain_server, TheFileIsTheRegistryAfterARestart) {
     enrol("id1", "/one");
     enrol("id2", "/two");
     const std::string before = list("?scope=all&format=json");
@@ -200,7 +200,7 @@ TEST_F(Domain, TheFileIsTheRegistryAfterARestart) {
     EXPECT_EQ(list("?scope=all&format=json"), before);
 }
 
-TEST_F(Domain, RenameTakesTheReverseNameOfTheCaller) {
+TEST_F(domain_server, RenameTakesTheReverseNameOfTheCaller) {
     const std::string path =
         engine.root.write("old", "h:rev:id1:os:1:x:plx\nh:rev:id1:os:1:x:two\n");
     (void)post("/admin/dovmad/config", "mode=standalone");
@@ -210,7 +210,7 @@ TEST_F(Domain, RenameTakesTheReverseNameOfTheCaller) {
               "[::2]:" + rev + ":id1:os:1:x:plx\n[::2]:" + rev + ":id1:os:1:x:two\n");
 }
 
-TEST_F(Domain, JsonFormsOfAnEnumeration) {
+TEST_F(domain_server, JsonFormsOfAnEnumeration) {
     EXPECT_EQ(list("?format=json"), "[\n\n]");
     enrol("id1");
     enrol("id2");
@@ -224,7 +224,7 @@ TEST_F(Domain, JsonFormsOfAnEnumeration) {
     EXPECT_EQ(list("?dronly=1&format=json"), "[\n\n]");
 }
 
-TEST_F(Domain, LongAnswersArriveWholeThroughASmallBuffer) {
+TEST_F(domain_server, LongAnswersArriveWholeThroughASmallBuffer) {
     std::string text;
     std::string expected;
     for (int i = 1000; i < 2000; ++i) {
@@ -243,7 +243,7 @@ TEST_F(Domain, LongAnswersArriveWholeThroughASmallBuffer) {
     EXPECT_EQ(reply.substr(reply.size() - 3), "\n}\n");
 }
 
-TEST_F(Domain, ReportsAndTheDrList) {
+TEST_F(domain_server, ReportsAndTheDrList) {
     for (const char* id : {"id1", "id2", "id3"}) {
         enrol(id);
     }
@@ -267,7 +267,7 @@ TEST_F(Domain, ReportsAndTheDrList) {
     EXPECT_EQ(list("?dronly=1"), "");
 }
 
-TEST_F(Domain, TheDrListNeverOutlivesItsHosts) {
+TEST_F(domain_server, TheDrListNeverOutlivesItsHosts) {
     enrol("id2");
     enrol("id3");
     (void)get("/admin/domain/dhc?enable=1");
@@ -284,7 +284,7 @@ TEST_F(Domain, TheDrListNeverOutlivesItsHosts) {
     EXPECT_EQ(status_line(report("id=id3&dhc=1")), "HTTP/1.1 403 DHC not enabled");
 }
 
-TEST_F(Domain, DhcSettings) {
+TEST_F(domain_server, DhcSettings) {
     EXPECT_EQ(get("/admin/domain/dhc?freq=600&fudge=30"),
               "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n");
     const domain_config& config = *domain_mode_config();
@@ -301,7 +301,7 @@ TEST_F(Domain, DhcSettings) {
     EXPECT_EQ(config.fudge, 8U);
 }
 
-TEST_F(Collector, HandsOverItsHostsOnceAndRefusesTheBlacklisted) {
+TEST_F(collector, HandsOverItsHostsOnceAndRefusesTheBlacklisted) {
     (void)get("/admin/domain/add?domain=d&max_cycles_per_blist=0");
     EXPECT_EQ(ping("b"), "Success\n");
     EXPECT_EQ(ping("a"), "Success\n");
@@ -316,7 +316,7 @@ TEST_F(Collector, HandsOverItsHostsOnceAndRefusesTheBlacklisted) {
     EXPECT_EQ(ping("b"), "Success\n") << "one enumeration ends the blacklist";
 }
 
-TEST_F(Collector, LimitsAndSwitches) {
+TEST_F(collector, LimitsAndSwitches) {
     (void)get("/admin/domain/add?domain=d&max_report_per_dhc=2");
     EXPECT_EQ(ping("a"), "Success\n");
     EXPECT_EQ(ping("b"), "Success\n");
@@ -332,7 +332,7 @@ TEST_F(Collector, LimitsAndSwitches) {
     EXPECT_EQ(list("?domain=d"), "Bad Request");
 }
 
-TEST_F(Collector, ABlacklistLastsForItsCycles) {
+TEST_F(collector, ABlacklistLastsForItsCycles) {
     (void)get("/admin/domain/add?domain=d&blacklist=a:b:");  // two cycles by default
     EXPECT_EQ(list("?domain=d"), "");
     (void)get("/admin/domain/add?domain=d&blacklist=a:");  // known already: no new life
@@ -352,7 +352,7 @@ TEST_F(Collector, ABlacklistLastsForItsCycles) {
     EXPECT_EQ(ping("n"), "Host blacklisted");
 }
 
-TEST_F(Collector, TheLastBlacklistedIdTakesTheNextCharacter) {
+TEST_F(collector, TheLastBlacklistedIdTakesTheNextCharacter) {
     const auto blacklisted = [&](const std::string& query) {
         (void)get("/admin/domain/remove?domain=d");
         (void)get("/admin/domain/add?" + query);
@@ -367,7 +367,7 @@ TEST_F(Collector, TheLastBlacklistedIdTakesTheNextCharacter) {
     EXPECT_EQ(blacklisted("blacklist=&domain=d"), "");
 }
 
-TEST_F(Domain, AClientThatLeavesChangesNothing) {
+TEST_F(domain_server, AClientThatLeavesChangesNothing) {
     enrol("id1");
     (void)get("/admin/domain/dhc?enable=1");
     (void)report("id=id1");
@@ -391,7 +391,7 @@ TEST_F(Domain, AClientThatLeavesChangesNothing) {
     EXPECT_EQ(status_line(engine.exchange_on(late.get(), "id=late")), "HTTP/1.1 404 Not Found");
 }
 
-TEST_F(Domain, ABodyThatNeverFitsIsRefused) {
+TEST_F(domain_server, ABodyThatNeverFitsIsRefused) {
     const std::string big = "id=a&host=b&pad=" + std::string(40000, 'x');
     EXPECT_EQ(status_line(post("/agent/domain/register", big)), "HTTP/1.1 400 Request is too big");
     EXPECT_EQ(find_host(engine.ctx, "a"), nullptr);

@@ -34,6 +34,8 @@ struct domain_context {
     }
     domain_context(const domain_context&) = delete;
     domain_context& operator=(const domain_context&) = delete;
+    domain_context(domain_context&&) = delete;
+    domain_context& operator=(domain_context&&) = delete;
 
     agent_host* add(const std::string& id) {
         agent_host* host = bare_host(id);
@@ -246,7 +248,7 @@ TEST(Record, TimesAndMissingFields) {
 
 TEST(Variables, NumbersAreReadInsideTheirValueOnly) {
     struct {
-        const char* text;
+        const char* text = "";
         std::optional<std::uint32_t> expected;
     } const cases[] = {
         {"", std::nullopt},

@@ -294,15 +294,18 @@ def test_an_unreadable_file_is_never_replaced(make_daemon, tmp_path):
     path = tmp_path / "kept"
     path.write_text("".join(f"h:r:id{n}:L:6:x\n" for n in range(100)))
     # No descriptor is left for reading it, as on a daemon with too many clients.
+    idle = daemon.fd_count()
     with daemon.connect() as client:
         body = f"mode=domain&domain_file={path}"
         client.sendall(f"POST /admin/dovmad/config HTTP/1.1\r\nContent-Length: {len(body)}"
                        "\r\n\r\n".encode())
-        time.sleep(0.3)
-        used = max(int(fd) for fd in os.listdir(f"/proc/{daemon.pid}/fd")) + 1
+        deadline = time.monotonic() + 30
+        while daemon.fd_count() == idle and time.monotonic() < deadline:
+            time.sleep(0.01)
+        used = {int(fd) for fd in os.listdir(f"/proc/{daemon.pid}/fd")}
+        lowest_free = min(set(range(len(used) + 1)) - used)
         _, hard = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
-        holes = used - daemon.fd_count()
-        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (used - holes, hard))
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (lowest_free, hard))
         client.sendall(body.encode())
         reply = b""
         while chunk := client.recv(4096):
