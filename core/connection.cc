@@ -168,7 +168,10 @@ void reply_to_client(conn* c) {
     if (bypasses_buffer(c)) {
         send_file_directly(c);
     } else if (c->local.pending() > 0) {
-        write_stream(&c->local, &c->remote, c->local.pending());
+        // Room that a write has made is worth another call of a handler that found too little.
+        if (write_stream(&c->local, &c->remote, c->local.pending()) > 0) {
+            c->idle_call = false;
+        }
     }
 }
 

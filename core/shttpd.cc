@@ -156,7 +156,7 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
     std::memcpy(&c->peer, &peer, c->peer_length);
     c->birth_time = current_time;
     c->expire_time = current_time + idle_limit_s;
-    c->fresh = true;
+    c->fresh = !handshake;
     c->remote.io = &io_socket;
     c->remote.channel.fd = fd;
     c->remote.flags = sf_readable | sf_writable | (handshake ? 0U : sf_handshake_done);
