@@ -5,15 +5,20 @@ The programs come from the environment: DOVMAD_BINARY (the daemon whose fixed sy
 prefixed by DOVMAD_TEST_ROOT), DOVMAD_PROVIDER (the authentication library) and DOVMAD_USER_TOOL.
 """
 
+import base64
+import fcntl
 import os
+import random
 import re
 import signal
 import socket
 import ssl
 import subprocess
+import tempfile
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
+from urllib.parse import urlencode
 
 BINARY = os.environ.get("DOVMAD_BINARY", "")
 PROVIDER = os.environ.get("DOVMAD_PROVIDER", "")
@@ -22,23 +27,28 @@ SANITIZED = re.compile(r"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanit
 
 # The daemon takes a port whose first four digits are one of its own for itself, so its ports and
 # those of the servers behind it come from different ranges.
-_RANGES = {"daemon": (20000, 29999), "upstream": (30000, 32700)}
-_next_port = {}
+# Both end below the ports that the system hands out for outgoing connections.
+_RANGES = {"daemon": range(20003, 30000, 10), "upstream": range(30003, 32700, 10)}
+_upcoming = {}
+# A port is ours while this process holds the lock on its byte, so that test files that run at the
+# same time never share one, not even while a daemon restarts.
+_reservations = open(Path(tempfile.gettempdir()) / f"dovmad-test-ports-{os.getuid()}", "ab")
 
 
 def free_port(kind="daemon"):
-    """A port that nobody listens on, whose first four digits no earlier call has given out."""
-    low, high = _RANGES[kind]
-    start = _next_port.get(kind, low + (os.getpid() * 10) % (high - low - 10) // 10 * 10)
-    for step in range((high - low) // 10):
-        port = low + (start - low + step * 10) % (high - low) // 10 * 10 + 3
-        with socket.socket() as probe:
-            probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            try:
+    """A port that nobody listens on, whose first four digits no recent call has given out."""
+    ports = _RANGES[kind]
+    start = _upcoming.get(kind, random.randrange(len(ports)))
+    for step in range(len(ports)):
+        port = ports[(start + step) % len(ports)]
+        try:
+            fcntl.lockf(_reservations, fcntl.LOCK_EX | fcntl.LOCK_NB, 1, port)
+            with socket.socket() as probe:
+                probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
                 probe.bind(("127.0.0.1", port))
-            except OSError:
-                continue
-        _next_port[kind] = port + 7
+        except OSError:
+            continue
+        _upcoming[kind] = start + step + 1
         return port
     raise RuntimeError("no free port")
 
@@ -66,7 +76,8 @@ def parse_response(raw):
     parts = lines[0].split(" ", 2)
     if len(parts) < 2:
         raise AssertionError(f"not a reply: {raw[:200]!r}")
-    headers = [tuple(line.split(": ", 1)) if ": " in line else (line, "") for line in lines[1:]]
+    fields = [line.partition(":") for line in lines[1:]]
+    headers = [(name, value.strip()) for name, _, value in fields]
     return Response(int(parts[1]), parts[2] if len(parts) > 2 else "", headers, body, raw)
 
 
@@ -107,6 +118,7 @@ class Daemon:
         self.stderr_file = self.dir / "stderr.txt"
         self.process = None
         self.expected_end = False
+        self.bad_ends = []
 
     @property
     def pid(self):
@@ -133,11 +145,11 @@ class Daemon:
 
     def stop(self, sig=signal.SIGTERM, timeout=30):
         """Ends the daemon with a signal and returns its exit status."""
-        self.expected_end = True
         if self.process is None:
             return None
         if self.process.poll() is None:
             self.process.send_signal(sig)
+            self.expected_end = True
         try:
             self.process.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -146,7 +158,12 @@ class Daemon:
             raise
         finally:
             self.process.stdout.close()
-        return self.process.returncode
+        status = self.process.returncode
+        handled = sig in (signal.SIGTERM, signal.SIGINT)
+        if not self.expected_end or status not in ((0,) if handled else (0, -sig)):
+            self.bad_ends.append(status)
+        self.expected_end = True
+        return status
 
     def restart(self):
         self.stop()
@@ -156,14 +173,11 @@ class Daemon:
         """Ends the daemon and fails when it had died or a sanitizer had something to say."""
         if self.process is None:
             return
-        running = self.process.poll() is None
-        expected = self.expected_end
-        status = self.stop() if running else self.process.returncode
+        if self.process.poll() is None or not self.expected_end:
+            self.stop()
         text = self.stderr_text()
         assert not SANITIZED.search(text), text[-6000:]
-        if not expected:
-            assert running, f"the daemon died with {status}: {text[-3000:]}"
-            assert status == 0, f"exit status {status}: {text[-3000:]}"
+        assert not self.bad_ends, f"the daemon ended with {self.bad_ends}: {text[-3000:]}"
 
     # --- Speaking to it ---
 
@@ -200,7 +214,6 @@ class Daemon:
         lines = [f"{method} {path} HTTP/1.1", "Host: localhost"]
         fields = dict(headers or {})
         if user is not None:
-            import base64
             fields["Authorization"] = "Basic " + base64.b64encode(user.encode()).decode()
         payload = b""
         if body is not None:
@@ -224,8 +237,9 @@ class Daemon:
             head, blank, body = received.partition(b"\r\n\r\n")
             length = re.search(rb"(?i)\r\ncontent-length: (\d+)", head)
             closes = re.search(rb"(?i)\r\nconnection: close", head)
+            bodyless = method == "HEAD" or re.match(rb"\S+ (204|304) ", head)
             if blank and length and not closes and (
-                    method == "HEAD" or len(body) >= int(length.group(1))):
+                    bodyless or len(body) >= int(length.group(1))):
                 return received
             try:
                 chunk = sock.recv(1 << 16)
@@ -238,7 +252,6 @@ class Daemon:
 
     def post(self, path, fields, **kwargs):
         """A POST of form variables."""
-        from urllib.parse import urlencode
         return self.request("POST", path, body=urlencode(fields), **kwargs)
 
     def curl(self, *args, timeout=120):
