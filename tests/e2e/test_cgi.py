@@ -6,10 +6,14 @@ import signal
 import socket
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
+from dovmad_harness import BINARY
 
+
+SANITIZED = b"__asan_init" in Path(BINARY).read_bytes() if BINARY else False
 # The long variant: DOVMAD_CGI_RUNS=10000
 RUNS = int(os.environ.get("DOVMAD_CGI_RUNS", "300"))
 
@@ -267,7 +271,8 @@ def test_many_runs_leave_nothing(cgi):
     assert len(done) == RUNS // 4 * 4
     assert eventually(lambda: not daemon.children())
     assert eventually(lambda: daemon.fd_count() <= descriptors)
-    assert daemon.rss_kib() < memory + 4096
+    # Under AddressSanitizer freed memory is held back; its leak check stands in.
+    assert SANITIZED or daemon.rss_kib() < memory + 4096
 
 
 def test_stopping_while_programs_run(cgi):

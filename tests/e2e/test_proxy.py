@@ -12,11 +12,13 @@ import ssl
 import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
-from dovmad_harness import free_port, parse_response
+from dovmad_harness import BINARY, free_port, parse_response
 
+SANITIZED = b"__asan_init" in Path(BINARY).read_bytes() if BINARY else False
 NO_TARGET = (b"HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
              b"404 Not Found. Could not connect to proxy target")
 ROOT_ADMIN = "Basic " + base64.b64encode(b"root:admin").decode()
@@ -563,4 +565,5 @@ def test_many_forwarded_requests_leave_nothing(make_daemon, upstream):
         thread.join()
     assert failures == []
     assert eventually(lambda: daemon.fd_count() <= descriptors)
-    assert daemon.rss_kib() < memory + 4096
+    # Under AddressSanitizer freed memory is held back; its leak check stands in.
+    assert SANITIZED or daemon.rss_kib() < memory + 4096
