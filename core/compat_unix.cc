@@ -16,8 +16,8 @@
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
-#include "core/poll_set.h"
 #include "core/paths.h"
+#include "core/poll_set.h"
 #include "core/string.h"
 
 volatile std::sig_atomic_t exit_flag = 0;

@@ -78,7 +78,8 @@ TEST_F(PollSet, SlotsAreOwnedOnceUnderRandomUse) {
             model[index] = owner;
             highest_ever = std::max(highest_ever, index);
         } else if (!model.empty()) {
-            const auto victim = std::next(model.begin(), random() % model.size());
+            const auto victim =
+                std::next(model.begin(), static_cast<std::ptrdiff_t>(random() % model.size()));
             const int index = victim->first;
             if (random() % 3 == 0) {
                 park_poll_index(index);
