@@ -57,6 +57,14 @@ def code_lines(names):
                for line in (ROOT / name).read_text(errors="replace").splitlines() if line.strip())
 
 
+def comment_share(names):
+    """Percentage of comment-only lines among all lines that say something."""
+    lines = [line.strip() for name in names
+             for line in (ROOT / name).read_text(errors="replace").splitlines() if line.strip()]
+    comments = sum(1 for line in lines if line.startswith("//"))
+    return 100 * comments // max(len(lines), 1)
+
+
 def main():
     names = tracked()
     findings = []
@@ -78,6 +86,9 @@ def main():
     tests = code_lines([n for n in counted if n.startswith("tests/")])
     print(f"tests: {tests} of {code_lines(counted)} code lines "
           f"({100 * tests // max(code_lines(counted), 1)} %)")
+    product = [n for n in counted if not n.startswith("tests/")]
+    print(f"comments: {comment_share([n for n in product if n.endswith('.h')])} % of the headers' "
+          f"lines, {comment_share([n for n in product if n.endswith('.cc')])} % of the sources'")
     for finding in findings:
         print(finding)
     return 1 if findings else 0
