@@ -93,6 +93,7 @@ shttpd_ctx* make_context(const std::filesystem::path& root) {
     shttpd_register_uri(ctx, "/echo", echo, nullptr);
     shttpd_register_uri(ctx, "/long*", long_reply, nullptr);
     shttpd_register_uri(ctx, "/eat", eat, nullptr);
+    shttpd_poll(ctx, 0);  // makes what every later case finds in place
     return ctx;
 }
 
