@@ -37,7 +37,7 @@ struct channel {
     bool peer_closed = false;
     std::size_t raw_begin = 0;
     std::size_t raw_end = 0;
-    std::array<unsigned char, 1024> raw;
+    std::array<unsigned char, 1024> raw{};
 };
 
 // Finishes a server context: writes go out without signals, "http/1.1" is agreed on when offered,

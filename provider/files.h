@@ -37,6 +37,8 @@ struct file_content {
     file_content() = default;
     file_content(const file_content&) = delete;
     file_content& operator=(const file_content&) = delete;
+    file_content(file_content&&) = delete;
+    file_content& operator=(file_content&&) = delete;
     ~file_content();  // wipes the text: it may be a key
 };
 

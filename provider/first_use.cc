@@ -73,7 +73,7 @@ bool stderr_is_lost() {
 }
 
 struct site_builder {
-    int directory;
+    int directory = -1;
     file_owner owner;
 
     [[nodiscard]] int add(const char* name, std::string_view text, mode_t mode) const {

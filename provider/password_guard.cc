@@ -21,7 +21,7 @@ constexpr std::int64_t remembered_ms = 300'000;
 constexpr int failures_before_lock = 5;
 constexpr std::int64_t longest_lock_ms = 30'000;
 constexpr std::int64_t hashes_per_second = 20;
-constexpr std::int64_t fullest_budget = 20 * 1000;
+constexpr std::int64_t fullest_budget = 20'000;
 
 }  // namespace
 

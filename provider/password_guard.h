@@ -30,6 +30,8 @@ class password_guard {
     ~password_guard();
     password_guard(const password_guard&) = delete;
     password_guard& operator=(const password_guard&) = delete;
+    password_guard(password_guard&&) = delete;
+    password_guard& operator=(password_guard&&) = delete;
 
     // Draws the key and the stand-in hash. False: no memory or no randomness.
     [[nodiscard]] bool prepare();

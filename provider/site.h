@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "provider/accounts.h"
@@ -97,9 +98,14 @@ class site_ref {
         }
     }
     site_ref(const site_ref& other) : site_ref(other.site_) {}
+    site_ref(site_ref&& other) noexcept : site_(std::exchange(other.site_, nullptr)) {}
     site_ref& operator=(const site_ref& other) {
         site_ref copy(other);
         std::swap(site_, copy.site_);
+        return *this;
+    }
+    site_ref& operator=(site_ref&& other) noexcept {
+        std::swap(site_, other.site_);
         return *this;
     }
     ~site_ref() {

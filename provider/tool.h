@@ -51,6 +51,8 @@ struct secret {
     secret() = default;
     secret(const secret&) = delete;
     secret& operator=(const secret&) = delete;
+    secret(secret&&) = delete;
+    secret& operator=(secret&&) = delete;
     ~secret();
 };
 

@@ -26,7 +26,7 @@ using namespace provider;
 namespace {
 
 constexpr int patience_s = 30;
-constexpr std::size_t longest_answer = 64 * 1024;
+constexpr std::size_t longest_answer = 65536;
 
 struct daemon_port {
     unsigned short number = 0;

@@ -75,6 +75,8 @@ struct access_row : role_entry {
     ~access_row() { clear_row(this); }
     access_row(const access_row&) = delete;
     access_row& operator=(const access_row&) = delete;
+    access_row(access_row&&) = delete;
+    access_row& operator=(access_row&&) = delete;
 
     [[nodiscard]] bool lists(const std::string& principal, principal_kind kind) const {
         return qz_set_exists(principals(this, kind), principal.c_str()) != 0;
