@@ -1,4 +1,6 @@
 // The wire form of property sets: writer, and one reader for trusted and for foreign blocks.
+#include <endian.h>
+
 #include <cstring>
 #include <limits>
 
@@ -11,20 +13,23 @@ namespace {
 
 // --- Writer ---
 
+// Writes a number that is in wire order already.
+template <class T>
+unsigned char* put_number(unsigned char* at, T number) {
+    std::memcpy(at, &number, sizeof number);
+    return at + sizeof number;
+}
+
 unsigned char* put_u16(unsigned char* at, std::uint16_t number) {
-    at[0] = static_cast<unsigned char>(number >> 8);
-    at[1] = static_cast<unsigned char>(number);
-    return at + 2;
+    return put_number(at, htobe16(number));
 }
 
 unsigned char* put_u32(unsigned char* at, std::uint32_t number) {
-    at = put_u16(at, static_cast<std::uint16_t>(number >> 16));
-    return put_u16(at, static_cast<std::uint16_t>(number));
+    return put_number(at, htobe32(number));
 }
 
 unsigned char* put_u64(unsigned char* at, std::uint64_t number) {
-    at = put_u32(at, static_cast<std::uint32_t>(number >> 32));
-    return put_u32(at, static_cast<std::uint32_t>(number));
+    return put_number(at, htobe64(number));
 }
 
 unsigned char* put_bytes(unsigned char* at, const void* bytes, std::size_t n) {
@@ -142,19 +147,28 @@ class wire_reader {
     int level_ = 0;
 };
 
-std::uint64_t big_endian(const unsigned char* at, std::size_t n) {
-    std::uint64_t number = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        number = number << 8 | at[i];
-    }
+template <class T>
+T raw_number(const unsigned char* at) {
+    T number;
+    std::memcpy(&number, at, sizeof number);
     return number;
+}
+
+std::uint16_t get_u16(const unsigned char* at) {
+    return be16toh(raw_number<std::uint16_t>(at));
+}
+std::uint32_t get_u32(const unsigned char* at) {
+    return be32toh(raw_number<std::uint32_t>(at));
+}
+std::uint64_t get_u64(const unsigned char* at) {
+    return be64toh(raw_number<std::uint64_t>(at));
 }
 
 bool wire_reader::take_u32(std::uint32_t* number) {
     if (!has(4)) {
         return false;
     }
-    *number = static_cast<std::uint32_t>(big_endian(at_, 4));
+    *number = get_u32(at_);
     at_ += 4;
     return true;
 }
@@ -199,7 +213,7 @@ void* wire_reader::take_units(std::uint32_t* length) {
     }
     auto* units = static_cast<std::uint16_t*>(qz_need_bytes(room));
     for (std::uint32_t i = 0; i < count; ++i, at_ += 2) {
-        units[i] = static_cast<std::uint16_t>(big_endian(at_, 2));
+        units[i] = get_u16(at_);
     }
     units[count] = 0;
     *length = static_cast<std::uint32_t>(room);
@@ -208,9 +222,9 @@ void* wire_reader::take_units(std::uint32_t* length) {
 
 void* wire_reader::take_guid() {
     qz_guid guid = {};
-    guid.a = static_cast<std::uint32_t>(big_endian(at_, 4));
-    guid.b = static_cast<std::uint16_t>(big_endian(at_ + 4, 2));
-    guid.c = static_cast<std::uint16_t>(big_endian(at_ + 6, 2));
+    guid.a = get_u32(at_);
+    guid.b = get_u16(at_ + 4);
+    guid.c = get_u16(at_ + 6);
     std::memcpy(guid.d, at_ + 8, sizeof guid.d);
     at_ += kv_guid_bytes;
     return std::memcpy(qz_need_bytes(sizeof guid), &guid, sizeof guid);
@@ -229,10 +243,10 @@ void* wire_reader::take_scalar(kv_layout layout, std::uint32_t* length) {
     if (layout == kv_layout::boolean) {
         std::memcpy(data, at_, 1);
     } else if (layout == kv_layout::word32) {
-        const auto number = static_cast<std::uint32_t>(big_endian(at_, 4));
+        const std::uint32_t number = get_u32(at_);
         std::memcpy(data, &number, sizeof number);
     } else {
-        const std::uint64_t number = big_endian(at_, 8);
+        const std::uint64_t number = get_u64(at_);
         std::memcpy(data, &number, sizeof number);
     }
     at_ += size;

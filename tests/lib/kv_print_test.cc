@@ -36,7 +36,7 @@ propset_ptr sample() {
     EXPECT_EQ(ps_add(set.get(), new_kv("u64", 0, KV_UINT64, 8, &big)), 0);
     EXPECT_EQ(ps_add(set.get(), new_kv("i64", 0, KV_INT64, 8, &low)), 0);
     EXPECT_EQ(ps_add(set.get(), new_kv("time", 0, KV_TIME, 8, &big)), 0);
-    EXPECT_EQ(ps_add(set.get(), new_kv("str", 0, KV_STRING, 11, "a\"<b> & c")), 0);
+    EXPECT_EQ(ps_add(set.get(), new_kv("str", 0, KV_STRING, 10, "a\"<b> & c")), 0);
     EXPECT_EQ(ps_add(set.get(), new_kv("wstr", 0, KV_WSTRING, sizeof wide, wide)), 0);
     EXPECT_EQ(ps_add(set.get(), new_kv("bin", 0, KV_BINARY, 4, "\0\xff\x10z")), 0);
     EXPECT_EQ(ps_add(set.get(), new_kv("guid", 0, KV_GUID, 16, guid)), 0);
