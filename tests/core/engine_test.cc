@@ -118,9 +118,7 @@ TEST(Patterns, GreedyFirstAndWithoutBacktracking) {
 
 TEST(Variables, AreFoundByWholeNameIgnoringCase) {
     const std::string text = "ba=1&A=2%20x+y&empty=&last=end&nov";
-    const auto value = [&](const char* name, int size) {
-        return get_variable(text, name, size);
-    };
+    const auto value = [&](const char* name, int size) { return get_variable(text, name, size); };
     EXPECT_EQ(value("a", 32), "2 x y");
     EXPECT_EQ(value("a", 3), "2 ");
     EXPECT_EQ(value("empty", 32), "");
@@ -294,8 +292,9 @@ TEST(Files, RangesEndOneByteEarly) {
             client.get(), std::string("GET /f HTTP/1.1\r\nRange: ") + r.range + "\r\n\r\n");
         EXPECT_TRUE(reply.starts_with(std::string("HTTP/1.1 ") + r.status)) << reply;
         EXPECT_EQ(body_of(reply), content.substr(r.from, r.length)) << r.range;
-        const std::string line =
-            r.content_range != nullptr ? std::string("Content-Range: ") + r.content_range + "\r\n" : "";
+        const std::string line = r.content_range != nullptr
+                                     ? std::string("Content-Range: ") + r.content_range + "\r\n"
+                                     : "";
         EXPECT_EQ(count_of(reply, "Content-Range"), line.empty() ? 0U : 1U);
         EXPECT_NE(reply.find(line), std::string::npos) << reply;
         EXPECT_NE(reply.find("Content-Length: " + std::to_string(r.length) + "\r\n"),
@@ -325,7 +324,8 @@ TEST(Files, PutStoresExactlyTheBodyAndCloses) {
 TEST(Files, AFifoNeverBlocksTheLoop) {
     test_engine engine;
     ASSERT_EQ(mkfifo((engine.root.path() / "pipe").c_str(), 0600), 0);
-    EXPECT_EQ(engine.exchange(get("/pipe")), "HTTP/1.1 500 Internal Error\r\n\r\n500 Internal Error");
+    EXPECT_EQ(engine.exchange(get("/pipe")),
+              "HTTP/1.1 500 Internal Error\r\n\r\n500 Internal Error");
 }
 
 TEST(Embedded, RepliesOfAnyLengthArriveWhole) {
@@ -360,11 +360,12 @@ TEST(Embedded, BodiesArriveWholeOrAreRefused) {
     // A pipelined request behind the body is no part of the last variable.
     EXPECT_EQ(engine.exchange(make_request("POST", "/echo", "x=1&text=z") + get("/")), ok + "<z>");
     const unique_fd client = engine.connect();
-    EXPECT_EQ(engine.exchange_on(client.get(), "POST /echo HTTP/1.1\r\nContent-Length: 9\r\n\r\nte"),
-              "");
+    EXPECT_EQ(
+        engine.exchange_on(client.get(), "POST /echo HTTP/1.1\r\nContent-Length: 9\r\n\r\nte"), "");
     EXPECT_EQ(engine.exchange_on(client.get(), "xt="), "");
     EXPECT_EQ(engine.exchange_on(client.get(), "abcd"), ok + "<abcd>");
-    const std::string too_big = engine.exchange(make_request("POST", "/echo", std::string(40000, 'x')));
+    const std::string too_big =
+        engine.exchange(make_request("POST", "/echo", std::string(40000, 'x')));
     EXPECT_EQ(body_of(too_big), "Request is too big");
     EXPECT_EQ(body_of(engine.exchange(get("/echo"))), "Inappropriate method");
     EXPECT_EQ(shttpd_active(engine.ctx), 1);

@@ -65,7 +65,8 @@ TEST(Headers, AreReadByNameIgnoringCase) {
 }
 
 TEST(Headers, AbsurdLengthsNeverWrap) {
-    for (const char* digits : {"99999999999999999999", "18446744073709551617", "9223372036854775808"}) {
+    for (const char* digits :
+         {"99999999999999999999", "18446744073709551617", "9223372036854775808"}) {
         const std::string block = std::string("Content-Length: ") + digits + "\r\n\r\n";
         header_values values;
         parse_headers(block.data(), block.size(), &values);
