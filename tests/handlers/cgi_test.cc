@@ -316,7 +316,7 @@ TEST_F(cgi_relay_test, connection_stays_only_when_the_length_was_kept) {
 
 TEST_F(cgi_relay_test, leaves_no_descriptor_slot_or_connection_behind) {
     const std::string fine = script("fine.cgi", "echo; echo fine");
-    const std::string slow = script("slow.cgi", "exec sleep 60");
+    const std::string slow = script("slow.cgi", "exec sleep 2");
     (void)talk(make_request("GET", fine));
     const int descriptors = open_descriptors();
     const int slots = poll_high_water();
