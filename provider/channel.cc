@@ -328,8 +328,9 @@ std::uint32_t connect_now(channel* c, std::string* why) {
     return at_channel_failed;
 }
 
-// Goes on until the buffer is full or another record would have to come from the network: what is
-// decrypted, or waits undecrypted in `raw`, is invisible to the caller's poll.
+// Goes on until the buffer is full or another record would have to come from the network: what
+// waits in `raw` is invisible to the caller's poll. OpenSSL itself keeps nothing back: a read that
+// gets less than it asked for has emptied its record.
 std::int32_t read_channel(channel* c, void* buffer, std::int32_t length) {
     if (c->state != channel_state::open) {
         return not_open(c);
@@ -347,7 +348,7 @@ std::int32_t read_channel(channel* c, void* buffer, std::int32_t length) {
             return total > 0 ? total : moved_nothing(c, n, false);
         }
         total += n;
-    } while (total < length && (SSL_pending(c->ssl.get()) > 0 || c->raw_begin < c->raw_end));
+    } while (total < length && c->raw_begin < c->raw_end);
     return total;
 }
 
