@@ -430,7 +430,10 @@ TEST_F(channel_test, another_service_is_presented_under_its_name) {
     const std::filesystem::path elsewhere = base / "other";
     std::filesystem::create_directories(elsewhere / "dovmad-at" / "users");
     const certified_key broker = make_certificate({"broker"});
-    write_file(elsewhere / "dovmad-at" / "domains", "local:password:broker\n");
+    write_file(elsewhere / "dovmad-at" / "domains", "cert:certificate:broker\n");
+    const certified_key authority = make_certificate({"authority"}, nullptr, true);
+    write_file(elsewhere / "dovmad-at" / "client_ca.pem", authority.certificate_pem());
+    client.present(make_certificate({"alice"}, &authority));
     write_file(elsewhere / "dovmad-at" / "server.crt", broker.certificate_pem());
     write_file(elsewhere / "dovmad-at" / "server.key", broker.key_pem(), 0600);
     const std::string directory = elsewhere.string();
@@ -455,8 +458,11 @@ TEST_F(channel_test, another_service_is_presented_under_its_name) {
             (void)SSL_do_handshake(client.ssl.get());
             result = lib.accept(handle, fresh.ours(), service, 4, &params, 1, 0, &own, &credential);
         }
-        EXPECT_EQ(result, at_no_credential);
         EXPECT_EQ(client.peer_name() == "broker", is_broker);
+        // Only the broker has authorities, so only there a certificate is asked for and counts.
+        EXPECT_EQ(result, is_broker ? at_ok : at_no_credential);
+        EXPECT_EQ(info_of(lib, handle, credential), is_broker ? "broker/cert/alice" : "no info");
+        EXPECT_EQ(lib.release(credential), at_ok);
         EXPECT_EQ(other.unnamed, name == nullptr);
         EXPECT_EQ(lib.close(&own), at_ok);
     }
