@@ -21,7 +21,7 @@ extern int conflineno;
 // own line and has no escapes; a quote that is not closed on its line is skipped.
 conf_token conflex(conf_scanner* scanner, std::string* text) noexcept;
 
-// Forgets the block and resets the line counter's scanner side.
+// Forgets the block.
 void confcleanup(conf_scanner* scanner) noexcept;
 
 // A copy of `text` from the heap (free with qzfree).

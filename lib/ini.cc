@@ -300,13 +300,8 @@ int parse_enum_sections(parse_handle* handle, qz_vector** sections) noexcept {
 }
 
 int parse_enum_domains(parse_handle* handle, qz_vector** names) noexcept {
-    (void)parser_lock();  // both looks at one state of the store
-    int result = parse_enum_keys(handle, "domains", names);
-    if (result == qz_not_found) {
-        result = parse_enum_sections(handle, names);
-    }
-    (void)parser_unlock();
-    return result;
+    const int result = parse_enum_keys(handle, "domains", names);
+    return result == qz_not_found ? parse_enum_sections(handle, names) : result;
 }
 
 int parse_delete_key(parse_handle* handle, const char* section, const char* key) noexcept {

@@ -1,6 +1,7 @@
 // The wire form of property sets: writer, and one reader for trusted and for foreign blocks.
 #include <endian.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -438,6 +439,9 @@ unsigned char* value_binary_pack(unsigned char* buffer, const kv_value* value) n
 
 unsigned char* ps_marshal(const propset* set, std::uint32_t* size) noexcept {
     const std::size_t bytes = ps_binary_pack_size(set);
+    if (bytes > most_u32) {
+        std::abort();  // the size could not be told
+    }
     auto* buffer = static_cast<unsigned char*>(qz_need_bytes(bytes));
     (void)ps_binary_pack(buffer, set);
     *size = static_cast<std::uint32_t>(bytes);

@@ -2,7 +2,6 @@
 // every step, and have the very shape of the textbook algorithms.
 #include <string>
 
-#include "lib/intrusive_list.h"
 #include "tests/lib/container_model.h"
 
 namespace {
@@ -217,40 +216,6 @@ TEST(ordered_containers, multimap_without_value_free_keeps_the_vector_on_delete_
     qz_multimap_clear(map.get());  // the leak checker sees the other one
     EXPECT_EQ(qz_map_size(map.get()), 0);
     qz_map_destroy(nullptr);
-}
-
-// --- Intrusive list ---
-
-struct listed {
-    int number;
-    list_link link;
-};
-
-TEST(intrusive_list, walks_in_order_while_entries_leave) {
-    list_head head;
-    list_init(&head);
-    EXPECT_TRUE(list_empty(&head));
-    std::vector<listed> entries(6);
-    for (int i = 0; i < 6; ++i) {
-        entries[static_cast<std::size_t>(i)].number = i;
-        list_append(&head, &entries[static_cast<std::size_t>(i)].link);
-    }
-    list_unlink(&entries[5].link);
-    list_unlink(&entries[5].link);
-    list_insert_front(&head, &entries[5].link);
-    std::string seen;
-    for (listed& entry : list_each(&head, &listed::link)) {
-        seen += std::to_string(entry.number);
-        if (entry.number % 2 == 0) {
-            list_unlink(&entry.link);
-        }
-    }
-    EXPECT_EQ(seen, "501234");
-    seen.clear();
-    for (const listed& entry : list_each(&head, &listed::link)) {
-        seen += std::to_string(entry.number);
-    }
-    EXPECT_EQ(seen, "513");
 }
 
 }  // namespace
