@@ -23,6 +23,8 @@ from urllib.parse import urlencode
 BINARY = os.environ.get("DOVMAD_BINARY", "")
 PROVIDER = os.environ.get("DOVMAD_PROVIDER", "")
 USER_TOOL = os.environ.get("DOVMAD_USER_TOOL", "")
+# A sanitizer keeps freed memory back on purpose: resident memory says nothing then.
+SANITIZED_BUILD = bool(BINARY) and b"__asan_init" in Path(BINARY).read_bytes()
 SANITIZED = re.compile(r"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanitizer")
 
 # The daemon takes a port whose first four digits are one of its own for itself, so its ports and
