@@ -354,6 +354,22 @@ TEST_F(forward_test, targets_that_fail_draw_their_errors_and_leave_nothing) {
     EXPECT_EQ(poll_revents(poll_high_water() - 1), 0);
 }
 
+TEST_F(forward_test, head_larger_than_the_buffer_is_refused) {
+    engine.ctx->io_buf_size = 1024;
+    const std::string error =
+        "HTTP/1.1 500 Internal error while connecting to proxy.\r\n\r\n"
+        "500 Internal error while connecting to proxy.";
+    const auto with_path = [&](std::size_t length) {
+        return "GET " + target.uri("http", "/" + std::string(length, 'p')) + " HTTP/1.1\r\n\r\n";
+    };
+    EXPECT_EQ(talk(with_path(970)), error);
+    target.peer.reset();
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+    target.has_received("");  // takes the refused connection away
+    target.peer.reset();
+    EXPECT_EQ(forward(with_path(930), {answer}), answer);
+}
+
 TEST_F(forward_test, nothing_behind_a_body_reaches_the_target) {
     const std::string smuggled = "GET /admin HTTP/1.1\r\n\r\n";
     const auto body_received = [&](const std::string& headers, const std::string& body) {
