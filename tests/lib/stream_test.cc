@@ -97,7 +97,7 @@ TEST(stream, hands_its_bytes_over) {
 }
 
 TEST(stream, formats_any_length_and_only_1024_characters_lose_the_last) {
-    for (const std::size_t length : {0, 1, 1023, 1024, 1025, 1500, 5'000'000}) {
+    for (const std::size_t length : {0U, 1U, 1023U, 1024U, 1025U, 1500U, 5'000'000U}) {
         const std::string text(length, 'x');
         const stream_ptr stream(new_qz_stream(0));
         EXPECT_EQ(qz_vprintf_stream(stream.get(), "%s", text.c_str()), static_cast<int>(length));
