@@ -75,8 +75,6 @@ bool ask(const std::string& prompt, secret* result) {
     if (tcgetattr(STDIN_FILENO, &before) != 0) {
         return false;
     }
-    (void)std::fprintf(stderr, "%s: ", prompt.c_str());
-    (void)std::fflush(stderr);
     termios silent = before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     silent.c_lflag |= ECHONL;
@@ -85,6 +83,9 @@ bool ask(const std::string& prompt, secret* result) {
     if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) != 0) {
         return false;
     }
+    // Asked only now: an answer typed before the change would have been thrown away by it.
+    (void)std::fprintf(stderr, "%s: ", prompt.c_str());
+    (void)std::fflush(stderr);
     const bool read = read_line(STDIN_FILENO, result);
     (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
     return read && result->text.find('\x03') == std::string::npos;
