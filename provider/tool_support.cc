@@ -44,8 +44,9 @@ void add_config_line(std::string_view line, daemon_config* config) {
     }
 }
 
-// Reads one line without its end; reads byte by byte so that nothing is left in another buffer.
-bool read_line(int fd, secret* result) {
+// Reads one line without its end, byte by byte so that nothing is left in another buffer. False: no
+// line, one that is too long, or one with `forbidden` or a zero byte in it.
+bool read_line(int fd, char forbidden, secret* result) {
     result->text.reserve(longest_secret + 1);
     for (;;) {
         char c = 0;
@@ -59,7 +60,7 @@ bool read_line(int fd, secret* result) {
         if (n == 0 || c == '\n') {
             break;
         }
-        if (c == '\0' || result->text.size() == longest_secret) {
+        if (c == '\0' || c == forbidden || result->text.size() == longest_secret) {
             return false;
         }
         result->text += c;
@@ -78,17 +79,18 @@ bool ask(const std::string& prompt, secret* result) {
     termios silent = before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     silent.c_lflag |= ECHONL;
-    // An interrupt must not leave the terminal silent: signals from the keyboard become input.
+    // An interrupt must not leave the terminal silent: it becomes input that ends the line.
     silent.c_lflag &= ~static_cast<tcflag_t>(ISIG);
+    silent.c_cc[VEOL] = before.c_cc[VINTR];
     if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) != 0) {
         return false;
     }
     // Asked only now: an answer typed before the change would have been thrown away by it.
     (void)std::fprintf(stderr, "%s: ", prompt.c_str());
     (void)std::fflush(stderr);
-    const bool read = read_line(STDIN_FILENO, result);
+    const bool read = read_line(STDIN_FILENO, static_cast<char>(before.c_cc[VINTR]), result);
     (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
-    return read && result->text.find('\x03') == std::string::npos;
+    return read;
 }
 
 }  // namespace
@@ -148,7 +150,7 @@ secret::~secret() {
 
 bool read_secret(const std::string& prompt, bool repeat, secret* result) {
     if (isatty(STDIN_FILENO) == 0) {
-        if (!read_line(STDIN_FILENO, result)) {
+        if (!read_line(STDIN_FILENO, '\0', result)) {
             (void)fail("no password on standard input");
             return false;
         }

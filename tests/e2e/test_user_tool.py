@@ -164,7 +164,7 @@ def on_terminal(site, answers, *args):
             while not shown.endswith(b": "):
                 shown += os.read(master, 4096)
             shown += b"|"
-            os.write(master, answer.encode() + b"\n")
+            os.write(master, answer.encode() + (b"" if answer == "\x03" else b"\n"))
         while True:
             try:
                 piece = os.read(master, 4096)
@@ -186,6 +186,8 @@ def test_asks_twice_without_echo(site):
     assert fits("wonder", hashed)
     status, shown = on_terminal(site, ["other", "another"], "passwd", "alice")
     assert status == 1 and "differ" in shown
+    status, shown = on_terminal(site, ["other", "\x03"], "passwd", "alice")
+    assert status == 1 and "no password" in shown
     assert hashed in site.user("alice")
 
 
