@@ -438,6 +438,29 @@ TEST_F(forward_test, service_connection_is_reused_until_it_says_something) {
     EXPECT_TRUE(closed(client.get()));
 }
 
+TEST_F(forward_test, another_target_takes_the_place_of_the_kept_one) {
+    hand_target other;
+    const unique_fd client = engine.connect();
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    for (hand_target* next : {&target, &other, &target}) {
+        next->received.clear();
+        next->peer.reset();
+        const std::string line =
+            "POST " + next->uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
+        EXPECT_EQ(talk_on(client.get(), line, answer,
+                          [&] {
+                              if (next->has_received("body")) {
+                                  next->received.clear();
+                                  next->answer(answer);
+                              }
+                          }),
+                  answer);
+        hand_target* left = next == &target ? &other : &target;
+        char byte = 0;
+        EXPECT_TRUE(!left->peer || recv(left->peer.get(), &byte, 1, 0) == 0) << "still open";
+    }
+}
+
 TEST_F(forward_test, service_without_process_is_refused) {
     const std::string error =
         "HTTP/1.1 500 Internal server error. Could not connect to hob server.\r\n\r\n"
