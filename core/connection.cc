@@ -25,7 +25,7 @@ namespace {
 
 constexpr std::time_t idle_limit_s = 300;
 constexpr std::time_t drain_limit_s = 2;
-constexpr std::size_t sendfile_bytes_max = std::size_t{1} << 20;
+constexpr std::size_t sendfile_bytes_max = std::size_t{1} << 24;
 
 int draining_count = 0;
 

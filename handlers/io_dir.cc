@@ -3,11 +3,12 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string_view>
 
-#include "core/compat_unix.h"
 #include "core/connection.h"
 #include "core/io_class.h"
 #include "core/route.h"
@@ -27,7 +28,6 @@ struct directory_closer {
 
 struct dir_listing {
     std::unique_ptr<DIR, directory_closer> directory;
-    std::string path;
     struct stat status;  // of the latest entry that had one
 };
 
@@ -49,21 +49,40 @@ void format_size(const struct stat& status, char* out) {
     }
 }
 
-// Writes the entry's row and returns its length.
+// "%d-%b-%Y %H:%M" in local time. Neighbours in a listing often share their minute.
+const char* format_minute(std::time_t t) {
+    static std::time_t minute = -1;
+    static char text[field_bytes];
+    const std::time_t wanted = t - t % 60;
+    if (wanted != minute) {
+        std::tm local{};
+        localtime_r(&t, &local);
+        text[std::strftime(text, sizeof text, "%d-%b-%Y %H:%M", &local)] = '\0';
+        minute = local.tm_gmtoff % 60 == 0 ? wanted : -1;
+    }
+    return text;
+}
+
+// Writes the entry's row and returns its length; a longer one than row_bytes allows is cut.
 // Kept: names stand in the page as they are, neither HTML-escaped nor URL-encoded.
-std::size_t format_row(const conn* c, const dir_listing& listing, const char* name, char* out) {
+std::size_t format_row(const conn* c, const dir_listing& listing, std::string_view name,
+                       char* out) {
     char size[field_bytes];
     format_size(listing.status, size);
-    char modified[field_bytes];
-    std::tm local{};
-    localtime_r(&listing.status.st_mtime, &local);
-    modified[std::strftime(modified, sizeof modified, "%d-%b-%Y %H:%M", &local)] = '\0';
-    const int length = my_snprintf(
-        out, row_bytes,
-        "<tr><td><a href=\"%s%s%s\">%s%s</a></td><td>&nbsp;%s</td><td>&nbsp;&nbsp;%s</td></tr>\n",
-        c->request.uri.c_str(), "", name, name, S_ISDIR(listing.status.st_mode) ? "/" : "",
-        modified, size);
-    return static_cast<std::size_t>(length);
+    std::size_t length = 0;
+    for (const std::string_view piece :
+         {std::string_view("<tr><td><a href=\""), std::string_view(c->request.uri), name,
+          std::string_view("\">"), name,
+          std::string_view(S_ISDIR(listing.status.st_mode) ? "/" : ""),
+          std::string_view("</a></td><td>&nbsp;"),
+          std::string_view(format_minute(listing.status.st_mtime)),
+          std::string_view("</td><td>&nbsp;&nbsp;"), std::string_view(size),
+          std::string_view("</td></tr>\n")}) {
+        const std::size_t n = std::min(piece.size(), row_bytes - 1 - length);
+        std::memcpy(out + length, piece.data(), n);
+        length += n;
+    }
+    return length;
 }
 
 bool is_listed(std::string_view name) {
@@ -85,7 +104,7 @@ ssize_t read_dir(stream* s, void* buffer, std::size_t length) {
         if (!is_listed(entry->d_name)) {
             continue;
         }
-        (void)my_stat((listing->path + entry->d_name).c_str(), &listing->status);
+        (void)fstatat(dirfd(listing->directory.get()), entry->d_name, &listing->status, 0);
         used += format_row(s->connection, *listing, entry->d_name, out + used);
     }
     if (s->size < row_bytes) {
@@ -108,7 +127,7 @@ constinit const io_class io_dir = {
     .close = close_dir,
 };
 
-void get_dir(conn* c, std::string path) {
+void get_dir(conn* c, const std::string& path) {
     DIR* directory = opendir(path.c_str());
     if (directory == nullptr) {
         send_server_error(c, 500, "Cannot open directory");
@@ -127,8 +146,6 @@ void get_dir(conn* c, std::string path) {
     c->request.status = 200;
     c->close_after = true;
     install_class(&local, &io_dir, -1, sf_readable | sf_keep_open | sf_always_ready);
-    local.channel.dir =
-        new dir_listing{.directory = std::unique_ptr<DIR, directory_closer>(directory),
-                        .path = std::move(path),
-                        .status = {}};
+    local.channel.dir = new dir_listing{
+        .directory = std::unique_ptr<DIR, directory_closer>(directory), .status = {}};
 }

@@ -8,4 +8,4 @@
 // Starts the listing of the directory `path`, which ends in "/", as the reply to c's request. A
 // directory that can't be opened is answered with 500 "Cannot open directory". The connection
 // closes after the reply.
-void get_dir(conn* c, std::string path);
+void get_dir(conn* c, const std::string& path);

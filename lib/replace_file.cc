@@ -16,6 +16,7 @@
 namespace {
 
 constexpr mode_t new_file_mode = 0666;
+constexpr mode_t temporary_mode = 0600;
 constexpr mode_t mode_bits = 07777;
 
 int write_all(int fd, std::string_view content) {
@@ -32,12 +33,21 @@ int write_all(int fd, std::string_view content) {
     return 0;
 }
 
-// The last way out, and the only one for a device: not safe against a kill.
+// The last way out, and the only one for a device: not safe against a kill. Room for the content is
+// reserved before the old one is touched, so that a full disk does not cut it.
 int overwrite(int fd, std::string_view content, bool regular) {
-    if (regular && ::ftruncate(fd, 0) != 0) {
+    const auto length = static_cast<off_t>(content.size());
+    if (regular && length > 0) {
+        const int error = ::posix_fallocate(fd, 0, length);
+        if (error == ENOSPC || error == EDQUOT) {
+            return error;
+        }
+    }
+    const int error = write_all(fd, content);
+    if (error == 0 && regular && ::ftruncate(fd, length) != 0) {
         return errno;
     }
-    return write_all(fd, content);
+    return error;
 }
 
 // Gives a new file the owner and mode of the one it will replace. Owner first: changing it drops
@@ -61,8 +71,11 @@ enum class outcome { replaced, failed, impossible };
 // directory or the owner does not allow a second file.
 outcome replace_by_rename(const std::string& path, const struct stat& original,
                           std::string_view content, int* error) {
-    std::string temporary = path + ".XXXXXX";
-    unique_fd fd(::mkostemp(temporary.data(), O_CLOEXEC));
+    // One fixed name: what a killed process left is taken over by the next one.
+    const std::string temporary = path + ".new";
+    (void)::unlink(temporary.c_str());
+    unique_fd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        temporary_mode));
     if (!fd) {
         *error = errno;
         return *error == ENOSPC || *error == EDQUOT ? outcome::failed : outcome::impossible;
@@ -88,7 +101,8 @@ outcome replace_by_rename(const std::string& path, const struct stat& original,
 }  // namespace
 
 int replace_file(const char* path, std::string_view content) noexcept {
-    const unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY, new_file_mode));
+    const unique_fd fd(
+        ::open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, new_file_mode));
     struct stat original = {};
     if (!fd || ::fstat(fd.get(), &original) != 0) {
         return errno;

@@ -105,8 +105,9 @@ class Daemon:
         if PROVIDER and not library.exists():
             library.symlink_to(PROVIDER)
         self.port, self.tls_port = free_port(), free_port()
+        # Ports are opened in this order: who reaches the plain one can reach both.
         settings = {
-            "document_root": self.root, "listen_ports": f"{self.port}u,{self.tls_port}",
+            "document_root": self.root, "listen_ports": f"{self.tls_port},{self.port}u",
             "zel_home": self.home, "var_dir": self.var, "pid_file": self.pid_file,
             "error_log": self.error_log, "access_log": self.access_log,
         }
