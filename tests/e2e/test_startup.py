@@ -177,7 +177,7 @@ def test_every_keyword_is_taken_and_acts(make_daemon, tmp_path):
     assert daemon.request("GET", "/x.inc").raw.endswith(b"[hi\n]")
     assert b'"DOMAIN_MODE" : "TRUE"' in daemon.request("GET", "/world/getvitals").body
     assert daemon.pid_file.read_text() == f"{daemon.pid}\n"
-    started = (f"dovmad 2.1.213.0 started on port(s) {daemon.port}u,{daemon.tls_port}, "
+    started = (f"dovmad 2.1.213.0 started on port(s) {daemon.tls_port},{daemon.port}u, "
                f"serving {daemon.root}\n")
     assert started in daemon.stderr_text()
     limits = Path(f"/proc/{daemon.pid}/limits").read_text()
