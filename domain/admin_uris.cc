@@ -9,7 +9,7 @@
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
-#include "lib/alloc.h"
+#include "lib/plat.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ constexpr int host_bytes = 256;
 
 void replace_text(char** field, const std::string& text) {
     qzfree(*field);
-    *field = static_cast<char*>(qz_need(qzstrdup(text.c_str())));
+    *field = copy_text(text);
 }
 
 // The variables of the three endpoints that answer GET: the body's, else the query's. Refuses other

@@ -10,7 +10,6 @@
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
-#include "lib/alloc.h"
 #include "lib/qz_result.h"
 
 namespace {
@@ -51,10 +50,6 @@ bool is_storable(const registration& host) {
            is_storable_hostname(host.host);
 }
 
-char* heap_text(const std::string& text) {
-    return static_cast<char*>(qz_need(qzstrdup(text.c_str())));
-}
-
 // In the file a CPU type ends at the first white space too.
 std::string storable_cputype(const std::string& text) {
     std::string field = storable_field(text);
@@ -64,9 +59,9 @@ std::string storable_cputype(const std::string& text) {
 
 void add_host(shttpd_ctx* ctx, const registration& from, const std::string& namespace_name) {
     agent_host* host = make_host(
-        heap_text(from.host), heap_text(storable_field(from.remote_host)), heap_text(from.id),
-        heap_text(storable_field(from.osname)), heap_text(storable_field(from.osrelease)),
-        heap_text(storable_cputype(from.cputype)), heap_text(namespace_name));
+        copy_text(from.host), copy_text(storable_field(from.remote_host)), copy_text(from.id),
+        copy_text(storable_field(from.osname)), copy_text(storable_field(from.osrelease)),
+        copy_text(storable_cputype(from.cputype)), copy_text(namespace_name));
     if (qz_map_insert(registry_hosts(ctx), host->hostid, host) != qz_ok) {
         free_agent_host(host);
     }
@@ -78,7 +73,7 @@ void enrol(shttpd_ctx* ctx, const registration& from, const std::string& namespa
     if (host == nullptr) {
         add_host(ctx, from, namespace_name);
     } else if (ns_exists(host->namespaces, namespace_name.c_str()) == 0) {
-        qz_vector_pushback(host->namespaces, heap_text(namespace_name));
+        qz_vector_pushback(host->namespaces, copy_text(namespace_name));
     }
 }
 

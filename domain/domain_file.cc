@@ -13,7 +13,7 @@
 #include "core/context.h"
 #include "core/log.h"
 #include "domain/registry.h"
-#include "lib/alloc.h"
+#include "lib/plat.h"
 #include "lib/replace_file.h"
 #include "lib/unique_fd.h"
 
@@ -100,15 +100,9 @@ bool parse_line(std::string_view line, host_line* host) {
     return true;
 }
 
-char* copy_of(std::string_view text) {
-    char* copy = static_cast<char*>(qz_need_bytes(text.size() + 1));
-    copy[text.copy(copy, text.size())] = '\0';
-    return copy;
-}
-
 void add_host(qz_map* hosts, const host_line& line) {
-    const qz_owned<char> id(copy_of(line.hostid));
-    qz_owned<char> name(copy_of(line.namespace_name));
+    const qz_owned<char> id(copy_text(line.hostid));
+    qz_owned<char> name(copy_text(line.namespace_name));
     auto* known = static_cast<agent_host*>(qz_map_find(hosts, id.get()));
     if (known != nullptr) {
         if (ns_exists(known->namespaces, name.get()) == 0) {
@@ -116,9 +110,9 @@ void add_host(qz_map* hosts, const host_line& line) {
         }
         return;
     }
-    agent_host* host = make_host(copy_of(line.hostname), copy_of(line.revhostname),
-                                 copy_of(line.hostid), copy_of(line.osname),
-                                 copy_of(line.osrelease), copy_of(line.cputype), name.release());
+    agent_host* host = make_host(
+        copy_text(line.hostname), copy_text(line.revhostname), copy_text(line.hostid),
+        copy_text(line.osname), copy_text(line.osrelease), copy_text(line.cputype), name.release());
     (void)qz_map_insert(hosts, host->hostid, host);  // looked up above: the id is new
 }
 

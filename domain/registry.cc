@@ -130,6 +130,12 @@ void reset_domain_config(domain_config* config) {
 
 // --- Host records ---
 
+char* copy_text(std::string_view text) {
+    auto* copy = static_cast<char*>(qz_need_bytes(text.size() + 1));
+    copy[text.copy(copy, text.size())] = '\0';
+    return copy;
+}
+
 agent_host* make_host(char* hostname, char* revhostname, char* hostid, char* osname,
                       char* osrelease, char* cputype, char* namespace_name) {
     auto* host = new agent_host;
@@ -192,7 +198,7 @@ int ns_remove(qz_vector* namespaces, const char* name) {
 
 domain_entry* make_domain_entry(const char* name) {
     auto* entry = new domain_entry;
-    entry->name = static_cast<char*>(qz_need(qzstrdup(name)));
+    entry->name = copy_text(name);
     entry->hosts = new_qz_map(compare_string, nullptr, free_agent_host);
     entry->blacklist = new_qz_set(compare_string, qzfree);
     return entry;
@@ -210,7 +216,7 @@ void free_dhc_info_map(void* word) {
 }
 
 bool blacklist_add(domain_entry* entry, std::string_view id) {
-    qz_owned<char> copy(static_cast<char*>(qz_need(qzstrdup(std::string(id).c_str()))));
+    qz_owned<char> copy(copy_text(id));
     if (qz_set_insert(entry->blacklist, copy.get()) != qz_ok) {
         return false;
     }

@@ -22,12 +22,12 @@
 #include "lib/rbtree.h"
 
 struct domain_config {
-    std::uint32_t dhc_enabled = 0;
-    std::uint32_t ping_frequency = 300;  // seconds
-    std::uint32_t fudge = 60;            // seconds of grace
-    std::uint32_t max_report_per_dhc = 30;
-    std::uint32_t max_report_per_dc = 256;
-    std::uint32_t max_cycles_per_blist = 2;
+    std::uint32_t dhc_enabled = 0;           // collectors take part, the DR list is kept
+    std::uint32_t ping_frequency = 300;      // seconds
+    std::uint32_t fudge = 60;                // seconds of grace
+    std::uint32_t max_report_per_dhc = 30;   // ids in a collector's list; hosts it collects
+    std::uint32_t max_report_per_dc = 256;   // hosts in the DR list
+    std::uint32_t max_cycles_per_blist = 2;  // enumerations; collectors only
 };
 
 void reset_domain_config(domain_config* config);
@@ -36,6 +36,9 @@ void reset_domain_config(domain_config* config);
 domain_config* domain_mode_config();
 
 // --- Host records ---
+
+// A heap copy of the text for a record, released with qzfree. Ends the process without memory.
+[[nodiscard]] char* copy_text(std::string_view text);
 
 struct agent_host {
     char* hostname = nullptr;     // the texts are owned (free) and may be null
@@ -50,8 +53,8 @@ struct agent_host {
     std::int64_t next_due = 0;        // 0: never pinged
 };
 
-// A record that takes the texts (heap, each may be null) and holds `namespace_name`, when that is
-// not null, as its first namespace. Free with free_agent_host.
+// A record that takes the texts (copy_text, each may be null) and holds `namespace_name`, when that
+// is not null, as its first namespace. Free with free_agent_host.
 [[nodiscard]] agent_host* make_host(char* hostname, char* revhostname, char* hostid, char* osname,
                                     char* osrelease, char* cputype, char* namespace_name);
 void free_agent_host(void* host);

@@ -14,7 +14,6 @@
 #include "core/endpoint.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
-#include "lib/alloc.h"
 
 namespace {
 
@@ -115,14 +114,9 @@ void reject_ids(domain_entry* entry, std::string_view list) {
     });
 }
 
-char* heap_text(const char* text) {
-    return static_cast<char*>(qz_need(qzstrdup(text)));
-}
-
 agent_host* collect_host(domain_entry* entry, const std::string& id) {
-    agent_host* host =
-        make_host(heap_text(""), heap_text(""), heap_text(id.c_str()), heap_text("unknown"),
-                  heap_text("unknown"), heap_text("unknown"), nullptr);
+    agent_host* host = make_host(copy_text(""), copy_text(""), copy_text(id), copy_text("unknown"),
+                                 copy_text("unknown"), copy_text("unknown"), nullptr);
     (void)qz_map_insert(entry->hosts, host->hostid, host);  // the caller has looked it up
     return host;
 }
