@@ -154,6 +154,15 @@ void append_line(std::string* out, const agent_host* host, const char* namespace
     out->append("\n");
 }
 
+// The file's path as it is logged. It may have come with a request, and a line break in it would
+// let the caller write lines of the log.
+std::string loggable_path(const shttpd_ctx* ctx) {
+    std::string path = ctx->domain_file;
+    std::replace_if(
+        path.begin(), path.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return path;
+}
+
 }  // namespace
 
 void parse_domain_text(std::string_view text, qz_map* hosts) {
@@ -188,27 +197,28 @@ void load_domain_file(const shttpd_ctx* ctx, const conn* c) {
         parse_domain_text(content, registry_hosts(ctx));
     } else if (error != ENOENT) {
         state().unreadable = true;
-        elog(elog_info, c, "domain file %s cannot be read: %s", ctx->domain_file.c_str(),
+        elog(elog_info, c, "domain file %s cannot be read: %s", loggable_path(ctx).c_str(),
              error == not_regular ? "not a regular file" : strerror(error));
     }
 }
 
 void sync_allow(const conn* c) {
-    const char* path = c->ctx->domain_file.c_str();
+    const std::string path = loggable_path(c->ctx);
     if (state().unreadable) {
         if (!state().unreadable_told) {
             elog(elog_info, c, "domain file %s is not written: its old hosts could not be read",
-                 path);
+                 path.c_str());
         }
         state().unreadable_told = true;
         return;
     }
-    const int error = replace_file(path, format_domain_text(registry_hosts(c->ctx)));
+    const int error =
+        replace_file(c->ctx->domain_file.c_str(), format_domain_text(registry_hosts(c->ctx)));
     if (error != 0 && !state().write_failed) {
-        elog(elog_info, c, "domain file %s is not written: %s", path, strerror(error));
+        elog(elog_info, c, "domain file %s is not written: %s", path.c_str(), strerror(error));
     }
     if (error == 0 && state().write_failed) {
-        elog(elog_info, c, "domain file %s is written again", path);
+        elog(elog_info, c, "domain file %s is written again", path.c_str());
     }
     state().write_failed = error != 0;
 }

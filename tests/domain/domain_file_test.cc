@@ -206,10 +206,10 @@ TEST_F(domain_file_on_disk, SpecialFilesAreLeftAlone) {
 }
 
 TEST_F(domain_file_on_disk, AFailedWriteIsToldOnceAndMadeUpFor) {
-    const std::string folder = engine.root.path() / "later";
+    const std::string folder = engine.root.path() / "later\n";
     const std::string file = folder + "/domain";
     testing::internal::CaptureStderr();
-    switch_to(file);
+    switch_to(engine.root.path().string() + "/later%0A/domain");
     EXPECT_NE(enrol("id1").find("200 OK"), std::string::npos);
     EXPECT_NE(enrol("id2").find("200 OK"), std::string::npos);
     std::filesystem::create_directory(folder);
@@ -220,6 +220,7 @@ TEST_F(domain_file_on_disk, AFailedWriteIsToldOnceAndMadeUpFor) {
     ASSERT_NE(failed, std::string::npos) << log;
     EXPECT_EQ(log.find("is not written", failed + 1), std::string::npos) << log;
     EXPECT_NE(log.find("is written again", failed), std::string::npos) << log;
+    EXPECT_NE(log.find("later?/domain"), std::string::npos) << "a request writes no log lines";
 }
 
 }  // namespace
