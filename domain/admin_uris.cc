@@ -1,5 +1,6 @@
 // Administration of the domain: /admin/domain/host_rename, dhc, add and remove.
 #include <array>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,8 @@
 
 namespace {
 
+// Kept: an id longer than 39 characters can be registered and is cut here, so that the answer to
+// its rename is "Not found".
 constexpr int rename_id_bytes = 40;
 constexpr int host_bytes = 256;
 
@@ -21,26 +24,47 @@ void replace_text(char** field, const std::string& text) {
     *field = copy_text(text);
 }
 
-// The variables of the three endpoints that answer GET: the body's, else the query's. Refuses other
-// methods and requests without variables; false when the caller must return.
-bool get_variables(shttpd_call_arg* arg, std::string_view* variables) {
+// Admits a request to one of the three endpoints that answer GET, in this order: the mode, the
+// method, the body, and variables, which are those of the body, else of the query. Nothing when the
+// caller must return, because the request was refused or its body is still arriving.
+std::optional<std::string_view> admitted_variables(shttpd_call_arg* arg, bool domain_mode,
+                                                   const char* wrong_mode) {
+    if (endpoint_closing(arg)) {
+        return std::nullopt;
+    }
+    if (in_domain_mode(arg->connection->ctx) != domain_mode) {
+        show_error(arg, "403", wrong_mode);
+        return std::nullopt;
+    }
     if (!method_is(arg, "GET")) {
         show_error(arg, "405", "Method not allowed");
-        return false;
+        return std::nullopt;
     }
     if (post_body_pending(arg)) {
-        return false;
+        return std::nullopt;
     }
-    *variables = request_body(arg).empty() ? query_text(arg) : request_body(arg);
-    if (variables->empty()) {
+    const std::string_view body = request_body(arg);
+    const std::string_view variables = body.empty() ? query_text(arg) : body;
+    if (variables.empty()) {
         show_error(arg, "405", "Method not allowed");
-        return false;
+        return std::nullopt;
     }
-    return true;
+    return variables;
+}
+
+// The domain that a request of standalone mode names. Empty: the request was refused for want of
+// it.
+std::string required_domain(shttpd_call_arg* arg, std::string_view variables) {
+    std::string name(raw_variable(variables, "domain"));
+    if (name.empty()) {
+        show_error(arg, "400", "Bad Request.");
+    }
+    return name;
 }
 
 // --- Settings ---
 
+// The word of a configuration that a variable of dhc, and perhaps of add too, sets.
 struct setting {
     const char* name;
     std::uint32_t domain_config::*field;
@@ -56,6 +80,7 @@ constexpr std::array<setting, 6> settings = {{
     {"max_cycles_per_blist", &domain_config::max_cycles_per_blist, true},
 }};
 
+// Variables that are absent, empty or no usable number leave their word as it is.
 void apply_settings(std::string_view variables, bool per_domain, domain_config* config) {
     for (const setting& each : settings) {
         if (per_domain && !each.per_domain) {
@@ -130,64 +155,36 @@ void domain_host_rename(shttpd_call_arg* arg) {
     show_success(arg);
 }
 
+// Kept: a daemon in domain mode is a "CMS" in the refusal of dhc and a "DC" in those of add and
+// remove.
 void domain_dhc(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
+    const auto variables = admitted_variables(arg, true, "DHC enable/disable allowed only on CMS");
+    if (variables) {
+        apply_settings(*variables, false, domain_mode_config());
+        answer_empty(arg);
     }
-    if (!in_domain_mode(arg->connection->ctx)) {
-        show_error(arg, "403", "DHC enable/disable allowed only on CMS");
-        return;
-    }
-    std::string_view variables;
-    if (!get_variables(arg, &variables)) {
-        return;
-    }
-    apply_settings(variables, false, domain_mode_config());
-    answer_empty(arg);
 }
 
 void domain_add(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
-    shttpd_ctx* ctx = arg->connection->ctx;
-    if (in_domain_mode(ctx)) {
-        show_error(arg, "403", "Domain add not allowed on DC");
-        return;
-    }
-    std::string_view variables;
-    if (!get_variables(arg, &variables)) {
-        return;
-    }
-    const std::string name(raw_variable(variables, "domain"));
+    const auto variables = admitted_variables(arg, false, "Domain add not allowed on DC");
+    const std::string name = variables ? required_domain(arg, *variables) : "";
     if (name.empty()) {
-        show_error(arg, "400", "Bad Request.");
         return;
     }
-    domain_entry* entry = find_or_add_domain(ctx, name);
-    apply_settings(variables, true, &entry->config);
-    add_to_blacklist(variables, entry);
+    // A domain that is served already keeps its hosts, its blacklist and the settings not given.
+    domain_entry* entry = find_or_add_domain(arg->connection->ctx, name);
+    apply_settings(*variables, true, &entry->config);
+    add_to_blacklist(*variables, entry);
     answer_empty(arg);
 }
 
 void domain_remove(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
-    shttpd_ctx* ctx = arg->connection->ctx;
-    if (in_domain_mode(ctx)) {
-        show_error(arg, "403", "Domain remove not allowed on DC");
-        return;
-    }
-    std::string_view variables;
-    if (!get_variables(arg, &variables)) {
-        return;
-    }
-    const std::string name(raw_variable(variables, "domain"));
+    const auto variables = admitted_variables(arg, false, "Domain remove not allowed on DC");
+    const std::string name = variables ? required_domain(arg, *variables) : "";
     if (name.empty()) {
-        show_error(arg, "400", "Bad Request.");
         return;
     }
-    (void)qz_map_delete(registry_domains(ctx), name.c_str());  // an unknown name changes nothing
+    // An unknown name changes nothing, and is a success.
+    (void)qz_map_delete(registry_domains(arg->connection->ctx), name.c_str());
     answer_empty(arg);
 }

@@ -19,8 +19,11 @@ constexpr int host_bytes = 256;
 constexpr int osname_bytes = 32;
 constexpr int osrelease_bytes = 64;
 constexpr int cputype_bytes = 16;
+// Kept: a longer id than 39 characters can be registered and is cut here, so that the host cannot
+// be removed and its unregistration is answered with 404.
 constexpr int unregister_id_bytes = 40;
 
+// The values as they were received; what is stored of them is decided by add_host.
 struct registration {
     std::string id;
     std::string host;
@@ -89,7 +92,8 @@ void answer_registration(shttpd_call_arg* arg, const registration& host) {
     answer_text(arg, text);
 }
 
-// Refuses what both endpoints refuse; true when the caller must return.
+// Refuses what both endpoints refuse; true when the caller must return. The mode is judged anew on
+// every call, so that a switch while the body is arriving decides about the request.
 bool refused_or_pending(shttpd_call_arg* arg) {
     if (!in_domain_mode(arg->connection->ctx)) {
         show_error(arg, "404", "Not Found");
@@ -117,7 +121,7 @@ void domain_register(shttpd_call_arg* arg) {
         show_error(arg, "400", "Error: Missing information");
         return;
     }
-    host.remote_host = peer_host_name(c).name;
+    host.remote_host = peer_host_name(c).name;  // empty when there is none: that is no refusal
     enrol(c->ctx, host, c->request.ns->name);
     sync_allow(c);
     answer_registration(arg, host);
@@ -138,6 +142,7 @@ void domain_unregister(shttpd_call_arg* arg) {
         answer_unknown_host(arg);
         return;
     }
+    // Leaving a namespace that the host was never in is a success too.
     (void)ns_remove(host->namespaces, c->request.ns->name.c_str());
     if (qz_vector_size(host->namespaces) == 0) {
         registry_remove_host(c->ctx, id.c_str());

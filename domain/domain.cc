@@ -33,16 +33,19 @@ constexpr std::array<endpoint, 9> endpoints = {{
     {"/admin/domain/dhc", domain_dhc},
 }};
 
+// Sizes of the variables, terminator included; longer values are cut.
 constexpr int mode_bytes = 32;
 constexpr int path_bytes = 1024;
 
+// `c` (null at the start) is for the log. Requires: ctx->domain_file is set, the registry is free.
 void set_domain_mode(shttpd_ctx* ctx, const conn* c) {
     reset_domain_config(domain_mode_config());
     ctx->registry = new_qz_map(compare_string, nullptr, free_agent_host);
     load_domain_file(ctx, c);
 }
 
-// The result of reading the resolver file; without one the registry is empty.
+// The result of reading the resolver file; without one, or with one that cannot be parsed, the
+// registry is empty. A domain that is listed twice is served once.
 int set_standalone_domains(shttpd_ctx* ctx) {
     ctx->registry = new_qz_map(compare_string, nullptr, free_dhc_info_map);
     parse_handle* handle = nullptr;
@@ -67,6 +70,9 @@ int set_standalone_domains(shttpd_ctx* ctx) {
 }
 
 // --- Mode switch ---
+//
+// A switch changes nothing but the running daemon: its configuration decides at the next start. The
+// new path is taken as it is. One that cannot be read is told in the log and answered with success.
 
 void switch_to_domain(shttpd_call_arg* arg) {
     shttpd_ctx* ctx = arg->connection->ctx;

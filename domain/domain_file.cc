@@ -19,8 +19,8 @@
 
 namespace {
 
-constexpr std::size_t piece_bytes = 1023;
-constexpr int not_regular = -1;
+constexpr std::size_t piece_bytes = 1023;  // of a line; what follows is taken as another line
+constexpr int not_regular = -1;            // an error beside those of errno
 constexpr std::string_view default_namespace_name = "plx";
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
@@ -48,6 +48,9 @@ struct host_line {
     std::string_view cputype{};
     std::string_view namespace_name{};
 };
+
+// Fields are cut by hand: scanning functions of the C library skip an empty one, and the reverse
+// name may be empty.
 
 // Cuts the field up to the next ":" off the front of `rest`; false when there is no ":".
 bool take_field(std::string_view* rest, std::string_view* field) {
@@ -83,6 +86,7 @@ bool parse_line(std::string_view line, host_line* host) {
             return false;
         }
     }
+    // Kept: a namespace may contain ":" and ends with the line, so a carriage return belongs to it.
     const std::size_t cpu_end = std::min(line.find(':'), line.find_first_of(white_space));
     host->cputype = line.substr(0, cpu_end);
     const std::size_t colon = line.find(':');
@@ -178,6 +182,8 @@ void parse_domain_text(std::string_view text, qz_map* hosts) {
     }
 }
 
+// No field can break a line: they were read from one, or the registration refused or replaced the
+// characters that would.
 std::string format_domain_text(const qz_map* hosts) {
     std::string out;
     for (const qz_pair& pair : qz_each(hosts)) {

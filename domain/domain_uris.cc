@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t longest_number = 31;
+constexpr std::size_t longest_number = 31;  // characters, more than any number that is accepted has
 
 bool is_control(char c) {
     const auto byte = static_cast<unsigned char>(c);
@@ -37,6 +37,7 @@ std::string_view raw_variable(std::string_view variables, const char* name) {
 }
 
 std::optional<std::uint32_t> number_variable(std::string_view variables, const char* name) {
+    // A copy, because the value is not terminated: digits of whatever stands behind it would count.
     const std::string text(raw_variable(variables, name).substr(0, longest_number));
     if (text.empty()) {
         return std::nullopt;
@@ -52,6 +53,7 @@ bool is_storable_id(std::string_view id) {
     return !has_unsafe(id) && id.find(':') == std::string_view::npos;
 }
 
+// A ":" is fine, the file puts such names in brackets. Brackets of its own would not be read back.
 bool is_storable_hostname(std::string_view name) {
     return !has_unsafe(name) && name.find_first_of("[]") == std::string_view::npos;
 }
@@ -80,6 +82,7 @@ void answer_empty(shttpd_call_arg* arg) {
     arg->flags |= ARG_END_OF_OUTPUT;
 }
 
+// Not show_error, whose body has no line break at its end.
 void answer_unknown_host(shttpd_call_arg* arg) {
     (void)shttpd_printf(arg,
                         "HTTP/1.1 404 Host not found\r\nContent-Type: text/plain\r\n\r\n"

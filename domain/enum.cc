@@ -22,7 +22,8 @@ struct enum_request {
     std::string domain;
 };
 
-// Fills `request`; false when the body is still arriving. Only a GET has variables.
+// Fills `request`; false when the body is still arriving.
+// Kept: only a GET has variables; other methods are answered as if they had asked without any.
 bool read_request(shttpd_call_arg* arg, enum_request* request) {
     if (!method_is(arg, "GET")) {
         return true;
@@ -58,7 +59,7 @@ void print_collected(domain_entry* entry, record_writer* writer) {
     for (const qz_pair& pair : qz_each(entry->hosts)) {
         writer->write(static_cast<const agent_host*>(pair.value));
     }
-    qz_map_clear(entry->hosts);
+    qz_map_clear(entry->hosts);  // whether the reply arrives or not: the next pings refill it
     if (qz_set_size(entry->blacklist) == 0) {
         return;
     }

@@ -32,7 +32,8 @@ struct ping_times {
     std::int64_t next_due;
 };
 
-// Gives a listed host the times of the ping; false when the id is not registered.
+// Gives a listed host the times of the ping; false when the id is not registered. In standalone
+// mode none is: the registry's keys are then names of domains.
 bool ping_listed(const shttpd_ctx* ctx, std::string_view id, ping_times times) {
     char name[host_id_bytes];
     name[id.copy(name, sizeof name - 1)] = '\0';
@@ -58,6 +59,7 @@ std::uint32_t ping_list(const shttpd_ctx* ctx, host_id_list* list, ping_times ti
         if (id.empty()) {
             continue;
         }
+        // What is kept moves towards the front, never over a part that has not been read.
         const std::size_t too_long = is_last ? host_id_bytes - 1 : host_id_bytes;
         if (id.size() < too_long && ping_listed(ctx, id, times)) {
             ++known;
@@ -284,6 +286,7 @@ std::int64_t get_current_time() {
 
 void update_ping_time(shttpd_ctx* ctx, const domain_config& config, agent_host* host, bool is_dhc,
                       std::uint32_t frequency, host_id_list* list) {
+    // In 64 bits: two settings of 32 bits may be added to the time of day.
     std::int64_t interval = frequency;
     std::int64_t grace = std::max<std::int64_t>(interval / 10, 2);
     if (!is_dhc) {

@@ -96,6 +96,7 @@ void report_to_server(shttpd_call_arg* arg, report* from) {
     host_id_list list{.text = from->list.data(), .length = from->list.size()};
     update_ping_time(ctx, config, host, from->is_dhc, from->frequency,
                      from->is_dhc ? &list : nullptr);
+    // A full list is no error: the host has been pinged all the same.
     if (!from->is_dhc && config.dhc_enabled != 0) {
         drlist_add(ctx, host, config.max_report_per_dc);
     }
