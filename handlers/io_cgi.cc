@@ -10,9 +10,7 @@
 
 #include "core/connection.h"
 #include "core/io_class.h"
-#include "core/log.h"
 #include "core/request.h"
-#include "core/route.h"
 #include "core/stream.h"
 #include "handlers/cgi.h"
 #include "handlers/relay.h"
@@ -25,17 +23,6 @@ constexpr std::string_view placeholder = "HTTP/1.1     OK\r\n";
 void end_input(stream* s) {
     (void)shutdown(s->channel.fd, SHUT_WR);  // it may be gone already
     s->flags &= ~static_cast<std::uint32_t>(sf_writable);
-}
-
-// Logs before the error reply takes the buffer over.
-ssize_t refuse_headers(stream* s) {
-    conn* c = s->connection;
-    const int length = static_cast<int>(s->head - placeholder.size());
-    elog(elog_info, c, "CGI script sent invalid headers: [%.*s]", length,
-         s->buffer + placeholder.size());
-    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
-    send_server_error(c, 500, "Bad headers sent");
-    return 0;
 }
 
 // The block in front is complete: decides status, length and keep-alive, and releases the reply.
@@ -61,33 +48,16 @@ void accept_headers(stream* s) {
     s->flags |= sf_parsed;
 }
 
+constexpr reply_head_rules head_rules = {
+    .failure = "Error running CGI", .own_bytes = placeholder.size(), .accept = accept_headers};
+
 ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
     s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
     const ssize_t n = recv(s->channel.fd, buffer, length, 0);
     if (s->has(sf_parsed)) {
         return n;
     }
-    if (n < 1) {
-        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-            return n;
-        }
-        send_server_error(s->connection, 500, "Error running CGI");
-        return n;
-    }
-    s->flags |= sf_keep_open;
-    s->head += static_cast<std::size_t>(n);
-    s->total += static_cast<std::uint64_t>(n);
-    const ssize_t block = get_headers_len(s->buffer, s->head);
-    if (block < 0 || (block == 0 && s->room() == 0)) {
-        return refuse_headers(s);
-    }
-    if (block == 0) {
-        s->tail = s->head;
-        return 0;
-    }
-    s->header_length = static_cast<std::size_t>(block);
-    accept_headers(s);
-    return 0;
+    return take_reply_head(s, n, head_rules);
 }
 
 ssize_t write_cgi(stream* s, const void* buffer, std::size_t length) {

@@ -12,9 +12,7 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/io_class.h"
-#include "core/log.h"
 #include "core/request.h"
-#include "core/route.h"
 #include "core/string.h"
 #include "handlers/relay.h"
 #include "handlers/service_exchange.h"
@@ -101,15 +99,6 @@ std::size_t scan_reply(stream* s, std::string_view bytes) {
     return own;
 }
 
-// Logs before the error reply takes the buffer over.
-ssize_t refuse_headers(stream* s) {
-    elog(elog_info, s->connection, "CGI script sent invalid headers: [%.*s]",
-         static_cast<int>(s->head), s->buffer);
-    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
-    send_server_error(s->connection, 500, "Bad headers sent");
-    return 0;
-}
-
 // Whether the client connection ends with this reply.
 bool must_close(const conn* c, const header_values& values, reply_end end) {
     return !c->request.uri.starts_with("/hob://") || c->request.major == 0 ||
@@ -161,29 +150,8 @@ void accept_headers(stream* s) {
     judge_first_body_bytes(s, end);
 }
 
-ssize_t read_headers(stream* s, ssize_t n) {
-    if (n < 1) {
-        if (n < 0 && would_block(errno)) {
-            return n;
-        }
-        send_server_error(s->connection, 500, "Error in proxy");
-        return n;
-    }
-    s->flags |= sf_keep_open;
-    s->head += static_cast<std::size_t>(n);
-    s->total += static_cast<std::uint64_t>(n);
-    const ssize_t block = get_headers_len(s->buffer, s->head);
-    if (block < 0 || (block == 0 && s->room() == 0)) {
-        return refuse_headers(s);
-    }
-    if (block == 0) {
-        s->tail = s->head;
-        return 0;
-    }
-    s->header_length = static_cast<std::size_t>(block);
-    accept_headers(s);
-    return 0;
-}
+constexpr reply_head_rules head_rules = {
+    .failure = "Error in proxy", .own_bytes = 0, .accept = accept_headers};
 
 ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
     conn* c = s->connection;
@@ -200,7 +168,7 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
     }
     errno = error;
     if (!s->has(sf_parsed)) {
-        return read_headers(s, n);
+        return take_reply_head(s, n, head_rules);
     }
     const relay_scanners* scanners = scanners_of(s);
     if (scanners == nullptr || !scanners->scans_reply) {

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "core/log.h"
 #include "core/request.h"
+#include "core/route.h"
 #include "core/string.h"
 
 namespace {
@@ -38,12 +41,45 @@ bool names_length(std::string_view head) {
     return false;
 }
 
+// Logs before the error reply takes the buffer over.
+// Kept: the headers of a proxy target are logged as those of a CGI script, too.
+ssize_t refuse_head(stream* s, std::size_t own_bytes) {
+    elog(elog_info, s->connection, "CGI script sent invalid headers: [%.*s]",
+         static_cast<int>(s->head - own_bytes), s->buffer + own_bytes);
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    send_server_error(s->connection, 500, "Bad headers sent");
+    return 0;
+}
+
 }  // namespace
 
 void write_status(char* status_line, std::uint64_t status) {
     std::array<char, 24> text{};
     (void)std::snprintf(text.data(), text.size(), "%3llu", static_cast<unsigned long long>(status));
     std::memcpy(status_line + status_offset, text.data(), status_digits);
+}
+
+ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules) {
+    if (n < 1) {
+        if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+            send_server_error(s->connection, 500, rules.failure);
+        }
+        return n;
+    }
+    s->flags |= sf_keep_open;
+    s->head += static_cast<std::size_t>(n);
+    s->total += static_cast<std::uint64_t>(n);
+    const ssize_t block = get_headers_len(s->buffer, s->head);
+    if (block < 0 || (block == 0 && s->room() == 0)) {
+        return refuse_head(s, rules.own_bytes);
+    }
+    if (block == 0) {
+        s->tail = s->head;  // nothing counts as unsent yet
+        return 0;
+    }
+    s->header_length = static_cast<std::size_t>(block);
+    rules.accept(s);
+    return 0;  // the bytes are counted already
 }
 
 reply_end find_reply_end(std::string_view head, const header_values& values, int method) {

@@ -1,8 +1,11 @@
-// What the relays to CGI programs and to proxy targets share: where bodies end, in both
-// directions, and the status that is written into a reply's first line.
+// What the relays to CGI programs and to proxy targets share: the wait for a reply's headers, where
+// bodies end, in both directions, and the status that is written into a reply's first line.
 //
-// The scanners hang in the stream's channel while one of the bodies is chunked.
+// `s` is always a connection's local stream with io_cgi or io_proxy installed. The scanners hang in
+// its channel while one of the bodies is chunked.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +20,18 @@
 void write_status(char* status_line, std::uint64_t status);
 
 // --- Replies ---
+
+// How one kind of sender begins its replies.
+struct reply_head_rules {
+    const char* failure;      // the reason of the 500 when it ends inside its headers
+    std::size_t own_bytes;    // the daemon's own in front of them, left out of the log
+    void (*accept)(stream*);  // called once, with header_length set, when they are complete
+};
+
+// Takes the result of a read, and errno with it, while the headers are incomplete: `n` bytes stand
+// behind the buffer's head. Nothing can be sent before the blank line has come; headers that fill
+// the buffer or hold a forbidden byte are answered with 500. Returns what the class's read returns.
+ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules);
 
 enum class reply_end : std::uint8_t {
     at_once,     // nothing follows the headers
