@@ -73,6 +73,9 @@ void load(const std::string& path, role_entry* row) {
         return;
     }
     row->unreadable = !read_access_file(file.get(), row);
+    if (row->unreadable) {  // without a time it is read again by the next check
+        return;
+    }
     // Of the opened file, not of the path: a file that replaced it meanwhile is still to be read.
     struct stat st {};
     if (fstat(fileno(file.get()), &st) == 0) {

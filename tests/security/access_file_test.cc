@@ -141,7 +141,15 @@ TEST_F(access_file_on_disk, other_things_in_its_place_neither_block_nor_get_repl
     EXPECT_TRUE(refresh_row(path, &row));
     EXPECT_TRUE(row.unreadable);
 
+    // A regular file whose first read fails.
     ASSERT_EQ(rmdir(path.c_str()), 0);
+    ASSERT_EQ(symlink("/proc/self/mem", path.c_str()), 0);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_TRUE(refresh_row(path, &row)) << "tried again by every check";
+        EXPECT_TRUE(row.unreadable);
+    }
+
+    ASSERT_EQ(unlink(path.c_str()), 0);
     (void)refresh_row(path, &row);
     EXPECT_FALSE(row.unreadable) << "nothing is left to lose";
     clear_row(&row);
