@@ -160,9 +160,11 @@ void add_namespace(shttpd_call_arg* arg) {
         show_error(arg, "400", "Cannot add default namespace");
     } else if (is_configured(ctx, name)) {
         show_error(arg, "400", "Namespace is already configured");
-    } else if (name.find_first_of(",=") != std::string::npos ||
-               root.find(',') != std::string::npos) {
-        show_error(arg, "400", "Bad params");  // the list of namespaces could not be read back
+    } else if (name.find_first_of(",=\r\n") != std::string::npos ||
+               root.find_first_of(",\r\n") != std::string::npos) {
+        // The list of namespaces could not be read back, and a root with line breaks would write
+        // lines of its own into the log, where paths appear.
+        show_error(arg, "400", "Bad params");
     } else {
         std::string text = ctx->namespaces;
         text.append(text.empty() ? "" : ",").append(name).append("=").append(root);

@@ -185,6 +185,7 @@ SPACE = "/admin/dovmad/config/namespace"
     ("POST", f"{SPACE}/add", "namespace=onx&document_root=/x", "Namespace is already configured"),
     ("POST", f"{SPACE}/add", "namespace=a,b&document_root=/x", "Bad params"),
     ("POST", f"{SPACE}/add", "namespace=ab&document_root=/x,c=/y", "Bad params"),
+    ("POST", f"{SPACE}/add", "namespace=ab&document_root=/x%0A[a]", "Bad params"),
     ("POST", f"{SPACE}/remove", "namespace=three", "Namespace not configured"),
 ])
 def test_refusals(spaces, method, path, body, expected):
