@@ -23,6 +23,7 @@ const char* schedule_path(const shttpd_ctx* ctx) {
 }
 
 // Reads the schedule file again: the entry of the query's "id", or everything. Any method will do.
+// Kept: a body is waited for and not read, so an id in it counts as none.
 void uri_sched_rescan(shttpd_call_arg* arg) {
     if (endpoint_closing(arg) || post_body_pending(arg)) {
         return;
@@ -32,6 +33,7 @@ void uri_sched_rescan(shttpd_call_arg* arg) {
     show_success(arg);
 }
 
+// The dump is made on the first call and sent over as many as it takes.
 void uri_sched_dump(shttpd_call_arg* arg) {
     if (endpoint_closing(arg)) {
         return;

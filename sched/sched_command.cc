@@ -20,10 +20,11 @@ namespace {
 
 constexpr std::string_view shell_prefix = "/bin/sh -c";
 constexpr std::string_view install_root_item = "PLX_INSTALL_ROOT=";
-constexpr std::size_t max_words = 1023;
+constexpr std::size_t max_words = 1023;  // the program's path among them
 constexpr mode_t command_umask = 027;
 
-// The groups that the process had when the scheduler came up.
+// The groups that the process had when the scheduler came up: commands get these, whatever happens
+// to the process's own later.
 struct group_list {
     std::vector<gid_t> ids;
     bool known = false;
@@ -43,6 +44,7 @@ std::string_view install_root(const shttpd_ctx* ctx) {
     return {};
 }
 
+// Nothing of the daemon's own environment but PATH is passed on.
 void build_environment(const shttpd_ctx* ctx, env_block* block) {
     addenv(block, "SERVER_NAME=%s", ctx->auth_realm.c_str());
     addenv(block, "PLX_VAR_DIR=%s", ctx->var_dir.c_str());
@@ -62,7 +64,7 @@ void build_environment(const shttpd_ctx* ctx, env_block* block) {
 [[noreturn]] void run_child(char* const* arguments, char* const* environment) {
     (void)setsid();
     close_descriptors_from(0);
-    if (open("/dev/null", O_RDWR) == 0) {
+    if (open("/dev/null", O_RDWR) == 0) {  // the lowest number: everything has been closed
         (void)dup(0);
         (void)dup(0);
     }

@@ -46,6 +46,7 @@ schedule_entry* find_entry(const scheduler_state* state, const char* id) {
     return qz_as<schedule_entry>(qz_map_find(state->entries, id));
 }
 
+// The earliest planned entry; null when nothing is planned.
 schedule_entry* first_timer(const scheduler_state* state) {
     const auto first = qz_each(state->timers).begin();
     return first != qz_map_range::stop{} ? qz_as<schedule_entry>((*first).value) : nullptr;
@@ -58,6 +59,8 @@ void remove_timer(scheduler_state* state, const schedule_entry* entry) {
     }
 }
 
+// A restriction of the day in both fields is met by either, as in cron; one that allows every day
+// leaves the decision to the other field. Whole masks are compared: "1-31" is no restriction.
 bool day_matches(const schedule_entry* entry, const std::tm& local) {
     const bool any_day = entry->day_mask == every_day_of_month;
     const bool any_weekday = entry->weekday_mask == every_day_of_week;
@@ -83,6 +86,8 @@ std::time_t next_match(const schedule_entry* entry, const local_moment& at) {
     return at.hour_start() + (minute - entry->minute_mask) * minute_s;
 }
 
+// Also when another entry stands under the same key, which only ids longer than 52 characters or
+// repeated ones can bring about.
 bool is_planned(const scheduler_state* state, const schedule_entry* entry) {
     return entry->sortkey[0] != '\0' && qz_map_find(state->timers, entry->sortkey) != nullptr;
 }
@@ -97,6 +102,7 @@ int plan_entry(scheduler_state* state, schedule_entry* entry, const local_moment
         entry->next = 0;
         return 0;
     }
+    // The map's key is this very text, which therefore only changes here, while it is in no map.
     (void)std::snprintf(entry->sortkey, sizeof entry->sortkey, "%.10" PRId64 "-%s",
                         std::int64_t{entry->next}, entry->id.c_str());
     if (qz_map_insert(state->timers, entry->sortkey, entry) != qz_ok) {
@@ -106,7 +112,8 @@ int plan_entry(scheduler_state* state, schedule_entry* entry, const local_moment
     return 1;
 }
 
-// Starts a due entry and drops a missed one; either is planned again.
+// Starts a due entry and drops a missed one; either is planned again, and a stray, whose id stands
+// for another entry, is not.
 void handle_timer(scheduler_state* state, const shttpd_ctx* ctx, schedule_entry* entry,
                   std::time_t now) {
     const bool due = entry->next >= min_floor(now);
@@ -120,6 +127,7 @@ void handle_timer(scheduler_state* state, const shttpd_ctx* ctx, schedule_entry*
     scheduler_resume(state, entry->id.c_str(), due, now);
 }
 
+// Frees the strays of one id.
 void free_strays(scheduler_state* state, const std::string& id) {
     std::erase_if(state->strays, [&](schedule_entry* stray) {
         if (stray->id != id) {
@@ -131,6 +139,7 @@ void free_strays(scheduler_state* state, const std::string& id) {
     });
 }
 
+// In this order: timers point to strays and to entries.
 void clear_schedules(scheduler_state* state) {
     qz_map_clear(state->timers);
     std::for_each(state->strays.begin(), state->strays.end(), sched_free);
@@ -168,18 +177,11 @@ void add_line(scheduler_state* state, const char* only_id, std::string_view line
     (void)timer_add(state, entry, now);
 }
 
-// The form of ctime, whatever the year; the C library's fits four digits only.
+// A local time as the dump shows it, with a line break at its end. The C locale's names, whatever
+// the daemon's locale is.
 std::string time_text(std::time_t t) {
-    constexpr std::string_view weekdays = "SunMonTueWedThuFriSat";
-    constexpr std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    const std::tm local = local_moment(t).local;
-    char text[64];
-    const int length =
-        my_snprintf(text, sizeof text, "%.3s %.3s%3d %.2d:%.2d:%.2d %d\n",
-                    weekdays.data() + static_cast<std::ptrdiff_t>(local.tm_wday) * 3,
-                    months.data() + static_cast<std::ptrdiff_t>(local.tm_mon) * 3, local.tm_mday,
-                    local.tm_hour, local.tm_min, local.tm_sec, 1900 + local.tm_year);
-    return {text, static_cast<std::size_t>(length)};
+    char text[26];
+    return ctime_r(&t, text) != nullptr ? text : "\n";  // null: a year of five digits
 }
 
 const char* entry_status(const schedule_entry* entry, std::time_t minute) {
@@ -249,7 +251,7 @@ void rescan_schedules(scheduler_state* state, const std::string& id, const char*
         read_schedules(state, nullptr, path, now);
         return;
     }
-    remove_timer(state, entry);
+    remove_timer(state, entry);  // while its key is alive
     free_strays(state, id);
     (void)qz_map_delete(state->entries, id.c_str());
     read_schedules(state, id.c_str(), path, now);
@@ -264,6 +266,7 @@ void timer_add_all(scheduler_state* state, std::time_t t) {
     for (const qz_pair& pair : qz_each(state->entries)) {
         auto* entry = qz_as<schedule_entry>(pair.value);
         const bool planned = plan_entry(state, entry, at) != 0;
+        // Only a clock that was set back brings an entry to the minute of its last start.
         const bool ran_then = entry->prev >= entry->next && entry->prev < entry->next + minute_s;
         if (planned && entry->interval == 0 && ran_then) {
             remove_timer(state, entry);

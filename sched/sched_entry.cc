@@ -15,6 +15,7 @@ constexpr std::array<std::string_view, 13> months = {
 constexpr std::array<std::string_view, 8> weekdays = {"sun", "mon", "tue", "wed",
                                                       "thu", "fri", "sat", "sun"};
 
+// A time field: its name, the names of its values (may be empty), and its range.
 struct field_row {
     const char* name;
     std::span<const std::string_view> names;
@@ -102,6 +103,8 @@ bool parse_interval(std::string_view minute, schedule_entry* entry) {
     return string_to_uint32(&minute, &entry->interval) == 0 && minute.empty();
 }
 
+// Parses into masks that have room for the highest value, and then moves months to position 0 and
+// the Sunday that is written as 7 to that of 0. False: the line is dropped.
 bool parse_masks(const std::array<std::string_view, 5>& texts, schedule_entry* entry) {
     std::array<field_mask, 5> masks = {field_mask(59), field_mask(23), field_mask(31),
                                        field_mask(12), field_mask(7)};
@@ -124,6 +127,7 @@ bool parse_masks(const std::array<std::string_view, 5>& texts, schedule_entry* e
     return true;
 }
 
+// The interval form has masks that match nothing.
 void clear_masks(schedule_entry* entry) {
     std::fill_n(entry->minute_mask, 60, '0');
     std::fill_n(entry->hour_mask, 24, '0');
@@ -133,14 +137,6 @@ void clear_masks(schedule_entry* entry) {
 }
 
 }  // namespace
-
-std::span<const std::string_view> month_names() {
-    return months;
-}
-
-std::span<const std::string_view> weekday_names() {
-    return weekdays;
-}
 
 schedule_entry* parse_schedule_line(std::string_view line) {
     const std::string_view id = next_field(&line);
@@ -187,6 +183,8 @@ int parse_sched_item(const char* field_name, std::span<const std::string_view> n
 
 int getint32(std::string_view* text, std::span<const std::string_view> names, std::uint32_t low,
              std::uint32_t high, std::uint32_t* value) {
+    // Kept: a name is compared over its own length only, so "january" is "jan" with a rest that no
+    // field allows: the line is dropped.
     std::uint32_t found = 0;
     if (string_to_uint32(text, &found) != 0) {
         const auto* name = std::find_if(

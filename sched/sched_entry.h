@@ -41,15 +41,12 @@ inline constexpr std::string_view every_day_of_week = "1111111";
 // Null is ignored.
 void sched_free(schedule_entry* entry);
 
-// The name tables of the month and day-of-week fields; a name's value is its index.
-std::span<const std::string_view> month_names();
-std::span<const std::string_view> weekday_names();
-
 // Parses one time field: "*", "*/n", or a list of values, ranges "a-b" and stepped ranges "a-b/n".
 // Sets the mask at every value that matches and returns 0; nonzero on an error, and then the mask
-// is half filled. `field_name` tells a debugger which field it was; `names` may be empty.
-// Requires: `mask` holds high + 1 characters of '0'.
-// Kept: nothing behind a "*" that is not followed by "/" is looked at, so "*,5" is every value.
+// is half filled. `field_name` tells a debugger which field it was; a value may also be written as
+// one of the `names` (may be empty), whose value is its index. Requires: `mask` holds high + 1
+// characters of '0'. Kept: nothing behind a "*" that is not followed by "/" is looked at, so "*,5"
+// is every value.
 int parse_sched_item(const char* field_name, std::span<const std::string_view> names,
                      std::string_view text, std::uint32_t low, std::uint32_t high, char* mask);
 
