@@ -148,7 +148,10 @@ int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lowe
     (void)theirs.release();  // closed by spawn_process
     const int port = read_port(ours.get());
     if (port == 0) {
-        elog(elog_info, &service, "%s: no port announced by %s", upper_name, program.c_str());
+        // On a host without the program its start has failed already, and has said so.
+        if (access(program.c_str(), F_OK) == 0) {
+            elog(elog_info, &service, "%s: no port announced by %s", upper_name, program.c_str());
+        }
         ours.reset();
         (void)stop_process(&process);
         return -1;
