@@ -64,8 +64,11 @@ constexpr bool is_white_space(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+// A number that stands behind several blanks counts, as everywhere else: a body whose length was
+// overlooked would be taken for the next request.
 std::uint64_t parse_number(std::string_view text) {
     std::uint64_t value = 0;
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
     for (const char c : text) {
         if (c < '0' || c > '9') {
             break;
@@ -194,9 +197,13 @@ void apply_headers(conn* c) {
         request.minor == 0) {
         c->close_after = true;
     }
-    c->remote.content_length = request.headers.content_length;
-    request.body_left =
-        request.headers.transfer_encoding.empty() ? request.headers.content_length : unlimited_body;
+    // With both a length and a coding the length counts, and nothing behind the body is trusted to
+    // be a request: the sender may have meant the other end.
+    const std::uint64_t length = request.headers.content_length;
+    const bool coded = !request.headers.transfer_encoding.empty();
+    c->remote.content_length = length;
+    request.body_left = coded && length == 0 ? unlimited_body : length;
+    c->close_after = c->close_after || (coded && length > 0);
 }
 
 }  // namespace
