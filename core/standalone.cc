@@ -81,15 +81,18 @@ void become_user(const std::string& name) {
         return;
     }
     // Root's supplementary groups must not stay with an unprivileged user. A process that already
-    // is that user has none to lose, and may not call setgroups.
-    if (entry->pw_uid != geteuid() && setgroups(1, &entry->pw_gid) != 0) {
-        elog(elog_fatal, nullptr, "main: setgroups(%s): %s", user, std::strerror(errno));
-    }
+    // is that user has none to lose. Without the right to drop them the daemon may not change its
+    // user either, and setgid or setuid say so first.
+    const bool keeps_groups = entry->pw_uid != geteuid() && setgroups(1, &entry->pw_gid) != 0;
+    const int groups_error = errno;
     if (setgid(entry->pw_gid) != 0) {
         elog(elog_fatal, nullptr, "main: setgid(%s): %s", user, std::strerror(errno));
     }
     if (setuid(entry->pw_uid) != 0) {
         elog(elog_fatal, nullptr, "main: setuid(%s): %s", user, std::strerror(errno));
+    }
+    if (keeps_groups) {
+        elog(elog_fatal, nullptr, "main: setgroups(%s): %s", user, std::strerror(groups_error));
     }
 }
 
