@@ -1,14 +1,12 @@
 #include "core/shttpd.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -45,6 +43,7 @@ namespace {
 
 constexpr std::time_t idle_limit_s = 300;
 constexpr int listen_backlog = 128;
+constexpr int port_max = 65535;
 constexpr int passes_between_checks = 6;
 constexpr std::time_t check_interval_max_s = 35;
 constexpr int short_wait_ms = 1000;
@@ -57,7 +56,7 @@ struct loop_state {
     std::vector<conn*> next_due;  // to be visited in the next one whatever poll() says
     std::time_t last_expiry_check = 0;
     bool wake = false;           // the next pass must not wait
-    bool accept_paused = false;  // out of descriptors: listeners are not polled
+    bool accept_paused = false;  // out of descriptors or memory: listeners are not polled
     std::time_t accept_paused_at = 0;
     int sched_counter = 0;
     std::time_t last_sched_check = 0;
@@ -79,7 +78,8 @@ port_entry parse_port(std::string_view entry) {
         entry.remove_suffix(1);
     }
     const std::string text(entry);
-    return {.port = static_cast<int>(std::strtol(text.c_str(), nullptr, 10)),
+    const long number = std::strtol(text.c_str(), nullptr, 10);
+    return {.port = static_cast<int>(std::clamp<long>(number, -1, INT_MAX)),
             .is_ssl = text.ends_with('s'),
             .u_flag = text.ends_with('u')};
 }
@@ -116,7 +116,7 @@ void for_each_listener(Visit visit) {
     }
 }
 
-// Out of descriptors: a ready listener would turn the loop into a spin.
+// Out of descriptors or memory: a ready listener would turn the loop into a spin.
 void pause_accepting() {
     loop.accept_paused = true;
     loop.accept_paused_at = current_time;
@@ -181,14 +181,14 @@ void accept_all(listener_record* listener, int listen_fd) {
         const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&peer), &length,
                                SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            if (errno == EMFILE || errno == ENFILE) {
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 drop_cached_files();
                 pause_accepting();
             }
-            if (errno != EINTR && errno != ECONNABORTED) {
-                return;
-            }
-            continue;
+            return;
         }
         add_connection(listener->ctx, fd, !listener->is_ssl && !listener->u_flag, peer, length);
     }
@@ -317,7 +317,9 @@ void open_listening_ports(shttpd_ctx* ctx) {
     for (std::string_view entry = next_list_entry(ports); !entry.empty();
          entry = next_list_entry(ports)) {
         const port_entry port = parse_port(entry);
-        if (shttpd_listen(ctx, port.port, port.is_ssl, port.u_flag) < 0) {
+        // A larger number would silently become another port.
+        if (port.port < 0 || port.port > port_max ||
+            shttpd_listen(ctx, port.port, port.is_ssl, port.u_flag) < 0) {
             elog(elog_fatal, nullptr, "Cannot open socket on port %d", port.port);
         }
     }
@@ -379,6 +381,9 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
 
 void shttpd_fini(shttpd_ctx* ctx) {
     ctx->mime_records.free_all(mime_type_destructor);
+    if (loop.accept_paused) {
+        resume_accepting();  // the poll set closes only listeners whose descriptors it holds
+    }
     close_all_connections(ctx);
     ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
     ctx->uri_auths.free_all([](uri_auth* entry) { delete entry; });
