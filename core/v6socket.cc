@@ -310,6 +310,10 @@ int isdualIP(int* err) {
 
 int v6listen(int port, int backlog, int* err) {
     ensure_init();
+    if (!state.isipv6 && !state.isipv4) {
+        *err = EAFNOSUPPORT;
+        return -1;
+    }
     unique_fd fd6;
     unique_fd fd4;
     if (state.isipv6) {
