@@ -1,11 +1,10 @@
 #include "core/endpoint.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <vector>
 
 #include "core/connection.h"
+#include "core/request.h"
 #include "lib/qzstream.h"
 
 bool endpoint_closing(shttpd_call_arg* arg) {
@@ -29,9 +28,7 @@ void show_success(shttpd_call_arg* arg) {
 }
 
 bool method_is(const shttpd_call_arg* arg, const char* method) {
-    // REQUEST_METHOD needs no buffer, so the record is only read.
-    auto* reader = const_cast<shttpd_call_arg*>(arg);
-    return std::strcmp(shttpd_get_env(reader, "REQUEST_METHOD"), method) == 0;
+    return known_http_methods[static_cast<std::size_t>(arg->connection->request.method)] == method;
 }
 
 bool post_body_pending(shttpd_call_arg* arg) {

@@ -125,26 +125,6 @@ bool pattern_matches(const char* pattern, const char* uri) {
     return *uri == '\0';
 }
 
-const char* lookup_env(const conn* c, std::string_view name, char* address) {
-    const request_data& request = c->request;
-    if (name == "REQUEST_METHOD") {
-        return known_http_methods[static_cast<std::size_t>(request.method)].data();
-    }
-    if (name == "REQUEST_URI") {
-        return request.uri.c_str();
-    }
-    if (name == "QUERY_STRING") {
-        return request.has_query ? request.query.c_str() : nullptr;
-    }
-    if (name == "REMOTE_USER") {
-        return c->user_name.empty() ? nullptr : c->user_name.c_str();
-    }
-    if (name == "REMOTE_ADDR") {
-        return v6inet_ntop(reinterpret_cast<const sockaddr*>(&c->peer), address, address_bytes);
-    }
-    return nullptr;
-}
-
 // A header block in which earlier look-ups have already terminated lines: a zero byte ends a line
 // as a line feed does, and one directly before a line feed belongs to it.
 std::size_t line_length(std::string_view block) {
@@ -275,9 +255,10 @@ const char* shttpd_get_header(shttpd_call_arg* arg, const char* name) {
         char* line = request.text.data() + at;
         const std::size_t length = line_length({line, request.text.size() - at});
         const bool has_return = length > 0 && line[length - 1] == '\r';
-        line[has_return ? length - 1 : length] = '\0';
+        const std::size_t end = has_return ? length - 1 : length;
+        line[end] = '\0';
         if (starts_with_nocase({line, length}, wanted)) {
-            return line + std::min(wanted.size() + 2, length);
+            return line + std::min(wanted.size() + 2, end);
         }
         at += length + 1;
         if (!has_return && at < request.text.size() && request.text[at] == '\n' &&
@@ -288,14 +269,28 @@ const char* shttpd_get_header(shttpd_call_arg* arg, const char* name) {
     return nullptr;
 }
 
-const char* get_env(const conn* c, const char* name) {
-    static std::array<char, address_bytes> address;
-    return lookup_env(c, name, address.data());
-}
-
 const char* shttpd_get_env(shttpd_call_arg* arg, const char* name) {
     static std::array<char, address_bytes> address;
-    return lookup_env(arg->connection, name, address.data());
+    const conn* c = arg->connection;
+    const request_data& request = c->request;
+    const std::string_view wanted = name;
+    if (wanted == "REQUEST_METHOD") {
+        return known_http_methods[static_cast<std::size_t>(request.method)].data();
+    }
+    if (wanted == "REQUEST_URI") {
+        return request.uri.c_str();
+    }
+    if (wanted == "QUERY_STRING") {
+        return request.has_query ? request.query.c_str() : nullptr;
+    }
+    if (wanted == "REMOTE_USER") {
+        return c->user_name.empty() ? nullptr : c->user_name.c_str();
+    }
+    if (wanted == "REMOTE_ADDR") {
+        return v6inet_ntop(reinterpret_cast<const sockaddr*>(&c->peer), address.data(),
+                           address.size());
+    }
+    return nullptr;
 }
 
 void shttpd_get_http_version(shttpd_call_arg* arg, unsigned long* major, unsigned long* minor) {

@@ -15,6 +15,3 @@ void setup_embedded_stream(conn* c, shttpd_handler handler, void* user_data);
 // The one place where a handler is called: fills the views of `arg`, calls, and accounts for what
 // was consumed and produced. `user_data` and `flags` are the caller's.
 void call_user(conn* c, shttpd_call_arg* arg, shttpd_handler handler);
-
-// The same look-up as shttpd_get_env, for a connection; REMOTE_ADDR has a buffer of its own.
-const char* get_env(const conn* c, const char* name);
