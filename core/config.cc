@@ -1,7 +1,5 @@
 #include "core/config.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <climits>
 #include <clocale>
@@ -209,7 +207,8 @@ shttpd_ctx* shttpd_init(const char* path, const char* keyword, ...) {
     option_slots slots;
     va_list pairs;
     va_start(pairs, keyword);
-    for (const char* key = keyword; key != nullptr; key = va_arg(pairs, const char*)) {
+    for (const char* key = keyword; key != nullptr && *key != '\0';
+         key = va_arg(pairs, const char*)) {
         const char* value = va_arg(pairs, const char*);
         set_option(known_option(key), value != nullptr ? value : "", &slots);
     }

@@ -91,7 +91,7 @@ struct shttpd_ctx {
     int noauth = 0;
     std::string mime_types;                // never written: its setter only loads the file
     qz_map* namespace_map = nullptr;       // security/authz
-    qz_map* broker_credentials = nullptr;  // core/config
+    qz_map* broker_credentials = nullptr;  // core/sni
     std::string cgi_envvar;
     std::string cgi_extensions;
     std::string cgi_interpreter;

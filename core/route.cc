@@ -1,11 +1,8 @@
 #include "core/route.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <string>
 #include <string_view>
 

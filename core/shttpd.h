@@ -39,7 +39,8 @@ using shttpd_handler = void (*)(shttpd_call_arg* arg);
 // --- Life cycle ---
 
 // Builds a context from a configuration file (null: none) and keyword and value pairs, ended by a
-// null keyword. Configuration errors end the process. Free the context with shttpd_fini.
+// null or empty keyword; a line of the file wins over a pair. Configuration errors end the process.
+// Null only when memory is short. Free the context with shttpd_fini.
 shttpd_ctx* shttpd_init(const char* config_file, const char* keyword, ...);
 
 // Closes every connection and frees the context and everything it owns.
