@@ -14,11 +14,14 @@
 namespace {
 
 constexpr std::size_t guid_bytes = 38;  // braces included
+// Kept: a shorter file, one with nothing but the GUID for instance, shows as "UNKNOWN".
 constexpr std::size_t shortest_file = 46;
 constexpr std::size_t longest_read = 99;
 
 std::array<char, guid_bytes + 1> guid{};  // empty: not read
 
+// The first file that opens decides, even when it holds no GUID. Without waiting, should one be a
+// pipe.
 unique_fd open_guid_file() {
     constexpr int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
     unique_fd fd(my_open(paths.host_guid, flags, 0));
@@ -37,6 +40,7 @@ void read_guid() {
     }
     const std::string_view text(buffer.data(), static_cast<std::size_t>(length));
     const std::size_t brace = text.find('{');
+    // A GUID that is cut by the end of what was read is none.
     if (brace != std::string_view::npos && text.size() - brace >= guid_bytes) {
         std::memcpy(guid.data(), text.data() + brace, guid_bytes);
     }

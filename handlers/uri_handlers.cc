@@ -33,23 +33,22 @@ constexpr const char* unknown = "UNKNOWN";
 // Kept: LANG wins over LC_ALL.
 constexpr std::array<const char*, 3> locale_variables = {"LANG", "LC_ALL", "LC_CTYPE"};
 
+// One line of the document. Null prints as "UNKNOWN". Values are not escaped: they come from the
+// system and from the administrator's files.
 void print_field(shttpd_call_arg* arg, const char* name, const char* value) {
     shttpd_printf(arg, "\"%s\" : \"%s\",\n", name, value != nullptr ? value : unknown);
 }
 
-// One end of the connection: its host name, empty when the look-up failed, and its address.
-struct endpoint_names {
-    const char* name_field;
-    const char* address_field;
-};
-
-void print_address(shttpd_call_arg* arg, const endpoint_names& fields, const host_name_result& host,
-                   const sockaddr_storage& address) {
-    print_field(arg, fields.name_field, host.code == EAI_NONAME ? unknown : host.name.c_str());
+// One end of the connection, `side` being LOCAL or PEER. Only a look-up that says that there is no
+// name prints "UNKNOWN"; after any other failure, and for a socket without a name, it is empty.
+void print_side(shttpd_call_arg* arg, const char* side, const host_name_result& host,
+                const sockaddr_storage& address) {
+    const char* name = host.code == EAI_NONAME ? unknown : host.name.c_str();
     std::array<char, INET6_ADDRSTRLEN> text{};
     const char* shown =
         v6inet_ntop(reinterpret_cast<const sockaddr*>(&address), text.data(), text.size());
-    print_field(arg, fields.address_field, shown != nullptr ? shown : "");
+    shttpd_printf(arg, "\"%s_NAME\" : \"%s\",\n\"%s_ADDR\" : \"%s\",\n", side, name, side,
+                  shown != nullptr ? shown : "");
 }
 
 void print_local_side(shttpd_call_arg* arg) {
@@ -60,7 +59,7 @@ void print_local_side(shttpd_call_arg* arg) {
     if (getsockname(arg->connection->remote.channel.fd, generic, &length) == 0) {
         host = lookup_host_name(generic, length);
     }
-    print_address(arg, {"LOCAL_NAME", "LOCAL_ADDR"}, host, address);
+    print_side(arg, "LOCAL", host, address);
 }
 
 void print_peer_side(shttpd_call_arg* arg) {
@@ -68,9 +67,9 @@ void print_peer_side(shttpd_call_arg* arg) {
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
     if (getpeername(c->remote.channel.fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        address = c->peer;
+        address = c->peer;  // the peer has left; who it was is still known
     }
-    print_address(arg, {"PEER_NAME", "PEER_ADDR"}, peer_host_name(c), address);
+    print_side(arg, "PEER", peer_host_name(c), address);
 }
 
 const char* locale_name() {
@@ -108,6 +107,8 @@ void print_domain(shttpd_call_arg* arg, parse_handle* store, const char* name, b
     shttpd_printf(arg, "        }%s\n", is_last ? "" : ",");
 }
 
+// The domains of the resolver file, read anew for every request. A file that is missing or cannot
+// be parsed has none.
 void print_domains(shttpd_call_arg* arg) {
     struct stat st {};
     parse_handle* opened = nullptr;
