@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <limits>
 #include <string_view>
 
 #include "core/connection.h"
@@ -34,18 +33,24 @@ void* channel_of(const stream* s) {
     return own ? c->proxy_channel : nullptr;
 }
 
-std::int32_t int_length(std::size_t length) {
-    constexpr std::size_t most = std::numeric_limits<std::int32_t>::max();
-    return static_cast<std::int32_t>(std::min(length, most));
+// What one call moves at most. A library that can't serve a call answers it with a result code,
+// which a larger request would take for a count: the reply would get bytes that nobody sent.
+constexpr std::size_t transfer_max = 16384;
+static_assert(transfer_max < at_invalid_argument, "every result code is a larger number");
+
+std::int32_t transfer_length(std::size_t length) {
+    return static_cast<std::int32_t>(std::min(length, transfer_max));
 }
 
-// A code that is neither a count nor -1 must never move the buffer's head.
+// The library's count with errno as recv and send would leave it.
 ssize_t checked_count(std::int32_t count, std::int32_t length) {
-    if (count < -1 || count > length || (count == -1 && errno == 0)) {
-        errno = EIO;
-        return -1;
+    if (count >= 0 && count <= length) {
+        return count;
     }
-    return count;
+    if (count != -1 || errno == 0) {
+        errno = count == std::int32_t{at_again} ? EAGAIN : EIO;
+    }
+    return -1;
 }
 
 ssize_t receive(stream* s, void* buffer, std::size_t length) {
@@ -53,7 +58,7 @@ ssize_t receive(stream* s, void* buffer, std::size_t length) {
     if (channel == nullptr) {
         return recv(s->channel.fd, buffer, length, 0);
     }
-    const std::int32_t asked = int_length(length);
+    const std::int32_t asked = transfer_length(length);
     errno = 0;
     const std::int32_t count = molbAtSecConnRead(channel, buffer, asked);
     // Only a read that got less than it asked for has emptied the channel.
@@ -66,7 +71,7 @@ ssize_t deliver(stream* s, const void* buffer, std::size_t length) {
     if (channel == nullptr) {
         return send(s->channel.fd, buffer, length, MSG_NOSIGNAL);
     }
-    const std::int32_t offered = int_length(length);
+    const std::int32_t offered = transfer_length(length);
     errno = 0;
     return checked_count(molbAtSecConnWrite(channel, buffer, offered), offered);
 }
