@@ -109,8 +109,8 @@ bool take_service(conn* c) {
     return true;
 }
 
-// Drops what lies unread: whatever it is, it is no answer to the next request. False while an
-// answer that nobody waits for is still to come.
+// Drops what lies unread: whatever it is, it is no answer to the next request. False while there is
+// more of it than one visit may read, or an answer that nobody waits for is still to come.
 bool drop_old_answer(int fd) {
     constexpr int reads_max = 64;
     std::array<char, 4096> buffer;  // NOLINT(*-member-init): filled by recv
@@ -121,14 +121,14 @@ bool drop_old_answer(int fd) {
         }
         if (n <= 0) {
             service.stale = service.stale && n < 0 && errno == EAGAIN;
-            break;
+            return !service.stale || current_time > service.stale_until;
         }
         if (service.stale) {
             service.answer.feed({buffer.data(), static_cast<std::size_t>(n)});
             service.stale = !service.answer.complete();
         }
     }
-    return !service.stale || current_time > service.stale_until;
+    return false;
 }
 
 void start_exchange(conn* c) {
