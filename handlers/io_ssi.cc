@@ -34,6 +34,11 @@ constexpr int level_count = 6;  // the requested page and five includes below it
 constexpr std::size_t path_bytes = 2048;
 constexpr std::size_t command_bytes = 512;
 
+// How much of a page one read may work through: sections that are not sent and directives without
+// output fill no buffer, and the other clients wait meanwhile.
+constexpr std::size_t work_max = 65536;
+constexpr std::size_t directive_work = 1024;  // counts as much as so many characters
+
 enum class level_state : std::uint8_t {
     text,      // copying the file
     relaying,  // copying a command's output
@@ -56,17 +61,19 @@ struct ssi_level {
     void* func_state = nullptr;      // and its word
 };
 
-// The room that one read may fill.
+// The room that one read may fill, and the work it may do for it.
 struct page_output {
     char* at = nullptr;
     std::size_t length = 0;
     std::size_t used = 0;
+    std::size_t work_left = work_max;
 
     [[nodiscard]] std::size_t room() const { return length - used; }
     void put(std::string_view text) {
         std::copy(text.begin(), text.end(), at + used);
         used += text.size();
     }
+    void spend(std::size_t work) { work_left -= std::min(work, work_left); }
 };
 
 }  // namespace
@@ -290,6 +297,7 @@ void end_pending(ssi_descriptor* ssi, ssi_scanner::event event, page_output* out
     ssi_level& level = ssi->level();
     const std::string held(level.scanner.pending());
     level.scanner.clear();
+    out->spend(event == ssi_scanner::event::directive ? directive_work : 0);
     const bool done =
         event == ssi_scanner::event::directive && run_directive(ssi, parse_ssi_directive(held));
     if (!done && !level.skip) {
@@ -300,6 +308,11 @@ void end_pending(ssi_descriptor* ssi, ssi_scanner::event event, page_output* out
 bool copy_text(ssi_descriptor* ssi, page_output* out) {
     ssi_level& level = ssi->level();
     while (level.scanner.pending().size() < out->room()) {
+        if (out->work_left == 0) {
+            shttpd_wake();
+            return false;
+        }
+        out->spend(1);
         const int c = getc_unlocked(level.file.get());
         if (c == EOF) {
             return end_level(ssi, out);
