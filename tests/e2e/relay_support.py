@@ -1,0 +1,49 @@
+"""What the tests of programs, pages and targets share: requests, whole replies, and waiting."""
+
+import time
+
+
+def eventually(check, seconds=60):
+    """Whether `check` comes true; the bound is for a daemon that never gets there."""
+    deadline = time.monotonic() + seconds
+    while not check():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+def calms_down(daemon):
+    """Whether the daemon, once its clients have settled, waits without using the processor."""
+    def rests():
+        before = daemon.cpu_seconds()
+        time.sleep(1)
+        return daemon.cpu_seconds() - before < 0.05
+    return eventually(rests)
+
+
+def get(uri, *headers, method="GET", body=b""):
+    lines = [f"{method} {uri} HTTP/1.1", *headers]
+    if body:
+        lines.append(f"Content-Length: {len(body)}")
+    return "\r\n".join([*lines, "", ""]).encode() + body
+
+
+def receive(sock, end=None):
+    """What comes up to `end`, or else until the daemon closes."""
+    received = b""
+    while end is None or not received.endswith(end):
+        chunk = sock.recv(1 << 16)
+        if not chunk:
+            assert end is None, received[-500:]
+            break
+        received += chunk
+    return received
+
+
+def until_close(daemon, *pieces):
+    """The whole reply; fails when the daemon does not end it by closing."""
+    with daemon.connect() as sock:
+        for piece in pieces:
+            sock.sendall(piece)
+        return receive(sock)
