@@ -3,6 +3,8 @@
 // "bytes/entry" is what the heap grew by, without the key texts.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -102,28 +104,50 @@ double cpu_seconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Starts the next map 16 bytes further on in a cache line: entries of 64 bytes keep the place that
-// the first of them happens to get, and a bad one doubles the cost of a walk on either side.
-void shift_heap() {
-    static std::vector<std::unique_ptr<char[]>> shifts;
-    shifts.push_back(std::make_unique<char[]>(8 + 16 * (shifts.size() % 4)));
-    std::free(std::malloc(std::size_t{64} * 1024));  // joins what earlier maps have left
-}
-
-// Times `work(subject, keys)` on maps that `prepare(subject, keys)` made ready outside the clock.
-// Work that leaves the map as it is runs `rounds` times.
+// The processor time of `work(subject, keys)`, `rounds` times over, on a map that
+// `prepare(subject, keys)` made ready. Each map lives in a child process, so that all start from
+// the same heap, and `shift` times 16 bytes into a cache line: entries of 64 bytes keep the place
+// that the first of them happens to get, which decides how many lines each of them touches.
 template <class Subject, class Prepare, class Work>
-void run(benchmark::State& state, std::int64_t rounds, Prepare prepare, Work work) {
-    const key_set& keys = keys_of(state.range(0));
-    for (auto _ : state) {
-        shift_heap();
+double seconds_in_child(const key_set& keys, std::size_t shift, std::int64_t rounds,
+                        Prepare prepare, Work work) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+        return 0;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        void* const shifted = std::malloc(8 + 16 * shift);
+        benchmark::DoNotOptimize(shifted);
         Subject subject;
         prepare(subject, keys);
         const double start = cpu_seconds();
         for (std::int64_t i = 0; i < rounds; ++i) {
             work(subject, keys);
         }
-        state.SetIterationTime(cpu_seconds() - start);
+        const double taken = cpu_seconds() - start;
+        _exit(write(ends[1], &taken, sizeof taken) == sizeof taken ? 0 : 1);
+    }
+    (void)close(ends[1]);
+    double taken = 0;
+    const bool told = read(ends[0], &taken, sizeof taken) == sizeof taken;
+    (void)close(ends[0]);
+    (void)waitpid(child, nullptr, 0);
+    return told ? taken : 0;
+}
+
+// Work that leaves the map as it is runs `rounds` times.
+template <class Subject, class Prepare, class Work>
+void run(benchmark::State& state, std::int64_t rounds, Prepare prepare, Work work) {
+    const key_set& keys = keys_of(state.range(0));
+    static std::size_t shift = 0;
+    for (auto _ : state) {
+        const double taken = seconds_in_child<Subject>(keys, ++shift % 4, rounds, prepare, work);
+        if (taken <= 0) {
+            state.SkipWithError("the child process told no time");
+            break;
+        }
+        state.SetIterationTime(taken);
     }
     state.counters["time/entry"] = benchmark::Counter(
         static_cast<double>(state.range(0) * rounds),

@@ -19,11 +19,19 @@ bool is_empty(const qz_map* map) {
     return map->root == &map->nil;
 }
 
+// Fetches both children ahead of the comparison that chooses one of them: in a large tree that
+// hides half of the wait for memory, in a small one it costs nothing measurable.
+void prefetch_children(const qz_node* node) {
+    __builtin_prefetch(&node->left->entry);
+    __builtin_prefetch(&node->right->entry);
+}
+
 // Only a negative result goes left; the probe is always the first argument.
 qz_node* find_node(const qz_map* map, const void* key) {
     const qz_compare_fn compare = map->compare;
     qz_node* node = map->root;
     while (node != &map->nil) {
+        prefetch_children(node);
         const int order = compare(key, node->entry.key);
         if (order < 0) {
             node = node->left;
@@ -347,6 +355,7 @@ int qz_map_insert(qz_map* map, void* key, void* value) noexcept {
     // node while the comparison is still running, which a selected address does not.
     for (qz_node* next = map->root; next != nil;) {
         parent = next;
+        prefetch_children(parent);
         const int order = compare(key, parent->entry.key);
         if (order < 0) {
             place = &parent->left;
