@@ -16,6 +16,8 @@ namespace provider {
 namespace {
 
 constexpr std::int64_t connect_limit_ms = 4000;
+constexpr long remembered_sessions = 256;  // about 1 KiB each
+constexpr long session_seconds = 300;
 
 // --- The socket as OpenSSL sees it ---
 
@@ -261,6 +263,16 @@ void prepare_server_context(SSL_CTX* context, bool ask_for_certificate) {
     SSL_CTX_callback_ctrl(context, SSL_CTRL_SET_TLSEXT_SERVERNAME_CB,
                           reinterpret_cast<void (*)()>(choose_credential));
     SSL_CTX_set_verify(context, ask_for_certificate ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
+    // Sessions are kept here, not in tickets: no key outlives them that could open them all, and a
+    // context made from new files begins with none. There is no session id context on purpose: it
+    // makes OpenSSL forget every session in which a certificate was asked for, whichever service
+    // was chosen for it, so resuming one never stands in for showing a certificate again.
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_SERVER);
+    SSL_CTX_sess_set_cache_size(context, remembered_sessions);
+    SSL_CTX_set_timeout(context, session_seconds);
+    // TLS 1.3 has the server answer the end of the handshake only with this message. Without it a
+    // client with Nagle's algorithm holds its request back until the delayed acknowledgement comes.
+    SSL_CTX_set_num_tickets(context, 1);
 }
 
 std::uint32_t accept_step(channel* c) {

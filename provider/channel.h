@@ -40,9 +40,9 @@ struct channel {
     std::array<unsigned char, 1024> raw{};
 };
 
-// Finishes a server context: writes go out without signals, "http/1.1" is agreed on when offered,
-// the credential-selection callback is asked, and clients are asked for a certificate when
-// `ask_for_certificate`.
+// Finishes a server context: "http/1.1" is agreed on when offered, the credential-selection
+// callback is asked, clients are asked for a certificate when `ask_for_certificate`, and otherwise
+// may resume a session for five minutes.
 void prepare_server_context(SSL_CTX* context, bool ask_for_certificate);
 
 // One step of the server's handshake: at_ok, at_no_credential, at_again or at_channel_failed.

@@ -3,13 +3,9 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
-namespace {
+using provider::openssl_ptr;
 
-void add_extension(X509* certificate, int nid, const char* value) {
-    X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, nid, value);
-    X509_add_ext(certificate, extension, -1);
-    X509_EXTENSION_free(extension);
-}
+namespace {
 
 std::string content_of(BIO* bio) {
     char* start = nullptr;
@@ -17,13 +13,10 @@ std::string content_of(BIO* bio) {
     return {start, static_cast<std::size_t>(length)};
 }
 
-}  // namespace
-
-certified_key make_certificate(const std::vector<std::string>& common_names,
-                               const certified_key* issuer, bool authority) {
+certified_key make(const std::vector<std::string>& common_names, const certified_key* issuer,
+                   const char* constraints) {
     static long serial = 0;
-    certified_key made{openssl_owned<EVP_PKEY>(EVP_EC_gen("P-256")),
-                       openssl_owned<X509>(X509_new())};
+    certified_key made{openssl_ptr<EVP_PKEY>(EVP_EC_gen("P-256")), openssl_ptr<X509>(X509_new())};
     X509* certificate = made.certificate.get();
     X509_set_version(certificate, X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
@@ -34,23 +27,35 @@ certified_key make_certificate(const std::vector<std::string>& common_names,
                                    reinterpret_cast<const unsigned char*>(name.data()),
                                    static_cast<int>(name.size()), -1, 0);
     }
-    const X509* signer = issuer == nullptr ? certificate : issuer->certificate.get();
-    X509_set_issuer_name(certificate, X509_get_subject_name(signer));
+    const certified_key& signer = issuer == nullptr ? made : *issuer;
+    X509_set_issuer_name(certificate, X509_get_subject_name(signer.certificate.get()));
     X509_set_pubkey(certificate, made.key.get());
-    add_extension(certificate, NID_basic_constraints,
-                  authority ? "critical,CA:TRUE" : "critical,CA:FALSE");
-    X509_sign(certificate, (issuer == nullptr ? made : *issuer).key.get(), EVP_sha256());
+    const openssl_ptr<X509_EXTENSION> extension(
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_basic_constraints, constraints));
+    X509_add_ext(certificate, extension.get(), -1);
+    X509_sign(certificate, signer.key.get(), EVP_sha256());
     return made;
 }
 
+}  // namespace
+
+certified_key make_certificate(const std::vector<std::string>& common_names,
+                               const certified_key* issuer) {
+    return make(common_names, issuer, "critical,CA:FALSE");
+}
+
+certified_key make_authority() {
+    return make({"authority"}, nullptr, "critical,CA:TRUE");
+}
+
 std::string certified_key::certificate_pem() const {
-    const openssl_owned<BIO> bio(BIO_new(BIO_s_mem()));
+    const openssl_ptr<BIO> bio(BIO_new(BIO_s_mem()));
     PEM_write_bio_X509(bio.get(), certificate.get());
     return content_of(bio.get());
 }
 
 std::string certified_key::key_pem() const {
-    const openssl_owned<BIO> bio(BIO_new(BIO_s_mem()));
+    const openssl_ptr<BIO> bio(BIO_new(BIO_s_mem()));
     PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
     return content_of(bio.get());
 }

@@ -1,62 +1,29 @@
 #include "tests/provider/provider_fixture.h"
 
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <utility>
 
-namespace {
+#include "provider/clock.h"
 
-template <class Function>
-void find(void* module, const char* name, Function* function) {
-    *function = reinterpret_cast<Function>(dlsym(module, name));
+std::int64_t clock_ms = 1'000'000;
+std::int64_t clock_step_ms = 0;
+
+std::int64_t provider::monotonic_ms() {
+    return clock_ms += clock_step_ms;
 }
 
-provider_library open_library(const char* file) {
-    provider_library lib;
-    lib.module = dlopen(file, RTLD_NOW | RTLD_LOCAL);
-    if (lib.module == nullptr) {
-        ADD_FAILURE() << dlerror();
-        std::abort();
-    }
-    find(lib.module, "molbatLibraryControl", &lib.control);
-    find(lib.module, "molbAtInitEx", &lib.init);
-    find(lib.module, "molbAtTerminate", &lib.terminate);
-    find(lib.module, "molbAtAuthenticate", &lib.authenticate);
-    find(lib.module, "molbAtExtractInfo", &lib.extract_info);
-    find(lib.module, "molbAtGetCredentials", &lib.get_credentials);
-    find(lib.module, "molbAtGetDomainInfos", &lib.get_domain_infos);
-    find(lib.module, "molbAtFree", &lib.release);
-    find(lib.module, "molbAtSecConnConnect", &lib.connect);
-    find(lib.module, "molbAtSecConnAcceptWithCommExtn", &lib.accept);
-    find(lib.module, "molbAtSecConnRead", &lib.read);
-    find(lib.module, "molbAtSecConnWrite", &lib.write);
-    find(lib.module, "molbAtDataPending", &lib.pending);
-    find(lib.module, "molbAtSecConnClose", &lib.close);
-    find(lib.module, "settable_clock_advance", &lib.advance_ms);
-    find(lib.module, "settable_clock_step", &lib.step_ms);
-    return lib;
-}
-
-}  // namespace
-
-const provider_library& load_provider(clock_kind kind) {
-    static const provider_library real = open_library(PROVIDER_FILE);
-    static const provider_library settable = open_library(CLOCKED_PROVIDER_FILE);
-    return kind == clock_kind::real ? real : settable;
-}
-
-std::string info_of(const provider_library& library, void* handle, void* credential) {
+std::string info_of(void* handle, void* credential) {
     molb_info* info = nullptr;
-    if (library.extract_info(handle, credential, &info) != at_ok) {
+    if (molbAtExtractInfo(handle, credential, &info) != at_ok) {
         return "no info";
     }
     std::string text = std::string(info->qualifier) + "/" + info->domain + "/" + info->name;
-    EXPECT_EQ(library.release(info), at_ok);
+    EXPECT_EQ(molbAtFree(info), at_ok);
     return text;
 }
 
@@ -66,11 +33,12 @@ void provider_test::SetUp() {
     base = name;
     data_dir = base / "sec";
     setenv("ZEL_DATA_DIR", data_dir.c_str(), 1);
+    clock_step_ms = 0;
 }
 
 void provider_test::TearDown() {
     if (handle != nullptr) {
-        EXPECT_EQ(lib.terminate(handle), at_ok);
+        EXPECT_EQ(molbAtTerminate(handle), at_ok);
     }
     std::filesystem::remove_all(base);
 }
@@ -83,13 +51,10 @@ void provider_test::write_file(const std::filesystem::path& path, std::string_vi
     std::filesystem::rename(temporary, path);
 }
 
-std::uint32_t provider_test::start(void** started, std::string* log) const {
+std::uint32_t provider_test::start(void** started, std::string* log) {
     testing::internal::CaptureStderr();
-    const std::uint32_t result = lib.init(nullptr, started, nullptr, 0, 0, 0);
-    const std::string text = testing::internal::GetCapturedStderr();
-    if (log != nullptr) {
-        *log = text;
-    }
+    const std::uint32_t result = molbAtInit(nullptr, started);
+    *log = testing::internal::GetCapturedStderr();
     return result;
 }
 
@@ -97,6 +62,11 @@ void provider_test::set_up() {
     std::string log;
     ASSERT_EQ(start(&handle, &log), at_ok) << log;
     root_password = password_in(log);
+}
+
+std::uint32_t provider_test::start_in(const std::filesystem::path& directory, void** started) {
+    const molb_init init{nullptr, directory.c_str(), nullptr, nullptr};
+    return molbAtInitEx(nullptr, started, &init, 0, 0, 0);
 }
 
 std::string provider_test::password_in(const std::string& log) {
@@ -109,27 +79,29 @@ std::uint32_t provider_test::log_in(const char* domain, const char* name, const 
                                     std::string* who) const {
     const molb_identity identity{"localhost", domain, name, password};
     void* credential = nullptr;
-    const std::uint32_t result = lib.authenticate(handle, &identity, 0, &credential);
+    const std::uint32_t result = molbAtAuthenticate(handle, &identity, 0, &credential);
     EXPECT_EQ(result == at_ok, credential != nullptr);
     if (who != nullptr && result == at_ok) {
-        *who = info_of(lib, handle, credential);
+        *who = info_of(handle, credential);
     }
-    EXPECT_EQ(lib.release(credential), at_ok);
+    EXPECT_EQ(molbAtFree(credential), at_ok);
     return result;
 }
 
-socket_pair::socket_pair() {
+void socket_pair::renew() {
+    close_both();
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds_), 0);
-}
-
-socket_pair::~socket_pair() {
-    close(fds_[0]);
-    close_theirs();
 }
 
 void socket_pair::close_theirs() {
     if (fds_[1] >= 0) {
-        close(fds_[1]);
-        fds_[1] = -1;
+        close(std::exchange(fds_[1], -1));
+    }
+}
+
+void socket_pair::close_both() {
+    close_theirs();
+    if (fds_[0] >= 0) {
+        close(std::exchange(fds_[0], -1));
     }
 }
