@@ -42,8 +42,11 @@ def receive(sock, end=None):
 
 
 def until_close(daemon, *pieces):
-    """The whole reply; fails when the daemon does not end it by closing."""
+    """The whole reply to pieces that arrive apart; fails unless the daemon ends it by closing."""
     with daemon.connect() as sock:
-        for piece in pieces:
+        sock.settimeout(60)
+        for piece in pieces[:-1]:
             sock.sendall(piece)
+            time.sleep(0.05)
+        sock.sendall(pieces[-1])
         return receive(sock)

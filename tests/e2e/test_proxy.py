@@ -7,7 +7,6 @@ import http.client
 import http.server
 import os
 import socket
-import socketserver
 import ssl
 import subprocess
 import threading
@@ -16,19 +15,17 @@ import time
 import pytest
 
 from dovmad_harness import SANITIZED_BUILD, free_port, parse_response
+from relay_support import calms_down, eventually, get, until_close
 
 NO_TARGET = (b"HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
              b"404 Not Found. Could not connect to proxy target")
 ROOT_ADMIN = "Basic " + base64.b64encode(b"root:admin").decode()
+CHUNKS = b"".join(b"%x\r\n%s\r\n" % (len(piece), piece)
+                  for piece in (b"one ", b"two " * 20000, b"three", b""))
 
 
-def eventually(check, seconds=10):
-    deadline = time.monotonic() + seconds
-    while not check():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.02)
-    return True
+def ask(daemon, uri, *headers, **kwargs):
+    return until_close(daemon, get(uri, *headers, **kwargs))
 
 
 class KeepAlive(http.server.BaseHTTPRequestHandler):
@@ -47,9 +44,7 @@ class KeepAlive(http.server.BaseHTTPRequestHandler):
             self.send_response(200)
             self.send_header("Transfer-Encoding", "chunked")
             self.end_headers()
-            for piece in (b"one ", b"two " * 20000, b"three"):
-                self.wfile.write(b"%x\r\n%s\r\n" % (len(piece), piece))
-            self.wfile.write(b"0\r\n\r\n")
+            self.wfile.write(CHUNKS)
             return
         status, body = {"204": (204, None), "304": (304, None), "empty": (200, b""),
                         "large": (200, b"L" * 2_000_000)}.get(kind, (200, b"hello"))
@@ -103,13 +98,18 @@ def make_upstream():
 
 
 class RawTarget:
-    """A TCP server whose every connection is handed to `play(sock)` in a thread of its own."""
+    """A server whose every connection is handed to `play(sock)` in a thread of its own."""
 
-    def __init__(self, play):
-        self.listener = socket.create_server(("127.0.0.1", free_port("upstream")))
-        self.port = self.listener.getsockname()[1]
+    def __init__(self, play, path=None):
+        if path:
+            path.parent.mkdir(parents=True)
+            self.listener = socket.socket(socket.AF_UNIX)
+            self.listener.bind(str(path))
+            self.listener.listen()
+        else:
+            self.listener = socket.create_server(("127.0.0.1", free_port("upstream")))
+            self.port = self.listener.getsockname()[1]
         self.play = play
-        self.connections = 0
         threading.Thread(target=self.run, daemon=True).start()
 
     def run(self):
@@ -118,7 +118,6 @@ class RawTarget:
                 sock, _ = self.listener.accept()
             except OSError:
                 return
-            self.connections += 1
             threading.Thread(target=self.serve, args=(sock,), daemon=True).start()
 
     def serve(self, sock):
@@ -136,8 +135,8 @@ class RawTarget:
 def make_raw_target():
     targets = []
 
-    def make(play):
-        targets.append(RawTarget(play))
+    def make(play, path=None):
+        targets.append(RawTarget(play, path))
         return targets[-1]
 
     yield make
@@ -155,24 +154,6 @@ def read_head(sock):
     return received
 
 
-def get(uri, *headers, method="GET", body=b""):
-    lines = [f"{method} {uri} HTTP/1.1", *headers]
-    if body:
-        lines.append(f"Content-Length: {len(body)}")
-    return "\r\n".join([*lines, "", ""]).encode() + body
-
-
-def until_close(daemon, request):
-    """The whole reply to a request; fails when the daemon does not end it by closing."""
-    with daemon.connect() as sock:
-        sock.settimeout(20)
-        sock.sendall(request)
-        received = b""
-        while chunk := sock.recv(65536):
-            received += chunk
-        return received
-
-
 def test_python_http_server(make_daemon, tmp_path):
     daemon = make_daemon()
     files = tmp_path / "files"
@@ -182,46 +163,44 @@ def test_python_http_server(make_daemon, tmp_path):
     port = free_port("upstream")
     server = subprocess.Popen(["/usr/bin/python3", "-m", "http.server", str(port), "--bind",
                                "127.0.0.1", "--directory", files], stderr=subprocess.DEVNULL)
+    base = f"127.0.0.1:{port}"
     try:
-        assert eventually(lambda: daemon.raw(get(f"/http://127.0.0.1:{port}/")) != NO_TARGET)
+        assert eventually(lambda: ask(daemon, f"/http://{base}/") != NO_TARGET)
         direct = http.client.HTTPConnection("127.0.0.1", port)
         direct.request("GET", "/a%20b.bin")
-        expected = direct.getresponse()
-        for form in ("/http://", "http://"):
-            # "localhost" has an IPv6 address that nobody listens on.
-            for host in ("127.0.0.1", "localhost"):
-                reply = parse_response(daemon.raw(get(f"{form}{host}:{port}/a%20b.bin")))
-                assert reply.status == 200 and reply.body == content
-                assert reply.header("Last-Modified") == expected.getheader("Last-Modified")
-        reply = parse_response(daemon.raw(get(f"/http://127.0.0.1:{port}/none")))
-        assert reply.status == 404
+        modified = direct.getresponse().getheader("Last-Modified")
+        # "localhost" has an IPv6 address that nobody listens on.
+        for target in (f"/http://{base}", f"http://{base}", f"/http://localhost:{port}"):
+            reply = parse_response(ask(daemon, target + "/a%20b.bin"))
+            assert reply.status == 200 and reply.body == content
+            assert reply.header("Last-Modified") == modified
+        assert parse_response(ask(daemon, f"/http://{base}/none")).status == 404
     finally:
         server.kill()
         server.wait()
-    assert daemon.raw(get(f"/http://127.0.0.1:{port}/")) == NO_TARGET
+    assert ask(daemon, f"/http://{base}/") == NO_TARGET
 
 
 @pytest.mark.parametrize("connection", [(), ("Connection: keep-alive",)])
 def test_answers_of_a_keep_alive_server_end(make_daemon, upstream, connection):
     daemon = make_daemon()
     base = f"/http://127.0.0.1:{upstream.port}"
-    chunks = b"".join(b"%x\r\n%s\r\n" % (len(p), p) for p in (b"one ", b"two " * 20000, b"three"))
     rows = {"/plain": b"hello", "/empty": b"", "/204": b"", "/304": b"", "/moved": b"hello",
-            "/large": b"L" * 2_000_000, "/chunked": chunks + b"0\r\n\r\n"}
+            "/large": b"L" * 2_000_000, "/chunked": CHUNKS}
     for path, body in rows.items():
-        reply = parse_response(until_close(daemon, get(base + path, *connection)))
+        reply = parse_response(ask(daemon, base + path, *connection))
         assert reply.body == body, path
-    assert parse_response(daemon.raw(get(base + "/moved"))).raw.startswith(b"HTTP/1.1 302 OK\r\n")
+        assert path != "/moved" or reply.raw.startswith(b"HTTP/1.1 302 OK\r\n")
     for path in ("/plain", "/chunked", "/large"):
-        reply = parse_response(until_close(daemon, get(base + path, *connection, method="HEAD")))
+        reply = parse_response(ask(daemon, base + path, *connection, method="HEAD"))
         assert reply.status == 200 and reply.body == b""
 
 
 def test_head_of_the_forwarded_request(make_daemon, upstream):
     daemon = make_daemon()
-    daemon.raw(get(f"/http://127.0.0.1:{upstream.port}/a%20b?q=1&r=%32", "Host: original",
-                   "User-Agent: test", "Accept: */*", "Cookie: a=b", "Authorization: Basic eDp5",
-                   "SOAPAction: \"act\"", "X-Other: x", "Expect: 100-continue"))
+    ask(daemon, f"/http://127.0.0.1:{upstream.port}/a%20b?q=1&r=%32", "Host: original",
+        "User-Agent: test", "Accept: */*", "Cookie: a=b", "Authorization: Basic eDp5",
+        "SOAPAction: \"act\"", "X-Other: x", "Expect: 100-continue")
     line, headers, _ = upstream.seen[-1]
     assert line == "GET /a%20b?q=1&r=%32 HTTP/1.1"
     assert headers.items() == [("User-Agent", "test"), ("Host", "original"), ("Cookie", "a=b"),
@@ -236,20 +215,11 @@ def test_bodies_arrive_whole_and_alone(make_daemon, upstream):
     for size in (1, 5, 16000, 16384, 100_000, 3_000_000):
         body = os.urandom(size)
         request = get(uri, "Content-Type: a/b", method="POST", body=body)
-        head = request[:-size]
-        for pieces in (request, [head, body], [request + stray]):
-            if isinstance(pieces, list) and len(pieces) == 2:
-                with daemon.connect() as sock:
-                    sock.sendall(pieces[0])
-                    time.sleep(0.05)
-                    sock.sendall(pieces[1])
-                    sock.settimeout(20)
-                    received = b""
-                    while chunk := sock.recv(65536):
-                        received += chunk
-            else:
-                received = daemon.raw(pieces)
-            assert parse_response(received).body == hashlib.sha256(body).hexdigest().encode(), size
+        for send in (lambda: until_close(daemon, request),
+                     lambda: until_close(daemon, request[:-size], body),
+                     lambda: daemon.raw(request + stray, timeout=60)):
+            reply = parse_response(send())
+            assert reply.body == hashlib.sha256(body).hexdigest().encode(), size
             assert upstream.seen[-1][2] == body
     lines = {line for line, _, _ in upstream.seen}
     assert lines == {"POST /post HTTP/1.1"}, "the stray request stays here"
@@ -263,7 +233,7 @@ def test_two_readings_of_one_request_are_refused(make_daemon, upstream):
                     (f"Content-Length: {len(hidden)}", "Transfer-Encoding: chunked"),
                     ("Transfer-Encoding: xchunked",),
                     (f"Content-Length:{len(hidden)}",)):
-        assert daemon.raw(get(uri, *headers, method="POST") + hidden) == (
+        assert until_close(daemon, get(uri, *headers, method="POST") + hidden) == (
             b"HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers")
     assert upstream.seen == []
 
@@ -286,8 +256,8 @@ def test_chunked_upload_ends_with_its_last_chunk(make_daemon, raw_target):
     target = raw_target(play)
     daemon = make_daemon()
     body = b"4000\r\n" + b"x" * 0x4000 + b"\r\n" + b"5;a=b\r\nhello\r\n0\r\n\r\n"
-    reply = daemon.raw(get(f"/http://127.0.0.1:{target.port}/up", "Transfer-Encoding: chunked",
-                           method="POST") + body + b"GET /admin HTTP/1.1\r\n\r\n")
+    request = get(f"/http://127.0.0.1:{target.port}/up", "Transfer-Encoding: chunked", method="POST")
+    reply = until_close(daemon, request + body + b"GET /admin HTTP/1.1\r\n\r\n")
     assert reply.endswith(b"\r\n\r\nok")
     assert received[0].split(b"\r\n\r\n", 1)[1] == body
 
@@ -316,36 +286,37 @@ def tls_server_context(pair):
 
 
 def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, authority, raw_target):
-    daemon = make_daemon()
-    trust = daemon.var / "sec" / "dovmad-at" / "peer_ca.pem"
-    trust.write_bytes(authority[0][0].read_bytes())
-    daemon.restart()
+    def make_trusting(**options):
+        daemon = make_daemon(**options)
+        trust = daemon.var / "sec" / "dovmad-at" / "peer_ca.pem"
+        trust.write_bytes(authority[0][0].read_bytes())
+        return daemon.restart()
+
+    daemon = make_trusting()
     good = Upstream(tls_server_context(authority[0]))
     bad = Upstream(tls_server_context(authority[1]))
     heard = []
     clear = raw_target(lambda sock: heard.append(sock.recv(65536)))
     try:
         base = f"/https://127.0.0.1:{good.port}"
-        assert parse_response(daemon.raw(get(base + "/x"), timeout=20)).body == b"hello"
-        assert parse_response(daemon.raw(get(base + "/large"), timeout=20)).body == b"L" * 2_000_000
+        assert parse_response(ask(daemon, base + "/x")).body == b"hello"
+        assert parse_response(ask(daemon, base + "/large")).body == b"L" * 2_000_000
         body = os.urandom(1_000_000)
-        reply = parse_response(daemon.raw(get(base + "/p", method="POST", body=body), timeout=20))
+        reply = parse_response(ask(daemon, base + "/p", method="POST", body=body))
         assert reply.body == hashlib.sha256(body).hexdigest().encode()
         assert good.seen[-1][1]["Authorization"] == ROOT_ADMIN
-        assert daemon.raw(get(f"/https://127.0.0.1:{bad.port}/x"), timeout=20) == NO_TARGET
+        assert ask(daemon, f"/https://127.0.0.1:{bad.port}/x") == NO_TARGET
         assert bad.seen == []
-        assert daemon.raw(get(f"/https://127.0.0.1:{clear.port}/x"), timeout=20) == NO_TARGET
+        assert ask(daemon, f"/https://127.0.0.1:{clear.port}/x") == NO_TARGET
         assert eventually(lambda: heard) and b"HTTP/1.1" not in heard[0]
-        assert daemon.raw(get("/world/ping"))  # and the daemon lives
+        assert daemon.request("GET", "/world/ping").status == 200  # and the daemon lives
         # A record larger than the room for it: what was decrypted already is not lost from sight
-        # although the target sends nothing more.
-        small = make_daemon(io_buf_size=1024)
-        trust = small.var / "sec" / "dovmad-at" / "peer_ca.pem"
-        trust.write_bytes(authority[0][0].read_bytes())
-        small.restart()
-        for path, length in (("/large", 2_000_000), ("/plain", 5)):
-            reply = until_close(small, get(base + path, "Connection: keep-alive"))
-            assert len(parse_response(reply).body) == length
+        # although the target sends nothing more. Beside it, a buffer larger than a record.
+        for size in (1024, 100_000):
+            other = make_trusting(io_buf_size=size)
+            for path, length in (("/large", 2_000_000), ("/plain", 5)):
+                reply = parse_response(ask(other, base + path, "Connection: keep-alive"))
+                assert len(reply.body) == length
     finally:
         good.stop()
         bad.stop()
@@ -353,63 +324,39 @@ def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, auth
 
 # --- Unix-domain services ---
 
-@pytest.fixture(name="uds")
-def make_uds():
-    servers = []
-
-    def make(path):
-        class Server(socketserver.ThreadingUnixStreamServer):
-            daemon_threads = True
-
-        class Handler(socketserver.StreamRequestHandler):
-            def handle(self):
-                head = b""
-                while not head.endswith(b"\r\n\r\n"):
-                    line = self.rfile.readline()
-                    if not line:
-                        return
-                    head += line
-                length = 0
-                for line in head.split(b"\r\n"):
-                    if line.startswith(b"Content-Length: "):
-                        length = int(line[16:])
-                self.server.seen.append(head + self.rfile.read(length))
-                # Answers and closes: the daemon sees a hang-up together with the answer.
-                self.wfile.write(b"HTTP/1.1 200 OK\r\n\r\nfrom " + path.parent.name.encode())
-
-        path.parent.mkdir(parents=True, exist_ok=True)
-        server = Server(str(path), Handler)
-        server.seen = []
-        threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
-        servers.append(server)
-        return server
-
-    yield make
-    for server in servers:
-        server.shutdown()
-        server.server_close()
-
-
-def test_unix_services_are_chosen_by_role(make_daemon, uds):
+def test_unix_services_are_chosen_by_role(make_daemon, raw_target):
     daemon = make_daemon(auth=True)
     folder = daemon.prefix / "var/qz/tuvo/.uds"
     user = "root:" + daemon.password
+    seen = {"admin": [], "query": []}
+
+    def play_as(name):
+        def play(sock):
+            data = read_head(sock)
+            while b"\r\nContent-Length: 4\r\n" in data and not data.endswith(b"body"):
+                data += sock.recv(100)
+            seen[name].append(data)
+            # Answers and closes: the daemon sees a hang-up together with the answer.
+            sock.sendall(b"HTTP/1.1 200 OK\r\n\r\nfrom " + name.encode())
+        return play
+
     assert daemon.request("GET", "/httpu://any:admin/x", user=user).raw == NO_TARGET
-    admin, query = uds(folder / "admin/tuvo_uds"), uds(folder / "query/tuvo_uds")
+    for name in seen:
+        raw_target(play_as(name), folder / name / "tuvo_uds")
     for _ in range(20):
         reply = daemon.request("GET", "/httpu://any:pub/x", user=user)
         assert reply.raw == b"HTTP/1.1 200 OK\r\n\r\nfrom query"
-    assert query.seen[0].startswith(b"GET httpu://any:pub/x HTTP/1.1\r\n")
     reply = daemon.request("POST", "/httpu://any:admin/y", body=b"body", user=user)
-    assert reply.body == b"from admin"
-    head, _, body = admin.seen[0].partition(b"\r\n\r\n")
-    assert body == b"body" and head.startswith(b"POST httpu://any:admin/y HTTP/1.1\r\n")
-    for data, role in ((query.seen[0], b"pub"), (admin.seen[0], b"admin")):
-        line = next(l for l in data.split(b"\r\n") if l.startswith(b"Authorization: Basic "))
-        name, _, sent = base64.b64decode(line[21:]).rpartition(b":")
-        assert name.startswith(b"root") and sent == role
+    assert reply.body == b"from admin" and seen["admin"][0].endswith(b"\r\n\r\nbody")
+    for name, line, role in (("query", b"GET httpu://any:pub/x HTTP/1.1\r\n", b"pub"),
+                             ("admin", b"POST httpu://any:admin/y HTTP/1.1\r\n", b"admin")):
+        data = seen[name][0]
+        assert data.startswith(line)
+        identity = data.partition(b"\r\nAuthorization: Basic ")[2].partition(b"\r\n")[0]
+        caller, _, sent = base64.b64decode(identity).rpartition(b":")
+        assert caller.startswith(b"root") and sent == role
     assert daemon.request("GET", "/httpu://any:pub/x").status == 401
-    assert len(query.seen) == 20
+    assert len(seen["query"]) == 20
     # Nobody authenticated: no socket stands for that.
     assert daemon.request("GET", "/httpu://any:world/x").raw == NO_TARGET
     assert daemon.request("GET", "/httpu://any/x", user=user).status in (403, 404)
@@ -445,12 +392,10 @@ def test_dead_targets_leave_nothing_and_cost_nothing(make_daemon):
     descriptors = daemon.fd_count()
     dead = free_port("upstream")
     for _ in range(50):
-        assert daemon.raw(get(f"/http://127.0.0.1:{dead}/")) == NO_TARGET
-        assert daemon.raw(get("/http://no.such.host.invalid/"))[:12] == b"HTTP/1.1 404"
-    assert daemon.raw(get("/http://127.0.0.1:99999/")) == NO_TARGET
-    before = daemon.cpu_seconds()
-    time.sleep(1)
-    assert daemon.cpu_seconds() - before < 0.2
+        assert ask(daemon, f"/http://127.0.0.1:{dead}/") == NO_TARGET
+    for target in ("no.such.host.invalid", "127.0.0.1:65536", "h" * 300, ""):
+        assert ask(daemon, f"/http://{target}/") == NO_TARGET
+    assert calms_down(daemon)
     assert eventually(lambda: daemon.fd_count() <= descriptors)
 
 
@@ -474,12 +419,10 @@ def test_targets_that_go_wrong(make_daemon, raw_target):
     daemon = make_daemon()
     error = b"HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy"
     bad = b"HTTP/1.1 500 Bad headers sent\r\n\r\n500 Bad headers sent"
-    expected = dict(answers, none=None)
-    expected.pop("none")
-    expected.update({b"none": error, b"half": error, b"bytes": bad, b"endless": bad})
+    expected = {**answers, b"none": error, b"half": error, b"bytes": bad, b"endless": bad}
     for path, reply in expected.items():
         uri = f"/http://127.0.0.1:{target.port}/{path.decode()}"
-        assert daemon.raw(get(uri, "Connection: keep-alive")) == reply, path
+        assert ask(daemon, uri, "Connection: keep-alive") == reply, path
     assert "CGI script sent invalid headers: [HTTP/1.1 200 OK\r\nA: \x01\r\n\r\n]" in (
         daemon.error_log.read_bytes().decode())
 
@@ -493,9 +436,8 @@ def test_early_answer_to_a_large_upload(make_daemon, raw_target):
     daemon = make_daemon()
     for _ in range(10):
         reply = daemon.raw(get(f"/http://127.0.0.1:{target.port}/", method="POST",
-                               body=bytes(3_000_000)))
-        assert reply in (b"HTTP/1.1 413 Too Large\r\nContent-Length: 4\r\n\r\nlarg",
-                         b"HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy")
+                               body=bytes(3_000_000)), timeout=60)
+        assert reply == b"HTTP/1.1 413 Too Large\r\nContent-Length: 4\r\n\r\nlarg"
 
 
 def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
@@ -512,29 +454,22 @@ def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
             while not release.is_set():
                 sock.sendall(b"x" * 65536)
         else:
-            release.wait(30)
+            release.wait(100)
 
     target = raw_target(play)
     daemon = make_daemon()
     base = f"/http://127.0.0.1:{target.port}"
     daemon.request("GET", "/world/ping")
     descriptors = daemon.fd_count()
-    silent = [daemon.connect() for _ in range(10)]
-    for sock in silent:
-        sock.sendall(get(base + "/silent"))
-    deaf = daemon.connect()
-    deaf.sendall(get(base + "/endless"))
-    stuck = daemon.connect()
-    stuck.sendall(get(base + "/silent", method="POST", body=bytes(100))[:-50])
-    drip = daemon.raw(get(base + "/drip"))
-    assert drip == b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"
-    time.sleep(0.3)
-    before, start = daemon.cpu_seconds(), time.monotonic()
-    while time.monotonic() - start < 1:
-        assert daemon.request("GET", "/world/ping").status == 200
-        time.sleep(0.1)
-    assert daemon.cpu_seconds() - before < 0.3
-    for sock in [*silent, deaf, stuck]:
+    requests = [get(base + "/silent")] * 10 + [
+        get(base + "/endless"), get(base + "/silent", method="POST", body=bytes(100))[:-50]]
+    clients = [daemon.connect() for _ in requests]
+    for sock, request in zip(clients, requests):
+        sock.sendall(request)
+    assert ask(daemon, base + "/drip") == b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"
+    assert daemon.request("GET", "/world/ping").status == 200
+    assert calms_down(daemon)
+    for sock in clients:
         sock.close()
     assert eventually(lambda: daemon.fd_count() <= descriptors)
     release.set()
@@ -551,9 +486,8 @@ def test_black_hole_is_given_up(make_daemon):
         filler.setblocking(False)
         filler.connect_ex(hole.getsockname())
         fillers.append(filler)
-    time.sleep(0.2)
     daemon = make_daemon()
-    assert daemon.raw(get(f"/http://127.0.0.1:{hole.getsockname()[1]}/")) == NO_TARGET
+    assert ask(daemon, f"/http://127.0.0.1:{hole.getsockname()[1]}/") == NO_TARGET
     assert daemon.request("GET", "/world/ping").status == 200
     for sock in [*fillers, hole]:
         sock.close()
@@ -562,13 +496,13 @@ def test_black_hole_is_given_up(make_daemon):
 def test_many_forwarded_requests_leave_nothing(make_daemon, upstream):
     daemon = make_daemon()
     uri = f"/http://127.0.0.1:{upstream.port}/x"
-    daemon.raw(get(uri))
+    ask(daemon, uri)
     descriptors, memory = daemon.fd_count(), daemon.rss_kib()
     failures = []
 
     def client():
         for _ in range(100):
-            reply = daemon.raw(get(uri))
+            reply = ask(daemon, uri)
             if not reply.endswith(b"\r\n\r\nhello"):
                 failures.append(reply)
 
