@@ -391,7 +391,6 @@ void close_channel(channel* c) {
         (void)SSL_shutdown(c->ssl.get());  // one goodbye; nobody waits for the answer
     }
     ERR_clear_error();
-    c->head.magic = 0;
     delete c;
 }
 

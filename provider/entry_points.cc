@@ -129,7 +129,6 @@ std::uint32_t molbAtTerminate(void* handle) {
     if (opened == nullptr) {
         return at_invalid_argument;
     }
-    opened->head.magic = 0;
     delete opened;
     return at_ok;
 }
@@ -254,7 +253,6 @@ std::uint32_t molbAtFree(void* block) {
         return at_ok;
     }
     if (auto* holder = object_cast<credential>(block)) {
-        holder->head.magic = 0;
         delete holder;
         return at_ok;
     }

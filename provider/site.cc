@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 
 #include "provider/debug_log.h"
 #include "provider/result.h"
@@ -181,6 +180,7 @@ std::optional<principal> site::check_login(const login& who) {
 
 std::optional<principal> site::certificate_user(std::string_view common_name) {
     const std::lock_guard guard(lock_);
+    (void)refresh_domains();
     const auto domain = std::find_if(
         domains_.begin(), domains_.end(),
         [](const domain_entry& entry) { return entry.kind == domain_kind::certificate; });

@@ -6,9 +6,9 @@
 // has given up its rights, say) stays as it was.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -23,7 +23,8 @@
 
 namespace provider {
 
-class site_ref;
+class site;
+using site_ref = std::shared_ptr<site>;
 
 // Who somebody is, as the daemon's information record says it.
 struct principal {
@@ -57,8 +58,6 @@ class site {
     [[nodiscard]] std::optional<principal> certificate_user(std::string_view common_name);
 
   private:
-    friend class site_ref;
-
     struct known_user {
         file_id id;
         std::optional<user_entry> user;  // nothing: the file holds no good line
@@ -76,7 +75,6 @@ class site {
     void refresh_user(std::string_view name);
     [[nodiscard]] const domain_entry* find_domain(std::string_view name) const;
 
-    std::atomic<int> references_{0};
     std::mutex lock_;
     const std::string directory_;
     std::string problem_;
@@ -86,39 +84,6 @@ class site {
     const std::string users_directory_;
     std::map<std::string, known_user, std::less<>> users_;
     password_guard guard_;
-};
-
-// Shares a site; the last holder frees it.
-class site_ref {
-  public:
-    site_ref() = default;
-    explicit site_ref(site* shared) : site_(shared) {
-        if (site_ != nullptr) {
-            ++site_->references_;
-        }
-    }
-    site_ref(const site_ref& other) : site_ref(other.site_) {}
-    site_ref(site_ref&& other) noexcept : site_(std::exchange(other.site_, nullptr)) {}
-    site_ref& operator=(const site_ref& other) {
-        site_ref copy(other);
-        std::swap(site_, copy.site_);
-        return *this;
-    }
-    site_ref& operator=(site_ref&& other) noexcept {
-        std::swap(site_, other.site_);
-        return *this;
-    }
-    ~site_ref() {
-        if (site_ != nullptr && --site_->references_ == 0) {
-            delete site_;
-        }
-    }
-
-    site* operator->() const { return site_; }
-    explicit operator bool() const { return site_ != nullptr; }
-
-  private:
-    site* site_ = nullptr;
 };
 
 // The library's own directory below the data directory.

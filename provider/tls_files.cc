@@ -46,7 +46,7 @@ openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method) {
                             SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_read_ahead(c, 0);
     const bool set = SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) == 1 &&
-                     SSL_CTX_set1_groups_list(c, "X25519:P-256") == 1 &&
+                     SSL_CTX_set1_groups_list(c, "X25519:P-256:P-384") == 1 &&
                      SSL_CTX_set_ciphersuites(c,
                                               "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:"
                                               "TLS_CHACHA20_POLY1305_SHA256") == 1 &&
@@ -162,6 +162,8 @@ std::uint32_t tls_files::build() {
     openssl_ptr<SSL_CTX> server = new_context(TLS_server_method());
     openssl_ptr<SSL_CTX> client = new_context(TLS_client_method());
     if (!server || !client) {
+        problem_ = directory_ + ": OpenSSL, as it is configured, has no TLS that fits";
+        ERR_clear_error();
         return at_no_memory;
     }
     const file_content& clients = files[client_ca_file];
