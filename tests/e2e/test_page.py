@@ -1,11 +1,16 @@
-"""Pages as a browser sees them: headless Chromium over the TLS port and on generated pages."""
+"""Pages as a browser sees them: headless Chromium over the TLS port, through the proxy, and on
+generated pages."""
 
+import http.server
 import shutil
 import struct
 import subprocess
+import threading
 import zlib
 
 import pytest
+
+from dovmad_harness import free_port
 
 CHROMIUM = shutil.which("chromium")
 pytestmark = pytest.mark.skipif(CHROMIUM is None, reason="Chromium is not installed")
@@ -33,13 +38,11 @@ def dump_dom(tmp_path, url):
     return result.stdout.decode()
 
 
-def test_page_with_style_sheet_and_image_over_tls(make_daemon, tmp_path):
-    daemon = make_daemon(auth=True)
-    world = daemon.root / "world"
-    world.mkdir()
-    (world / "style.css").write_text("#mark { width: 321px; color: rgb(1, 2, 3); }")
-    (world / "dot.png").write_bytes(png(200, 30, 40))
-    (world / "page.html").write_text("""<!doctype html><link rel="stylesheet" href="style.css">
+def write_page(folder):
+    """A page that says which style and image it has been given."""
+    (folder / "style.css").write_text("#mark { width: 321px; color: rgb(1, 2, 3); }")
+    (folder / "dot.png").write_bytes(png(200, 30, 40))
+    (folder / "page.html").write_text("""<!doctype html><link rel="stylesheet" href="style.css">
 <p id="mark">text</p><img id="dot" src="dot.png"><p id="out">pending</p><script>
 addEventListener("load", () => {
   const style = getComputedStyle(document.getElementById("mark"));
@@ -47,12 +50,43 @@ addEventListener("load", () => {
   document.getElementById("out").textContent =
     [style.width, style.color, image.naturalWidth, image.complete].join(" ");
 });</script>""")
-    dom = dump_dom(tmp_path, f"https://localhost:{daemon.tls_port}/world/page.html")
-    assert "321px rgb(1, 2, 3) 64 true" in dom
+
+
+WHOLE_PAGE = "321px rgb(1, 2, 3) 64 true"
+
+
+def test_page_with_style_sheet_and_image_over_tls(make_daemon, tmp_path):
+    daemon = make_daemon(auth=True)
+    (daemon.root / "world").mkdir()
+    write_page(daemon.root / "world")
+    assert WHOLE_PAGE in dump_dom(tmp_path, f"https://localhost:{daemon.tls_port}/world/page.html")
+
+
+def test_page_of_another_server_through_the_proxy(make_daemon, tmp_path):
+    daemon = make_daemon()
+    folder = tmp_path / "site"
+    folder.mkdir()
+    write_page(folder)
+    asked = []
+
+    class Handler(http.server.SimpleHTTPRequestHandler):
+        def __init__(self, *args):
+            super().__init__(*args, directory=folder)
+
+        def log_request(self, *args):
+            asked.append(self.path)
+
+    with http.server.ThreadingHTTPServer(("127.0.0.1", free_port("upstream")), Handler) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        target = f"http://127.0.0.1:{server.server_port}/page.html"
+        dom = dump_dom(tmp_path, f"http://127.0.0.1:{daemon.port}/{target}")
+        server.shutdown()
+    assert WHOLE_PAGE in dom
+    assert {"/page.html", "/style.css", "/dot.png"} <= set(asked)
 
 
 def test_generated_pages(make_daemon, tmp_path):
-    """A listing, a page with includes, and a page of another server seen through the proxy."""
+    """A listing and a page with includes."""
     daemon = make_daemon(ssi_extensions=".shtml")
     (daemon.root / "list").mkdir()
     for i in range(50):
