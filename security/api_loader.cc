@@ -159,6 +159,7 @@ std::uint32_t find_autoloader(const molb_init* settings) {
     void* entry = dlsym(file, "molbatLibraryControl");
     if (entry == nullptr) {
         debug(1, "dlsym(%s) failed: %s\n", "molbatLibraryControl", last_dl_error());
+        (void)dlclose(file);  // some other library stands there, and the next call looks again
         return at_not_available;
     }
     state.autoloader = reinterpret_cast<control_function>(entry);
@@ -205,11 +206,11 @@ void remember_home(const molb_init* init) {
     if (state.g_zel_home_dir != nullptr) {
         return;
     }
-    const char* home = init != nullptr && is_set(init->home) ? init->home : nullptr;
-    if (home == nullptr && is_set(std::getenv("ZEL_HOME_DIR"))) {
+    const char* home = init != nullptr ? init->home : nullptr;
+    if (!is_set(home)) {
         home = std::getenv("ZEL_HOME_DIR");
     }
-    state.g_zel_home_dir = home != nullptr ? strdup(home) : nullptr;
+    state.g_zel_home_dir = is_set(home) ? strdup(home) : nullptr;
 }
 
 std::uint32_t call_library_init(const molb_version* version, void** handle,
@@ -405,6 +406,9 @@ void molbatLibraryUnload() {
 
 std::uint32_t molbAtInit_S(const molb_version* version, void** handle, const molb_init* init,
                            std::uintptr_t a, std::uintptr_t b, std::uintptr_t c) {
+    if (handle != nullptr) {
+        *handle = nullptr;
+    }
     run_once_init();
     const write_lock_guard lock(&api_mon);
     if (lock.refused()) {

@@ -36,11 +36,12 @@ bool library_moves_bytes() {
 }
 
 void finish_handshake(stream* s) {
-    if (!library_moves_bytes()) {
-        s->connection->handshake = handshake_state::failed;
+    conn* c = s->connection;
+    if (c->client_channel == nullptr || !library_moves_bytes()) {
+        c->handshake = handshake_state::failed;
         return;
     }
-    s->connection->handshake = handshake_state::done;
+    c->handshake = handshake_state::done;
     s->flags |= sf_handshake_done;
 }
 

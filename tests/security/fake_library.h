@@ -9,25 +9,19 @@
 
 #include "security/at_types.h"
 
-struct fake_identity {
-    std::string host, domain, name, password;
-    auto operator<=>(const fake_identity&) const = default;
-};
-
 struct fake_library {
     // What the entry points answer.
-    std::map<fake_identity, void*> logins;
+    std::map<std::string, void*> logins;   // credentials by identity, see `asked`
     std::deque<std::uint32_t> handshakes;  // results of the next accept calls; then at_again
     void* accept_credential = nullptr;
-    std::deque<std::int32_t> counts;  // results of the next read and write calls; then -1/EAGAIN
-    std::set<std::string> lacking;    // entry points that do not resolve
-    std::uint32_t extract_result = at_ok;
-    molb_info info{};
-    molb_info* handed_out = nullptr;  // what molbAtExtractInfo stores: &info, or null
+    void* channel = &handshakes;
+    std::deque<std::int32_t> counts;       // results of the next read and write calls; then EAGAIN
+    std::set<std::string> lacking;         // entry points that do not resolve
+    const molb_info* extracted = nullptr;  // null: molbAtExtractInfo fails
 
     // What they were asked.
-    std::vector<fake_identity> asked;
-    std::vector<void*> freed;
+    std::vector<std::string> asked;  // identities: "host|domain|name|password"
+    std::vector<const void*> freed;
     int extracts = 0;
     int closes = 0;
     void* server_credential = nullptr;

@@ -3,7 +3,6 @@
 // a process of its own, since a library is loaded once per process.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +10,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -35,46 +36,58 @@ std::uint64_t molbAtRegisterService(std::uintptr_t);
 
 namespace {
 
-// Runs a scenario in a child; it fails with the line of its first unmet requirement.
-template <class Scenario>
-void in_child(Scenario scenario) {
-    const auto run = [&] {
-        scenario();
-        std::_Exit(0);
-    };
-    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
-}
+namespace fs = std::filesystem;
 
 #define REQUIRE(condition)                                                          \
     if (!(condition)) {                                                             \
         std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition), std::_Exit(1); \
     }
 
-// A home directory whose library is one of the built variants; null: none.
-void use_library(const char* variant) {
-    static std::string home = (std::filesystem::temp_directory_path() / "shim.XXXXXX").string();
-    REQUIRE(mkdtemp(home.data()) != nullptr);
-    std::filesystem::create_directory(home + "/lib");
-    if (variant != nullptr) {
-        std::filesystem::create_symlink(std::string(FAKE_FOLDER) + "/" + variant,
-                                        home + "/lib/libmolbat4L_t.so");
+// A home directory for a library, removed by the process that made it.
+class Shim : public testing::Test {
+  protected:
+    Shim() {
+        std::string name = (fs::temp_directory_path() / "shim.XXXXXX").string();
+        home_ = mkdtemp(name.data());
+        fs::create_directory(home_ / "lib");
+        setenv("ZEL_HOME_DIR", home_.c_str(), 1);
+        unsetenv("ZEL_USE_LIBPATH");
     }
-    setenv("ZEL_HOME_DIR", home.c_str(), 1);
-    unsetenv("ZEL_USE_LIBPATH");
-}
+    ~Shim() override { fs::remove_all(home_); }
 
+    // Runs a scenario in a child on one of the built libraries, or any other file; it fails with
+    // the line of its first unmet requirement.
+    template <class Scenario>
+    void in_child(const char* library, Scenario scenario) {
+        const fs::path link = home_ / "lib/libmolbat4L_t.so";
+        fs::remove(link);
+        fs::create_symlink(fs::path(FAKE_FOLDER) / library, link);
+        const auto run = [&] {
+            scenario();
+            std::exit(0);
+        };
+        EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+    }
+
+    fs::path home_;
+};
+
+// What a library that is loaded exports besides its entry points.
 template <class T>
-T* fake(const char* name) {
-    void* library =
-        dlopen((std::string(std::getenv("ZEL_HOME_DIR")) + "/lib/libmolbat4L_t.so").c_str(),
-               RTLD_NOW | RTLD_NOLOAD);
+T* fake(const char* name, int mode = RTLD_NOW | RTLD_NOLOAD) {
+    const std::string path = std::string(std::getenv("ZEL_HOME_DIR")) + "/lib/libmolbat4L_t.so";
+    void* library = dlopen(path.c_str(), mode);
     REQUIRE(library != nullptr);
     return static_cast<T*>(dlsym(library, name));
 }
 
-TEST(Stubs, PassWordsAndPointersUnchanged) {
-    in_child([] {
-        use_library("libfake_full.so");
+// Opens the library before the shim does, so that its load entry can be made to call back.
+void call_back_on_control(void (*function)()) {
+    *fake<void (*)()>("fake_on_control", RTLD_NOW) = function;
+}
+
+TEST_F(Shim, PassesWordsAndPointersUnchanged) {
+    in_child("libfake_full.so", [] {
         // A call before any initialisation loads the library by itself.
         REQUIRE(molbAtGetSecurityLevel() == 0);
         auto* last = fake<fake_call>("fake_last");
@@ -104,13 +117,6 @@ TEST(Stubs, PassWordsAndPointersUnchanged) {
     });
 }
 
-// Opens the library before the shim does, so that its load entry can be made to call back.
-void call_back_on_control(void (*function)()) {
-    const std::string path = std::string(std::getenv("ZEL_HOME_DIR")) + "/lib/libmolbat4L_t.so";
-    REQUIRE(dlopen(path.c_str(), RTLD_NOW) != nullptr);
-    *fake<void (*)()>("fake_on_control") = function;
-}
-
 constexpr int locals_count = 16;
 volatile std::uintptr_t* callers_locals = nullptr;
 
@@ -131,9 +137,8 @@ volatile std::uintptr_t* callers_locals = nullptr;
     return true;
 }
 
-TEST(Stubs, LeaveTheCallersStackAlone) {
-    in_child([] {
-        use_library("libfake_full.so");
+TEST_F(Shim, LeavesTheCallersStackAlone) {
+    in_child("libfake_full.so", [] {
         call_back_on_control([] {
             for (int i = 0; i < locals_count; ++i) {
                 callers_locals[i] = callers_locals[i] + 1;
@@ -143,28 +148,29 @@ TEST(Stubs, LeaveTheCallersStackAlone) {
     });
 }
 
-TEST(Stubs, AnswerNotAvailableWithoutALibrary) {
-    in_child([] {
-        use_library(nullptr);
-        void* handle = nullptr;
-        REQUIRE(molbAtInit(nullptr, &handle) == at_not_available);
-        REQUIRE(molbAtFree(&handle) == at_not_available);
-        REQUIRE(molbAtSecConnRead(nullptr, nullptr, 10) == at_not_available);
-        REQUIRE(molbAtGetSecurityLevel() == at_not_available);
-        REQUIRE(molbAtTerminate(nullptr) == 0);
-        REQUIRE(molbAtTerminate(&handle) == at_not_available);
-    });
+TEST_F(Shim, AnswersNotAvailableWithoutALibrary) {
+    Dl_info other{};  // a library of another kind
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&std::abort), &other), 0);
+    for (const char* file : {"missing.so", other.dli_fname}) {
+        in_child(file, [] {
+            void* handle = &handle;
+            REQUIRE(molbAtInit(nullptr, &handle) == at_not_available && handle == nullptr);
+            REQUIRE(molbAtFree(&handle) == at_not_available);
+            REQUIRE(molbAtSecConnRead(nullptr, nullptr, 10) == at_not_available);
+            REQUIRE(molbAtGetSecurityLevel() == at_not_available);
+            REQUIRE(molbAtTerminate(nullptr) == 0);
+            REQUIRE(molbAtTerminate(&handle) == at_not_available);
+        });
+    }
 }
 
-TEST(Loader, CountsLoadsAndForgetsEverythingAtTheEnd) {
-    in_child([] {
-        use_library("libfake_full.so");
+TEST_F(Shim, CountsLoadsAndForgetsEverythingAtTheEnd) {
+    in_child("libfake_full.so", [] {
         void* handle = nullptr;
         REQUIRE(molbAtInit(nullptr, &handle) == 0);
         auto* last = fake<fake_call>("fake_last");
         REQUIRE(last->index == 170 && last->arguments[0] == 0);  // InitEx is preferred
-        const auto* init = reinterpret_cast<const molb_init*>(last->arguments[2]);
-        REQUIRE(init != nullptr);
+        REQUIRE(last->arguments[2] != 0);
         REQUIRE(molbat_status().load_count == 1 && molbat_status().highest == 174);
         const molb_version old{.major = 4, .minor = 9};
         const molb_init record{.home = std::getenv("ZEL_HOME_DIR"),
@@ -174,12 +180,14 @@ TEST(Loader, CountsLoadsAndForgetsEverythingAtTheEnd) {
         REQUIRE(molbAtInitEx(&old, &handle, &record, 7, 8, 9) == 0);
         REQUIRE(last->arguments[0] == reinterpret_cast<std::uintptr_t>(&old));  // the caller's own
         REQUIRE(last->arguments[3] == 7 && last->arguments[5] == 9);
-        REQUIRE(molbat_status().load_count == 2);
-        REQUIRE(molbAtTerminate(&handle) == 0 && last->index == 1);
-        REQUIRE(molbat_status().load_count == 1 && *fake<int>("fake_unloads") == 0);
+        *fake<std::uint64_t>("fake_result") = 24604;  // a failed instance is not counted
+        REQUIRE(molbAtInit(nullptr, &handle) == 24604 && molbat_status().load_count == 2);
         int* unloads = fake<int>("fake_unloads");
+        REQUIRE(molbAtTerminate(&handle) == 0 && last->index == 1);
+        REQUIRE(molbat_status().load_count == 1 && *unloads == 0);
         REQUIRE(molbAtTerminate(&handle) == 0);
         REQUIRE(*unloads == 1 && !molbat_status().loaded && molbat_status().highest == -1);
+        *fake<std::uint64_t>("fake_result") = 0;
         REQUIRE(molbAtInit(nullptr, &handle) == 0);  // a reload needs no second dlopen
         REQUIRE(*fake<int>("fake_loads") == 2);
     });
@@ -195,9 +203,8 @@ void call_stubs_from_the_library() {
     REQUIRE(molbAtTerminate(&handle) == at_not_available);
 }
 
-TEST(Loader, RefusesCallsOutOfItsOwnLoadAndUnload) {
-    in_child([] {
-        use_library("libfake_full.so");
+TEST_F(Shim, RefusesCallsOutOfItsOwnLoadAndUnload) {
+    in_child("libfake_full.so", [] {
         alarm(30);
         call_back_on_control(call_stubs_from_the_library);
         void* handle = nullptr;
@@ -209,90 +216,82 @@ TEST(Loader, RefusesCallsOutOfItsOwnLoadAndUnload) {
     });
 }
 
-TEST(Loader, ServesThreadsWhileOthersInitialise) {
-    in_child([] {
-        use_library("libfake_full.so");
+// Runs the function in four threads at a time.
+void in_threads(const std::function<void(int)>& work) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back(work, t);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(Shim, ServesThreadsWhileOthersInitialise) {
+    in_child("libfake_full.so", [] {
         void* handle = nullptr;
         REQUIRE(molbAtInit(nullptr, &handle) == 0);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([t, &handle] {
-                for (int i = 0; i < 300; ++i) {
-                    void* own = nullptr;
-                    REQUIRE(molbAtFree(nullptr) == 0 && fake<fake_call>("fake_last")->index == 91);
-                    if (i % 4 == t) {
-                        REQUIRE(molbAtInit(nullptr, &own) == 0);
-                        REQUIRE(molbAtTerminate(&handle) == 0);
-                    }
+        in_threads([](int t) {
+            for (int i = 0; i < 300; ++i) {
+                void* own = nullptr;
+                REQUIRE(molbAtFree(nullptr) == 0 && fake<fake_call>("fake_last")->index == 91);
+                if (i % 4 == t) {
+                    REQUIRE(molbAtInit(nullptr, &own) == 0);
+                    REQUIRE(molbAtTerminate(&own) == 0);
                 }
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+            }
+        });
         REQUIRE(molbat_status().load_count == 1);
     });
 }
 
-TEST(Loader, ToleratesMissingNewSymbolsOnlyWithoutAVersion) {
-    in_child([] {  // exactly 0..100
-        use_library("libfake_gap101.so");
+TEST_F(Shim, ToleratesMissingNewSymbolsOnlyWithoutAVersion) {
+    in_child("libfake_gap101.so", [] {  // exactly 0..100
         void* handle = nullptr;
         REQUIRE(molbAtInit(nullptr, &handle) == 0);
         REQUIRE(molbat_status().highest == 100);
+        REQUIRE(molbAtInit(nullptr, &handle) == 0);
         REQUIRE(molbAtAuthenticateEx(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12) == 0);  // 114, lazily
         const molb_version v41{.major = 4, .minor = 1};
         const molb_version v42{.major = 4, .minor = 2};
         REQUIRE(molbAtInit(&v41, &handle) == 0);
         REQUIRE(molbAtInit(&v42, &handle) == at_not_available);
+        REQUIRE(molbat_status().load_count == 3);
     });
-    in_child([] {  // 0..99 is one too few
-        use_library("libfake_gap100.so");
+    in_child("libfake_gap100.so", [] {  // 0..99 is one too few
         void* handle = nullptr;
         REQUIRE(molbAtInit(nullptr, &handle) == at_not_available);
         REQUIRE(molbat_status().load_count == 0 && !molbat_status().loaded);
         REQUIRE(*fake<int>("fake_unloads") == 1);
-        const molb_version v40{.major = 4, .minor = 4};
-        REQUIRE(molbAtInit(&v40, &handle) == at_not_available);
+        const molb_version v44{.major = 4, .minor = 4};
+        REQUIRE(molbAtInit(&v44, &handle) == at_not_available);
     });
-    in_child([] {  // the used entry point itself is missing
-        use_library("libfake_gap174.so");
+    in_child("libfake_gap170.so", [] {  // the older way to start an instance
+        void* handle = nullptr;
+        REQUIRE(molbAtInit(nullptr, &handle) == 0 && fake<fake_call>("fake_last")->index == 0);
+    });
+    in_child("libfake_gap174.so", [] {  // an entry point that the daemon uses
         void* handle = nullptr;
         REQUIRE(molbAtInit(nullptr, &handle) == 0);
-        void* channel = nullptr;
-        REQUIRE(molbAtSecConnAcceptWithCommExtn(nullptr, 0, nullptr, 4, nullptr, 1, 0, &channel,
+        REQUIRE(molbAtSecConnAcceptWithCommExtn(nullptr, 0, nullptr, 4, nullptr, 1, 0, &handle,
                                                 nullptr) == at_not_available);
     });
 }
 
-TEST(Loader, PassesOnTheLibrarysRefusal) {
+TEST_F(Shim, PassesOnTheLibrarysRefusal) {
     for (const auto& [text, expected] : {std::pair{"24665", 24665U}, std::pair{"0", 24598U}}) {
-        in_child([text = text, expected = expected] {
-            use_library("libfake_full.so");
+        in_child("libfake_full.so", [text = text, expected = expected] {
             setenv("FAKE_LOAD_RESULT", text, 1);
             void* handle = nullptr;
             REQUIRE(molbAtInit(nullptr, &handle) == expected);
             REQUIRE(molbat_status().load_count == 0);
         });
     }
-    molb_init settings{
-        .home = "/h", .data_dir = nullptr, .reserved = nullptr, .library_path = nullptr};
-    const auto command = [](const molb_init* given) {
-        char* text = makeLoadCmd(given);
-        std::string copy = text;
-        std::free(text);
-        return copy;
-    };
-    EXPECT_EQ(command(nullptr), "Load");
-    EXPECT_EQ(command(&settings), "Load|/h");
-    settings.library_path = "/l";
-    EXPECT_EQ(command(&settings), "Load|/h|/l");
 }
 
-TEST(Loader, DebugLevelFourNamesEveryCall) {
-    in_child([] {
-        use_library("libfake_full.so");
-        const std::string log = std::string(std::getenv("ZEL_HOME_DIR")) + "/debug.txt";
+TEST_F(Shim, NamesEveryCallAtDebugLevelFour) {
+    in_child("libfake_full.so", [this] {
+        const fs::path log = home_ / "debug.txt";
         setenv("MOLBat_API_DEBUG_LEVEL", "4", 1);
         setenv("MOLBat_API_DEBUG_FILE", log.c_str(), 1);
         void* handle = nullptr;
@@ -306,92 +305,85 @@ TEST(Loader, DebugLevelFourNamesEveryCall) {
     });
 }
 
-TEST(Versions, AreTruncatedToKnownOnes) {
-    struct row {
-        int major, minor, used_major, used_minor, highest;
+TEST(Loader, WritesTheLoadCommand) {
+    const auto command = [](const molb_init* given) {
+        const std::unique_ptr<char, decltype(&std::free)> text(makeLoadCmd(given), std::free);
+        return std::string(text.get());
     };
-    for (const row& r : std::vector<row>{{4, 0, 4, 4, 116},
-                                         {4, 1, 4, 1, 100},
-                                         {4, 2, 4, 2, 103},
-                                         {4, 3, 4, 3, 111},
-                                         {4, 4, 4, 4, 116},
-                                         {4, 9, 4, 4, 116},
-                                         {5, 0, 5, 0, 130},
-                                         {5, 1, 5, 1, 134},
-                                         {5, 2, 5, 1, 134},
-                                         {6, 0, 6, 0, 174},
-                                         {6, 1, 6, 0, 174},
-                                         {7, 0, 6, 0, 174},
-                                         {-1, 0, 6, 0, 174},
-                                         {3, 4, 6, 0, 174}}) {
-        const molb_version wanted{.major = r.major, .minor = r.minor};
-        molb_version used{};
-        EXPECT_EQ(molbat_negotiate(&wanted, &used), r.highest) << r.major << "." << r.minor;
-        EXPECT_EQ(used.major, r.used_major);
-        EXPECT_EQ(used.minor, r.used_minor);
-    }
-    molb_version used{};
-    EXPECT_EQ(molbat_negotiate(nullptr, &used), 174);
+    molb_init settings{.home = "/h", .data_dir = nullptr, .reserved = nullptr, .library_path = ""};
+    EXPECT_EQ(command(nullptr), "Load");
+    EXPECT_EQ(command(&settings), "Load|/h");
+    settings.library_path = "/l";
+    EXPECT_EQ(command(&settings), "Load|/h|/l");
     EXPECT_EQ(isAdminAPI("molbAtChangePassword"), 1);
     EXPECT_EQ(isAdminAPI("molbAtFree"), 0);
 }
 
-TEST(Paths, FollowHomeLibraryPathAndLocationFile) {
+TEST(Loader, TruncatesVersionsToKnownOnes) {
+    struct row {
+        molb_version wanted, used;
+        int highest;
+    };
+    const std::vector<row> rows = {
+        {{4, 0}, {4, 4}, 116},  {{4, 1}, {4, 1}, 100}, {{4, 3}, {4, 3}, 111}, {{4, 9}, {4, 4}, 116},
+        {{5, 0}, {5, 0}, 130},  {{5, 2}, {5, 1}, 134}, {{6, 1}, {6, 0}, 174}, {{7, 0}, {6, 0}, 174},
+        {{-1, 0}, {6, 0}, 174}, {{3, 4}, {6, 0}, 174},
+    };
+    molb_version used{};
+    for (const row& r : rows) {
+        EXPECT_EQ(molbat_negotiate(&r.wanted, &used), r.highest)
+            << r.wanted.major << "." << r.wanted.minor;
+        EXPECT_EQ(used.major, r.used.major);
+        EXPECT_EQ(used.minor, r.used.minor);
+    }
+    EXPECT_EQ(molbat_negotiate(nullptr, &used), 174);
+}
+
+TEST_F(Shim, FindsTheLibraryByHomeLibraryPathAndLocationFile) {
     constexpr const char* path_template = "/opt/MOLBat/lib//libmolbat4L_t.so";
-    const std::string folder = testing::TempDir();
-    const std::string with_key = folder + "loc_with_key";
-    const std::string without_key = folder + "loc_without_key";
-    std::ofstream(with_key) << "# comment\nOther=/x\nProductInstallDir=/P\n";
-    std::ofstream(without_key) << "#ProductInstallDir=/no\n";
-    const std::string missing = folder + "loc_missing";
+    std::ofstream(home_ / "with_key") << "# comment\nOther=/x\nProductInstallDir=/P\n";
+    std::ofstream(home_ / "without_key") << "#ProductInstallDir=/no\n";
     struct row {
         int kind;
         const char* library_path;
         const char* home;
-        const std::string* location;
+        const char* location;
         const char* result;  // null: refused
         std::uint32_t error;
     };
     const std::vector<row> rows = {
-        {0, "", "/H", &missing, "/H/lib/libmolbat4L_t.so", 0},
-        {4, "", "/H/", &missing, "/H/lib/libmolbat4L_t.so", 0},
-        {0, "", "/H//", &missing, "/H//lib/libmolbat4L_t.so", 0},
-        {0, "", "", &missing, nullptr, at_not_available},
-        {0, "", "", &with_key, "/P/lib//libmolbat4L_t.so", 0},
-        {0, "", "", &without_key, "/opt/MOLBat/lib//libmolbat4L_t.so", 0},
-        {0, "/somewhere", "/H", &missing, "libmolbat4L_t.so", 0},
-        {3, "", "/H", &with_key, "/P/lib//libmolbat4L_t.so", 0},
-        {1, "", "/H", &missing, nullptr, at_invalid_argument},
-        {2, "", "/H", &missing, nullptr, at_invalid_argument},
+        {0, "", "/H", "missing", "/H/lib/libmolbat4L_t.so", 0},
+        {4, "", "/H/", "missing", "/H/lib/libmolbat4L_t.so", 0},
+        {0, "", "/H//", "missing", "/H//lib/libmolbat4L_t.so", 0},
+        {0, "", "", "missing", nullptr, at_not_available},
+        {0, "", "", "with_key", "/P/lib//libmolbat4L_t.so", 0},
+        {0, "", "", "without_key", "/opt/MOLBat/lib//libmolbat4L_t.so", 0},
+        {0, "/somewhere", "/H", "missing", "libmolbat4L_t.so", 0},
+        {3, "", "/H", "with_key", "/P/lib//libmolbat4L_t.so", 0},
+        {1, "", "/H", "missing", nullptr, at_invalid_argument},
     };
     unsetenv("ZEL_HOME_DIR");
-    unsetenv("ZEL_USE_LIBPATH");
+    std::uint32_t error = 0;
     for (const row& r : rows) {
-        molbat_loc_path = r.location->c_str();
+        const std::string location = home_ / r.location;
+        molbat_loc_path = location.c_str();
         const molb_init settings{.home = r.home,
                                  .data_dir = nullptr,
                                  .reserved = nullptr,
                                  .library_path = r.library_path};
-        char out[2048] = "";
-        std::uint32_t error = 0;
-        const int ok =
-            tpk_method_make_path_ex(r.kind, path_template, &settings, sizeof out, out, &error);
-        EXPECT_EQ(ok, r.result != nullptr ? 1 : 0) << r.home;
+        const auto make = [&](std::vector<char> out) {
+            const int ok = tpk_method_make_path_ex(r.kind, path_template, &settings, out.size(),
+                                                   out.data(), &error);
+            return ok == 1 ? std::string(out.data()) : "refused";
+        };
+        EXPECT_EQ(make(std::vector<char>(2048)), r.result != nullptr ? r.result : "refused");
         EXPECT_EQ(error, r.error);
-        if (r.result != nullptr) {
-            EXPECT_STREQ(out, r.result);
-        }
-        // A buffer that is one byte short is never overrun.
-        if (r.result != nullptr) {
-            std::vector<char> tight(std::strlen(r.result));
-            EXPECT_EQ(tpk_method_make_path_ex(r.kind, path_template, &settings, tight.size(),
-                                              tight.data(), &error),
-                      0);
+        if (r.result != nullptr) {  // a buffer that is one byte short is never overrun
+            EXPECT_EQ(make(std::vector<char>(std::strlen(r.result))), "refused");
         }
     }
     setenv("ZEL_HOME_DIR", "/E", 1);
     char out[2048] = "";
-    std::uint32_t error = 0;
     EXPECT_EQ(tpk_method_make_path(0, path_template, sizeof out, out, &error), 1);
     EXPECT_STREQ(out, "/E/lib/libmolbat4L_t.so");
 }
@@ -402,7 +394,7 @@ TEST(Monitor, WritersExcludeEverybodyAndReadersShare) {
     std::atomic<int> readers{0};
     std::atomic<int> writers{0};
     std::atomic<bool> wrong{false};
-    const auto work = [&](int seed) {
+    in_threads([&](int seed) {
         for (int i = 0; i < 2000; ++i) {
             if ((i + seed) % 7 == 0) {
                 const write_lock_guard lock(&monitor);
@@ -416,25 +408,8 @@ TEST(Monitor, WritersExcludeEverybodyAndReadersShare) {
                 monitor_release(&monitor);
             }
         }
-    };
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back(work, t);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    });
     EXPECT_FALSE(wrong);
-    EXPECT_EQ(monitor.m_lock_type, Mon_NoLock);
-    // A stub entered by the thread that is initialising the library is told so, not blocked.
-    const write_lock_guard lock(&monitor);
-    EXPECT_EQ(monitor_read_lock(&monitor), lock_result::own_writer);
-    EXPECT_EQ(monitor_write_lock(&monitor), lock_result::own_writer);
-}
-
-TEST(Monitor, BrokenInvariantsEndTheProcess) {
-    api_monitor monitor;
-    monitor_init(&monitor);
     EXPECT_DEATH(monitor_release(&monitor), "m_lock_type != Mon_NoLock, file api");
 }
 
