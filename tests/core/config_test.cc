@@ -6,17 +6,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/options.h"
 #include "core/paths.h"
 #include "core/shttpd.h"
-#include "tests/core/library_double.h"
+#include "security/api.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
@@ -26,7 +30,128 @@ const temporary_folder& fixed_root = *new temporary_folder;
 const std::string var_directory = fixed_root.path() / "var";
 const std::string resolver_file = fixed_root.path() / "plx_resolv.conf";
 
+// An authentication library that counts what it hands out and gets back.
+struct library_double {
+    std::uint32_t init_result = 0;  // of molbAtInit and molbAtInitEx
+    std::uint32_t authenticate_result = 0;
+    std::vector<std::string> domains = {"EXAMPLE", "OTHER"};
+    int credentials = 3;  // how many molbAtGetCredentials hands out; negative: it fails
+
+    std::vector<std::string> data_dirs;  // of every molbAtInitEx
+    std::vector<std::string> asked;      // "host|domain|name" of every molbAtGetCredentials
+    std::set<void*> instances;           // alive
+    std::set<void*> blocks;              // alive: credentials and lists
+};
+
+library_double library;
+
+std::string text_of(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
+void* new_block(std::size_t size) {
+    void* block = std::calloc(1, size);
+    library.blocks.insert(block);
+    return block;
+}
+
+void* new_instance() {
+    void* instance = std::malloc(1);
+    library.instances.insert(instance);
+    return instance;
+}
+
 }  // namespace
+
+// --- The entry points of the shim, in place of the real ones ---
+
+std::uint32_t molbatLibraryControl(const char*, void*) {
+    return at_not_available;
+}
+void* molbatGetSymbol(int, const char*) {
+    return &library;
+}
+std::uint32_t molbAtInit(const molb_version*, void** handle) {
+    *handle = library.init_result == at_ok ? new_instance() : nullptr;
+    return library.init_result;
+}
+std::uint32_t molbAtInitEx(const molb_version* version, void** handle, const molb_init* init,
+                           std::uintptr_t, std::uintptr_t, std::uintptr_t) {
+    library.data_dirs.push_back(text_of(init->data_dir));
+    return molbAtInit(version, handle);
+}
+std::uint32_t molbAtTerminate(void* handle) {
+    if (library.instances.erase(handle) == 0) {
+        return at_invalid_argument;
+    }
+    std::free(handle);
+    return at_ok;
+}
+std::uint32_t molbAtAuthenticate(void*, const molb_identity* who, std::uint32_t,
+                                 void** credential) {
+    const bool service = std::strcmp(who->host, "localhost") == 0 && who->domain == nullptr &&
+                         who->name == nullptr && who->password == nullptr;
+    *credential = nullptr;
+    if (!service || library.authenticate_result != at_ok) {
+        return at_refused;
+    }
+    *credential = new_block(1);
+    return at_ok;
+}
+std::uint32_t molbAtExtractInfo(void*, void*, molb_info**) {
+    return at_not_available;
+}
+std::uint32_t molbAtGetCredentials(void*, const molb_identity* who, std::uint32_t, void*** list,
+                                   std::int32_t* count) {
+    library.asked.push_back(text_of(who->host) + "|" + text_of(who->domain) + "|" +
+                            text_of(who->name));
+    if (library.credentials < 0) {
+        return at_not_available;
+    }
+    *count = library.credentials;
+    *list = static_cast<void**>(new_block(sizeof(void*) * 8));
+    for (int i = 0; i < *count; ++i) {
+        (*list)[i] = new_block(1);
+    }
+    return at_ok;
+}
+std::uint32_t molbAtGetDomainInfos(void*, std::uint32_t, molb_domain_info** list,
+                                   std::int32_t* count) {
+    *count = static_cast<std::int32_t>(library.domains.size());
+    *list = static_cast<molb_domain_info*>(new_block(sizeof(molb_domain_info) * 8));
+    for (std::size_t i = 0; i < library.domains.size(); ++i) {
+        (*list)[i].name = library.domains[i].data();
+    }
+    return at_ok;
+}
+std::uint32_t molbAtFree(void* block) {
+    if (block != nullptr && library.blocks.erase(block) == 0) {
+        std::abort();  // freed twice, or never handed out
+    }
+    std::free(block);
+    return at_ok;
+}
+std::uint32_t molbAtSecConnConnect(int, void*, std::uint32_t, void**, char**) {
+    return at_channel_failed;
+}
+std::uint32_t molbAtSecConnAcceptWithCommExtn(void*, int, void*, std::uint32_t, void*,
+                                              std::uint32_t, std::uint32_t, void**, void**) {
+    return at_channel_failed;
+}
+std::int32_t molbAtSecConnRead(void*, void*, std::int32_t) {
+    errno = EAGAIN;
+    return -1;
+}
+std::int32_t molbAtSecConnWrite(void*, const void*, std::int32_t) {
+    errno = EAGAIN;
+    return -1;
+}
+std::int32_t molbAtDataPending(void*) {
+    return 0;
+}
+std::uint32_t molbAtSecConnClose(void**) {
+    return at_ok;
+}
 
 // This program's own fixed paths.
 const system_paths paths = {.config_file = "",
@@ -69,15 +194,12 @@ class Configuration : public testing::Test {
 
 TEST_F(Configuration, DefaultsOfAFileWithoutSettings) {
     const context_ptr ctx = read("# comment\n\n#another\n");
-    EXPECT_EQ(ctx->listen_ports, "5634");
-    EXPECT_EQ(ctx->index_files, "index.html, index.htm, index.pl, index.cgi");
-    EXPECT_EQ(ctx->cgi_extensions, ".cgi .pl .php");
-    EXPECT_EQ(ctx->ssi_extensions, ".shtml .shtm");
+    EXPECT_EQ(ctx->listen_ports + "|" + ctx->index_files,
+              "5634|index.html, index.htm, index.pl, index.cgi");
+    EXPECT_EQ(ctx->cgi_extensions + "|" + ctx->ssi_extensions, ".cgi .pl .php|.shtml .shtm");
     EXPECT_EQ(ctx->list_directories, 1);
-    EXPECT_EQ(ctx->io_buf_size, 16384);
     EXPECT_EQ(ctx->document_root, std::filesystem::current_path().string());
-    EXPECT_EQ(ctx->inetd_mode, 0);
-    EXPECT_EQ(ctx->daemon_mode, 0);
+    EXPECT_EQ(ctx->inetd_mode + ctx->daemon_mode, 0);
     EXPECT_EQ(ctx->pid_file + ctx->aliases + ctx->runtime_uid + ctx->cgi_interpreter, "");
     EXPECT_EQ(ctx->access_log, nullptr);
     char host[256] = {};
@@ -93,50 +215,37 @@ TEST_F(Configuration, DefaultsOfAFileWithoutSettings) {
 }
 
 TEST_F(Configuration, ValuesRunToTheCommentAndTheLastCharacterIsCut) {
+    const auto ports = [](const shttpd_ctx& c) { return c.listen_ports; };
+    const auto mode = [](const shttpd_ctx& c) { return std::to_string(c.daemon_mode); };
+    const auto size = [](const shttpd_ctx& c) { return std::to_string(c.io_buf_size); };
     const struct {
         std::string lines;
         std::function<std::string(const shttpd_ctx&)> field;
         std::string expected;
     } rows[] = {
-        {"listen_ports 8080 # comment\n", [](auto& c) { return c.listen_ports; }, "8080 "},
-        {"  listen_ports \t 8080,9000u\n", [](auto& c) { return c.listen_ports; }, "8080,9000u"},
-        {"listen_ports 80801", [](auto& c) { return c.listen_ports; }, "8080"},
-        {"listen_ports 1\nlisten_ports 2\n", [](auto& c) { return c.listen_ports; }, "2"},
-        {"listen_ports 80\r\n", [](auto& c) { return c.listen_ports; }, "80\r"},
-        {"index_files a.html, b c.html\n", [](auto& c) { return c.index_files; },
-         "a.html, b c.html"},
-        {"auth_realm X\n", [](auto& c) { return std::string(c.auth_realm == "X" ? "X" : "host"); },
-         "host"},
-        {"list_directories 0\n", [](auto& c) { return std::to_string(c.list_directories); }, "0"},
-        {"daemon_mode 12x\n", [](auto& c) { return std::to_string(c.daemon_mode); }, "12"},
-        {"daemon_mode -99999999999999999999\n",
-         [](auto& c) { return std::to_string(c.daemon_mode); }, "-2147483648"},
-        {"aliases " + std::string(2037, 'a') + "\n#\n",
-         [](auto& c) { return std::to_string(c.aliases.size()); }, "2037"},
+        {"listen_ports 8080 # comment\n", ports, "8080 "},
+        {"  listen_ports \t 8080,9000u\n", ports, "8080,9000u"},
+        {"listen_ports 80801", ports, "8080"},
+        {"listen_ports 1\nlisten_ports 2\n", ports, "2"},
+        {"listen_ports 80\r\n", ports, "80\r"},
+        {"index_files a, b c\n", [](auto& c) { return c.index_files; }, "a, b c"},
+        {"auth_realm X\n", [](auto& c) { return c.auth_realm == "X" ? "X" : "host"; }, "host"},
+        {"daemon_mode 12x\n", mode, "12"},
+        {"daemon_mode -99999999999999999999\n", mode, "-2147483648"},
+        {"listen_ports " + std::string(2032, '1') + "\n#\n", ports, std::string(2032, '1')},
+        {"io_buf_size 1023\n", size, "16384"},
+        {"io_buf_size 1024\n", size, "1024"},
+        {"io_buf_size x\n", size, "16384"},
+        {"io_buf_size 16777217\n", size, "16777216"},
     };
     for (const auto& row : rows) {
-        const context_ptr ctx = read(row.lines);
-        EXPECT_EQ(row.field(*ctx), row.expected) << row.lines;
-    }
-}
-
-TEST_F(Configuration, BufferSizesStayInBounds) {
-    const struct {
-        const char* value;
-        int size;
-    } rows[] = {{"1023", 16384},
-                {"1024", 1024},
-                {"x", 16384},
-                {"-5", 16384},
-                {"16777216", 16777216},
-                {"16777217", 16777216},
-                {"99999999999", 16777216}};
-    for (const auto& row : rows) {
         testing::internal::CaptureStderr();
-        const context_ptr ctx = read("io_buf_size " + std::string(row.value) + "\n");
+        const context_ptr ctx = read(row.lines);
         const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(ctx->io_buf_size, row.size) << row.value;
-        EXPECT_EQ(said.empty(), std::atol(row.value) == row.size) << row.value << said;
+        EXPECT_EQ(row.field(*ctx), row.expected) << row.lines;
+        const bool adjusted =
+            row.lines.starts_with("io_buf") && !row.lines.ends_with(row.expected + "\n");
+        EXPECT_EQ(!said.empty(), adjusted) << said;
     }
 }
 
@@ -147,11 +256,9 @@ TEST_F(Configuration, BadFilesAreFatalWithTheirText) {
     } rows[] = {
         {"foo 1\n", "set_option: unknown variable \\[foo\\]\n"},
         {"Listen_ports 1\n", "set_option: unknown variable \\[Listen_ports\\]\n"},
-        {"p 1\n", "set_option: unknown variable \\[p\\]\n"},
-        {" # x\n", "set_option: unknown variable \\[#\\]\n"},
         {"noauth\n", "init_ctx: bad line: \\[noauth\\]\n"},
         {"noauth #1\n", "init_ctx: bad line: \\[noauth #1\\]\n"},
-        {"   \n", "init_ctx: bad line: \\[   \\]\n"},
+        {std::string("\0\n", 2), "init_ctx: bad line: \\[\\]\n"},
         {"error_log /no/such/dir/log\n",
          "cannot open log file /no/such/dir/log: No such file or directory\n"},
         {"mime_types /no/such/types\n",
@@ -160,20 +267,11 @@ TEST_F(Configuration, BadFilesAreFatalWithTheirText) {
     for (const auto& row : rows) {
         EXPECT_EXIT((void)read(row.lines), testing::ExitedWithCode(1), "^" + row.text + "$");
     }
-    const std::string zeros = std::string("\0\n", 2);
-    EXPECT_EXIT((void)read(zeros), testing::ExitedWithCode(1), "^init_ctx: bad line: \\[\\]\n$");
 }
 
 TEST_F(Configuration, TheLibraryIsMandatory) {
-    const std::string missing = (folder_.path() / "missing").string();
-    EXPECT_EXIT((void)init_from_argc_argv(missing.c_str(), 0, nullptr),
-                testing::KilledBySignal(SIGABRT), "^zel home dir not specified\n$");
-    EXPECT_EXIT((void)init_from_argc_argv(nullptr, 0, nullptr), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT((void)init_from_argc_argv("/missing", 0, nullptr), testing::KilledBySignal(SIGABRT),
                 "^zel home dir not specified\n$");
-    library.init_result = 24598;
-    EXPECT_EXIT((void)read(""), testing::KilledBySignal(SIGABRT),
-                "^Error initializing MOLB AT24598\n$");
-    library.init_result = 0;
     library.authenticate_result = 1;
     EXPECT_EXIT((void)read(""), testing::ExitedWithCode(1),
                 "^Cannot get credential for service\n$");
@@ -185,7 +283,7 @@ TEST_F(Configuration, TheLibraryIsMandatory) {
 TEST_F(Configuration, EmbeddersGivePairs) {
     const auto file = folder_.write("conf", "listen_ports 1\nzel_home /z\n");
     const context_ptr ctx(
-        shttpd_init(file.c_str(), "listen_ports", "2", "aliases", "a=b", nullptr));
+        shttpd_init(file.c_str(), "listen_ports", "2", "aliases", "a=b", "", "noauth"));
     EXPECT_EQ(ctx->listen_ports, "1");  // the file comes after the pairs
     EXPECT_EQ(ctx->aliases, "a=b");
     EXPECT_EXIT((void)shttpd_init(nullptr, "nonsense", "1", nullptr), testing::ExitedWithCode(1),
@@ -224,9 +322,7 @@ TEST_F(Configuration, ResetReplacesTheSecurityInformation) {
 TEST(Options, AreFoundByLetterOrKeyword) {
     EXPECT_STREQ(find_option('s', nullptr)->keyword, "zel_home");  // the first of two
     EXPECT_STREQ(find_option('\0', "scheduler_file")->keyword, "scheduler_file");
-    EXPECT_EQ(find_option('\0', nullptr), nullptr);
     EXPECT_EQ(find_option('z', "ZEL_HOME"), nullptr);
-    EXPECT_EQ(find_option('\0', ""), nullptr);
 }
 
 // --- Brokers ---

