@@ -94,9 +94,11 @@ void iterator_erase(qz_iterator* iterator) {
     if ((iterator->flags & qz_at_end) != 0) {
         return;
     }
+    const qz_vector* vector = vector_of(iterator);
+    const bool there = in_range(vector, index_of(iterator));  // not when it has shrunk elsewhere
     void* element = iterator_remove(iterator);
-    if (vector_of(iterator)->element_free != nullptr) {
-        vector_of(iterator)->element_free(element);
+    if (there && vector->element_free != nullptr) {
+        vector->element_free(element);
     }
 }
 
