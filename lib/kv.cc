@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 
 #include "lib/alloc.h"
@@ -112,8 +113,27 @@ std::int32_t find_entry(const propset* set, const char* name) {
     return qz_vector_find_sorted(set->entries, ps_key_compare, name);
 }
 
+// The place for a name among sorted entries: before the first that is not smaller.
+std::int32_t place_for(const propset* set, const char* name) {
+    std::int32_t low = 0;
+    std::int32_t high = ps_getcount(set);
+    // Sets mostly grow in order: one look at the last entry saves the search.
+    if (high > 0 && std::strcmp(ps_at(set, high - 1)->name, name) < 0) {
+        return high;
+    }
+    while (low < high) {
+        const std::int32_t middle = low + (high - low) / 2;
+        if (std::strcmp(ps_at(set, middle)->name, name) < 0) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return low;
+}
+
 void insert_sorted(propset* set, kv* entry) {
-    qz_vector_insert(set->entries, entry, ps_lower_bound(set, entry->name));
+    qz_vector_insert(set->entries, entry, place_for(set, entry->name));
 }
 
 }  // namespace
@@ -143,24 +163,6 @@ std::uint32_t kv_unit_count(const kv_value* value) noexcept {
         ++count;
     }
     return count;
-}
-
-std::int32_t ps_lower_bound(const propset* set, const char* name) noexcept {
-    std::int32_t low = 0;
-    std::int32_t high = ps_getcount(set);
-    // Sets mostly grow in order: one look at the last entry saves the search.
-    if (high > 0 && std::strcmp(ps_at(set, high - 1)->name, name) < 0) {
-        return high;
-    }
-    while (low < high) {
-        const std::int32_t middle = low + (high - low) / 2;
-        if (std::strcmp(ps_at(set, middle)->name, name) < 0) {
-            low = middle + 1;
-        } else {
-            high = middle;
-        }
-    }
-    return low;
 }
 
 // --- Creation ---
@@ -306,7 +308,7 @@ int ps_add(propset* set, kv* entry) noexcept {
     if (!has_data(entry)) {
         return qz_invalid;
     }
-    const std::int32_t place = ps_lower_bound(set, entry->name);
+    const std::int32_t place = place_for(set, entry->name);
     const kv* there = ps_at(set, place);
     if (there != nullptr && std::strcmp(there->name, entry->name) == 0) {
         return qz_exists;
@@ -368,6 +370,7 @@ int kv_check_update(kv* old_entry, const kv* new_entry) noexcept {
 
 int kv_update_fast(kv* old_entry, kv** new_entry) noexcept {
     kv* moved = *new_entry;
+    assert(moved != old_entry);
     if (!same_type(old_entry->value, moved->value)) {
         return qz_type_mismatch;
     }

@@ -65,6 +65,3 @@ inline const propset* kv_nested(const kv_value* value) noexcept {
 inline const val_array* kv_elements(const kv_value* value) noexcept {
     return static_cast<const val_array*>(value->data);
 }
-
-// The place for a name among sorted entries: before the first that is not smaller.
-std::int32_t ps_lower_bound(const propset* set, const char* name) noexcept;

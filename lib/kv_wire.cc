@@ -1,6 +1,7 @@
 // The wire form of property sets: writer, and one reader for trusted and for foreign blocks.
 #include <endian.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -318,6 +319,22 @@ kv* wire_reader::read_entry() {
     return entry;
 }
 
+// Gives entries in the order of the wire the order that they would have if each had been inserted
+// before the first whose name is not smaller: by name, of equal names the later one first. Sorted
+// at once, because foreign blocks choose the order and inserting one by one can be quadratic.
+void sort_as_if_inserted(qz_vector* entries) {
+    const auto before = [](const void* a, const void* b) {
+        return ps_key_compare(static_cast<const kv*>(a)->name, b) < 0;
+    };
+    void** const begin = entries->data;
+    void** const end = begin + entries->count;
+    const auto out_of_order = [&](const void* a, const void* b) { return !before(a, b); };
+    if (std::adjacent_find(begin, end, out_of_order) != end) {
+        std::reverse(begin, end);
+        std::stable_sort(begin, end, before);
+    }
+}
+
 propset* wire_reader::read_set() {
     std::uint32_t count;
     if (!take_count(least_entry_bytes, &count) || !enter_level()) {
@@ -329,8 +346,9 @@ propset* wire_reader::read_set() {
         if (entry == nullptr) {
             return nullptr;
         }
-        qz_vector_insert(set->entries, entry, ps_lower_bound(set.get(), entry->name));
+        qz_vector_pushback(set->entries, entry);
     }
+    sort_as_if_inserted(set->entries);
     --level_;
     return set.release();
 }
@@ -476,7 +494,7 @@ const unsigned char* val_array_binary_unpack(const unsigned char* position, val_
 
 const unsigned char* ps_unmarshal_bounded(const unsigned char* buffer, const unsigned char* end,
                                           propset** set) noexcept {
-    if (buffer == nullptr || end == nullptr) {
+    if (buffer == nullptr || end == nullptr || end < buffer) {
         return nullptr;
     }
     wire_reader reader(buffer, end);
