@@ -252,7 +252,8 @@ int insert_statement(propset* set, const char* key, const char* value) noexcept 
 }
 
 int parse_get(parse_handle* handle, const char* section, const char* key, char** value) noexcept {
-    const store_call call(handle->hooks, {parse_op::get, handle, nullptr, section, key, nullptr});
+    const store_call call(handle->hooks,
+                          {.op = parse_op::get, .handle = handle, .section = section, .key = key});
     if (const int result = p_sync(handle); result != qz_ok) {
         return result;
     }
@@ -267,7 +268,9 @@ int parse_get(parse_handle* handle, const char* section, const char* key, char**
 
 int parse_put(parse_handle* handle, const char* section, const char* key,
               const char* value) noexcept {
-    const store_call call(handle->hooks, {parse_op::put, handle, nullptr, section, key, value});
+    const store_call call(
+        handle->hooks,
+        {.op = parse_op::put, .handle = handle, .section = section, .key = key, .value = value});
     if (const int result = p_sync(handle); result != qz_ok) {
         return result;
     }
@@ -277,7 +280,7 @@ int parse_put(parse_handle* handle, const char* section, const char* key,
 
 int parse_enum_keys(parse_handle* handle, const char* section, qz_vector** keys) noexcept {
     const store_call call(handle->hooks,
-                          {parse_op::enum_keys, handle, nullptr, section, nullptr, nullptr});
+                          {.op = parse_op::enum_keys, .handle = handle, .section = section});
     if (const int result = p_sync(handle); result != qz_ok) {
         return result;
     }
@@ -290,8 +293,7 @@ int parse_enum_keys(parse_handle* handle, const char* section, qz_vector** keys)
 }
 
 int parse_enum_sections(parse_handle* handle, qz_vector** sections) noexcept {
-    const store_call call(handle->hooks,
-                          {parse_op::enum_sections, handle, nullptr, nullptr, nullptr, nullptr});
+    const store_call call(handle->hooks, {.op = parse_op::enum_sections, .handle = handle});
     if (const int result = p_sync(handle); result != qz_ok) {
         return result;
     }
@@ -305,8 +307,9 @@ int parse_enum_domains(parse_handle* handle, qz_vector** names) noexcept {
 }
 
 int parse_delete_key(parse_handle* handle, const char* section, const char* key) noexcept {
-    const store_call call(handle->hooks,
-                          {parse_op::delete_key, handle, nullptr, section, key, nullptr});
+    const store_call call(
+        handle->hooks,
+        {.op = parse_op::delete_key, .handle = handle, .section = section, .key = key});
     if (const int result = p_sync(handle); result != qz_ok) {
         return result;
     }
@@ -319,7 +322,7 @@ int parse_delete_key(parse_handle* handle, const char* section, const char* key)
 
 int parse_delete_section(parse_handle* handle, const char* section) noexcept {
     const store_call call(handle->hooks,
-                          {parse_op::delete_section, handle, nullptr, section, nullptr, nullptr});
+                          {.op = parse_op::delete_section, .handle = handle, .section = section});
     if (const int result = p_sync(handle); result != qz_ok) {
         return result;
     }

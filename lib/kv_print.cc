@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr std::size_t guid_text_bytes = 39;
 constexpr std::uint32_t replacement_character = 0xfffd;
 
 constexpr const char* rule = "-----------------------------------------";
@@ -26,7 +25,7 @@ void indent(qz_stream* stream, int level) {
 }
 
 std::string text_of_guid(const kv_value* value) {
-    char text[guid_text_bytes];
+    char text[qz_guid_text_bytes];
     (void)guidtostr(value->data, text);
     return text;
 }

@@ -13,8 +13,6 @@ constexpr std::uint32_t type_flag_bits = 0xe0000000u;
 constexpr std::uint32_t last_plain_type = 17;
 constexpr std::uint32_t time_type = 0x10005u;
 
-constexpr std::size_t guid_text_bytes = 39;
-
 // ASCII only, whatever the locale says.
 bool is_letter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
@@ -78,7 +76,7 @@ char* format_unsafe_xml_str(const char* text) noexcept {
 int guidtostr(const void* guid, char* out) noexcept {
     qz_guid g = {};
     std::memcpy(&g, guid, sizeof g);  // the bytes may lie anywhere
-    return std::snprintf(out, guid_text_bytes, "{%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}",
-                         g.a, g.b, g.c, g.d[0], g.d[1], g.d[2], g.d[3], g.d[4], g.d[5], g.d[6],
-                         g.d[7]);
+    return std::snprintf(out, qz_guid_text_bytes,
+                         "{%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}", g.a, g.b, g.c,
+                         g.d[0], g.d[1], g.d[2], g.d[3], g.d[4], g.d[5], g.d[6], g.d[7]);
 }

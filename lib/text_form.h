@@ -1,6 +1,7 @@
 // Four small text routines: key and type checks, JSON and XML escaping, the text of a GUID.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 struct qz_guid {
@@ -25,6 +26,8 @@ char* format_unsafe_json_str(char* text) noexcept;
 // Kept: quotes stay as they are, so the result is element content and no attribute value.
 [[nodiscard]] char* format_unsafe_xml_str(const char* text) noexcept;
 
+inline constexpr std::size_t qz_guid_text_bytes = 39;  // with the terminator
+
 // Writes the 16 bytes at `guid` as {aaaaaaaa-bbbb-cccc-dddd-dddddddddddd}, numbers in the machine's
-// byte order, and returns 38. `out` has room for 39 bytes; `guid` needs no alignment.
+// byte order, and returns 38. `out` has room for qz_guid_text_bytes; `guid` needs no alignment.
 int guidtostr(const void* guid, char* out) noexcept;
