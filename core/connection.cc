@@ -2,7 +2,6 @@
 
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <new>
 
 #include "core/context.h"
+#include "core/file_sender.h"
 #include "core/globals.h"
 #include "core/log.h"
 #include "core/poll_set.h"
@@ -23,9 +23,7 @@
 
 namespace {
 
-constexpr std::time_t idle_limit_s = 300;
 constexpr std::time_t drain_limit_s = 2;
-constexpr std::size_t sendfile_bytes_max = std::size_t{1} << 24;
 
 int draining_count = 0;
 
@@ -93,13 +91,6 @@ void body_to_handler(conn* c) {
     }
 }
 
-// The rest of a large file goes from the page cache to the socket without passing the buffer.
-bool bypasses_buffer(const conn* c) {
-    const stream& local = c->local;
-    return local.io == &io_file && c->remote.io == &io_socket && local.has(sf_readable) &&
-           local.content_length > local.total && local.content_length - local.total > local.room();
-}
-
 void reply_from_handler(conn* c) {
     stream& local = c->local;
     const short events = poll_revents(local.poll_index);
@@ -111,53 +102,8 @@ void reply_from_handler(conn* c) {
     const bool ready = local.has(sf_always_ready) || c->proxy_pending ||
                        (events & (POLLIN | POLLHUP | POLLERR)) != 0;
     if (local.io != nullptr && !local.has(sf_closed) && local.has(sf_readable) && ready &&
-        local.room() > 0 && !bypasses_buffer(c)) {
+        local.room() > 0 && !sends_file_directly(c)) {
         read_stream(&local);
-    }
-}
-
-// Sends what the buffer holds, announced as the beginning of more. False when bytes are left.
-bool send_head_of_file(conn* c) {
-    stream& local = c->local;
-    while (local.pending() > 0) {
-        const ssize_t n = send(c->remote.channel.fd, local.buffer + local.tail, local.pending(),
-                               MSG_MORE | MSG_NOSIGNAL);
-        if (n <= 0) {
-            if (errno != EAGAIN && errno != EINTR) {
-                stop_stream(&c->remote);
-            }
-            return false;
-        }
-        local.tail += static_cast<std::size_t>(n);
-        c->request.sent += static_cast<std::uint64_t>(n);
-        c->expire_time = current_time + idle_limit_s;
-    }
-    local.clear_buffer();
-    return true;
-}
-
-void send_file_directly(conn* c) {
-    stream& local = c->local;
-    if (!send_head_of_file(c)) {
-        return;
-    }
-    const std::uint64_t left = local.content_length - local.total;
-    const ssize_t n =
-        sendfile(c->remote.channel.fd, local.channel.fd, &local.channel.offset,
-                 static_cast<std::size_t>(std::min<std::uint64_t>(left, sendfile_bytes_max)));
-    if (n > 0) {
-        local.last_read = n;
-        local.total += static_cast<std::uint64_t>(n);
-        c->ctx->bytes_out += static_cast<std::uint64_t>(n);
-        c->request.sent += static_cast<std::uint64_t>(n);
-        c->expire_time = current_time + idle_limit_s;
-        if (local.total >= local.content_length) {
-            stop_stream(&local);
-        }
-    } else if (n == 0) {
-        stop_stream(&local);  // the file has become shorter
-    } else if (errno != EAGAIN && errno != EINTR) {
-        stop_stream(&c->remote);
     }
 }
 
@@ -165,7 +111,7 @@ void reply_to_client(conn* c) {
     if (c->remote.io == nullptr) {
         return;
     }
-    if (bypasses_buffer(c)) {
+    if (sends_file_directly(c)) {
         send_file_directly(c);
     } else if (c->local.pending() > 0) {
         // Room that a write has made is worth another call of a handler that found too little.
@@ -433,6 +379,11 @@ conn* new_conn(shttpd_ctx* ctx) {
     c->local.buffer[size] = '\0';
     c->remote.buffer[2 * size] = '\0';
     return c;
+}
+
+void renew_expiry(conn* c) {
+    constexpr std::time_t idle_limit_s = 300;
+    c->expire_time = current_time + idle_limit_s;
 }
 
 void delete_conn(conn* c) {

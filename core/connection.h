@@ -142,6 +142,9 @@ struct conn : list_link {
 conn* new_conn(shttpd_ctx* ctx);
 void delete_conn(conn* c);
 
+// A byte has moved: the connection may idle for the whole limit again, 300 seconds.
+void renew_expiry(conn* c);
+
 // One visit of a connection: read, parse, route, move bytes, finish. May free the connection.
 // Returns false when it did.
 bool process_connection(conn* c);

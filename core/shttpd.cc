@@ -41,7 +41,6 @@ struct listener_record : list_link {
 
 namespace {
 
-constexpr std::time_t idle_limit_s = 300;
 constexpr int listen_backlog = 128;
 constexpr int port_max = 65535;
 constexpr int passes_between_checks = 6;
@@ -155,7 +154,7 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
     c->peer_length = std::min(peer_length, static_cast<socklen_t>(sizeof(c->peer)));
     std::memcpy(&c->peer, &peer, c->peer_length);
     c->birth_time = current_time;
-    c->expire_time = current_time + idle_limit_s;
+    renew_expiry(c);
     c->fresh = !handshake;
     c->remote.io = &io_socket;
     c->remote.channel.fd = fd;

@@ -13,12 +13,6 @@
 
 namespace {
 
-constexpr std::time_t idle_limit_s = 300;
-
-void renew_expiry(conn* c) {
-    c->expire_time = current_time + idle_limit_s;
-}
-
 bool would_block(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }

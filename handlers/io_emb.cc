@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr std::time_t idle_limit_s = 300;
 constexpr std::size_t address_bytes = 46;
 
 // --- The class ---
@@ -97,7 +96,7 @@ void account_for(conn* c, const shttpd_call_arg& arg) {
         remote.clear_buffer();
     }
     if (used > 0 || eaten > 0) {
-        c->expire_time = current_time + idle_limit_s;
+        renew_expiry(c);
     }
 }
 
