@@ -1,8 +1,8 @@
 #include "security/authz.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <set>
 #include <string>
@@ -13,18 +13,6 @@ namespace {
 
 using authz = rights_test;
 
-TEST(role_number, a_beginning_is_enough_and_the_unknown_is_admin) {
-    const std::map<std::string, int> expected = {
-        {"", 2},         {"a", 2},     {"ad", 2},       {"admin", 2},  {"admins", 2},
-        {"ag", 3},       {"agent", 3}, {"agents", 2},   {"o", 1},      {"op", 1},
-        {"operator", 1}, {"p", 0},     {"pub", 0},      {"public", 2}, {"foo", 2},
-        {"ADMIN", 2},    {"PUB", 2},   {"OPERATOR", 2}, {"w", 2},      {"world", 2},
-    };
-    for (const auto& [name, number] : expected) {
-        EXPECT_EQ(get_role_number(name), number) << name;
-    }
-}
-
 TEST_F(authz, a_role_includes_the_roles_below_it) {
     const std::map<std::string, std::set<std::string>> included = {
         {"pub", {"pub"}},
@@ -34,57 +22,28 @@ TEST_F(authz, a_role_includes_the_roles_below_it) {
     };
     start();
     for (const auto& [role, held] : included) {
-        put(role.c_str(), "u-" + role + ":user\ng-" + role + ":group\n");
+        put(role, "u-" + role + ":user\ng-" + role + ":group\n");
     }
     for (const auto& [role, held] : included) {
-        for (const char* wanted : {"pub", "operator", "admin", "agent", "elsewhere"}) {
-            const std::string as = wanted == std::string("elsewhere") ? "admin" : wanted;
-            caller(("u-" + role).c_str());
-            EXPECT_EQ(may(wanted), held.count(as)) << role << " " << wanted;
-            // A group holds what its lines say; that every user holds pub is a rule for users.
-            EXPECT_EQ(assert_role(&c, get_role_number(wanted), ("g-" + role).c_str(), kind_group),
-                      as == "pub" && role == "agent" ? 0 : held.count(as))
+        for (const auto& [wanted, ignored] : included) {
+            const std::string group = "g-" + role;
+            // That every user holds pub is a rule for users, whoever is listed.
+            const bool by_group = held.count(wanted) != 0 && (role != "agent" || wanted != "pub");
+            caller("u-" + role);
+            EXPECT_EQ(may(wanted.c_str()), held.count(wanted)) << role << " " << wanted;
+            EXPECT_EQ(assert_role(&c, get_role_number(wanted), group.c_str(), kind_group), by_group)
                 << role << " " << wanted;
         }
     }
-}
-
-TEST_F(authz, built_in_principals_need_no_file) {
-    start();
-    caller("anybody@local.host");
-    EXPECT_EQ(may("pub"), 1);
-    EXPECT_EQ(may("operator"), 0);
-    caller("root");
-    for (const char* role : {"pub", "operator", "admin", "agent", ""}) {
-        EXPECT_EQ(may(role), 1) << role;
-    }
-    put("pub", "m:user\n");
-    caller("zoe");
-    EXPECT_EQ(may("pub"), 1) << "every user holds pub, whoever is listed";
-    EXPECT_EQ(assert_role(&c, role_pub, "wheel", kind_group), 0);
-    EXPECT_EQ(assert_role(&c, role_operator, "root", kind_group), 1);
+    EXPECT_EQ(assert_role(&c, role_operator, "root", kind_group), 1) << "needs no line";
     EXPECT_EQ(assert_role(&c, 4, "root", kind_user), 0);
     EXPECT_EQ(assert_role(&c, -1, "root", kind_user), 0);
-}
-
-TEST_F(authz, groups_count_in_list_order_after_the_user) {
-    start();
-    put("operator", "wheel:group\n");
-    put("admin", "chiefs:group\n");
-    caller("zoe");
-    EXPECT_EQ(may("operator"), 0);
-    caller("zoe", {"games", "wheel"});
-    EXPECT_EQ(may("operator"), 1);
-    EXPECT_EQ(may("admin"), 0);
-    caller("zoe", {"chiefs"});
-    EXPECT_EQ(may("admin"), 1);
-    EXPECT_EQ(may("agent"), 1);
 }
 
 TEST_F(authz, qz_names_never_pass_through_groups_of_agent_or_of_an_empty_list) {
     start();
     put("admin", "chiefs:group\n");
-    caller("unit@x.qz", {"chiefs"});
+    caller("unit@x.qz", {"games", "chiefs"});
     EXPECT_EQ(may("agent"), 0) << "agent never";
     EXPECT_EQ(may("operator"), 0) << "operator's own list of groups is empty";
     EXPECT_EQ(may("admin"), 1) << "admin's is not";
@@ -93,32 +52,10 @@ TEST_F(authz, qz_names_never_pass_through_groups_of_agent_or_of_an_empty_list) {
     EXPECT_EQ(may("agent"), 0);
     caller("unit@x.org", {"chiefs"});
     EXPECT_EQ(may("agent"), 1);
-
+    for (const char* other : {"qz", "", "a.QZ"}) {
+        EXPECT_EQ(is_qz_domain(other), 0) << other;
+    }
     EXPECT_EQ(is_qz_domain(".qz"), 1);
-    EXPECT_EQ(is_qz_domain("a.qz"), 1);
-    EXPECT_EQ(is_qz_domain("qz"), 0);
-    EXPECT_EQ(is_qz_domain(""), 0);
-    EXPECT_EQ(is_qz_domain("a.QZ"), 0);
-}
-
-TEST_F(authz, a_granted_role_stays_with_connection_and_namespace) {
-    ctx.namespaces = "one=" + (folder / "one").string() + ",two=" + (folder / "two").string();
-    start();
-    put("operator", "ann:user\n", "one");
-    select("one");
-    caller("ann");
-    EXPECT_EQ(may("operator"), 1);
-    select("two");
-    EXPECT_EQ(may("operator"), 0) << "granted in one, not in two";
-    put("operator", "", "one");
-    select("one");
-    EXPECT_EQ(may("operator"), 1) << "remembered on this connection";
-    caller("ann");
-    EXPECT_EQ(may("operator"), 0) << "asked again on a new one";
-    c.request.role = "operator";
-    namespace_release(c.request.ns);
-    c.request.ns = nullptr;
-    EXPECT_EQ(is_authorized(&c), 0);
 }
 
 TEST_F(authz, namespaces_option_lists_names_and_roots) {
@@ -136,9 +73,9 @@ TEST_F(authz, namespaces_option_lists_names_and_roots) {
     }
 }
 
-TEST_F(authz, a_removed_namespace_lives_until_its_last_request_ends) {
+TEST_F(authz, a_granted_role_stays_with_connection_and_namespace) {
     start();
-    add_namespace_to_map(&ctx, "one", (folder / "one").string());
+    add_namespace_to_map(&ctx, "one", (folder.path() / "one").string());
     select("one");
     put("operator", "ann:user\n", "one");
     caller("ann");
@@ -146,48 +83,38 @@ TEST_F(authz, a_removed_namespace_lives_until_its_last_request_ends) {
     remove_namespace_from_map(&ctx, "one");
     EXPECT_EQ(find_namespace(&ctx, "one"), nullptr);
     EXPECT_EQ(may("operator"), 1) << "the request goes on in it";
-    const std::uint32_t old_serial = c.request.ns->serial;
-    add_namespace_to_map(&ctx, "one", (folder / "two").string());
+    put("operator", "", "one");
+    EXPECT_EQ(may("operator"), 1) << "remembered on this connection";
+    add_namespace_to_map(&ctx, "one", (folder.path() / "one").string());
     select("one");
-    EXPECT_NE(c.request.ns->serial, old_serial);
     EXPECT_EQ(may("operator"), 0) << "a namespace of the same name is another one";
-}
-
-TEST_F(authz, writing_a_row_replaces_its_file) {
-    start();
-    put("operator", "zoe:user\nwheel:group\nroot:user\nbroken line\n");
-    validate_access_information(&c, role_operator);
-    role_entry* table = c.request.ns->roles;
-    add_principal(table[role_operator].users, "ann");
-    sync_role(&c, table, role_operator);
-    EXPECT_EQ(get("operator"), "ann:user\nzoe:user\nwheel:group\n");
-
-    std::filesystem::remove_all(folder / "plx" / "operator");
-    sync_role(&c, table, role_operator);
-    EXPECT_FALSE(std::filesystem::exists(folder / "plx" / "operator"));
+    select("none");
+    EXPECT_EQ(may("pub"), 0);
 }
 
 TEST_F(authz, a_file_that_could_not_be_read_is_never_replaced) {
     start();
-    std::filesystem::create_directory(folder / "real");
-    std::ofstream(folder / "real" / "list") << "ann:user\n";
+    const std::string list = folder.write("list", "ann:user\n");
+    const std::string path = file("operator");
     // A symbolic link that leads to itself can't be read by anyone, root included.
-    std::filesystem::create_symlink(file("operator"), file("operator"));
+    std::filesystem::create_symlink(path, path);
     validate_access_information(&c, role_operator);
     role_entry* table = c.request.ns->roles;
     add_principal(table[role_operator].users, "zoe");
-    EXPECT_TRUE(table[role_operator].unreadable);
-    std::filesystem::remove(file("operator"));
-    std::filesystem::create_symlink(folder / "real" / "list", file("operator"));
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(list, path);
     sync_role(&c, table, role_operator);
-    EXPECT_EQ(get("operator"), "ann:user\n");
+    EXPECT_EQ(read_whole_file(list), "ann:user\n");
 
     caller("ann");
     EXPECT_EQ(may("operator"), 1) << "and it is read as soon as that is possible";
     add_principal(table[role_operator].users, "zoe");
     sync_role(&c, table, role_operator);
-    EXPECT_EQ(get("operator"), "ann:user\nzoe:user\n");
-    EXPECT_TRUE(std::filesystem::is_symlink(file("operator")));
+    EXPECT_EQ(read_whole_file(list), "ann:user\nzoe:user\n");
+
+    std::filesystem::remove_all(folder.path() / "plx");
+    sync_role(&c, table, role_operator);
+    EXPECT_FALSE(std::filesystem::exists(folder.path() / "plx")) << "no folders are made";
 }
 
 TEST_F(authz, a_path_that_is_too_long_is_a_missing_file) {

@@ -3,13 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <string>
 
 #include "core/connection.h"
@@ -17,18 +14,12 @@
 #include "lib/plat.h"
 #include "lib/qz_vector.h"
 #include "security/authz.h"
+#include "tests/support/engine_fixture.h"
 
 class rights_test : public testing::Test {
   protected:
     rights_test() {
-        std::string pattern = testing::TempDir() + "rights.XXXXXX";
-        folder = mkdtemp(pattern.data());
-        for (const char* name : {"plx", "one", "two"}) {
-            for (const char* role : {"pub", "operator", "admin", "agent"}) {
-                std::filesystem::create_directories(folder / name / role);
-            }
-        }
-        ctx.document_root = (folder / "plx").string();
+        ctx.document_root = folder.path() / "plx";
         c.ctx = &ctx;
     }
 
@@ -38,7 +29,6 @@ class rights_test : public testing::Test {
         qz_vector_destroy(c.groups);
         free_auth_info(&ctx);
         ctx.registered_uris.free_all([](registered_uri* entry) { delete entry; });
-        std::filesystem::remove_all(folder);
     }
 
     void start() {
@@ -52,28 +42,26 @@ class rights_test : public testing::Test {
         namespace_retain(c.request.ns);
     }
 
-    [[nodiscard]] std::string file(const char* role, const char* name = "plx") const {
-        return (folder / name / role / ".dovmaaccess").string();
+    // The path of an access file, whose folder exists from now on.
+    [[nodiscard]] std::string file(const std::string& role, const char* name = "plx") const {
+        std::filesystem::create_directories(folder.path() / name / role);
+        return folder.path() / name / role / ".dovmaaccess";
     }
 
     // Writes an access file and gives it a modification time of its own.
-    void put(const char* role, const std::string& text, const char* name = "plx") {
-        std::ofstream(file(role, name)) << text;
-        set_time(role, ++fake_time, name);
+    void put(const std::string& role, const std::string& text, const char* name = "plx") {
+        const std::string path = file(role, name);
+        folder.write(path, text);
+        set_time(path, ++fake_time);
     }
 
-    void set_time(const char* role, time_t when, const char* name = "plx") const {
+    static void set_time(const std::string& path, time_t when) {
         const timespec times[2] = {{when, 0}, {when, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, file(role, name).c_str(), times, 0), 0);
-    }
-
-    [[nodiscard]] std::string get(const char* role, const char* name = "plx") const {
-        std::ifstream in(file(role, name));
-        return {std::istreambuf_iterator<char>(in), {}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 
     // A caller of this name, and a new connection as far as rights are remembered.
-    void caller(const char* name, std::initializer_list<const char*> groups = {}) {
+    void caller(const std::string& name, std::initializer_list<const char*> groups = {}) {
         c.user_name = name;
         qz_vector_delete(c.granted);
         c.granted = nullptr;
@@ -89,7 +77,7 @@ class rights_test : public testing::Test {
         return is_authorized(&c);
     }
 
-    std::filesystem::path folder;
+    temporary_folder folder;
     shttpd_ctx ctx;
     conn c;
     time_t fake_time = 1000000000;
