@@ -41,24 +41,15 @@ def make_cgi(make_daemon):
             os.kill(child, signal.SIGKILL)
 
 
-class Gate:
-    """Holds scripts that read a line from it until the test lets one of them on. The test keeps it
-    open for writing: a reader that comes early would else see the end of the line before."""
-
-    def __init__(self, path):
-        os.mkfifo(path)
-        self.pass_line = f"read x <{path}"
-        self.descriptor = os.open(path, os.O_RDWR)
-
-    def open(self):
-        os.write(self.descriptor, b"go\n")
-
-
 @pytest.fixture(name="gate")
 def make_gate(tmp_path):
-    gate = Gate(tmp_path / "gate")
-    yield gate
-    os.close(gate.descriptor)
+    """The command that holds a script, and what lets one script on. The test keeps the gate open
+    for writing: a reader that comes early would else see the end of the line before its own."""
+    path = tmp_path / "gate"
+    os.mkfifo(path)
+    descriptor = os.open(path, os.O_RDWR)
+    yield f"read x <{path}", lambda: os.write(descriptor, b"go\n")
+    os.close(descriptor)
 
 
 INSPECT = r"""
@@ -137,18 +128,19 @@ def test_interpreter_runs_the_script_and_sigpipe_ends_programs(cgi):
 
 def test_headers_in_pieces_are_held_back(cgi, gate):
     daemon = cgi()
-    path = daemon.script("slow.cgi", f"printf 'Content-Type: te'; {gate.pass_line}; "
-                         f"printf 'xt/plain\\r\\n\\r\\nfirst '; {gate.pass_line}; printf second")
+    hold, release = gate
+    path = daemon.script("slow.cgi", f"printf 'Content-Type: te'; {hold}; "
+                         f"printf 'xt/plain\\r\\n\\r\\nfirst '; {hold}; printf second")
     with daemon.connect() as sock:
         sock.sendall(get(path))
         sock.settimeout(0.5)
         with pytest.raises(socket.timeout):
             sock.recv(100)
         sock.settimeout(60)
-        gate.open()
+        release()
         assert receive(sock, b"first ") == (
             b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nfirst ")
-        gate.open()
+        release()
         assert receive(sock) == b"second"
 
 
@@ -217,8 +209,9 @@ def test_waiting_programs_cost_nothing_and_outlive_clients(cgi, gate):
     daemon = cgi()
     daemon.request("GET", "/world/ping")
     descriptors = daemon.fd_count()
+    hold, release = gate
     marker = daemon.dir / "marker"
-    waiting = daemon.script("wait.cgi", f"{gate.pass_line}; echo done >>{marker}")
+    waiting = daemon.script("wait.cgi", f"{hold}; echo done >>{marker}")
     # A client whose upload stalls, and one that takes nothing of an endless answer.
     cat = daemon.script("cat.cgi", "printf 'A: b\\n\\n'; cat")
     endless = daemon.script("endless.cgi", "printf 'A: b\\n\\n'; exec yes")
@@ -232,7 +225,7 @@ def test_waiting_programs_cost_nothing_and_outlive_clients(cgi, gate):
         sock.close()
     assert eventually(lambda: daemon.fd_count() <= descriptors)
     for _ in range(10):
-        gate.open()
+        release()
     assert eventually(lambda: not daemon.children())
     assert marker.read_text() == "done\n" * 10, "a program outlives its client"
 

@@ -1,12 +1,12 @@
 """Pages as a browser sees them: headless Chromium over the TLS port, through the proxy, and on
 generated pages."""
 
+import base64
 import http.server
+import os
 import shutil
-import struct
 import subprocess
 import threading
-import zlib
 
 import pytest
 
@@ -16,14 +16,9 @@ CHROMIUM = shutil.which("chromium")
 pytestmark = pytest.mark.skipif(CHROMIUM is None, reason="Chromium is not installed")
 
 
-def png(red, green, blue):
-    """A 64x64 image of one colour."""
-    def chunk(kind, data):
-        body = kind + data
-        return struct.pack(">I", len(data)) + body + struct.pack(">I", zlib.crc32(body))
-    row = b"\x00" + bytes((red, green, blue)) * 64
-    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", 64, 64, 8, 2, 0, 0, 0))
-            + chunk(b"IDAT", zlib.compress(row * 64)) + chunk(b"IEND", b""))
+# An image, 9 wide and 1 high.
+PNG = base64.b64decode("iVBORw0KGgoAAAANSUhEUgAAAAkAAAABAQAAAAAkubnQAAAAC0lEQVR4nGNY1QAAAdcBK2xU"
+                       "ELIAAAAASUVORK5CYII=")
 
 
 def dump_dom(tmp_path, url):
@@ -33,7 +28,7 @@ def dump_dom(tmp_path, url):
          "--no-first-run", "--disable-background-networking", "--disable-component-update",
          "--disable-sync", "--ignore-certificate-errors", "--virtual-time-budget=5000",
          f"--user-data-dir={tmp_path}/profile", "--dump-dom", url],
-        capture_output=True, timeout=120, check=False)
+        capture_output=True, timeout=120, check=False, env=dict(os.environ, TMPDIR=str(tmp_path)))
     assert result.returncode == 0, result.stderr[-2000:]
     return result.stdout.decode()
 
@@ -41,7 +36,7 @@ def dump_dom(tmp_path, url):
 def write_page(folder):
     """A page that says which style and image it has been given."""
     (folder / "style.css").write_text("#mark { width: 321px; color: rgb(1, 2, 3); }")
-    (folder / "dot.png").write_bytes(png(200, 30, 40))
+    (folder / "dot.png").write_bytes(PNG)
     (folder / "page.html").write_text("""<!doctype html><link rel="stylesheet" href="style.css">
 <p id="mark">text</p><img id="dot" src="dot.png"><p id="out">pending</p><script>
 addEventListener("load", () => {
@@ -52,7 +47,7 @@ addEventListener("load", () => {
 });</script>""")
 
 
-WHOLE_PAGE = "321px rgb(1, 2, 3) 64 true"
+WHOLE_PAGE = "321px rgb(1, 2, 3) 9 true"
 
 
 def test_page_with_style_sheet_and_image_over_tls(make_daemon, tmp_path):

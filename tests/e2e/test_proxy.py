@@ -156,33 +156,25 @@ def test_answers_of_a_keep_alive_server_end(make_daemon, upstream, connection):
     assert ask(daemon, "/" + other + "/plain").endswith(b"\r\n\r\nhello")
 
 
-def test_head_of_the_forwarded_request(make_daemon, upstream):
-    daemon = make_daemon()
-    ask(daemon, f"/http://127.0.0.1:{upstream.port}/a%20b?q=1&r=%32", "Host: original",
-        "User-Agent: test", "Accept: */*", "Cookie: a=b", "Authorization: Basic eDp5",
-        "SOAPAction: \"act\"", "X-Other: x", "Expect: 100-continue")
-    line, headers, _ = upstream.seen[-1]
-    assert line == "GET /a%20b?q=1&r=%32 HTTP/1.1"
-    assert headers.items() == [("User-Agent", "test"), ("Host", "original"), ("Cookie", "a=b"),
-                               ("SOAPAction", "\"act\""), ("Authorization", ROOT_ADMIN),
-                               ("Connection", "close")]
-
-
 def test_bodies_arrive_whole_and_alone(make_daemon, upstream):
     daemon = make_daemon()
-    uri = f"/http://127.0.0.1:{upstream.port}/post"
+    uri = f"/http://127.0.0.1:{upstream.port}/a%20b?q=1&r=%32"
     stray = b"GET /admin HTTP/1.1\r\n\r\n"
     for size in (1, 5, 16000, 16384, 100_000, 3_000_000):
         body = os.urandom(size)
-        request = get(uri, "Content-Type: a/b", method="POST", body=body)
+        request = get(uri, "Host: original", "Cookie: a=b", "Authorization: Basic eDp5",
+                      "X-Other: x", "Expect: 100-continue", method="POST", body=body)
         for send in (lambda: until_close(daemon, request),
                      lambda: until_close(daemon, request[:-size], body),
                      lambda: daemon.raw(request + stray, timeout=60)):
             reply = parse_response(send())
             assert reply.body == hashlib.sha256(body).hexdigest().encode(), size
             assert upstream.seen[-1][2] == body
-    lines = {line for line, _, _ in upstream.seen}
-    assert lines == {"POST /post HTTP/1.1"}, "the stray request stays here"
+    for line, headers, body in upstream.seen:
+        assert line == "POST /a%20b?q=1&r=%32 HTTP/1.1", "the stray request stays here"
+        assert headers.items() == [
+            ("Content-Length", str(len(body))), ("Host", "original"), ("Cookie", "a=b"),
+            ("Authorization", ROOT_ADMIN), ("Connection", "close")]
 
 
 def test_chunked_upload_ends_with_its_last_chunk(make_daemon, raw_target):
@@ -429,12 +421,16 @@ def test_black_hole_is_given_up(make_daemon):
 
 def test_many_forwarded_requests_leave_nothing(make_daemon, upstream):
     daemon = make_daemon()
-    uri = f"/http://127.0.0.1:{upstream.port}/x"
-    ask(daemon, uri)
+
+    def forward(_):
+        body = os.urandom(1000)
+        reply = ask(daemon, f"/http://127.0.0.1:{upstream.port}/x", method="POST", body=body)
+        return reply.endswith(hashlib.sha256(body).hexdigest().encode())
+
+    assert forward(0)
     descriptors, memory = daemon.fd_count(), daemon.rss_kib()
     with ThreadPoolExecutor(4) as pool:
-        for reply in pool.map(lambda _: ask(daemon, uri), range(400)):
-            assert reply.endswith(b"\r\n\r\nhello")
+        assert all(pool.map(forward, range(400)))
     assert eventually(lambda: daemon.fd_count() <= descriptors)
     # Under AddressSanitizer freed memory is held back; its leak check stands in.
     assert SANITIZED_BUILD or daemon.rss_kib() < memory + 4096
