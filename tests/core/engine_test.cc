@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/connection.h"
@@ -19,26 +22,12 @@
 
 namespace {
 
-int descriptors_in_use() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) {
-        struct stat st {};
-        count += fstat(fd, &st) == 0 ? 1 : 0;
-    }
-    return count;
+std::ptrdiff_t descriptors_in_use() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 std::string get(std::string_view uri) {
     return make_request("GET", uri);
-}
-
-std::size_t count_of(std::string_view text, std::string_view part) {
-    std::size_t n = 0;
-    for (std::size_t at = text.find(part); at != std::string_view::npos;
-         at = text.find(part, at + part.size())) {
-        ++n;
-    }
-    return n;
 }
 
 void say_hello(shttpd_call_arg* arg) {
@@ -92,44 +81,35 @@ TEST(Patterns, GreedyFirstAndWithoutBacktracking) {
     for (const char* pattern : {"/world/ping", "/adm/*", "/a*b", "/x**y*"}) {
         shttpd_register_uri(engine.ctx, pattern, say_hello, nullptr);
     }
-    struct row {
-        const char* uri;
-        const char* pattern;  // null: none matches
-    };
-    for (const row& r : std::vector<row>{{"/world/ping", "/world/ping"},
-                                         {"/world/ping/", nullptr},
-                                         {"/world/pingx", nullptr},
-                                         {"/World/ping", nullptr},
-                                         {"/adm/", "/adm/*"},
-                                         {"/adm/x/y", "/adm/*"},
-                                         {"/adm", nullptr},
-                                         {"/axb", "/a*b"},
-                                         {"/axbyb", nullptr},
-                                         {"/a", nullptr},
-                                         {"/xaay", "/x**y*"},
-                                         {"/xaa", nullptr}}) {
-        const registered_uri* found = is_registered_uri(engine.ctx, r.uri);
-        EXPECT_EQ(found != nullptr, r.pattern != nullptr) << r.uri;
-        if (found != nullptr && r.pattern != nullptr) {
-            EXPECT_EQ(found->uri, r.pattern);
-        }
+    const std::vector<std::pair<const char*, std::string>> rows = {{"/world/ping", "/world/ping"},
+                                                                   {"/world/ping/", ""},
+                                                                   {"/world/pingx", ""},
+                                                                   {"/World/ping", ""},
+                                                                   {"/adm/", "/adm/*"},
+                                                                   {"/adm/x/y", "/adm/*"},
+                                                                   {"/adm", ""},
+                                                                   {"/axb", "/a*b"},
+                                                                   {"/axbyb", ""},
+                                                                   {"/a", ""},
+                                                                   {"/xaay", "/x**y*"},
+                                                                   {"/xaa", ""}};
+    for (const auto& [uri, pattern] : rows) {
+        const registered_uri* found = is_registered_uri(engine.ctx, uri);
+        EXPECT_EQ(found != nullptr ? found->uri : "", pattern) << uri;
     }
 }
 
 TEST(Variables, AreFoundByWholeNameIgnoringCase) {
     const std::string text = "ba=1&A=2%20x+y&empty=&last=end&nov";
     const auto value = [&](const char* name, int size) { return get_variable(text, name, size); };
-    EXPECT_EQ(value("a", 32), "2 x y");
-    EXPECT_EQ(value("a", 3), "2 ");
-    EXPECT_EQ(value("empty", 32), "");
-    EXPECT_EQ(value("LAST", 32), "end");
-    EXPECT_EQ(value("nov", 32), "");
+    EXPECT_EQ(value("a", 32) + "|" + value("a", 3) + "|" + value("empty", 32), "2 x y|2 |");
+    EXPECT_EQ(value("LAST", 32) + "|" + value("nov", 32), "end|");
+    const int length = static_cast<int>(text.size());
     char buffer[8];
-    EXPECT_EQ(shttpd_get_var("nov", text.data(), static_cast<int>(text.size()), buffer, 8), -1);
+    EXPECT_EQ(shttpd_get_var("nov", text.data(), length, buffer, 8), -1);
     EXPECT_EQ(shttpd_get_var("a", nullptr, 0, buffer, 8), -1);
     const char* raw = nullptr;
-    EXPECT_EQ(shttpd_get_var_nodecode_nocopy("a", text.data(), static_cast<int>(text.size()), &raw),
-              7);
+    EXPECT_EQ(shttpd_get_var_nodecode_nocopy("a", text.data(), length, &raw), 7);
     EXPECT_EQ(std::string(raw, 7), "2%20x+y");
 }
 
@@ -149,7 +129,7 @@ TEST(Headers, CanBeLookedUpAnyNumberOfTimes) {
         std::string& text = c.request.text;
         text = "GET / HTTP/1.1";
         c.request.headers_start = text.size() + std::strlen(end);
-        for (const char* line : {"", "Aa: 1", "Bb: 2", "Cc-Long: 3", ""}) {
+        for (const char* line : {"", "Aa: 1", "Bb:", "Cc-Long: 3", ""}) {
             text.append(line).append(end);
         }
         shttpd_call_arg arg{};
@@ -157,47 +137,27 @@ TEST(Headers, CanBeLookedUpAnyNumberOfTimes) {
         for (int round = 0; round < 4; ++round) {
             EXPECT_STREQ(shttpd_get_header(&arg, "Cc-Long"), "3");
             EXPECT_STREQ(shttpd_get_header(&arg, "aA"), "1");
-            EXPECT_STREQ(shttpd_get_header(&arg, "Bb"), "2");
+            EXPECT_STREQ(shttpd_get_header(&arg, "Bb"), "");
             EXPECT_EQ(shttpd_get_header(&arg, "Dd"), nullptr);
         }
     }
-}
-
-TEST(Engine, KeepsOneConnectionAcrossFilesAndPipelinedBatches) {
-    test_engine engine;
-    const std::string big(300000, 'b');
-    engine.root.write("small.txt", "hello");
-    engine.root.write("big.bin", big);
-    const unique_fd client = engine.connect();
-    for (int round = 0; round < 3; ++round) {
-        EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/big.bin"))), big);
-        const std::string small = engine.exchange_on(client.get(), get("/small.txt"));
-        EXPECT_EQ(body_of(small), "hello");
-        EXPECT_NE(small.find("Content-Type: text/plain\r\n"), std::string::npos);
-    }
-    std::string batch;
-    for (int i = 0; i < 900; ++i) {
-        batch += "GET /small.txt HTTP/1.1\r\n\r\n";
-    }
-    const std::string replies = engine.exchange_on(client.get(), batch);
-    EXPECT_EQ(count_of(replies, "HTTP/1.1 200 OK\r\n"), 900U);
-    EXPECT_EQ(count_of(replies, "\r\n\r\nhello"), 900U);
-    EXPECT_EQ(shttpd_active(engine.ctx), 1);
 }
 
 TEST(Engine, ARequestSplitAtEveryByteIsTheSameRequest) {
     test_engine engine;
     engine.root.write("f", "content");
     const unique_fd client = engine.connect();
-    const std::string two = "GET /f HTTP/1.1\r\nX: y\r\n\r\nHEAD /f HTTP/1.1\r\n\r\n";
+    const std::string three = get("/f") + "HEAD /f HTTP/1.1\r\n\r\n" + get("/f");
     std::string reply;
-    for (const char byte : two) {
+    for (const char byte : three) {
         reply += engine.exchange_on(client.get(), {&byte, 1}, 1);
     }
     reply += engine.exchange_on(client.get(), "");
-    EXPECT_EQ(count_of(reply, "HTTP/1.1 200 OK"), 2U);
-    EXPECT_TRUE(reply.ends_with("\r\n\r\n"));  // HEAD sends headers only
-    EXPECT_EQ(count_of(reply, "content"), 1U);
+    const std::size_t half = reply.find("\r\n\r\ncontentHTTP/1.1 200 OK\r\n");
+    EXPECT_NE(half, std::string::npos);
+    // HEAD sends headers only.
+    EXPECT_EQ(reply,
+              reply.substr(0, half + 11) + reply.substr(0, half + 4) + reply.substr(0, half + 11));
 }
 
 TEST(Engine, EarlyErrorsAreAnsweredBySilence) {
@@ -222,40 +182,32 @@ TEST(Engine, DeliveredErrorsHaveTheirExactText) {
     std::filesystem::create_directory(engine.root.path() / "dir");
     engine.root.write("f", "0123456789");
     engine.root.write("pub/.dovmaaccess", "x:user\n");
-    struct row {
-        const char* request;
-        const char* reply;
+    const std::vector<std::pair<const char*, std::string>> rows = {
+        {"GET / HTTP/2.0\r\n\r\n", "505 HTTP version not supported"},
+        {"GET / HTTP/1.1x\r\n\r\n", "400 Bad HTTP version"},
+        {"GET x/y HTTP/1.1\r\n\r\n", "400 Bad URI"},
+        {"GET /none HTTP/1.1\r\n\r\n", "404 Not Found"},
+        {"GET /dir HTTP/1.1\r\n\r\n", "301 Moved Permanently\r\nLocation: /dir/"},
+        {"GET /pub/.dovmaaccess HTTP/1.1\r\n\r\n", "404 Not Found"},  // the dot goes
+        {"GET /x.dovmaaccess HTTP/1.1\r\n\r\n", "403 Forbidden"},
+        {"GET /pipe HTTP/1.1\r\n\r\n", "500 Internal Error"},
+        {"PUT /n HTTP/1.1\r\n\r\n", "411 Length Required"},
+        {"PUT /n HTTP/1.1\r\nRange: x\r\n\r\n", "501 PUT Range Not Implemented"},
+        {"PUT /new/dirs/ HTTP/1.1\r\n\r\n", "200 OK"},
+        {"PUT /dir HTTP/1.1\r\nContent-Length: 1\r\n\r\na", "500 PUT Error"},
+        {"PUT /x.cgi HTTP/1.1\r\nContent-Length: 1\r\n\r\na", "501 Bad method "},
+        {"DELETE /none HTTP/1.1\r\n\r\n", "500 DELETE Error"},
+        {"GET /f HTTP/1.1\r\nRange: bytes=11-\r\n\r\n", "416 Requested Range Not Satisfiable"},
+        {"GET /f HTTP/1.1\r\nRange: bytes=5-3\r\n\r\n", "416 Requested Range Not Satisfiable"},
+        {"GET /f HTTP/1.1\r\nIf-Modified-Since: 01 Jan 2060 00:00:00\r\n\r\n", "304 Not Modified"},
     };
-    const std::vector<row> rows = {
-        {"GET / HTTP/2.0\r\n\r\n",
-         "HTTP/1.1 505 HTTP version not supported\r\n\r\n505 HTTP version not supported"},
-        {"GET / HTTP/1.1x\r\n\r\n", "HTTP/1.1 400 Bad HTTP version\r\n\r\n400 Bad HTTP version"},
-        {"GET x/y HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Bad URI\r\n\r\n400 Bad URI"},
-        {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 Not Found\r\n\r\n404 Not Found"},
-        {"GET /dir HTTP/1.1\r\n\r\n",
-         "HTTP/1.1 301 Moved Permanently\r\nLocation: /dir/\r\n\r\n301 Moved "
-         "Permanently\r\nLocation: /dir/"},
-        {"GET /pub/.dovmaaccess HTTP/1.1\r\n\r\n", "HTTP/1.1 404 Not Found\r\n\r\n404 Not Found"},
-        {"PUT /n HTTP/1.1\r\n\r\n", "HTTP/1.1 411 Length Required\r\n\r\n411 Length Required"},
-        {"PUT /n HTTP/1.1\r\nRange: x\r\n\r\n",
-         "HTTP/1.1 501 PUT Range Not Implemented\r\n\r\n501 PUT Range Not Implemented"},
-        {"PUT /new/dirs/ HTTP/1.1\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\n200 OK"},
-        {"PUT /x.cgi HTTP/1.1\r\nContent-Length: 1\r\n\r\na",
-         "HTTP/1.1 501 Bad method \r\n\r\n501 Bad method "},
-        {"DELETE /none HTTP/1.1\r\n\r\n", "HTTP/1.1 500 DELETE Error\r\n\r\n500 DELETE Error"},
-        {"GET /f HTTP/1.1\r\nRange: bytes=11-\r\n\r\n",
-         "HTTP/1.1 416 Requested Range Not Satisfiable\r\n\r\n416 Requested Range Not "
-         "Satisfiable"},
-        {"GET /f HTTP/1.1\r\nRange: bytes=5-3\r\n\r\n",
-         "HTTP/1.1 416 Requested Range Not Satisfiable\r\n\r\n416 Requested Range Not "
-         "Satisfiable"},
-        {"GET /f HTTP/1.1\r\nIf-Modified-Since: 01 Jan 2060 00:00:00\r\n\r\n",
-         "HTTP/1.1 304 Not Modified\r\n\r\n304 Not Modified"},
-    };
+    ASSERT_EQ(mkfifo((engine.root.path() / "pipe").c_str(), 0600), 0);  // must not block the loop
     engine.poll();
-    const int before = descriptors_in_use();
-    for (const row& r : rows) {
-        EXPECT_EQ(engine.exchange(r.request), r.reply) << r.request;
+    const auto before = descriptors_in_use();
+    for (const auto& [request, text] : rows) {
+        std::string expected = "HTTP/1.1 ";
+        expected.append(text).append("\r\n\r\n").append(text);
+        EXPECT_EQ(engine.exchange(request), expected) << request;
     }
     EXPECT_TRUE(std::filesystem::is_directory(engine.root.path() / "new/dirs"));
     drop_cached_files();
@@ -271,32 +223,28 @@ TEST(Files, RangesEndOneByteEarly) {
     engine.root.write("f", content);
     struct row {
         const char* range;
-        const char* status;
-        const char* content_range;  // null: none
+        std::string content_range;  // empty: the header counts as absent
         std::size_t from;
         std::size_t length;
     };
     const std::vector<row> rows = {
-        {"bytes=10-", "206 Partial Content", "bytes 10-999/1000", 10, 990},
-        {"bytes=0-99", "206 Partial Content", "bytes 0-98/1000", 0, 99},
-        {"bytes=0-5000", "206 Partial Content", "bytes 0-999/1000", 0, 1000},
-        {"bytes=1000-", "206 Partial Content", "bytes 1000-999/1000", 0, 0},
-        {"bytes=5-5", "206 Partial Content", "bytes 5-4/1000", 0, 0},
-        {"bytes=0-0", "206 Partial Content", "bytes 0-18446744073709551615/1000", 0, 0},
-        {"items=1-2", "200 OK", nullptr, 0, 1000},
-        {"bytes=", "200 OK", nullptr, 0, 1000},
+        {"bytes=10-", "10-999", 10, 990},   {"bytes=0-99", "0-98", 0, 99},
+        {"bytes=0-5000", "0-999", 0, 1000}, {"bytes=1000-", "1000-999", 0, 0},
+        {"bytes=5-5", "5-4", 0, 0},         {"bytes=0-0", "0-18446744073709551615", 0, 0},
+        {"items=1-2", "", 0, 1000},         {"bytes=", "", 0, 1000},
     };
     const unique_fd client = engine.connect();
     for (const row& r : rows) {
         const std::string reply = engine.exchange_on(
             client.get(), std::string("GET /f HTTP/1.1\r\nRange: ") + r.range + "\r\n\r\n");
-        EXPECT_TRUE(reply.starts_with(std::string("HTTP/1.1 ") + r.status)) << reply;
+        const bool partial = !r.content_range.empty();
+        EXPECT_TRUE(reply.starts_with(partial ? "HTTP/1.1 206 Partial Content\r\n"
+                                              : "HTTP/1.1 200 OK\r\n"));
         EXPECT_EQ(body_of(reply), content.substr(r.from, r.length)) << r.range;
-        const std::string line = r.content_range != nullptr
-                                     ? std::string("Content-Range: ") + r.content_range + "\r\n"
-                                     : "";
-        EXPECT_EQ(count_of(reply, "Content-Range"), line.empty() ? 0U : 1U);
-        EXPECT_NE(reply.find(line), std::string::npos) << reply;
+        const std::string line =
+            "bytes\r\n" + (partial ? "Content-Range: bytes " + r.content_range + "/1000\r\n" : "") +
+            "\r\n";
+        EXPECT_NE(reply.find("Accept-Ranges: " + line), std::string::npos) << reply;
         EXPECT_NE(reply.find("Content-Length: " + std::to_string(r.length) + "\r\n"),
                   std::string::npos);
     }
@@ -313,19 +261,17 @@ TEST(Files, PutStoresExactlyTheBodyAndCloses) {
     EXPECT_EQ(engine.exchange(make_request("PUT", "/a/b/new.bin", "tiny")),
               "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(read_whole_file(engine.root.path() / "a/b/new.bin"), "tiny");
+    // Beside a coding the length counts.
+    EXPECT_EQ(engine.exchange("PUT /a/c HTTP/1.1\r\nContent-Length: 2\r\nTransfer-Encoding: "
+                              "chunked\r\n\r\n0\r\n\r\n" +
+                              get("/a/c")),
+              "HTTP/1.1 201 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(engine.exchange(make_request("DELETE", "/a/b/new.bin")),
               "HTTP/1.1 200 OK\r\n\r\n200 OK");
     EXPECT_FALSE(std::filesystem::exists(engine.root.path() / "a/b/new.bin"));
     // A prefix that no buffer holds fails the request, not the daemon.
     EXPECT_EQ(engine.exchange(make_request("PUT", "/" + std::string(2100, 'd') + "/x", "y")),
               "HTTP/1.1 500 PUT Directory Error\r\n\r\n500 PUT Directory Error");
-}
-
-TEST(Files, AFifoNeverBlocksTheLoop) {
-    test_engine engine;
-    ASSERT_EQ(mkfifo((engine.root.path() / "pipe").c_str(), 0600), 0);
-    EXPECT_EQ(engine.exchange(get("/pipe")),
-              "HTTP/1.1 500 Internal Error\r\n\r\n500 Internal Error");
 }
 
 TEST(Embedded, RepliesOfAnyLengthArriveWhole) {
@@ -359,16 +305,10 @@ TEST(Embedded, BodiesArriveWholeOrAreRefused) {
     EXPECT_EQ(engine.exchange(make_request("POST", "/echo", "text=a%20b")), ok + "<a b>");
     // A pipelined request behind the body is no part of the last variable.
     EXPECT_EQ(engine.exchange(make_request("POST", "/echo", "x=1&text=z") + get("/")), ok + "<z>");
-    const unique_fd client = engine.connect();
-    EXPECT_EQ(
-        engine.exchange_on(client.get(), "POST /echo HTTP/1.1\r\nContent-Length: 9\r\n\r\nte"), "");
-    EXPECT_EQ(engine.exchange_on(client.get(), "xt="), "");
-    EXPECT_EQ(engine.exchange_on(client.get(), "abcd"), ok + "<abcd>");
     const std::string too_big =
         engine.exchange(make_request("POST", "/echo", std::string(40000, 'x')));
     EXPECT_EQ(body_of(too_big), "Request is too big");
     EXPECT_EQ(body_of(engine.exchange(get("/echo"))), "Inappropriate method");
-    EXPECT_EQ(shttpd_active(engine.ctx), 1);
 }
 
 TEST(Embedded, ErrorHandlersReplaceTheReply) {
