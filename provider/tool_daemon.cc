@@ -192,6 +192,9 @@ daemon_answer judge(const std::string& answer, const std::string& user, const st
         case 403:
             (void)fail("%s: %s is no administrator", place.c_str(), user.c_str());
             break;
+        case 404:
+            (void)fail("%s: the daemon has no such namespace", place.c_str());
+            break;
         default: {
             const std::string text = blank == std::string::npos ? "" : answer.substr(blank + 4);
             (void)fail("%s: the daemon answers %d: %s", place.c_str(), status,

@@ -175,6 +175,7 @@ std::string full_name(const tool_options& options, const std::string& principal)
 
 struct change {
     name_space where;
+    bool configured = false;  // else only the running daemon may know the namespace
     role what = pub;
     std::string who;
     principal_kind kind = kind_user;
@@ -205,27 +206,42 @@ int read_change(const tool_options& options, const tool_arguments& arguments, ch
     if (!check_principal(result->who)) {
         return exit_usage;
     }
-    const std::string wanted =
-        arguments.size() > 2 ? arguments[2] : std::string(default_name_space);
+    result->where.name = arguments.size() > 2 ? arguments[2] : std::string(default_name_space);
     for (const name_space& candidate : configured_name_spaces(result->config)) {
-        if (candidate.name == wanted) {
+        if (candidate.name == result->where.name) {
             result->where = candidate;
-            return exit_done;
+            result->configured = true;
         }
     }
-    // The daemon would quietly take the default namespace instead.
-    return fail("namespace %s is not in %s", wanted.c_str(), options.config_file.c_str());
+    return exit_done;
 }
 
-daemon_answer ask_daemon(const tool_options& options, const change& wanted, const char* uri) {
+// The header names a configured namespace. Any other goes into the URI: there a name that the
+// daemon does not know is an error, in the header it would quietly become the default namespace.
+daemon_answer ask_daemon(const tool_options& options, const change& wanted, const char* action) {
+    const std::string& where = wanted.where.name;
     const std::string variables = "role=" + std::string(role_names[wanted.what]) +
                                   "&type=" + (wanted.kind == kind_user ? "user" : "group") +
                                   "&user=" + url_encoded(wanted.who);
-    return post_to_daemon(options, wanted.config, uri, wanted.where.name, variables);
+    const std::string uri = std::string("/admin/security/") + action;
+    if (wanted.configured) {
+        return post_to_daemon(options, wanted.config, uri, where, variables);
+    }
+    if (where.empty() || url_encoded(where) != where) {
+        return daemon_answer::none;  // no URI can name it, so no daemon is to be asked
+    }
+    return post_to_daemon(options, wanted.config, "/" + where + uri, "", variables);
 }
 
 bool is_built_in(const std::string& principal) {
     return starts_with_nocase(principal, administrator);
+}
+
+// Whether the access file was left without the role that the daemon has granted. Not when it cannot
+// be read: then nothing is known.
+bool is_missing(const change& granted) {
+    return !access_row(granted.where, granted.what).unreadable &&
+           !holds(granted.where, granted.what, granted.who, granted.kind);
 }
 
 int apply_change(const tool_options& options, const tool_arguments& arguments, bool give) {
@@ -234,36 +250,37 @@ int apply_change(const tool_options& options, const tool_arguments& arguments, b
     if (status != exit_done) {
         return status;
     }
-    const char* uri = give ? "/admin/security/grant" : "/admin/security/deny";
-    const daemon_answer answer = ask_daemon(options, wanted, uri);
+    const daemon_answer answer = ask_daemon(options, wanted, give ? "grant" : "deny");
     if (answer == daemon_answer::failure) {
         return exit_failed;
+    }
+    const char* where = wanted.where.name.c_str();
+    const bool in_files = answer == daemon_answer::none;
+    if (in_files && !wanted.configured) {
+        return fail("namespace %s is not in %s", where, options.config_file.c_str());
     }
     if (is_built_in(wanted.who)) {
         (void)std::printf("%s: names that begin with \"root\" are built in; nothing changed\n",
                           wanted.who.c_str());
         return exit_done;
     }
-    if (wanted.where.root.empty()) {
-        return answer == daemon_answer::success
-                   ? int{exit_done}
-                   : fail("document_root is not set in %s", options.config_file.c_str());
-    }
-    if (answer == daemon_answer::none) {
+    const bool root_known = !wanted.where.root.empty();
+    if (in_files) {
+        if (!root_known) {
+            return fail("document_root is not set in %s", options.config_file.c_str());
+        }
         const int written = give
                                 ? grant_in_files(wanted.where, wanted.what, wanted.who, wanted.kind)
                                 : remove_from(wanted.where, wanted.what, wanted.who, wanted.kind);
         if (written != exit_done) {
             return written;
         }
-    } else if (give && access(access_path(wanted.where, wanted.what).c_str(), R_OK) != 0 &&
-               errno == ENOENT && !holds(wanted.where, wanted.what, wanted.who, wanted.kind)) {
+    } else if (give && root_known && is_missing(wanted)) {
         return fail("the daemon granted the role but could not write %s: it is lost at a restart",
                     access_path(wanted.where, wanted.what).c_str());
     }
     (void)std::printf("%s: %s %s in namespace %s\n", wanted.who.c_str(),
-                      give ? "granted" : "denied", role_names[wanted.what],
-                      wanted.where.name.c_str());
+                      give ? "granted" : "denied", role_names[wanted.what], where);
     return exit_done;
 }
 
