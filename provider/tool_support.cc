@@ -20,29 +20,8 @@ struct file_close {
 };
 using file_ptr = std::unique_ptr<std::FILE, file_close>;
 
-constexpr std::size_t longest_config_line = 2048;
+constexpr std::size_t config_line_bytes = 2048;  // and the daemon's
 constexpr std::size_t longest_secret = 512;
-constexpr std::string_view blanks = " \t\n\v\f\r";
-
-// A keyword, blank space, and a value up to the first '#'. Blanks behind the value belong to it, as
-// they do for the daemon.
-void add_config_line(std::string_view line, daemon_config* config) {
-    const std::size_t start = line.find_first_not_of(blanks);
-    if (start == std::string_view::npos) {
-        return;
-    }
-    line.remove_prefix(start);
-    const std::size_t end = line.find_first_of(blanks);
-    const std::size_t value =
-        end == std::string_view::npos ? end : line.find_first_not_of(blanks, end);
-    if (value == std::string_view::npos) {
-        return;
-    }
-    const std::string_view text = line.substr(value, line.find('#', value) - value);
-    if (!text.empty()) {
-        config->values.insert_or_assign(std::string(line.substr(0, end)), std::string(text));
-    }
-}
 
 // Reads one line without its end, byte by byte so that nothing is left in another buffer. False: no
 // line, one that is too long, or one with `forbidden` or a zero byte in it.
@@ -119,11 +98,17 @@ bool read_config(const tool_options& options, daemon_config* config) {
         (void)fail("%s: %s", options.config_file.c_str(), strerror(errno));
         return false;
     }
-    std::array<char, longest_config_line> line{};
-    while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
-        if (line[0] != '#' && line[0] != '\n') {
-            // The last character goes, whatever it is: the daemon takes it for the line's end.
-            add_config_line({line.data(), strlen(line.data()) - 1}, config);
+    char line[config_line_bytes];
+    char keyword[config_line_bytes];
+    char value[config_line_bytes];
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+        if (line[0] != '\0' && line[0] != '#' && line[0] != '\n') {
+            // The last character goes, whatever it is: the daemon takes it for the line's end. It
+            // also takes blanks in front of a comment for a part of the value.
+            line[strlen(line) - 1] = '\0';
+            if (std::sscanf(line, "%2047s %2047[^#\n]", keyword, value) == 2) {
+                config->values.insert_or_assign(keyword, value);
+            }
         }
     }
     return true;
