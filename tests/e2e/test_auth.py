@@ -21,7 +21,7 @@ PAGE = (
 
 @pytest.fixture(name="daemon")
 def make_guarded_daemon(make_daemon):
-    daemon = make_daemon(auth=True)
+    daemon = make_daemon(auth=True, auth_realm="the host name is what counts")
     make_role_folders(daemon.root)
     add_user(daemon, "alice", "wonder")
     return daemon
@@ -69,12 +69,6 @@ def test_strangers_are_asked_for_a_login(daemon, tls):
         b"HTTP/1.1 403 Forbidden\r\n\r\n403 Forbidden"
 
 
-def test_the_realm_is_the_host_whatever_the_option_says(make_daemon):
-    daemon = make_daemon(auth=True, auth_realm="engine-room")
-    assert daemon.request("GET", "/").header("WWW-Authenticate") == \
-        f'Basic realm="{socket.gethostname()}"'
-
-
 def test_logins_of_more_than_64_characters_are_refused(daemon):
     def status(value):
         return daemon.request("GET", "/pub/f.txt", headers={"Authorization": value}).status
@@ -98,57 +92,36 @@ def test_everything_below_world_is_open(daemon):
 def test_a_login_holds_for_its_connection(daemon, tls):
     with tls_socket(daemon) if tls else daemon.connect() as sock:
         sock.settimeout(20)
-        sock.sendall(get("/pub/f.txt", "alice:wonder"))
-        assert b" 200 OK" in read_until(sock, b"root pub\n")
-        sock.sendall(get("/pub/f.txt"))
-        assert b" 200 OK" in read_until(sock, b"root pub\n")
-        sock.sendall(get("/pub/f.txt", root_login(daemon)))
-        assert b" 200 OK" in read_until(sock, b"root pub\n")
+        for login in ("alice:wonder", None, root_login(daemon)):
+            sock.sendall(get("/pub/f.txt", login))
+            assert b" 200 OK" in read_until(sock, b"root pub\n")
         sock.sendall(get("/admin/f.txt", root_login(daemon)))
         assert b" 403 Forbidden" in read_until(sock, b"403 Forbidden"), "still alice"
     assert daemon.request("GET", "/pub/f.txt", tls=tls).status == 401
+    reply = daemon.request("POST", "/admin/security/grant", body=b"x" * 300000, tls=tls)
+    assert reply.status == 401, "the rest of a refused body does not cost the answer"
 
 
-def test_a_refused_post_does_not_lose_its_answer(daemon):
-    reply = daemon.request("POST", "/admin/security/grant", body=b"x" * 300000)
-    assert reply.status == 401
-    reply = daemon.request("POST", "/admin/security/grant", body=b"x" * 300000, tls=True)
-    assert reply.status == 401
-
-
-def test_without_authentication_everybody_may_do_everything(make_daemon):
-    daemon = make_daemon(auth=False)
-    make_role_folders(daemon.root)
-    for tls in (False, True):
-        assert daemon.request("GET", "/admin/f.txt", tls=tls).status == 200
-        assert daemon.request("GET", "/admin/security/get_admin_group", tls=tls).text == "root\n"
-
-
-def test_a_request_in_one_record_is_served_whatever_the_buffer_holds(make_daemon):
+def test_requests_in_one_record_are_served_whatever_the_buffer_holds(make_daemon):
     daemon = make_daemon(auth=True, io_buf_size=2048)
     make_role_folders(daemon.root)
+    login = root_login(daemon)
     body = os.urandom(9000)
-    head = (f"PUT /admin/upload HTTP/1.1\r\nAuthorization: {basic(root_login(daemon))}\r\n"
+    head = (f"PUT /admin/upload HTTP/1.1\r\nAuthorization: {basic(login)}\r\n"
             f"Content-Length: {len(body)}\r\n\r\n").encode()
     with tls_socket(daemon) as sock:
         sock.sendall(head + body)
         assert b"HTTP/1.1 20" in read_until(sock, b"\r\n\r\n")
     assert (daemon.root / "admin" / "upload").read_bytes() == body
-
-
-def test_pipelined_requests_in_one_record(daemon):
-    login = "alice:wonder"
     with tls_socket(daemon) as sock:
-        sock.sendall(get("/pub/f.txt", login) * 20 + get("/operator/f.txt"))
-        received = read_until(sock, b"403 Forbidden\r\n\r\n403 Forbidden")
-    assert received.count(b"root pub\n") == 20
+        sock.sendall(get("/pub/f.txt", login) * 100 + get("/admin/none"))
+        assert read_until(sock, b" 404 Not Found").count(b"root pub\n") == 100
 
 
 # --- Secure channels that come to nothing ---
 
 def test_broken_handshakes_are_dropped_without_an_answer(daemon):
     assert daemon.raw(b"GET / HTTP/1.1\r\n\r\n", port=daemon.tls_port) == b""
-    assert daemon.raw(os.urandom(500), port=daemon.tls_port)[:4] != b"HTTP"
     before = daemon.fd_count()
     for _ in range(20):
         with daemon.connect(daemon.tls_port) as sock:
@@ -159,33 +132,26 @@ def test_broken_handshakes_are_dropped_without_an_answer(daemon):
 
 
 def test_a_slow_handshake_keeps_nobody_waiting(daemon):
-    context = ssl.create_default_context(cafile=str(daemon.ca))
     incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    context = ssl.create_default_context(cafile=str(daemon.ca))
     client = context.wrap_bio(incoming, outgoing, server_hostname="localhost")
     with daemon.connect(daemon.tls_port) as sock:
         sock.settimeout(20)
-        with pytest.raises(ssl.SSLWantReadError):
-            client.do_handshake()
-        for byte in outgoing.read():
-            sock.sendall(bytes([byte]))
-        assert daemon.request("GET", "/world/ping", tls=True).status == 200
-        done = False
-        while not done:
-            incoming.write(sock.recv(65536))
-            try:
-                client.do_handshake()
-                done = True
-            except ssl.SSLWantReadError:
-                pass
+
+        def until_done(step):
+            while True:
+                try:
+                    return step()
+                except ssl.SSLWantReadError:
+                    for byte in outgoing.read():
+                        sock.sendall(bytes([byte]))
+                    assert daemon.request("GET", "/world/ping", tls=True).status == 200
+                    incoming.write(sock.recv(65536))
+
+        until_done(client.do_handshake)
         client.write(get("/world/ping"))
         sock.sendall(outgoing.read())  # the last flight and the request in one packet
-        answer = b""
-        while b"200 OK" not in answer:
-            incoming.write(sock.recv(65536))
-            try:
-                answer += client.read(65536)
-            except ssl.SSLWantReadError:
-                pass
+        assert b"200 OK" in until_done(lambda: client.read(65536))
 
 
 # --- Client certificates ---
@@ -208,36 +174,31 @@ def cert_get(daemon, path, certificate=None, login=None):
 def test_certificates_name_users(certified):
     daemon, authority = certified
     alice = authority.issue("alice")
-    assert cert_get(daemon, "/pub/f.txt", alice) == b"HTTP/1.1 200 OK"
-    assert cert_get(daemon, "/operator/f.txt", alice) == b"HTTP/1.1 403 Forbidden"
+    ok, forbidden = b"HTTP/1.1 200 OK", b"HTTP/1.1 403 Forbidden"
+    assert cert_get(daemon, "/pub/f.txt", alice) == ok
+    assert cert_get(daemon, "/operator/f.txt", alice) == forbidden
     grant(daemon, full_name(daemon, "alice", "cert"), "operator")
-    assert cert_get(daemon, "/operator/f.txt", alice) == b"HTTP/1.1 200 OK"
+    assert cert_get(daemon, "/operator/f.txt", alice) == ok
     line = f"alice@cert.{qualifier(daemon, 'cert')}:user\n"
     assert (daemon.root / "operator" / ".dovmaaccess").read_text() == line
-    assert cert_get(daemon, "/operator/f.txt", None, "alice:wonder") == \
-        b"HTTP/1.1 403 Forbidden", "a password user of the same name is somebody else"
-    assert cert_get(daemon, "/operator/f.txt", alice, root_login(daemon)) == b"HTTP/1.1 200 OK"
-    assert cert_get(daemon, "/admin/f.txt", alice, root_login(daemon)) == \
-        b"HTTP/1.1 403 Forbidden", "the certificate counts, not the header"
-
-
-def test_a_certificate_for_root_is_no_administrator(certified):
-    daemon, authority = certified
-    assert cert_get(daemon, "/admin/f.txt", authority.issue("root")) == b"HTTP/1.1 403 Forbidden"
-
-
-def test_without_a_certificate_the_password_still_counts(certified):
-    daemon, _ = certified
+    assert cert_get(daemon, "/operator/f.txt", None, "alice:wonder") == forbidden, \
+        "a password user of the same name is somebody else"
+    assert cert_get(daemon, "/admin/f.txt", alice, root_login(daemon)) == forbidden, \
+        "the certificate counts, not the header"
+    assert cert_get(daemon, "/admin/f.txt", authority.issue("root")) == forbidden, \
+        "a certificate for root is no administrator"
     assert cert_get(daemon, "/pub/f.txt") == b"HTTP/1.1 401 Unauthorized"
-    assert cert_get(daemon, "/pub/f.txt", None, "alice:wonder") == b"HTTP/1.1 200 OK"
+    assert cert_get(daemon, "/pub/f.txt", None, "alice:wonder") == ok, \
+        "without a certificate the password still counts"
 
 
 def test_strange_certificates_get_no_answer(certified, tmp_path):
     daemon, authority = certified
     stranger = Authority(tmp_path / "other", "Other CA").issue("alice")
     for certificate in (stranger, authority.issue("no user name")):
-        with pytest.raises(OSError):
+        try:
             answer = cert_get(daemon, "/world/ping", certificate)
-            assert answer == b"", answer
-            raise ConnectionResetError
+        except OSError:
+            answer = b""
+        assert answer == b""
     assert daemon.request("GET", "/world/ping", tls=True).status == 200
