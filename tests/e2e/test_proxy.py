@@ -38,36 +38,31 @@ class KeepAlive(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
+    def answer(self, status, body, headers):
+        self.send_response(status)
+        for name, value in headers.items():
+            self.send_header(name, value)
+        self.end_headers()
+        if self.command != "HEAD" or body == CHUNKS:
+            self.wfile.write(body)
+
     def do_GET(self):
         self.server.seen.append((self.requestline, self.headers, b""))
-        kind = self.path.split("/")[1].split("?")[0]
-        if kind == "chunked":
-            self.send_response(200)
-            self.send_header("Transfer-Encoding", "chunked")
-            self.end_headers()
-            self.wfile.write(CHUNKS)
-            return
-        status, body = {"204": (204, None), "304": (304, None), "empty": (200, b""),
-                        "large": (200, b"L" * 2_000_000)}.get(kind, (200, b"hello"))
-        self.send_response(status)
-        if body is not None:
-            self.send_header("Content-Length", str(len(body)))
-        if kind == "moved":
-            self.send_header("Location", "/elsewhere")
-        self.end_headers()
-        if body and self.command != "HEAD":
-            self.wfile.write(body)
+        if self.path == "/chunked":
+            self.answer(200, CHUNKS, {"Transfer-Encoding": "chunked"})
+        elif self.path in ("/204", "/304"):
+            self.answer(int(self.path[1:]), b"", {})
+        else:
+            body = {"/empty": b"", "/large": b"L" * 2_000_000}.get(self.path, b"hello")
+            moved = {"Location": "/elsewhere"} if self.path == "/moved" else {}
+            self.answer(200, body, {"Content-Length": len(body), **moved})
 
     do_HEAD = do_GET
 
     def do_POST(self):
         body = self.rfile.read(int(self.headers["Content-Length"]))
         self.server.seen.append((self.requestline, self.headers, body))
-        answer = hashlib.sha256(body).hexdigest().encode()
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(answer)))
-        self.end_headers()
-        self.wfile.write(answer)
+        self.answer(200, hashlib.sha256(body).hexdigest().encode(), {"Content-Length": 64})
 
 
 class Upstream(http.server.ThreadingHTTPServer):
@@ -80,22 +75,20 @@ class Upstream(http.server.ThreadingHTTPServer):
             self.socket = context.wrap_socket(self.socket, server_side=True,
                                               do_handshake_on_connect=False)
         self.port = self.server_address[1]
-        self.thread = threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True)
-        self.thread.start()
+        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
 
     def handle_error(self, request, client_address):
         pass
 
-    def stop(self):
+    def close(self):
         self.shutdown()
         self.server_close()
 
 
 @pytest.fixture(name="upstream")
 def make_upstream():
-    server = Upstream()
-    yield server
-    server.stop()
+    with contextlib.closing(Upstream()) as server:
+        yield server
 
 
 @pytest.fixture(name="raw_target")
@@ -257,8 +250,8 @@ def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, auth
                 reply = parse_response(ask(other, base + path, "Connection: keep-alive"))
                 assert len(reply.body) == length
     finally:
-        good.stop()
-        bad.stop()
+        good.close()
+        bad.close()
 
 
 # --- Unix-domain services ---
