@@ -80,16 +80,17 @@ void enrol(shttpd_ctx* ctx, const registration& from, const std::string& namespa
     }
 }
 
+// With every value at its longest the reply stays below the smallest reply buffer, 1024 bytes.
 // Kept: the body is one JSON member without enclosing braces.
 void answer_registration(shttpd_call_arg* arg, const registration& host) {
-    std::string text = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
-    text.append("\"output\" : {\n\"Status\" : \"Success\",\n\"Hostname\" : \"").append(host.host);
-    text.append("\",\n\"id\" : \"").append(host.id);
-    text.append("\",\n\"Remote_Hostname\" : \"").append(host.remote_host);
-    text.append("\",\n\"OsName\" : \"").append(host.osname);
-    text.append("\",\n\"OsRelease\" : \"").append(host.osrelease);
-    text.append("\",\n\"CpuType\" : \"").append(host.cputype).append("\"\n}\n");
-    answer_text(arg, text);
+    (void)shttpd_printf(arg,
+                        "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n"
+                        "\"output\" : {\n\"Status\" : \"Success\",\n\"Hostname\" : \"%s\",\n"
+                        "\"id\" : \"%s\",\n\"Remote_Hostname\" : \"%s\",\n\"OsName\" : \"%s\",\n"
+                        "\"OsRelease\" : \"%s\",\n\"CpuType\" : \"%s\"\n}\n",
+                        host.host.c_str(), host.id.c_str(), host.remote_host.c_str(),
+                        host.osname.c_str(), host.osrelease.c_str(), host.cputype.c_str());
+    arg->flags |= ARG_END_OF_OUTPUT;
 }
 
 // Refuses what both endpoints refuse; true when the caller must return. The mode is judged anew on
@@ -105,14 +106,7 @@ bool refused_or_pending(shttpd_call_arg* arg) {
 }  // namespace
 
 void domain_register(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
-    if (arg->state != nullptr) {
-        drain_reply(arg);
-        return;
-    }
-    if (refused_or_pending(arg)) {
+    if (endpoint_closing(arg) || refused_or_pending(arg)) {
         return;
     }
     conn* c = arg->connection;

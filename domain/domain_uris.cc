@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "core/endpoint.h"
-#include "lib/qzstream.h"
 
 namespace {
 
@@ -67,14 +66,6 @@ std::string storable_field(std::string_view text) {
     std::replace_if(
         field.begin(), field.end(), [](char c) { return is_unsafe(c) || c == ':'; }, '_');
     return field;
-}
-
-void answer_text(shttpd_call_arg* arg, std::string_view text) {
-    stream_ptr reply(new_qz_stream(static_cast<std::uint32_t>(text.size())));
-    (void)qz_write_stream(reply.get(), text.data(), static_cast<std::uint32_t>(text.size()));
-    qz_rewind_stream(reply.get());
-    arg->state = reply.release();
-    drain_reply(arg);
 }
 
 void answer_empty(shttpd_call_arg* arg) {

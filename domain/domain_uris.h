@@ -45,10 +45,6 @@ std::string storable_field(std::string_view text);
 
 // --- Answers ---
 
-// Sends the whole text as the reply, over several calls when the reply buffer is small: the
-// endpoint must call drain_reply while `state` is set.
-void answer_text(shttpd_call_arg* arg, std::string_view text);
-
 // Status 200, text/plain, without a body.
 void answer_empty(shttpd_call_arg* arg);
 

@@ -65,13 +65,19 @@ bool has_too_many_ids(const report& from, const domain_config& config) {
 
 // --- Domain mode ---
 
-// Success, and the ids that are not registered on a line of their own.
+// Success, and the ids that are not registered on a line of their own. They can be more than the
+// reply buffer holds, so the reply goes by way of a stream.
 void answer_report(shttpd_call_arg* arg, std::string_view unknown_ids) {
     std::string text = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nSuccess\n";
     if (!unknown_ids.empty()) {
         text.append(unknown_ids).append("\n");
     }
-    answer_text(arg, text);
+    const auto length = static_cast<std::uint32_t>(text.size());
+    stream_ptr reply(new_qz_stream(length));
+    (void)qz_write_stream(reply.get(), text.data(), length);
+    qz_rewind_stream(reply.get());
+    arg->state = reply.release();
+    drain_reply(arg);
 }
 
 void report_to_server(shttpd_call_arg* arg, report* from) {
