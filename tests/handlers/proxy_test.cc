@@ -9,13 +9,13 @@
 #include <unistd.h>
 
 #include <map>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "core/connection.h"
 #include "core/context.h"
-#include "core/poll_set.h"
 #include "handlers/proxy_head.h"
 #include "handlers/proxy_target.h"
 #include "lib/base64.h"
@@ -87,7 +87,6 @@ TEST_F(target_test, own_address_is_served_locally) {
         {"/https://127.0.0.1:9180", true, "/"},
         {"/http://127.0.0.1:80/x", true, "/x"},
         {"/http://127.0.0.1:18089/x", true, "/x"},
-        {"/http://127.0.0.1:9180/a/%2e%2e/%2e%2e/etc", true, "/a/etc"},
         {"/http://127.0.0.1:8080/x", false, nullptr},
         {"/http://127.0.0.1:918/x", false, nullptr},
         {"/http://127.0.0.1/9180", false, nullptr},
@@ -198,29 +197,6 @@ TEST_F(head_test, body_must_have_one_end) {
     }
 }
 
-TEST_F(head_test, insertion_moves_the_pending_body) {
-    std::string memory(65, '-');
-    stream& remote = c.remote;
-    remote.buffer = memory.data();
-    remote.size = 32;
-    const auto reset = [&] {
-        memory.replace(0, 32, "already gone, but this is a body");
-        remote.tail = 18;
-        remote.head = 32;
-        remote.content_length = remote.total = 100;
-        c.request.body_left = 100;
-    };
-    reset();
-    EXPECT_EQ(safe_write_bytes(&c, std::string(32, 'h')), 1);
-    EXPECT_EQ(memory.substr(0, remote.head), std::string(32, 'h') + "this is a body");
-    EXPECT_EQ(remote.content_length, 132U);
-    EXPECT_EQ(remote.total, 132U);
-    EXPECT_EQ(c.request.body_left, 132U);
-    reset();
-    EXPECT_EQ(safe_write_bytes(&c, std::string(33, 'h')), -1);
-    EXPECT_EQ(c.request.body_left, 100U);
-}
-
 // --- Targets ---
 
 // A TCP server on a loopback port that a test drives by hand.
@@ -253,7 +229,10 @@ class hand_target {
         EXPECT_EQ(send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(text.size()));
     }
-    void stop_listening() { listener_.reset(); }
+    void forget() {
+        peer.reset();
+        received.clear();
+    }
 
     unique_fd peer;
     std::string received;
@@ -265,15 +244,12 @@ class hand_target {
     sockaddr_in address_{};
 };
 
-constexpr const char* no_target =
-    "HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
-    "404 Not Found. Could not connect to proxy target";
-
 class forward_test : public relay_fixture {
   protected:
     // Sends a request and answers it with `pieces`, one a pass, once its head has arrived.
     std::string forward(const std::string& request, const std::vector<std::string>& pieces,
                         bool then_close = true) {
+        target.forget();
         std::size_t next = 0;
         return talk(request, [&] {
             if (next == 0 && !target.has_received("\r\n\r\n")) {
@@ -286,72 +262,35 @@ class forward_test : public relay_fixture {
             }
         });
     }
-    [[nodiscard]] std::string request(const std::string& method = "GET",
-                                      const std::string& headers = "") const {
-        return method + " " + target.uri("http", "/x") + " HTTP/1.1\r\n" + headers + "\r\n";
+    [[nodiscard]] std::string request(const std::string& headers = "") const {
+        return "GET " + target.uri("http", "/x") + " HTTP/1.1\r\n" + headers + "\r\n";
     }
 
     hand_target target;
 };
 
 // Every one of these answers is complete although the target keeps its connection open.
-TEST_F(forward_test, answers_end_where_they_say) {
-    const struct {
-        const char* method;
-        std::vector<std::string> pieces;
-    } rows[] = {
-        {"GET", {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"}},
-        {"GET", {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "he", "llo"}},
-        {"GET", {"HTTP/1.1 200 OK\r\nContent-Le", "ngth: 5\r\n", "\r\nhello"}},
-        {"GET", {"HTTP/1.1 404 Gone\r\nContent-Length: 0\r\n\r\n"}},
-        {"GET", {"HTTP/1.1 204 No Content\r\n\r\n"}},
-        {"GET", {"HTTP/1.1 304 Not Modified\r\nContent-Length: 99\r\n\r\n"}},
-        {"HEAD", {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n"}},
-        {"HEAD", {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"}},
-        {"GET", {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"}},
-        {"GET",
-         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r", "\nhel", "lo\r\n",
-          "0\r\nA: b\r\n", "\r\n"}},
+TEST_F(forward_test, answers_end_where_they_say_however_they_are_cut) {
+    const std::vector<std::string> rows[] = {
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "he", "llo"},
+        {"HTTP/1.1 200 OK\r\nContent-Le", "ngth: 5\r\n", "\r\nhello"},
+        {"HTTP/1.1 304 Not Modified\r\nContent-Length: 99\r\n\r\n"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r", "\nhel", "lo\r\n",
+         "0\r\nA: b\r\n", "\r\n"},
     };
-    for (const auto& row : rows) {
-        std::string expected;
-        for (const std::string& piece : row.pieces) {
-            expected += piece;
-        }
-        EXPECT_EQ(forward(request(row.method, "Connection: keep-alive\r\n"), row.pieces, false),
-                  expected);
-        target.peer.reset();
-        target.received.clear();
+    for (const std::vector<std::string>& pieces : rows) {
+        EXPECT_EQ(forward(request("Connection: keep-alive\r\n"), pieces, false),
+                  std::accumulate(pieces.begin(), pieces.end(), std::string()));
     }
 }
 
 TEST_F(forward_test, status_follows_status_and_location_lines) {
     EXPECT_EQ(forward(request(), {"HTTP/1.1 301 Moved\r\nLocation: /y\r\n\r\n"}),
               "HTTP/1.1 302 Moved\r\nLocation: /y\r\n\r\n");
-    target.received.clear();
     EXPECT_EQ(forward(request(), {"HTTP/1.1 200 OK\r\nStatus: 418 x\r\n\r\nbody"}),
               "HTTP/1.1 418 OK\r\nStatus: 418 x\r\n\r\nbody");
-    target.received.clear();
     EXPECT_EQ(forward(request(), {"A: b\nStatus: 404\n\nbody"}), "A: b\nStatus: 404\n\nbody")
         << "a header is no status line";
-}
-
-TEST_F(forward_test, targets_that_fail_draw_their_errors_and_leave_nothing) {
-    const std::string error = "HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy";
-    const std::string bad = "HTTP/1.1 500 Bad headers sent\r\n\r\n500 Bad headers sent";
-    EXPECT_EQ(forward(request(), {}), error);
-    EXPECT_EQ(forward(request(), {"HTTP/1.1 200 OK\r\nConte"}), error);
-    EXPECT_EQ(forward(request(), {std::string("HTTP/1.1 200 OK\r\nA: \1\r\n\r\n")}), bad);
-    EXPECT_EQ(forward(request(), {"HTTP/1.1 200 OK\r\nA: " + std::string(20000, 'x')}), bad);
-    EXPECT_EQ(forward(request(), {"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nshort"}),
-              "HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nshort");
-    target.stop_listening();
-    EXPECT_EQ(talk(request()), no_target);
-    EXPECT_EQ(talk("GET /http://127.0.0.1:65536/ HTTP/1.1\r\n\r\n"), no_target);
-    EXPECT_EQ(talk("GET /http://" + std::string(300, 'h') + "/ HTTP/1.1\r\n\r\n"), no_target);
-    EXPECT_EQ(talk("GET /httpu://any/x HTTP/1.1\r\n\r\n"), no_target) << "no role was recorded";
-    EXPECT_EQ(shttpd_active(engine.ctx), 0);
-    EXPECT_EQ(poll_revents(poll_high_water() - 1), 0);
 }
 
 TEST_F(forward_test, head_larger_than_the_buffer_is_refused) {
@@ -363,126 +302,60 @@ TEST_F(forward_test, head_larger_than_the_buffer_is_refused) {
         return "GET " + target.uri("http", "/" + std::string(length, 'p')) + " HTTP/1.1\r\n\r\n";
     };
     EXPECT_EQ(talk(with_path(970)), error);
-    target.peer.reset();
-    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
     target.has_received("");  // takes the refused connection away
-    target.peer.reset();
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
     EXPECT_EQ(forward(with_path(930), {answer}), answer);
 }
 
-TEST_F(forward_test, nothing_behind_a_body_reaches_the_target) {
-    const std::string smuggled = "GET /admin HTTP/1.1\r\n\r\n";
-    const auto body_received = [&](const std::string& headers, const std::string& body) {
-        target.received.clear();
-        const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-        bool answered = false;
-        (void)talk(request("POST", headers) + body + smuggled, [&] {
-            if (target.has_received(body) && !answered) {
-                passes(3);
-                (void)target.has_received(body);
-                target.answer(answer);
-                answered = true;
-            }
-        });
-        target.peer.reset();
-        return target.received.substr(target.received.find("\r\n\r\n") + 4);
-    };
-    EXPECT_EQ(body_received("Content-Length: 5\r\n", "hello"), "hello");
-    const std::string large(100000, 'x');
-    EXPECT_EQ(body_received("Content-Length: 100000\r\n", large), large);
-    const std::string chunked = "3\r\nabc\r\n0\r\n\r\n";
-    EXPECT_EQ(body_received("Transfer-Encoding: chunked\r\n", chunked), chunked);
-    EXPECT_EQ(talk(request("POST", "Content-Length: 5\r\nContent-Length: 30\r\n") + smuggled),
-              "HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers");
-    EXPECT_EQ(target.connections, 3) << "an unclear request opens no connection";
-}
-
 // Only service requests keep the client's connection, and with it the target's.
-TEST_F(forward_test, service_connection_is_reused_until_it_says_something) {
-    const unique_fd client = engine.connect();
-    const std::string line =
-        "POST " + target.uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\n";
-    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-    const auto round = [&](const std::string& body) {
-        target.received.clear();
-        return talk_on(client.get(), line + body, answer, [&] {
-            if (target.has_received(body) && !target.received.empty()) {
-                target.answer(answer);
-                target.received.clear();
+class kept_target_test : public forward_test {
+  protected:
+    // One request with a body to `to`, which answers with `reply`. Returns what the client gets.
+    std::string ask(hand_target* to, const std::string& reply) {
+        const std::string request =
+            "POST " + to->uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
+        to->received.clear();
+        return talk_on(client.get(), request, ok, [&] {
+            if (to->has_received("body")) {
+                to->received.clear();
+                to->answer(reply);
             }
         });
-    };
-    EXPECT_EQ(round("one1"), answer);
-    EXPECT_EQ(round("two2"), answer);
+    }
+
+    const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    const unique_fd client = engine.connect();
+};
+
+TEST_F(kept_target_test, serves_until_it_says_something) {
+    EXPECT_EQ(ask(&target, ok), ok);
+    EXPECT_EQ(ask(&target, ok), ok);
     EXPECT_EQ(target.connections, 1);
     // A target that closes while it is idle costs nothing and is connected anew.
     target.peer.reset();
     passes(5);
-    EXPECT_EQ(round("tri3"), answer);
+    EXPECT_EQ(ask(&target, ok), ok);
     EXPECT_EQ(target.connections, 2);
     // A stray byte belongs to no answer.
     target.answer("x");
     passes(5);
     target.peer.reset();
-    EXPECT_EQ(round("for4"), answer);
+    EXPECT_EQ(ask(&target, ok), ok);
     EXPECT_EQ(target.connections, 3);
     // More than the announced length: the next reply would begin nobody knows where.
-    const std::string longer = answer + "EXTRA";
-    target.received.clear();
-    (void)talk_on(client.get(), line + "five", {}, [&] {
-        if (target.has_received("five") && !target.received.empty()) {
-            target.answer(longer);
-            target.received.clear();
-        }
-    });
-    EXPECT_TRUE(closed(client.get()));
+    EXPECT_TRUE(ask(&target, ok + "EXTRA").starts_with(ok));
+    (void)talk_on(client.get(), "");  // which fails unless the engine closes
 }
 
-TEST_F(forward_test, another_target_takes_the_place_of_the_kept_one) {
+TEST_F(kept_target_test, gives_way_to_another_one) {
     hand_target other;
-    const unique_fd client = engine.connect();
-    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
     for (hand_target* next : {&target, &other, &target}) {
-        next->received.clear();
         next->peer.reset();
-        const std::string line =
-            "POST " + next->uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
-        EXPECT_EQ(talk_on(client.get(), line, answer,
-                          [&] {
-                              if (next->has_received("body")) {
-                                  next->received.clear();
-                                  next->answer(answer);
-                              }
-                          }),
-                  answer);
+        EXPECT_EQ(ask(next, ok), ok);
         hand_target* left = next == &target ? &other : &target;
         char byte = 0;
         EXPECT_TRUE(!left->peer || recv(left->peer.get(), &byte, 1, 0) == 0) << "still open";
     }
-}
-
-TEST_F(forward_test, service_without_process_is_refused) {
-    const std::string error =
-        "HTTP/1.1 500 Internal server error. Could not connect to hob server.\r\n\r\n"
-        "500 Internal server error. Could not connect to hob server.";
-    EXPECT_EQ(talk("GET /hob://h:/x HTTP/1.1\r\n\r\n"), error);
-    EXPECT_EQ(talk("POST /hob://h:/x HTTP/1.1\r\nContent-Length: 1\r\n\r\nx"), error);
-}
-
-TEST_F(forward_test, large_answer_waits_for_a_slow_client) {
-    const std::string body(400000, 'b');
-    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 400000\r\n\r\n" + body;
-    std::string_view left = answer;
-    EXPECT_EQ(talk(request(),
-                   [&] {
-                       if (!target.has_received("\r\n\r\n")) {
-                           return;
-                       }
-                       const ssize_t n =
-                           send(target.peer.get(), left.data(), left.size(), MSG_NOSIGNAL);
-                       left.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
-                   }),
-              answer);
 }
 
 }  // namespace

@@ -58,12 +58,6 @@ class relay_fixture : public ::testing::Test {
             shttpd_poll(engine.ctx, 10);
         }
     }
-    // Whether the engine has closed its side.
-    bool closed(int fd) {
-        passes(5);
-        char byte = 0;
-        return recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
-    }
 
     test_engine engine{true};
 };

@@ -1,22 +1,14 @@
 // Server-side includes: what counts as a directive, and whole pages through the engine.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <chrono>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "core/shttpd.h"
-#include "handlers/io_ssi.h"
 #include "handlers/ssi_scanner.h"
-#include "tests/support/engine_fixture.h"
+#include "tests/handlers/relay_fixture.h"
 
 namespace {
 
@@ -105,38 +97,27 @@ void never_end(shttpd_call_arg* arg) {
     record->farewells += (arg->flags & ARG_CONNECTION_ERROR) != 0 ? 1 : 0;
 }
 
-class ssi_page : public testing::Test {
+class ssi_page : public relay_fixture {
   protected:
     ssi_page() {
-        shttpd_register_ssi_func(engine_.ctx, "yes", say_yes, nullptr);
-        shttpd_register_ssi_func(engine_.ctx, "no", say_no, nullptr);
-        shttpd_register_ssi_func(engine_.ctx, "thrice", write_thrice, const_cast<char*>("call"));
+        shttpd_register_ssi_func(engine.ctx, "yes", say_yes, nullptr);
+        shttpd_register_ssi_func(engine.ctx, "no", say_no, nullptr);
+        shttpd_register_ssi_func(engine.ctx, "thrice", write_thrice, const_cast<char*>("call"));
     }
 
     // The body of a page with this text.
     std::string page(std::string_view text) {
-        engine_.root.write("dir/page.shtml", text);
-        return fetch("GET");
+        engine.root.write("dir/page.shtml", text);
+        return body_of(talk(make_request("GET", "/dir/page.shtml")));
     }
-    std::string fetch(std::string_view method) {
-        return body_of(engine_.exchange(make_request(method, "/dir/page.shtml")));
+    // The same with what is logged meanwhile.
+    std::string page(std::string_view text, std::string* log) {
+        testing::internal::CaptureStderr();
+        std::string body = page(text);
+        *log = testing::internal::GetCapturedStderr();
+        return body;
     }
-
-    test_engine engine_;
 };
-
-TEST_F(ssi_page, HeadAndPlainText) {
-    const std::string text = "<p>a < b, <!-- c --> <!--#bogus x--> <";
-    EXPECT_EQ(page(text), text);
-    const std::string reply = engine_.exchange(make_request("GET", "/dir/page.shtml"));
-    EXPECT_TRUE(reply.starts_with("HTTP/1.1 200 OK\r\nDate: ")) << reply;
-    EXPECT_NE(reply.find(" GMT\r\nContent-Type: text/html\r\nConnection: close\r\n\r\n<p>a"),
-              std::string::npos);
-    const std::string head = engine_.exchange(make_request("HEAD", "/dir/page.shtml"));
-    EXPECT_EQ(head.size(), reply.size() - text.size());
-    EXPECT_EQ(page(""), "");
-    EXPECT_EQ(page("<!-"), "<!-");
-}
 
 TEST_F(ssi_page, Conditions) {
     const std::vector<std::pair<std::string, std::string>> rows = {
@@ -155,6 +136,7 @@ TEST_F(ssi_page, Conditions) {
          "<!--#exec \"echo x\"--><b><!--#endif-->end",
          "end"},
         {"<!--#if no-->held<!-", ""},
+        {"<!-", "<!-"},
     };
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(page(text), expected) << text;
@@ -162,22 +144,22 @@ TEST_F(ssi_page, Conditions) {
 }
 
 TEST_F(ssi_page, Includes) {
-    const auto absolute = engine_.root.write("top.txt", "TOP");
-    engine_.root.write("dir/a b.txt", "BESIDE<!--#include virtual=\"top.txt\"-->");
+    const auto absolute = engine.root.write("top.txt", "TOP");
+    engine.root.write("dir/a b.txt", "BESIDE<!--#include virtual=\"top.txt\"-->");
     EXPECT_EQ(page("(<!--#include \"" + absolute.string() + "\"-->)"), "(TOP)");
     EXPECT_EQ(page("(<!--#include file=\"a%20b.txt\" -->)"), "(BESIDETOP)");
     EXPECT_EQ(page("(<!--#include virtual=\"dir/a+b.txt\"-->)"), "(BESIDETOP)");
     // A section that the included page leaves open does not reach the page around it.
-    engine_.root.write("open.txt", "1<!--#if no-->2<!");
+    engine.root.write("open.txt", "1<!--#if no-->2<!");
     EXPECT_EQ(page("(<!--#include virtual=\"open.txt\"-->)"), "(1)");
     // Nothing to include, and nothing that would stop the daemon: the page goes on.
-    ASSERT_EQ(mkfifo((engine_.root.path() / "fifo").c_str(), 0600), 0);
-    testing::internal::CaptureStderr();
+    ASSERT_EQ(mkfifo((engine.root.path() / "fifo").c_str(), 0600), 0);
+    std::string log;
     EXPECT_EQ(page("(<!--#include virtual=\"none\"--><!--#include virtual=\"fifo\"-->"
-                   "<!--#include virtual=\"dir\"--><!--#include top.txt-->)"),
+                   "<!--#include virtual=\"dir\"--><!--#include top.txt-->)",
+                   &log),
               "()");
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("ssi: fopen(" + (engine_.root.path() / "none").string()), std::string::npos)
+    EXPECT_NE(log.find("ssi: fopen(" + (engine.root.path() / "none").string()), std::string::npos)
         << log;
     EXPECT_NE(log.find("ssi: bad #include: [top.txt]"), std::string::npos) << log;
 }
@@ -185,106 +167,42 @@ TEST_F(ssi_page, Includes) {
 TEST_F(ssi_page, FiveNestedIncludes) {
     for (int level = 1; level <= 6; ++level) {
         const std::string next = std::to_string(level + 1) + ".txt";
-        engine_.root.write(std::to_string(level) + ".txt", std::to_string(level) +
-                                                               "<!--#include virtual=\"" + next +
-                                                               "\"-->" + std::to_string(level));
+        engine.root.write(std::to_string(level) + ".txt", std::to_string(level) +
+                                                              "<!--#include virtual=\"" + next +
+                                                              "\"-->" + std::to_string(level));
     }
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(page("0<!--#include virtual=\"1.txt\"-->0"), "012345543210");
-    EXPECT_NE(
-        testing::internal::GetCapturedStderr().find("ssi: #include: maximum nested level reached"),
-        std::string::npos);
+    std::string log;
+    EXPECT_EQ(page("0<!--#include virtual=\"1.txt\"-->0", &log), "012345543210");
+    EXPECT_NE(log.find("ssi: #include: maximum nested level reached"), std::string::npos);
 }
 
 TEST_F(ssi_page, Calls) {
     EXPECT_EQ(page("(<!--#call thrice -->)"), "(call1 call2 call3 )");
     EXPECT_EQ(page("(<!--#call nobody-->)"), "()");
     farewell_record record;
-    shttpd_register_ssi_func(engine_.ctx, "endless", never_end, &record);
-    EXPECT_EQ(page("(<!--#call endless-->)"), "(");
-    engine_.poll();  // the client has gone
+    shttpd_register_ssi_func(engine.ctx, "endless", never_end, &record);
+    engine.root.write("page.shtml", "(<!--#call endless-->)");
+    EXPECT_EQ(body_of(engine.exchange(make_request("GET", "/page.shtml"))), "(");
+    engine.poll();  // the client has gone
     EXPECT_GT(record.calls, 1);
     EXPECT_EQ(record.farewells, 1);
 }
 
-// Everything up to the end of the connection; commands take their time.
-std::string fetch_slowly(test_engine* engine, const unique_fd& client, std::string_view request) {
-    std::string reply;
-    EXPECT_EQ(send(client.get(), request.data(), request.size(), 0),
-              static_cast<ssize_t>(request.size()));
-    for (int i = 0; i < 20000; ++i) {
-        shttpd_poll(engine->ctx, 100);
-        char buffer[65536];
-        const ssize_t got = recv(client.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-        if (got == 0) {
-            return reply;
-        }
-        if (got > 0) {
-            reply.append(buffer, static_cast<std::size_t>(got));
-        }
-    }
-    ADD_FAILURE() << "no end";
-    return reply;
-}
-
-std::string run_page(test_engine* engine, std::string_view text) {
-    engine->root.write("page.shtml", text);
-    const unique_fd client = engine->connect();
-    return body_of(fetch_slowly(engine, client, make_request("GET", "/page.shtml")));
-}
-
-int open_descriptors() {
-    int count = 0;
-    DIR* directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) {
-        ++count;
-    }
-    closedir(directory);
-    return count;
-}
-
 TEST_F(ssi_page, Commands) {
-    engine_.poll();  // opens what the engine keeps
-    const int before = open_descriptors();
-    EXPECT_EQ(run_page(&engine_, "(<!--#exec \"echo a; sleep 0.1; echo b\"-->)"), "(a\nb\n)");
-    EXPECT_EQ(run_page(&engine_, "<!--#exec \"printf x\"-->|<!--#exec \"cat\"-->|"), "x||");
-    EXPECT_EQ(run_page(&engine_, "<!--#exec \"seq 1 100000 | tail -1\"-->"), "100000\n");
+    EXPECT_EQ(page("(<!--#exec \"echo a; sleep 0.1; echo b\"-->)"), "(a\nb\n)");
+    EXPECT_EQ(page("<!--#exec \"printf x\"-->|<!--#exec \"cat\"-->|"), "x||");
     // More than any buffer, in the middle of a page and from an included one.
-    engine_.root.write("inner", "[<!--#exec \"head -c 200000 /dev/zero | tr '%5C0' x\"-->]");
-    EXPECT_EQ(run_page(&engine_, "(<!--#include virtual=\"inner\"-->)"),
-              "([" + std::string(200000, 'x') + "])");
-    EXPECT_EQ(run_page(&engine_, "<!--#exec \"ls /proc/self/fd | wc -l\"-->"), "4\n");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(run_page(&engine_, "(<!--#exec cmd=\"ls\"--><!--#exec \"-->)"), "()");
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("ssi: bad exec(cmd=\"ls\")"),
-              std::string::npos);
-    EXPECT_EQ(open_descriptors(), before);
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
-
-TEST_F(ssi_page, ClientLeavesDuringACommand) {
-    engine_.poll();  // opens what the engine keeps
-    const int before = open_descriptors();
-    engine_.root.write("page.shtml", "<!--#exec \"yes\"-->");
-    unique_fd client = engine_.connect();
-    (void)engine_.exchange_on(client.get(), make_request("GET", "/page.shtml"), 1);
-    char some[4096];
-    for (int i = 0; i < 100 && recv(client.get(), some, sizeof some, MSG_DONTWAIT) <= 0; ++i) {
-        shttpd_poll(engine_.ctx, 100);
-    }
-    client.reset();
-    for (int i = 0; i < 100 && shttpd_active(engine_.ctx) > 0; ++i) {
-        shttpd_poll(engine_.ctx, 100);
-    }
-    EXPECT_EQ(shttpd_active(engine_.ctx), 0);
-    EXPECT_EQ(open_descriptors(), before);
-    EXPECT_GT(waitpid(-1, nullptr, 0), 0);  // "yes" has lost its reader
+    engine.root.write("inner", "[<!--#exec \"head -c 200000 /dev/zero | tr '%5C0' x\"-->]");
+    EXPECT_EQ(page("(<!--#include virtual=\"inner\"-->)"), "([" + std::string(200000, 'x') + "])");
+    EXPECT_EQ(page("<!--#exec \"ls /proc/self/fd | wc -l\"-->"), "4\n");
+    std::string log;
+    EXPECT_EQ(page("(<!--#exec cmd=\"ls\"--><!--#exec \"-->)", &log), "()");
+    EXPECT_NE(log.find("ssi: bad exec(cmd=\"ls\")"), std::string::npos);
 }
 
 // Pages made of random pieces, through buffers of every small size, against a straight expansion.
 TEST_F(ssi_page, RandomPagesThroughSmallBuffers) {
-    engine_.root.write("inc", "<INC<");
+    engine.root.write("inc", "<INC<");
     const std::vector<std::pair<std::string, std::string>> pieces = {
         {"text", "text"},
         {"<", "<"},
@@ -299,7 +217,7 @@ TEST_F(ssi_page, RandomPagesThroughSmallBuffers) {
     };
     std::mt19937 random(3);
     for (int run = 0; run < 60; ++run) {
-        engine_.ctx->io_buf_size = 1024 + static_cast<int>(random() % 700);
+        engine.ctx->io_buf_size = 1024 + static_cast<int>(random() % 700);
         std::string text;
         std::string expected;
         for (int i = 0; i < 60; ++i) {
@@ -308,7 +226,7 @@ TEST_F(ssi_page, RandomPagesThroughSmallBuffers) {
             text += source + " ";
             expected += result + " ";
         }
-        ASSERT_EQ(run_page(&engine_, text), expected) << run;
+        ASSERT_EQ(page(text), expected) << run;
     }
 }
 
