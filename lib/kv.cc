@@ -37,30 +37,9 @@ constexpr kv_type_row time_row = {"time", kv_layout::word64};
 // Zero bytes behind every copied block, so that texts and units always end.
 constexpr std::size_t terminator_bytes = 2;
 
-// The fixed size of a layout, 0 when it has none.
-std::size_t natural_size(kv_layout layout) {
-    switch (layout) {
-        case kv_layout::boolean:
-            return 1;
-        case kv_layout::word32:
-            return 4;
-        case kv_layout::word64:
-            return 8;
-        case kv_layout::guid:
-            return kv_guid_bytes;
-        case kv_layout::unknown:
-        case kv_layout::text:
-        case kv_layout::wide_text:
-        case kv_layout::bytes:
-        case kv_layout::nested:
-            break;
-    }
-    return 0;
-}
-
 // A copy of flat data, never shorter than its layout, with a terminator behind it.
 void* copy_block(const kv_value* value, kv_layout layout) {
-    const std::size_t natural = natural_size(layout);
+    const std::size_t natural = kv_fixed_size(layout);
     const std::size_t given =
         natural == 0 ? value->length : std::min(natural, std::size_t{value->length});
     const std::size_t room = std::max(natural, std::size_t{value->length}) + terminator_bytes;
@@ -136,6 +115,18 @@ void insert_sorted(propset* set, kv* entry) {
     qz_vector_insert(set->entries, entry, place_for(set, entry->name));
 }
 
+// Updates the entry of that name with `update`, or inserts a copy.
+int update_or_insert(propset* set, const kv* entry, int (*update)(kv*, const kv*)) {
+    if (!has_data(entry)) {
+        return qz_invalid;
+    }
+    if (kv* old_entry = ps_lookup(set, entry->name)) {
+        return update(old_entry, entry);
+    }
+    insert_sorted(set, kv_copy(entry));
+    return qz_ok;
+}
+
 }  // namespace
 
 // --- Shared by the sources of the property sets ---
@@ -146,6 +137,26 @@ const kv_type_row& kv_type_of(std::uint32_t code) noexcept {
         return time_row;
     }
     return plain_types[type < plain_types.size() ? type : 0];
+}
+
+std::uint32_t kv_fixed_size(kv_layout layout) noexcept {
+    switch (layout) {
+        case kv_layout::boolean:
+            return 1;
+        case kv_layout::word32:
+            return 4;
+        case kv_layout::word64:
+            return 8;
+        case kv_layout::guid:
+            return kv_guid_bytes;
+        case kv_layout::unknown:
+        case kv_layout::text:
+        case kv_layout::wide_text:
+        case kv_layout::bytes:
+        case kv_layout::nested:
+            break;
+    }
+    return 0;
 }
 
 std::string_view kv_text(const kv_value* value) noexcept {
@@ -384,14 +395,7 @@ int kv_update_fast(kv* old_entry, kv** new_entry) noexcept {
 }
 
 int ps_update(propset* set, const kv* entry) noexcept {
-    if (!has_data(entry)) {
-        return qz_invalid;
-    }
-    if (kv* old_entry = ps_lookup(set, entry->name)) {
-        return kv_update(old_entry, entry);
-    }
-    insert_sorted(set, kv_copy(entry));
-    return qz_ok;
+    return update_or_insert(set, entry, kv_update);
 }
 
 int ps_update_fast(propset* set, kv** entry) noexcept {
@@ -407,12 +411,5 @@ int ps_update_fast(propset* set, kv** entry) noexcept {
 }
 
 int ps_check_update(propset* set, const kv* entry) noexcept {
-    if (!has_data(entry)) {
-        return qz_invalid;
-    }
-    if (kv* old_entry = ps_lookup(set, entry->name)) {
-        return kv_check_update(old_entry, entry);
-    }
-    insert_sorted(set, kv_copy(entry));
-    return qz_ok;
+    return update_or_insert(set, entry, kv_check_update);
 }

@@ -19,6 +19,9 @@ struct kv_type_row {
 // The row of a code without its flag bits; layout `unknown` for codes that do not exist.
 const kv_type_row& kv_type_of(std::uint32_t code) noexcept;
 
+// The bytes of a layout in memory and on the wire; 0 when values differ in size.
+std::uint32_t kv_fixed_size(kv_layout layout) noexcept;
+
 inline std::uint32_t kv_base_type(std::uint32_t code) noexcept {
     return code & ~(KV_ARRAY | KV_WIRE | KV_BORROWED);
 }
@@ -35,7 +38,7 @@ inline bool kv_is_array(const kv_value* value) noexcept {
     return (value->datatype & (KV_ARRAY | KV_WIRE)) == KV_ARRAY;
 }
 
-inline constexpr std::size_t kv_guid_bytes = 16;
+inline constexpr std::uint32_t kv_guid_bytes = 16;
 inline constexpr std::uint32_t kv_reference_bytes = 4;  // the stored length of sets and arrays
 
 // The number in a value; 0 when it has no data. Requires: data of the number's size.

@@ -98,23 +98,11 @@ constexpr std::uint32_t least_entry_bytes = 12;  // type, name length, flags
 
 // The fewest bytes that a body of a layout takes; 0 for unknown codes.
 std::uint32_t least_body_bytes(kv_layout layout) {
-    switch (layout) {
-        case kv_layout::unknown:
-            return 0;
-        case kv_layout::boolean:
-            return 1;
-        case kv_layout::word64:
-            return 8;
-        case kv_layout::guid:
-            return kv_guid_bytes;
-        case kv_layout::word32:
-        case kv_layout::text:
-        case kv_layout::wide_text:
-        case kv_layout::bytes:
-        case kv_layout::nested:
-            break;
+    if (layout == kv_layout::unknown) {
+        return 0;
     }
-    return 4;
+    const std::uint32_t fixed = kv_fixed_size(layout);
+    return fixed != 0 ? fixed : 4;  // a count stands before everything else
 }
 
 // Reads items from a block. Without an end the caller vouches for the block and nothing is checked;

@@ -46,39 +46,41 @@ qz_node* find_node(const qz_map* map, const void* key) {
 
 // --- Balancing: the textbook algorithms with a shared sentinel ---
 
+// One of a node's two child links. The algorithms are written once, for a `near` side and the `far`
+// one opposite.
+using link = qz_node* qz_node::*;
+
+link opposite(link side) {
+    return side == &qz_node::left ? &qz_node::right : &qz_node::left;
+}
+
+// The link of `parent` that leads to `child`.
+link side_of(const qz_node* parent, const qz_node* child) {
+    return child == parent->left ? &qz_node::left : &qz_node::right;
+}
+
 // Makes `to` the child of `parent` (the root when null) where `from` was.
 void replace_child(qz_map* map, qz_node* parent, const qz_node* from, qz_node* to) {
     if (parent == nullptr) {
         map->root = to;
-    } else if (from == parent->left) {
-        parent->left = to;
     } else {
-        parent->right = to;
+        parent->*side_of(parent, from) = to;
     }
 }
 
-// A rotation never writes the sentinel: its parent belongs to the deletion fix-up.
-void rotate_left(qz_map* map, qz_node* node) {
-    qz_node* riser = node->right;
-    node->right = riser->left;
-    if (riser->left != &map->nil) {
-        riser->left->parent = node;
+// Moves `node` down to the `near` side; its far child takes its place. A rotation never writes the
+// sentinel: its parent belongs to the deletion fix-up.
+void rotate(qz_map* map, qz_node* node, link near) {
+    const link far = opposite(near);
+    qz_node* riser = node->*far;
+    qz_node* crossing = riser->*near;
+    node->*far = crossing;
+    if (crossing != &map->nil) {
+        crossing->parent = node;
     }
     riser->parent = node->parent;
     replace_child(map, node->parent, node, riser);
-    riser->left = node;
-    node->parent = riser;
-}
-
-void rotate_right(qz_map* map, qz_node* node) {
-    qz_node* riser = node->left;
-    node->left = riser->right;
-    if (riser->right != &map->nil) {
-        riser->right->parent = node;
-    }
-    riser->parent = node->parent;
-    replace_child(map, node->parent, node, riser);
-    riser->right = node;
+    riser->*near = node;
     node->parent = riser;
 }
 
@@ -87,8 +89,9 @@ void insert_fix_up(qz_map* map, qz_node* node) {
     while (node->parent != nullptr && is_red(node->parent)) {
         qz_node* parent = node->parent;
         qz_node* grandparent = parent->parent;
-        const bool on_left = parent == grandparent->left;
-        qz_node* uncle = on_left ? grandparent->right : grandparent->left;
+        const link near = side_of(grandparent, parent);
+        const link far = opposite(near);
+        qz_node* uncle = grandparent->*far;
         if (is_red(uncle)) {
             parent->colour = qz_black;
             uncle->colour = qz_black;
@@ -96,85 +99,50 @@ void insert_fix_up(qz_map* map, qz_node* node) {
             node = grandparent;
             continue;
         }
-        if (on_left) {
-            if (node == parent->right) {
-                rotate_left(map, parent);
-                parent = node;
-            }
-            parent->colour = qz_black;
-            grandparent->colour = qz_red;
-            rotate_right(map, grandparent);
-        } else {
-            if (node == parent->left) {
-                rotate_right(map, parent);
-                parent = node;
-            }
-            parent->colour = qz_black;
-            grandparent->colour = qz_red;
-            rotate_left(map, grandparent);
+        if (node == parent->*far) {
+            rotate(map, parent, near);
+            parent = node;
         }
+        parent->colour = qz_black;
+        grandparent->colour = qz_red;
+        rotate(map, grandparent, far);
         break;
     }
     map->root->colour = qz_black;
 }
 
-// One round of the deletion fix-up for a `node` on the left that lacks one black; returns the node
-// that lacks it next, the root when done.
-qz_node* fix_left(qz_map* map, qz_node* node) {
+// One round of the deletion fix-up for a `node` on the `near` side that lacks one black; returns
+// the node that lacks it next, the root when done.
+qz_node* fix_one_level(qz_map* map, const qz_node* node, link near) {
+    const link far = opposite(near);
     qz_node* parent = node->parent;
-    qz_node* sibling = parent->right;
+    qz_node* sibling = parent->*far;
     if (is_red(sibling)) {
         sibling->colour = qz_black;
         parent->colour = qz_red;
-        rotate_left(map, parent);
-        sibling = parent->right;
+        rotate(map, parent, near);
+        sibling = parent->*far;
     }
     if (!is_red(sibling->left) && !is_red(sibling->right)) {
         sibling->colour = qz_red;
         return parent;
     }
-    if (!is_red(sibling->right)) {
-        sibling->left->colour = qz_black;
+    if (!is_red(sibling->*far)) {
+        (sibling->*near)->colour = qz_black;
         sibling->colour = qz_red;
-        rotate_right(map, sibling);
-        sibling = parent->right;
+        rotate(map, sibling, far);
+        sibling = parent->*far;
     }
     sibling->colour = parent->colour;
     parent->colour = qz_black;
-    sibling->right->colour = qz_black;
-    rotate_left(map, parent);
-    return map->root;
-}
-
-qz_node* fix_right(qz_map* map, qz_node* node) {
-    qz_node* parent = node->parent;
-    qz_node* sibling = parent->left;
-    if (is_red(sibling)) {
-        sibling->colour = qz_black;
-        parent->colour = qz_red;
-        rotate_right(map, parent);
-        sibling = parent->left;
-    }
-    if (!is_red(sibling->left) && !is_red(sibling->right)) {
-        sibling->colour = qz_red;
-        return parent;
-    }
-    if (!is_red(sibling->left)) {
-        sibling->right->colour = qz_black;
-        sibling->colour = qz_red;
-        rotate_left(map, sibling);
-        sibling = parent->left;
-    }
-    sibling->colour = parent->colour;
-    parent->colour = qz_black;
-    sibling->left->colour = qz_black;
-    rotate_right(map, parent);
+    (sibling->*far)->colour = qz_black;
+    rotate(map, parent, near);
     return map->root;
 }
 
 void delete_fix_up(qz_map* map, qz_node* node) {
     while (node != map->root && !is_red(node)) {
-        node = node == node->parent->left ? fix_left(map, node) : fix_right(map, node);
+        node = fix_one_level(map, node, side_of(node->parent, node));
     }
     node->colour = qz_black;
 }
