@@ -1,6 +1,5 @@
 #include "tests/security/fake_library.h"
 
-#include <algorithm>
 #include <cerrno>
 
 #include "security/api.h"
@@ -21,10 +20,6 @@ std::int32_t next_count() {
 
 }  // namespace
 
-long fake_library::times_freed(const void* p) const {
-    return std::count(freed.begin(), freed.end(), p);
-}
-
 void* molbatGetSymbol(int, const char* name) {
     return fake.lacking.count(name) == 0 ? &fake : nullptr;
 }
@@ -35,13 +30,10 @@ std::uint32_t molbAtAuthenticate(void*, const molb_identity* who, std::uint32_t,
         id.append(id.empty() ? "" : "|").append(part != nullptr ? part : "(null)");
     }
     fake.asked.push_back(id);
-    const auto found = fake.logins.find(id);
-    // With a refusal comes garbage that a careful caller does not keep.
-    *credential = found != fake.logins.end() ? found->second : &fake;
-    return found != fake.logins.end() ? at_ok : at_refused;
+    *credential = &fake;  // garbage that a careful caller does not keep
+    return at_refused;
 }
 std::uint32_t molbAtExtractInfo(void*, void*, molb_info** info) {
-    fake.extracts++;
     *info = const_cast<molb_info*>(fake.extracted);
     return fake.extracted != nullptr ? at_ok : at_invalid_argument;
 }
@@ -73,7 +65,6 @@ std::int32_t molbAtSecConnWrite(void*, const void*, std::int32_t) {
     return next_count();
 }
 std::uint32_t molbAtSecConnClose(void** channel) {
-    fake.closes++;
     *channel = nullptr;
     return at_ok;
 }

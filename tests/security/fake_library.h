@@ -2,7 +2,6 @@
 #pragma once
 
 #include <deque>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -11,7 +10,6 @@
 
 struct fake_library {
     // What the entry points answer.
-    std::map<std::string, void*> logins;   // credentials by identity, see `asked`
     std::deque<std::uint32_t> handshakes;  // results of the next accept calls; then at_again
     void* accept_credential = nullptr;
     void* channel = &handshakes;
@@ -22,14 +20,10 @@ struct fake_library {
     // What they were asked.
     std::vector<std::string> asked;  // identities: "host|domain|name|password"
     std::vector<const void*> freed;
-    int extracts = 0;
-    int closes = 0;
     void* server_credential = nullptr;
     void* accept_params = nullptr;
     std::uint32_t accept_mode = 0;
     std::uint32_t accept_flags = 0;
-
-    [[nodiscard]] long times_freed(const void* p) const;
 };
 
 extern fake_library fake;
