@@ -76,7 +76,11 @@ int qz_isequal_sec_uri(const char* a, const char* b, std::uint32_t flags) noexce
 // any prefix of "localhost" (also an empty host) counts as local and loses its port.
 [[nodiscard]] char* qz_sec_overlay(const char* a, const char* b) noexcept;
 
+// The domain list that counts when nobody names another. This layer knows no fixed places, so the
+// daemon sets it once at its start; null until then: no list.
+extern const char* qz_resolver_file;
+
 // Returns a new text with the primary broker of the domain list `file` (null: the file named by the
-// environment variable PLX_RESOLV, else /etc/default/plx_resolv.conf), or null when there is none.
-// The last primary domain wins. Reads the file through the INI store.
+// environment variable PLX_RESOLV, else qz_resolver_file), or null when there is none. The last
+// primary domain that names a broker wins. Reads the file through the INI store.
 [[nodiscard]] char* get_default_user(const char* file) noexcept;

@@ -4,11 +4,14 @@
 
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "lib/ini.h"
 #include "lib/plat.h"
 #include "lib/qz_result.h"
 #include "security/sec_uri.h"
+
+const char* qz_resolver_file = nullptr;
 
 namespace {
 
@@ -17,7 +20,7 @@ const char* resolver_file(const char* file) {
         return file;
     }
     const char* named = std::getenv("PLX_RESOLV");
-    return named != nullptr ? named : "/etc/default/plx_resolv.conf";
+    return named != nullptr ? named : qz_resolver_file;
 }
 
 qz_owned<char> value_of(parse_handle* store, const char* section, const char* key) {
@@ -37,7 +40,8 @@ char* get_default_user(const char* file) noexcept {
     const char* path = resolver_file(file);
     struct stat status = {};
     parse_handle* opened = nullptr;
-    if (::stat(path, &status) != 0 || parse_open(path, nullptr, &opened) != qz_ok) {
+    if (path == nullptr || ::stat(path, &status) != 0 ||
+        parse_open(path, nullptr, &opened) != qz_ok) {
         return nullptr;
     }
     const parse_ptr store(opened);

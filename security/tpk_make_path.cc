@@ -10,7 +10,7 @@
 
 #include "security/at_osf.h"
 
-const char* molbat_loc_path = "/etc/qz/kpr/MOLBat.loc";
+const char* molbat_loc_path = nullptr;
 
 namespace {
 
@@ -34,7 +34,7 @@ std::string_view setting(const char* specified, const char* variable) {
 
 std::uint32_t installed_base(std::string* base) {
     struct stat st {};
-    if (at_os_stat_i(molbat_loc_path, &st) != at_ok) {
+    if (molbat_loc_path == nullptr || at_os_stat_i(molbat_loc_path, &st) != at_ok) {
         return at_not_available;
     }
     char* directory = nullptr;

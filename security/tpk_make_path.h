@@ -6,7 +6,8 @@
 
 #include "security/at_types.h"
 
-// The file that names the library's installation directory when no home directory is set.
+// The file that names the library's installation directory when no home directory is set. The
+// shim knows no fixed places, so the daemon sets it before the first call; null: no such file.
 extern const char* molbat_loc_path;
 
 // Builds the path of a library file from a template below "/opt/MOLBat/". `kind` is 0, 3 or 4; kind
