@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "core/context.h"
 #include "core/globals.h"
@@ -128,6 +129,14 @@ TEST_F(Configuration, BadFilesAreFatalWithTheirText) {
     for (const auto& row : rows) {
         EXPECT_EXIT((void)read(row.lines), testing::ExitedWithCode(1), "^" + row.text + "$");
     }
+}
+
+TEST_F(Configuration, ALibraryWithoutTheServicesIdentityIsFatal) {
+    const context_ptr ctx = read("");
+    void* handle = std::exchange(ctx->at_handle, nullptr);
+    EXPECT_EXIT(set_security_info(ctx.get()), testing::ExitedWithCode(1),
+                "^Cannot get credential for service\n$");
+    ctx->at_handle = handle;
 }
 
 TEST_F(Configuration, EmbeddersGivePairs) {

@@ -6,7 +6,7 @@ prefixed by DOVMAD_TEST_ROOT), DOVMAD_PROVIDER (the authentication library) and 
 """
 
 import base64
-import fcntl
+import contextlib
 import os
 import random
 import re
@@ -14,7 +14,6 @@ import signal
 import socket
 import ssl
 import subprocess
-import tempfile
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -32,9 +31,9 @@ SANITIZED = re.compile(r"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanit
 # Both end below the ports that the system hands out for outgoing connections.
 _RANGES = {"daemon": range(20003, 30000, 10), "upstream": range(30003, 32700, 10)}
 _upcoming = {}
-# A port is ours while this process holds the lock on its byte, so that test files that run at the
-# same time never share one, not even while a daemon restarts.
-_reservations = open(Path(tempfile.gettempdir()) / f"dovmad-test-ports-{os.getuid()}", "ab")
+# A port is ours while this process holds the socket of its name, so that test files that run at the
+# same time never share one, not even while a daemon restarts. Nothing of them is in the file system.
+_reservations = []
 
 
 def free_port(kind="daemon"):
@@ -43,16 +42,27 @@ def free_port(kind="daemon"):
     start = _upcoming.get(kind, random.randrange(len(ports)))
     for step in range(len(ports)):
         port = ports[(start + step) % len(ports)]
+        mark = socket.socket(socket.AF_UNIX)
         try:
-            fcntl.lockf(_reservations, fcntl.LOCK_EX | fcntl.LOCK_NB, 1, port)
+            mark.bind(f"\0dovmad-test-port-{port}")
             with socket.socket() as probe:
                 probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
                 probe.bind(("127.0.0.1", port))
         except OSError:
+            mark.close()
             continue
+        _reservations.append(mark)
         _upcoming[kind] = start + step + 1
         return port
     raise RuntimeError("no free port")
+
+
+def eventually(check, seconds=30):
+    """Asks until the answer is true or the time is over; the last answer."""
+    deadline = time.monotonic() + seconds
+    while not (answer := check()) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    return answer
 
 
 @dataclass
@@ -132,19 +142,20 @@ class Daemon:
             self.process = subprocess.Popen([BINARY, *self.args], env=self.env, stderr=stderr,
                                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self.expected_end = False
-        deadline = time.monotonic() + 60
-        while wait:
-            if self.process.poll() is not None:
-                raise AssertionError(f"the daemon ended with {self.process.returncode}: "
-                                     f"{self.stderr_text()}")
-            try:
-                socket.create_connection(("127.0.0.1", self.port), 1).close()
-                break
-            except OSError:
-                if time.monotonic() > deadline:
-                    raise
-                time.sleep(0.02)
+        if wait:
+            assert eventually(self.answers, 60), self.stderr_text()
         return self
+
+    def answers(self):
+        """Whether it takes connections; an error when it has ended instead."""
+        if self.process.poll() is not None:
+            raise AssertionError(f"the daemon ended with {self.process.returncode}: "
+                                 f"{self.stderr_text()}")
+        try:
+            self.connect().close()
+        except OSError:
+            return False
+        return True
 
     def stop(self, sig=signal.SIGTERM, timeout=30):
         """Ends the daemon with a signal and returns its exit status."""
@@ -187,28 +198,19 @@ class Daemon:
     def connect(self, port=None):
         return socket.create_connection(("127.0.0.1", port or self.port), 30)
 
-    def raw(self, data, port=None, timeout=10, until=None, half_close=False):
+    def raw(self, data, port=None, timeout=10, until=None):
         """Sends bytes (or a list of pieces) and returns everything until the daemon closes, until
         `until(received)` is true, or until nothing has come for `timeout` seconds."""
         pieces = [data] if isinstance(data, bytes) else data
         received = b""
         with self.connect(port) as sock:
             sock.settimeout(timeout)
-            try:
+            with contextlib.suppress(OSError):
                 for piece in pieces:
                     sock.sendall(piece)
-                if half_close:
-                    sock.shutdown(socket.SHUT_WR)
-            except OSError:
-                pass
-            try:
-                while not (until and until(received)):
-                    chunk = sock.recv(1 << 16)
-                    if not chunk:
-                        break
+            with contextlib.suppress(OSError):
+                while not (until and until(received)) and (chunk := sock.recv(1 << 16)):
                     received += chunk
-            except OSError:
-                pass
         return received
 
     def request(self, method, path, body=None, headers=None, user=None, port=None, tls=False,
@@ -293,14 +295,10 @@ class Daemon:
     def children(self):
         """Process ids of its children, zombies included."""
         found = []
-        for entry in Path("/proc").iterdir():
-            if entry.name.isdigit():
-                try:
-                    fields = (entry / "stat").read_text().rsplit(")", 1)[1].split()
-                except OSError:
-                    continue
-                if int(fields[1]) == self.pid:
-                    found.append(int(entry.name))
+        for stat in Path("/proc").glob("[0-9]*/stat"):
+            with contextlib.suppress(OSError):
+                if int(stat.read_text().rsplit(")", 1)[1].split()[1]) == self.pid:
+                    found.append(int(stat.parent.name))
         return found
 
 

@@ -9,11 +9,10 @@ import socket
 import ssl
 import subprocess
 import tempfile
-import time
 from pathlib import Path
 
 import pytest
-from dovmad_harness import BINARY, Daemon, free_port, start_daemon_expecting_failure
+from dovmad_harness import BINARY, eventually, free_port, start_daemon_expecting_failure
 
 KEYWORDS = """d document_root directory|Web root directory
 i index_files file_list|Index files
@@ -47,11 +46,9 @@ def run(*args, **kwargs):
                           check=False, **kwargs)
 
 
-def wait_for(condition, what):
-    deadline = time.monotonic() + 30
-    while not condition():
-        assert time.monotonic() < deadline, what
-        time.sleep(0.02)
+def has_pid(daemon):
+    """The daemon has written its pid file."""
+    return eventually(lambda: daemon.pid_file.exists() and daemon.pid_file.read_text())
 
 
 def status_of(pid):
@@ -114,10 +111,7 @@ def test_default_pid_file(make_daemon):
 
 @pytest.mark.parametrize("lines, status, text", [
     ("foo 1\n", 1, "set_option: unknown variable [foo]\n"),
-    ("noauth\n", 1, "init_ctx: bad line: [noauth]\n"),
     ("error_log {dir}\n", 1, "cannot open log file {dir}: Is a directory\n"),
-    ("access_log /no/log\n", 1, "cannot open log file /no/log: No such file or directory\n"),
-    ("mime_types /no/types\n", 1, "set_mime_types: fopen(/no/types): No such file or directory\n"),
     ("", -signal.SIGABRT, "zel home dir not specified\n"),
     ("zel_home /nowhere\n", -signal.SIGABRT, "Error initializing MOLB AT24598\n"),
 ])
@@ -135,6 +129,7 @@ def test_fatal_ports_users_and_pid_files(tmp_path):
              f"open_listening_port({port}): Address already in use\ncannot open port {port}\n"),
             ({"listen_ports": f"{free_port()}s"},
              "cannot add SSL socket, please specify certificate file\n"),
+            ({"listen_ports": "70000u"}, "Cannot open socket on port 70000\n"),
             ({"runtime_uid": "nobody-has-this-name"},
              "main: unknown user [nobody-has-this-name]\n"),
             ({"pid_file": "/no/such/dir/pid"}, "Cannot open /no/such/dir/pid\n"),
@@ -189,7 +184,7 @@ def test_closed_standard_descriptors_are_never_reused(make_daemon):
     process = subprocess.Popen(["sh", "-c", 'exec "$0" "$1" <&- >&- 2>&-', BINARY, daemon.config],
                                env=daemon.env)
     try:
-        wait_for(lambda: daemon.pid_file.exists() and daemon.pid_file.read_text(), "no pid file")
+        assert has_pid(daemon)
         assert daemon.request("GET", "/world/ping").status == 200
         for fd in range(3):
             assert os.readlink(f"/proc/{process.pid}/fd/{fd}") == "/dev/null"
@@ -204,7 +199,7 @@ def test_detached(make_daemon):
     parent = subprocess.run([BINARY, *map(str, daemon.args)], env=daemon.env, timeout=60,
                             check=False, capture_output=True)
     assert (parent.returncode, parent.stdout, parent.stderr) == (0, b"", b"")
-    wait_for(lambda: daemon.pid_file.exists() and daemon.pid_file.read_text(), "no pid file")
+    assert has_pid(daemon)
     pid = int(daemon.pid_file.read_text())
     try:
         assert daemon.request("GET", "/world/ping").status == 200
@@ -217,7 +212,7 @@ def test_detached(make_daemon):
         assert daemon.request("GET", "/world/ping").status == 200
     finally:
         os.kill(pid, signal.SIGTERM)
-        wait_for(lambda: not status_of(pid), "still running")
+        assert eventually(lambda: not status_of(pid))
 
 
 @pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
@@ -310,12 +305,30 @@ def test_a_broker_answers_with_its_own_certificate(make_daemon):
     daemon = make_daemon(auth=True, start=False)
     resolver = daemon.prefix / "etc/default/plx_resolv.conf"
     resolver.parent.mkdir(parents=True)
-    resolver.write_text('[other]\nprimary_broker = other.test;\n'
-                        f'[one]\nprimary_broker = broker.test;\nzel_data_dir = "{broker.var}/sec";\n'
-                        '[gone]\nprimary_broker = gone.test;\nzel_data_dir = /nowhere;\n')
+    data = f'zel_data_dir = "{broker.var}/sec";\n'
+    text = (f"[other]\nprimary_broker = other.test;\n[one]\nprimary_broker = broker.test;\n{data}"
+            f"[twice]\nprimary_broker = broker.test;\nzel_data_dir = /nowhere;\n"
+            f'[uri]\nprimary_broker = "kpr://b.test:7/local/root";\n{data}'
+            "[gone]\nprimary_broker = gone.test;\nzel_data_dir = /nowhere;\n")
+    resolver.write_text(text)
     daemon.start()
     own, theirs = (ssl.PEM_cert_to_DER_cert(d.ca.read_text()) for d in (daemon, broker))
     assert own != theirs
-    for name, expected in [("broker.test", theirs), ("localhost", own), ("other.test", own),
-                           ("gone.test", own), ("unknown.test", own), ("broker.test", theirs)]:
+    for name, expected in [("localhostx", own), ("other.test", own), ("gone.test", own),
+                           ("unknown.test", own), ("broker.test", theirs)]:
         assert certificate_for(daemon, name) == expected, name
+    resolver.write_text("[one\n")
+    assert certificate_for(daemon, "broker.test") == theirs  # remembered
+    assert certificate_for(daemon, "gone.test") == own
+    assert f"Syntax error in {resolver}\n" in daemon.stderr_text()
+    resolver.write_text(f'[domains]\nz = "";\n{text}[z]\nprimary_broker = z.test;\n{data}')
+    assert certificate_for(daemon, "z.test") == theirs
+
+
+def test_a_reset_that_fails_ends_it(make_daemon):
+    daemon = make_daemon()
+    (daemon.ca.parent / "domains").write_text("")
+    daemon.expected_end = True
+    assert daemon.raw(b"POST /admin/security/reset HTTP/1.1\r\n\r\n") == b""
+    assert daemon.process.wait(30) == 1
+    assert daemon.stderr_text().endswith("Cannot get list of domains\n")
