@@ -202,3 +202,18 @@ def test_strange_certificates_get_no_answer(certified, tmp_path):
             answer = b""
         assert answer == b""
     assert daemon.request("GET", "/world/ping", tls=True).status == 200
+
+
+def test_a_daemon_shows_its_own_certificate_to_another(certified, make_daemon):
+    target, authority = certified
+    relay = make_daemon()
+    certificate, key = authority.issue("relay")
+    path = f"/https://127.0.0.1:{target.tls_port}/pub/f.txt"
+    site = relay.ca.parent
+    (site / "peer_ca.pem").write_bytes(target.ca.read_bytes())
+    relay.restart()
+    assert relay.request("GET", path).status == 500, "its first certificate is nobody's there"
+    (site / "server.crt").write_bytes(certificate.read_bytes())
+    (site / "server.key").write_bytes(key.read_bytes())
+    relay.restart()
+    assert relay.request("GET", path).text == "root pub\n"

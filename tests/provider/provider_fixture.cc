@@ -1,14 +1,50 @@
 #include "tests/provider/provider_fixture.h"
 
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <utility>
 
 #include "provider/clock.h"
+
+using provider::openssl_ptr;
+
+namespace {
+
+std::string content_of(BIO* bio) {
+    char* start = nullptr;
+    const long length = BIO_get_mem_data(bio, &start);
+    return {start, static_cast<std::size_t>(length)};
+}
+
+certified_key make(const std::vector<std::string>& common_names, const certified_key* issuer,
+                   const char* constraints) {
+    static long serial = 0;
+    certified_key made{openssl_ptr<EVP_PKEY>(EVP_EC_gen("P-256")), openssl_ptr<X509>(X509_new())};
+    X509* certificate = made.certificate.get();
+    X509_set_version(certificate, X509_VERSION_3);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
+    for (const std::string& name : common_names) {
+        X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8,
+                                   reinterpret_cast<const unsigned char*>(name.data()),
+                                   static_cast<int>(name.size()), -1, 0);
+    }
+    const certified_key& signer = issuer == nullptr ? made : *issuer;
+    X509_set_issuer_name(certificate, X509_get_subject_name(signer.certificate.get()));
+    X509_set_pubkey(certificate, made.key.get());
+    const openssl_ptr<X509_EXTENSION> extension(
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_basic_constraints, constraints));
+    X509_add_ext(certificate, extension.get(), -1);
+    X509_sign(certificate, signer.key.get(), EVP_sha256());
+    return made;
+}
+
+}  // namespace
 
 std::int64_t clock_ms = 1'000'000;
 std::int64_t clock_step_ms = 0;
@@ -75,33 +111,41 @@ std::string provider_test::password_in(const std::string& log) {
     return at == std::string::npos ? "" : log.substr(at + label.size(), 16);
 }
 
-std::uint32_t provider_test::log_in(const char* domain, const char* name, const char* password,
-                                    std::string* who) const {
+std::string provider_test::log_in(const char* domain, const char* name,
+                                  const char* password) const {
     const molb_identity identity{"localhost", domain, name, password};
     void* credential = nullptr;
     const std::uint32_t result = molbAtAuthenticate(handle, &identity, 0, &credential);
     EXPECT_EQ(result == at_ok, credential != nullptr);
-    if (who != nullptr && result == at_ok) {
-        *who = info_of(handle, credential);
-    }
+    std::string who = result == at_ok ? info_of(handle, credential) : std::to_string(result);
     EXPECT_EQ(molbAtFree(credential), at_ok);
-    return result;
+    return who;
 }
 
 void socket_pair::renew() {
-    close_both();
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds_), 0);
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
+    ours_.reset(fds[0]);
+    theirs_.reset(fds[1]);
 }
 
-void socket_pair::close_theirs() {
-    if (fds_[1] >= 0) {
-        close(std::exchange(fds_[1], -1));
-    }
+certified_key make_certificate(const std::vector<std::string>& common_names,
+                               const certified_key* issuer) {
+    return make(common_names, issuer, "critical,CA:FALSE");
 }
 
-void socket_pair::close_both() {
-    close_theirs();
-    if (fds_[0] >= 0) {
-        close(std::exchange(fds_[0], -1));
-    }
+certified_key make_authority() {
+    return make({"authority"}, nullptr, "critical,CA:TRUE");
+}
+
+std::string certified_key::certificate_pem() const {
+    const openssl_ptr<BIO> bio(BIO_new(BIO_s_mem()));
+    PEM_write_bio_X509(bio.get(), certificate.get());
+    return content_of(bio.get());
+}
+
+std::string certified_key::key_pem() const {
+    const openssl_ptr<BIO> bio(BIO_new(BIO_s_mem()));
+    PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    return content_of(bio.get());
 }

@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "lib/unique_fd.h"
+#include "provider/openssl_ptr.h"
 #include "security/at_types.h"
-#include "tests/provider/certificates.h"
 
 // The library's clock: where it stands, and how far every look at it moves it on.
 extern std::int64_t clock_ms;
@@ -38,9 +40,19 @@ class provider_test : public testing::Test {
     // The password that first use printed in `log`; empty when there is none.
     static std::string password_in(const std::string& log);
 
-    // Logs in; the credential is freed again. Returns the result and, through `who`, the info.
-    std::uint32_t log_in(const char* domain, const char* name, const char* password,
-                         std::string* who = nullptr) const;
+    // Logs in; the credential is freed again. Returns who it is, or the result that was none.
+    [[nodiscard]] std::string log_in(const char* domain, const char* name,
+                                     const char* password) const;
+    [[nodiscard]] std::string log_in_as_root(const std::string& password) const {
+        return log_in("local", "root", password.c_str());
+    }
+    [[nodiscard]] std::string log_in_as_service() const {
+        return log_in(nullptr, nullptr, nullptr);
+    }
+
+    const std::string refused = std::to_string(at_refused);
+    const std::string root = "localhost/local/root";
+    const std::string the_service = "localhost/service/service";
 
     std::filesystem::path base;  // removed at the end
     std::filesystem::path data_dir;
@@ -48,21 +60,33 @@ class provider_test : public testing::Test {
     std::string root_password;
 };
 
+// A key and its certificate, made independently of the library's own.
+struct certified_key {
+    provider::openssl_ptr<EVP_PKEY> key;
+    provider::openssl_ptr<X509> certificate;
+
+    [[nodiscard]] std::string certificate_pem() const;
+    [[nodiscard]] std::string key_pem() const;
+};
+
+// A certificate with these common names, signed by `issuer`, or by itself when there is none.
+certified_key make_certificate(const std::vector<std::string>& common_names,
+                               const certified_key* issuer = nullptr);
+
+// One that may sign others.
+certified_key make_authority();
+
 // A connected pair of non-blocking sockets: the library's end, and the other one.
 class socket_pair {
   public:
     socket_pair() { renew(); }
-    ~socket_pair() { close_both(); }
-    socket_pair(const socket_pair&) = delete;
-    socket_pair& operator=(const socket_pair&) = delete;
 
-    [[nodiscard]] int ours() const { return fds_[0]; }
-    [[nodiscard]] int theirs() const { return fds_[1]; }
-    void close_theirs();
+    [[nodiscard]] int ours() const { return ours_.get(); }
+    [[nodiscard]] int theirs() const { return theirs_.get(); }
+    void close_theirs() { theirs_.reset(); }
     void renew();
 
   private:
-    void close_both();
-
-    int fds_[2] = {-1, -1};
+    unique_fd ours_;
+    unique_fd theirs_;
 };
