@@ -27,14 +27,16 @@ namespace {
 
 // --- The connected pair ---
 
-constexpr int pair_wait_ms = 1000;
-constexpr int strangers_max = 16;
+constexpr int pair_wait_ms = 1000;  // the kernel usually connects the two within the call
+constexpr int strangers_max = 16;   // connections of others that are closed before giving up
 
 struct socket_address {
     sockaddr_storage storage{};
     socklen_t length = 0;
 
+    // For calls that take or fill an address of any family.
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    // In network byte order: good for comparing, not for showing.
     [[nodiscard]] int port() const {
         return storage.ss_family == AF_INET6
                    ? reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_port
@@ -42,6 +44,8 @@ struct socket_address {
     }
 };
 
+// The loopback address of the family that this host can use, with port 0. When it can use neither,
+// the address has no family, so that socket() fails and its error is logged.
 socket_address loopback_address() {
     socket_address address;
     if (isipv4() == 0 && isipv6() != 0) {
@@ -58,11 +62,13 @@ socket_address loopback_address() {
     return address;
 }
 
+// Logs the failed call with errno as it left it.
 int fail_pair(const conn* c, const char* call) {
     elog(elog_info, c, "mysocketpair: %s: %d", call, errno);
     return -1;
 }
 
+// False with errno set when nothing happens in time.
 bool wait_for(int fd, short events) {
     pollfd entry = {.fd = fd, .events = events, .revents = 0};
     int ready = 0;
@@ -126,7 +132,9 @@ int accept_own(int listener, int own_port) {
 
 // --- The environment ---
 
+// Kept: headers may take one pointer more than addenv gives out; the last is the terminator's.
 constexpr int header_pointers_max = env_block::pointer_count - 1;
+// A line grows by five bytes at the most: "HTTP_" and the zero byte, less the blank at the colon.
 constexpr int header_text_max = 4089;
 constexpr std::size_t address_bytes = 46;
 
@@ -134,6 +142,7 @@ int size_of(std::string_view text) {
     return static_cast<int>(text.size());
 }
 
+// The root in force for this request: its namespace's.
 std::string_view document_root(const conn* c) {
     return c->request.ns != nullptr ? c->request.ns->root : c->ctx->document_root;
 }
@@ -152,6 +161,7 @@ void add_server(const conn* c, env_block* block) {
     addenv(block, "PLX_VAR_DIR=%s", c->ctx->var_dir.c_str());
 }
 
+// A peer on a local socket, as inetd may hand one over, has no port and the address "-".
 void add_peer(const conn* c, env_block* block) {
     std::array<char, address_bytes> text{};
     const auto* peer = reinterpret_cast<const sockaddr*>(&c->peer);
@@ -175,6 +185,8 @@ void add_script(const conn* c, const char* prog, env_block* block) {
     addenv(block, "PATH_TRANSLATED=%s", prog);
 }
 
+// Kept: without a recorded role, which means a server without access control, programs are told
+// that an administrator calls; and the list of groups ends in a comma.
 void add_caller(const conn* c, env_block* block) {
     const std::string_view role =
         c->request.recorded_role.empty() ? "admin" : std::string_view(c->request.recorded_role);
@@ -188,6 +200,7 @@ void add_caller(const conn* c, env_block* block) {
     }
 }
 
+// Kept: the query arrives decoded, so "a=%26" and "a=&" are the same to a program.
 void add_request(const conn* c, env_block* block) {
     const request_data& request = c->request;
     const std::string_view type = request.headers.content_type;
@@ -205,6 +218,7 @@ void add_request(const conn* c, env_block* block) {
     }
 }
 
+// Of the daemon's own environment only these reach a program.
 void add_own_variables(env_block* block) {
     constexpr std::array<const char*, 11> names = {
         "PATH",        "LD_LIBRARY_PATH", "LC_ALL",     "LANG",    "LC_COLLATE", "LC_CTYPE",
@@ -216,6 +230,7 @@ void add_own_variables(env_block* block) {
     }
 }
 
+// Kept: callers known by the handshake are "Basic", too.
 void add_user(const conn* c, env_block* block) {
     if (!c->user_name.empty()) {
         addenv(block, "REMOTE_USER=%.*s", size_of(c->user_name), c->user_name.data());
@@ -223,6 +238,7 @@ void add_user(const conn* c, env_block* block) {
     }
 }
 
+// The option's items are variables as they stand; an empty item ends the list.
 void add_configured(const conn* c, env_block* block) {
     std::string_view items = c->ctx->cgi_envvar;
     for (std::string_view item = next_list_entry(items); !item.empty();
@@ -261,6 +277,7 @@ void add_header(std::string_view line, env_block* block) {
     block->used += size_of(text) + 1;
 }
 
+// Kept: every header becomes a variable, Authorization and Proxy included, and repeated ones twice.
 void add_headers(const conn* c, env_block* block) {
     std::string_view rest = c->request.header_block();
     while (!rest.empty()) {
@@ -318,6 +335,7 @@ int my_socketpair(conn* c, int sp[2]) {
     return 0;
 }
 
+// Programs see this order, and what no longer fits is left out: what matters most comes first.
 void build_cgi_environment(conn* c, const char* prog, env_block* block) {
     add_server(c, block);
     add_peer(c, block);

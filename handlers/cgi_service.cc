@@ -27,12 +27,12 @@ struct service_record {
     process_record process;
 };
 
-service_record hobintf;
+service_record hobintf;  // the only one; its fields are of use only together
 
-constexpr std::size_t value_max = 2047;
-constexpr std::size_t announcement_max = 4096;
+constexpr std::size_t value_max = 2047;         // longer paths and items are cut
+constexpr std::size_t announcement_max = 4096;  // how far the port may stand in the output
 constexpr std::string_view announcement_mark = "PORT : ";
-constexpr int slice_ms = 1000;
+constexpr int slice_ms = 1000;  // how long a signal to end may go unnoticed
 constexpr int port_max = 65535;
 
 // The item of a comma-separated list that contains `name`, from the name on. Kept: the name is
@@ -58,6 +58,7 @@ void add_own_variable(env_block* block, const char* name) {
     }
 }
 
+// What the service needs to find its files; nothing of a request, which it has none of.
 void build_environment(const shttpd_ctx* ctx, const std::string& root_item, env_block* block) {
     addenv(block, "%s", find_item(ctx->cgi_envvar, "PERL5LIB").c_str());
     addenv(block, "%s", root_item.c_str());
@@ -88,17 +89,15 @@ int announced_port(std::string_view text, bool at_end) {
     return port > port_max ? 0 : port;
 }
 
-bool has_digit(std::string_view text) {
-    return announced_port(text, true) > 0;
-}
-
-// Waits for the announcement, which may come in pieces. A pause behind a digit ends the number.
+// Waits for the announcement, which may come in pieces. A pause behind a digit ends the number: a
+// service may say nothing more, not even a line feed. Returns 0 when there will be no port. The
+// ports are open meanwhile and nobody is served, so a service should announce itself first.
 int read_port(int fd) {
     std::string text;
     while (exit_flag == 0) {
         pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
         const int ready = poll(&entry, 1, slice_ms);
-        if (ready == 0 && has_digit(text)) {
+        if (ready == 0 && announced_port(text, true) > 0) {
             return announced_port(text, true);
         }
         if (ready <= 0) {
@@ -127,12 +126,13 @@ int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lowe
     env_block block;
     const std::string root_item = find_item(ctx->cgi_envvar, "PLX_INSTALL_ROOT");
     build_environment(ctx, root_item, &block);
+    // Kept: without the item the program is /bin/NAME.
     const std::size_t equals = root_item.find('=');
     const std::string root = equals == std::string::npos ? "" : root_item.substr(equals + 1);
     const std::string directory = (root + "/bin").substr(0, value_max);
     const std::string program = (root + "/bin/" + lower_name).substr(0, value_max);
 
-    conn service;
+    conn service;  // what starting a program and logging need of a connection: the context
     service.ctx = ctx;
     int sp[2] = {-1, -1};
     if (my_socketpair(&service, sp) != 0) {
@@ -162,7 +162,7 @@ int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lowe
 
 int stop_cgi_services() {
     if (hobintf.stdio >= 0) {
-        (void)close(hobintf.stdio);
+        (void)close(hobintf.stdio);  // the end of its input asks it to end by itself
     }
     (void)stop_process(&hobintf.process);
     hobintf = service_record();

@@ -4,8 +4,9 @@
 
 namespace {
 
-constexpr std::uint64_t size_max = UINT64_MAX >> 8;
+constexpr std::uint64_t size_max = UINT64_MAX >> 8;  // one digit more can't overflow
 
+// The value of a hexadecimal digit, -1 for anything else.
 int hex_value(char c) {
     if (c >= '0' && c <= '9') {
         return c - '0';
@@ -36,6 +37,7 @@ chunk_scanner::state chunk_scanner::step(char c) {
             }
             return c == ';' || c == ' ' || c == '\t' ? state::extension : add_digit(c);
         case state::extension:
+            // A line feed of its own ends the line for some readers and not for others.
             if (c == '\n') {
                 return state::broken;
             }
@@ -60,7 +62,7 @@ chunk_scanner::state chunk_scanner::step(char c) {
             return c == '\n' ? state::trailer_start : state::broken;
         case state::last_end:
             return c == '\n' ? state::done : state::broken;
-        case state::data:
+        case state::data:  // taken in runs by consume
         case state::done:
         case state::broken:
             break;
@@ -80,7 +82,7 @@ std::size_t chunk_scanner::consume(std::string_view bytes) {
             }
         } else {
             state_ = step(bytes[at]);
-            at += failed() ? 0 : 1;
+            at += failed() ? 0 : 1;  // the byte that breaks the body is none of it
         }
     }
     return at;

@@ -1,6 +1,8 @@
 // Finds the end of a body in chunked transfer coding without changing a byte of it.
 //
-// Strict on purpose: a body that two readers could end at different places counts as broken.
+// Strict on purpose: a body that two readers could end at different places counts as broken. Sizes
+// are hexadecimal and count bytes; lines end in carriage return and line feed. Extensions and
+// trailers are passed over. Plain data, a few words, freely copied: a copy can look ahead.
 #pragma once
 
 #include <cstddef>
@@ -13,17 +15,19 @@ class chunk_scanner {
     // body ended or broke within them. Call it no more after that.
     std::size_t consume(std::string_view bytes);
 
+    // The last chunk and its trailer have gone by.
     [[nodiscard]] bool complete() const { return state_ == state::done; }
+    // The bytes are no such body, or one that readers may take differently.
     [[nodiscard]] bool failed() const { return state_ == state::broken; }
 
   private:
     enum class state : std::uint8_t {
-        first_digit,
+        first_digit,  // a chunk's size must have one
         digits,
-        extension,
-        size_end,  // the line feed behind a chunk's size
+        extension,  // between the size and the end of its line
+        size_end,   // the line feed behind a chunk's size
         data,
-        data_return,
+        data_return,  // the two bytes behind a chunk's data
         data_end,
         trailer_start,  // the first byte of a trailer line or of the last, empty one
         trailer_line,

@@ -17,6 +17,7 @@
 
 namespace {
 
+// Kept: the reason is OK whatever the status is; five blanks leave room for its digits.
 constexpr std::string_view placeholder = "HTTP/1.1     OK\r\n";
 
 // The program will get no further body byte: it sees the end of its input.
@@ -26,6 +27,8 @@ void end_input(stream* s) {
 }
 
 // The block in front is complete: decides status, length and keep-alive, and releases the reply.
+// Kept: a Location makes any status 302, and the program's own Status and Location lines stay among
+// the headers.
 void accept_headers(stream* s) {
     conn* c = s->connection;
     header_values values;
@@ -62,6 +65,7 @@ ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
 
 ssize_t write_cgi(stream* s, const void* buffer, std::size_t length) {
     const body_allowance allowance = allowed_body(s, buffer, length);
+    // The program may have ended without reading: its answer is read all the same.
     const ssize_t n =
         allowance.bytes > 0 ? send(s->channel.fd, buffer, allowance.bytes, MSG_NOSIGNAL) : 0;
     if (n < 0) {
@@ -99,6 +103,7 @@ void do_cgi(conn* c) {
     const bool post = c->request.method == method_post;
     install_class(&local, &io_cgi, local.channel.fd,
                   post ? sf_readable | sf_writable : std::uint32_t{sf_readable});
+    // Programs read their input to its end even when they expect none.
     if (!post || c->request.body_left == 0) {
         end_input(&local);
     } else {

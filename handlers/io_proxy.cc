@@ -53,6 +53,7 @@ ssize_t checked_count(std::int32_t count, std::int32_t length) {
     return -1;
 }
 
+// Like recv, through the channel when there is one.
 ssize_t receive(stream* s, void* buffer, std::size_t length) {
     void* channel = channel_of(s);
     if (channel == nullptr) {
@@ -66,6 +67,7 @@ ssize_t receive(stream* s, void* buffer, std::size_t length) {
     return checked_count(count, asked);
 }
 
+// Like send, through the channel when there is one.
 ssize_t deliver(stream* s, const void* buffer, std::size_t length) {
     void* channel = channel_of(s);
     if (channel == nullptr) {
@@ -104,7 +106,8 @@ std::size_t scan_reply(stream* s, std::string_view bytes) {
     return own;
 }
 
-// Whether the client connection ends with this reply.
+// Whether the client connection ends with this reply. Kept: all but the service's do, whatever
+// target and client say.
 bool must_close(const conn* c, const header_values& values, reply_end end) {
     return !c->request.uri.starts_with("/hob://") || c->request.major == 0 ||
            c->request.minor == 0 || starts_with_nocase(values.connection, "close") ||
@@ -135,6 +138,7 @@ void judge_first_body_bytes(stream* s, reply_end end) {
     }
 }
 
+// The headers are complete: decides where the reply ends and what is kept, and releases it.
 void accept_headers(stream* s) {
     conn* c = s->connection;
     const std::string_view head(s->buffer, s->header_length);
@@ -167,7 +171,7 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
     }
     s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
     const ssize_t n = receive(s, buffer, length);
-    const int error = errno;
+    const int error = errno;  // of the read, whatever the tracking of answers does
     if (n > 0) {
         note_service_answer(c, {static_cast<const char*>(buffer), static_cast<std::size_t>(n)});
     }
@@ -201,11 +205,13 @@ ssize_t write_proxy(stream* s, const void* buffer, std::size_t length) {
     const auto sent = static_cast<std::size_t>(n);
     note_body_sent(s, buffer, sent);
     if (allowance.last && sent == allowance.bytes) {
+        // No shutdown: some servers take a half-closed connection for one that was given up.
         s->flags &= ~static_cast<std::uint32_t>(sf_writable);
     }
     return n;
 }
 
+// The record of a kept target is the engine's to free: it follows the poll slot.
 void close_proxy(stream* s) {
     conn* c = s->connection;
     leave_service_exchange(c);

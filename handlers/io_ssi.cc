@@ -89,15 +89,18 @@ struct ssi_descriptor {
 
 namespace {
 
+// A page is always ready to be read; a command is when its pipe is.
 constexpr std::uint32_t copying_flags = sf_readable | sf_keep_open | sf_always_ready;
 constexpr std::uint32_t relaying_flags = sf_readable | sf_keep_open;
 
+// For "%.*s".
 int print_length(std::string_view text) {
     return static_cast<int>(text.size());
 }
 
 // --- Functions ---
 
+// Of functions with the same name the first one registered.
 const ssi_func* find_function(conn* c, std::string_view name) {
     for (const ssi_func& func : c->ctx->ssi_funcs) {
         if (func.name == name) {
@@ -107,6 +110,7 @@ const ssi_func* find_function(conn* c, std::string_view name) {
     return nullptr;
 }
 
+// Conditions have no output and no state; a name that nobody registered is false.
 bool evaluate(conn* c, std::string_view argument) {
     const ssi_func* func = find_function(c, trim_blanks(argument));
     if (func == nullptr) {
@@ -152,6 +156,8 @@ void do_call(ssi_descriptor* ssi, std::string_view argument) {
     level.state = level_state::calling;
 }
 
+// Starts the command; its output is relayed as it comes, so that a slow one stops nobody.
+// Kept: the command is URL-decoded, which makes "+" a blank.
 void do_exec(ssi_descriptor* ssi, std::string_view argument) {
     ssi_level& level = ssi->level();
     conn* c = ssi->connection;
@@ -181,6 +187,7 @@ void do_exec(ssi_descriptor* ssi, std::string_view argument) {
     level.state = level_state::relaying;
 }
 
+// Kept: a name may climb out of the root. Whoever writes pages may run commands, too.
 std::string include_path(const conn* c, const ssi_include& include) {
     const request_data& request = c->request;
     const std::string& root = request.ns != nullptr ? request.ns->root : c->ctx->document_root;
@@ -237,7 +244,7 @@ void do_include(ssi_descriptor* ssi, std::string_view argument) {
         return;
     }
     ++ssi->index;
-    ssi->level() = ssi_level();
+    ssi->level() = ssi_level();  // a used level still holds its last section's state
     ssi->level().file = std::move(file);
 }
 
@@ -305,6 +312,7 @@ void end_pending(ssi_descriptor* ssi, ssi_scanner::event event, page_output* out
     }
 }
 
+// Stops while what is held back would still fit: nothing that turns out to be text is ever cut.
 bool copy_text(ssi_descriptor* ssi, page_output* out) {
     ssi_level& level = ssi->level();
     while (level.scanner.pending().size() < out->room()) {
@@ -342,6 +350,7 @@ void end_relay(ssi_descriptor* ssi) {
     ssi->level().state = level_state::text;
 }
 
+// One read a visit: the engine knows when there is more.
 bool relay_output(ssi_descriptor* ssi, page_output* out) {
     if (out->room() == 0) {
         return false;
@@ -358,6 +367,7 @@ bool relay_output(ssi_descriptor* ssi, page_output* out) {
     return true;
 }
 
+// Kept: a function that neither writes nor ends is called on every pass until the client gives up.
 bool continue_call(ssi_descriptor* ssi, page_output* out) {
     ssi_level& level = ssi->level();
     if (out->room() == 0 || !call_function(ssi->connection, &level, out, 0)) {
@@ -390,6 +400,8 @@ ssize_t read_ssi(stream* s, void* buffer, std::size_t length) {
     return static_cast<ssize_t>(out.used);
 }
 
+// Closes what every level holds. A function that was not done is told, so that it can let go of its
+// state.
 void close_ssi(stream* s) {
     ssi_descriptor* ssi = s->channel.ssi;
     ssi_level& level = ssi->level();
@@ -425,6 +437,7 @@ constinit const io_class io_ssi = {
 void do_ssi(conn* c) {
     c->request.status = 200;
     c->close_after = true;
+    // Until io_ssi is installed the descriptor is io_file's, which closes it on the early ways out.
     if (c->request.method == method_head) {
         write_head(c);
         stop_stream(&c->local);

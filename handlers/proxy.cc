@@ -37,6 +37,7 @@ struct authority {
     std::string_view port;  // the digits behind the colon and what follows them
 };
 
+// Host and port of any of the forms; both empty when the URI names none.
 authority authority_of(std::string_view uri) {
     const std::size_t mark = uri.find("://");
     if (mark == std::string_view::npos) {
@@ -48,6 +49,7 @@ authority authority_of(std::string_view uri) {
     return {host, behind.starts_with(':') ? behind.substr(1) : std::string_view()};
 }
 
+// As much of a port as is compared.
 std::string_view port_digits(std::string_view text) {
     constexpr std::size_t compared = 4;
     return text.substr(0, text.find_first_not_of("0123456789")).substr(0, compared);
@@ -86,6 +88,8 @@ bool is_own_host(const std::string& host) {
 
 // --- Forwarding ---
 
+// The head goes out in front of the body through the same buffer, so from here on the engine moves
+// one sequence of bytes.
 void forward_head(conn* c, const proxy_target& target) {
     const stream_ptr head(new_qz_stream(initial_head_bytes));
     if (!create_proxy_headers(c, target, head.get()) || safe_write(c, head.get()) < 0) {
@@ -93,6 +97,7 @@ void forward_head(conn* c, const proxy_target& target) {
         return;
     }
     watch_request_body(&c->local);
+    // A chunked body is scanned for its end; the head in front of it is not part of it.
     if (relay_scanners* scanners = scanners_of(&c->local)) {
         scanners->request_skip = head->length;
     }
@@ -140,6 +145,8 @@ bool is_loopback(conn* c, std::string* path) {
     if (!is_own_port(c->ctx, own.port) || !is_own_host(std::string(own.host))) {
         return false;
     }
+    // The caller was admitted for the role that the proxied form showed. Decoding can't turn it
+    // into another one: a segment with an escape in it was no known role.
     adjust_uri(c);
     split_and_decode_uri(c);
     clean_uri(&c->request.uri);
@@ -164,6 +171,7 @@ void do_proxy(conn* c) {
     start_proxy_relay(c);
     proxy_target target = parse_target(c);
     const bool to_service = target.scheme == "hob";
+    // The service's standard input can't carry a body, and its length decides which way to go.
     const bool unclear =
         !has_clear_body(c) || (to_service && c->request.body_left == unlimited_body);
     if (target.scheme.empty() || unclear) {

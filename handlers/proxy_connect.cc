@@ -27,7 +27,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds connect_limit{4};
+constexpr std::chrono::seconds connect_limit{4};  // for all addresses of a target together
 constexpr std::size_t host_max = 255;
 constexpr int port_max = 65535;
 
@@ -36,12 +36,15 @@ struct address_deleter {
 };
 using address_list = std::unique_ptr<addrinfo, address_deleter>;
 
+// Never negative: poll() would take that for "for ever".
 int milliseconds_until(clock_type::time_point deadline) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
     return std::max(0, static_cast<int>(left.count()));
 }
 
+// All addresses of the host in the resolver's order; empty when there are none. Waits for the name
+// servers as long as the system's resolver does.
 address_list resolve(const std::string& host) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -62,11 +65,14 @@ void set_port(addrinfo* address, int port) {
     }
 }
 
+// A signal does not stop a connect: it goes on in the background like one in progress.
 bool connect_started(int fd, const addrinfo& address) {
     return connect(fd, address.ai_addr, address.ai_addrlen) == 0 || errno == EINPROGRESS ||
            errno == EINTR || errno == EALREADY || errno == EEXIST;
 }
 
+// A connected, non-blocking socket, or an empty one. Heads and bodies are written in one piece
+// where that is possible, so nothing is gained by holding small packets back.
 unique_fd connect_to(const addrinfo& address, clock_type::time_point deadline) {
     unique_fd fd(socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd || !connect_started(fd.get(), address) ||
@@ -83,6 +89,7 @@ unique_fd connect_to(const addrinfo& address, clock_type::time_point deadline) {
     return fd;
 }
 
+// "localhost" may have an address that nobody listens on in front of the right one.
 unique_fd connect_to_host(const std::string& host, int port, clock_type::time_point deadline) {
     const address_list addresses = resolve(host);
     for (addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
@@ -92,6 +99,13 @@ unique_fd connect_to_host(const std::string& host, int port, clock_type::time_po
         }
     }
     return unique_fd();
+}
+
+void close_channel(conn* c) {
+    if (c->proxy_channel != nullptr) {
+        (void)molbAtSecConnClose(&c->proxy_channel);
+        c->proxy_channel = nullptr;
+    }
 }
 
 // Sets up the target's secure channel. The library bounds its handshake; one that asks to be
@@ -116,13 +130,12 @@ bool secure_channel(conn* c, int fd, clock_type::time_point deadline) {
         pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
         (void)poll(&entry, 1, std::min(retry_ms, milliseconds_until(deadline)));
     }
-    if (c->proxy_channel != nullptr) {
-        (void)molbAtSecConnClose(&c->proxy_channel);
-        c->proxy_channel = nullptr;
-    }
+    close_channel(c);
     return false;
 }
 
+// The record keeps descriptor and slot; the stream uses them while it serves the request. What the
+// slot last reported is older than this use.
 void share_with_local_stream(conn* c, const proxy_record& record) {
     c->local.channel.fd = record.fd;
     c->local.poll_index = record.poll_index;
@@ -171,12 +184,10 @@ int connect_unsecure(conn* c, const proxy_target& target, bool secure) {
     if (!fd || (secure && !secure_channel(c, fd.get(), deadline))) {
         return -1;
     }
+    // Only now: a slot whose descriptor is closed again would be reported for ever.
     const int index = get_poll_index(fd.get());
     if (index < 0) {
-        if (c->proxy_channel != nullptr) {
-            (void)molbAtSecConnClose(&c->proxy_channel);
-            c->proxy_channel = nullptr;
-        }
+        close_channel(c);
         return -1;
     }
     set_poll_owner(index, c);
@@ -207,6 +218,8 @@ int connect_local_service(conn* c) {
     if (!fd) {
         return -1;
     }
+    // A service whose queue is full answers EAGAIN and counts as absent: there is nothing to wait
+    // on.
     const bool connected =
         connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
         errno == EEXIST || errno == EINPROGRESS;

@@ -22,9 +22,10 @@ constexpr std::array<std::string_view, 13> proxy_headers = {
     "SOAPAction: ",
 };
 
-constexpr std::size_t identity_max = 128;
-constexpr std::size_t encoded_bytes = 176;
+constexpr std::size_t identity_max = 128;   // "user:role"
+constexpr std::size_t encoded_bytes = 176;  // what they take as base64, terminated
 
+// The formatting call of the stream ends a text of 1024 bytes one byte early; this one does not.
 void write_text(qz_stream* out, std::string_view text) {
     (void)qz_write_stream(out, text.data(), static_cast<std::uint32_t>(text.size()));
 }
@@ -54,10 +55,12 @@ header_match find_header(std::string_view block, std::string_view name) {
     return match;
 }
 
+// No sign, no list, no blanks: whatever a target reads numbers with, it is the same.
 bool is_decimal(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
+// Kept: a caller without a name is "root", one without a recorded role "admin".
 bool write_identity(const conn* c, qz_stream* head) {
     std::string identity = c->user_name.empty() ? "root" : c->user_name;
     identity.append(":").append(c->request.recorded_role.empty() ? "admin"
@@ -123,6 +126,7 @@ int safe_write_bytes(conn* c, std::string_view bytes) {
     }
     std::memmove(remote.buffer + n, remote.buffer + remote.tail, pending);
     std::memcpy(remote.buffer, bytes.data(), n);
+    // From here on the bytes count as body: all limits on it move along.
     remote.tail = 0;
     remote.head = pending + n;
     remote.total += n;

@@ -11,13 +11,14 @@
 namespace {
 
 constexpr int default_port = 80;
-constexpr int port_limit = 65536;
+constexpr int port_limit = 65536;  // stands for every number that is no port
 
 struct uri_form {
     std::string_view prefix;
     std::string_view scheme;
 };
 
+// What a client may write in front of a host; the second is how it speaks to a proxy.
 constexpr std::array<uri_form, 5> uri_forms = {{
     {"/http://", "http"},
     {"http://", "http"},
@@ -26,6 +27,7 @@ constexpr std::array<uri_form, 5> uri_forms = {{
     {"/hob://", "hob"},
 }};
 
+// The decimal number at the start, 0 without one, at most port_limit.
 int leading_number(std::string_view text) {
     int number = 0;
     for (const char c : text) {
@@ -37,6 +39,7 @@ int leading_number(std::string_view text) {
     return number;
 }
 
+// Host, port and path behind "://". Kept: everything up to ":" or "/" is the host, a "?" included.
 void read_authority(const conn* c, std::string_view rest, proxy_target* target) {
     target->host = rest.substr(0, rest.find_first_of(":/"));
     const std::string_view behind = rest.substr(target->host.size());
@@ -68,6 +71,7 @@ proxy_target parse_target(const conn* c) {
     target.method = known_http_methods[static_cast<std::size_t>(c->request.method)].data();
     const std::string_view rest = uri.substr(form->prefix.size());
     if (target.scheme == "httpu") {
+        // The service sees the absolute form; the host only tells the role (see get_role_from_uri).
         target.host = rest.substr(0, rest.find(':'));
         target.path = uri.substr(1);
     } else {

@@ -1,4 +1,7 @@
 // Where a forwarded request goes, as its URI says.
+//
+// Pure reading: nothing is resolved, connected or changed. The forms are "/http://", "http://",
+// "/https://", "/httpu://" and "/hob://", case-sensitive.
 #pragma once
 
 #include <string>
@@ -10,8 +13,8 @@
 struct proxy_target {
     std::string_view scheme;  // "http", "https", "httpu" or "hob"; empty: not a proxy URI
     const char* method = "";
-    std::string host;
-    int port = 80;
+    std::string host;       // a copy: a name for the daemon's own use may take its place
+    int port = 80;          // host byte order; 0: the companion service has none
     std::string_view path;  // for "httpu" the URI from its scheme on
 };
 

@@ -13,10 +13,10 @@
 
 namespace {
 
-constexpr std::size_t status_offset = 9;
+constexpr std::size_t status_offset = 9;  // behind "HTTP/1.1 "
 constexpr std::size_t status_digits = 3;
 
-// The status in a status line, 0 when the reply does not begin with one.
+// The status in a status line; 0 when the reply does not begin with one.
 int status_of(std::string_view head) {
     if (!head.starts_with("HTTP/") || head.size() < status_offset + status_digits) {
         return 0;
@@ -31,6 +31,7 @@ int status_of(std::string_view head) {
     return status;
 }
 
+// Whether a length was announced at all: parsed values say 0 for "0" and for none.
 bool names_length(std::string_view head) {
     for (std::size_t at = head.find('\n'); at != std::string_view::npos;
          at = head.find('\n', at + 1)) {
@@ -53,6 +54,7 @@ ssize_t refuse_head(stream* s, std::size_t own_bytes) {
 
 }  // namespace
 
+// Kept: of a longer number the first three digits, of a shorter one blanks in front.
 void write_status(char* status_line, std::uint64_t status) {
     std::array<char, 24> text{};
     (void)std::snprintf(text.data(), text.size(), "%3llu", static_cast<unsigned long long>(status));
@@ -84,9 +86,11 @@ ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules) {
 
 reply_end find_reply_end(std::string_view head, const header_values& values, int method) {
     const int status = status_of(head);
+    // These have no body whatever length they announce: it is that of the body left out.
     if (method == method_head || status == 204 || status == 304) {
         return reply_end::at_once;
     }
+    // A coding outranks a length; the end of one that is not known here is the sender's close.
     if (!values.transfer_encoding.empty()) {
         return equals_nocase(values.transfer_encoding, "chunked") ? reply_end::chunked
                                                                   : reply_end::with_close;
@@ -124,6 +128,7 @@ body_allowance allowed_body(const stream* s, const void* bytes, std::size_t leng
     if (scanners == nullptr || !scanners->scans_request) {
         return {.bytes = length, .last = length == s->connection->request.body_left};
     }
+    // The same bytes may be offered again after a short write, so a copy looks ahead.
     const std::size_t skip = std::min(scanners->request_skip, length);
     chunk_scanner probe = scanners->request;
     const std::size_t allowed =

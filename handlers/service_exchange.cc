@@ -26,7 +26,7 @@ namespace {
 constexpr const char* unreachable = "Internal server error. Could not connect to hob server.";
 constexpr const char* no_slot = "Internal server error. Maximum connections reached.";
 constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
-constexpr std::time_t stale_limit_s = 300;
+constexpr std::time_t stale_limit_s = 300;  // how long an answer that nobody reads holds others up
 
 // Follows an answer to its end. The service never learns the method: its answer has a body even
 // when the client asked for none.
@@ -60,8 +60,10 @@ class answer_tracker {
     }
 
   private:
+    // What is kept of a head that nobody reads any more; a relayed one ends with the buffer.
     static constexpr std::size_t head_max = std::size_t{1} << 20;
 
+    // A body that only its sender's close would end is never complete.
     void feed_body(std::string_view bytes) {
         if (end_ == reply_end::counted) {
             left_ -= std::min<std::uint64_t>(left_, bytes.size());
@@ -131,6 +133,7 @@ bool drop_old_answer(int fd) {
     return false;
 }
 
+// The bare path is all that the service reads: no method, no headers, no line end.
 void start_exchange(conn* c) {
     const proxy_target target = parse_target(c);
     if (safe_write_bytes(c, target.path) < 0) {
@@ -175,6 +178,7 @@ void leave_service_exchange(const conn* c) {
         return;
     }
     if (service.started) {
+        // Not a byte of the path has left: then there is no answer to come.
         const bool sent = c->request.body_left < service.request_bytes;
         service.stale = sent && !service.answer.complete();
         service.stale_until = current_time + stale_limit_s;

@@ -9,6 +9,7 @@
 
 namespace {
 
+// Between fork and exec: system calls only.
 [[noreturn]] void run_child(int output, const char* command) {
     reset_child_signals();
     const int input = open("/dev/null", O_RDONLY);
@@ -29,6 +30,7 @@ unique_fd start_shell_command(const char* command) {
     }
     unique_fd output(ends[0]);
     unique_fd input(ends[1]);
+    // The two ends are separate: the command's own writes still wait for room.
     if (set_non_blocking_mode(output.get()) != 0) {
         return unique_fd();
     }

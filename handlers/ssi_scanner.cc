@@ -12,6 +12,7 @@ struct command_row {
     ssi_command command;
 };
 
+// In matching order; a name that ends in a blank needs one behind it.
 constexpr std::array<command_row, 7> known_ssi_commands = {{
     {"include ", ssi_command::include},
     {"if ", ssi_command::condition_if},
@@ -40,6 +41,7 @@ ssi_scanner::event ssi_scanner::feed(char c) {
         return event::character;
     }
     text_[used_++] = c;
+    // Still in "<!--#": the first character that differs makes all of it text.
     if (used_ <= opening.size()) {
         return c == opening[used_ - 1] ? event::held : event::text;
     }
@@ -75,6 +77,7 @@ std::optional<ssi_include> parse_ssi_include(std::string_view argument) {
     return std::nullopt;
 }
 
+// The last quote ends the command, so it may contain others.
 std::optional<std::string_view> parse_ssi_exec(std::string_view argument) {
     const std::string_view quoted = trim_blanks(argument);
     if (quoted.size() < 2 || quoted.front() != '"' || quoted.back() != '"') {

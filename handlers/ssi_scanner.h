@@ -1,6 +1,7 @@
 // Finding and reading the directives of a page: pure text in, text out.
 //
-// A directive begins with "<!--#", names a command and ends with "-->".
+// A directive begins with "<!--#", names a command and ends with "-->". Nothing here knows files or
+// connections; views that are returned point into the text that was handed in.
 #pragma once
 
 #include <array>
@@ -34,6 +35,7 @@ class ssi_scanner {
     std::size_t used_ = 0;
 };
 
+// The commands by what they do; their names stand in the source.
 enum class ssi_command : std::uint8_t {
     unknown,
     include,
@@ -62,7 +64,7 @@ enum class ssi_include_form : std::uint8_t {
 
 struct ssi_include {
     ssi_include_form form = ssi_include_form::plain;
-    std::string_view name;  // URL-encoded
+    std::string_view name;  // URL-encoded, without its quotes
 };
 
 // Reads the argument of "include"; nothing when the form is unknown or a quote is missing.
