@@ -22,18 +22,10 @@ namespace {
 constexpr std::time_t half_past_ten = 1750069800;  // 2025-06-16 10:30:00 UTC, a Monday
 constexpr const char* berlin = "CET-1CEST,M3.5.0,M10.5.0/3";
 
-struct start_record {
-    std::string id;
-    std::time_t minute;
-
-    bool operator==(const start_record&) const = default;
-};
-
-std::time_t now_s;
-std::vector<start_record> starts;
+std::vector<std::string> started;  // the ids, since somebody has cleared it
 
 pid_t record_start(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
-    starts.push_back({entry->id, min_floor(now_s)});
+    started.push_back(entry->id);
     return 1;
 }
 
@@ -42,25 +34,14 @@ void use_zone(const char* rule) {
     tzset();
 }
 
-std::vector<std::string> ids_of_starts() {
-    std::vector<std::string> ids;
-    ids.reserve(starts.size());
-    for (const start_record& s : starts) {
-        ids.push_back(s.id);
-    }
-    starts.clear();
-    return ids;
-}
-
 using texts = std::vector<std::string>;
+using state_ptr = std::unique_ptr<scheduler_state, void (*)(scheduler_state*)>;
 
 // A scheduler that is driven by hand.
 class driven_scheduler {
   public:
     driven_scheduler(const std::string& lines, std::time_t at)
-        : state_(new_scheduler_state(record_start)) {
-        starts.clear();
-        now_s = at;
+        : state_(new_scheduler_state(record_start), delete_scheduler_state) {
         edit(lines);
         read_schedules(state_.get(), nullptr, path_.c_str(), at);
         state_->floor = at;
@@ -73,10 +54,10 @@ class driven_scheduler {
     }
     // One periodic check; the ids that it started.
     texts check(std::time_t at) {
-        now_s = at;
+        started.clear();
         sched_check(state_.get(), nullptr, at);
-        (void)calc_next_wakeup(state_.get(), at);
-        return ids_of_starts();
+        EXPECT_LE(calc_next_wakeup(state_.get(), at), at + 3600);
+        return started;
     }
     [[nodiscard]] std::time_t next(const char* id) const {
         const auto* entry = qz_as<schedule_entry>(qz_map_find(state_->entries, id));
@@ -85,17 +66,13 @@ class driven_scheduler {
     [[nodiscard]] scheduler_state* state() const { return state_.get(); }
 
   private:
-    struct deleter {
-        void operator()(scheduler_state* state) const { delete_scheduler_state(state); }
-    };
     temporary_folder folder_;
     std::string path_;
-    std::unique_ptr<scheduler_state, deleter> state_;
+    state_ptr state_;
 };
 
-class scheduler_engine : public testing::Test {
-  protected:
-    void SetUp() override { use_zone("UTC0"); }
+struct scheduler_engine : testing::Test {
+    scheduler_engine() { use_zone("UTC0"); }
 };
 
 // The runs of one expression from a moment on, found by following the wake-up times.
@@ -132,17 +109,12 @@ TEST(Planning, AgreesWithTheTable) {
             continue;
         }
         std::istringstream fields(line);
-        std::string zone;
-        std::string start;
-        std::string expression;
-        std::string minutes;
+        std::string zone, start, expression;
         std::getline(fields, zone, '|');
         std::getline(fields, start, '|');
         std::getline(fields, expression, '|');
-        std::getline(fields, minutes, '|');
         std::vector<long> expected;
-        std::istringstream numbers(minutes);
-        for (long minute = 0; numbers >> minute;) {
+        for (long minute = 0; fields >> minute;) {
             if (minute < 299L * 1440) {
                 expected.push_back(minute);
             }
@@ -163,14 +135,9 @@ struct matcher_row {
 const std::vector<matcher_row> simulated = {
     {"every", "* * * * *", [](const std::tm&) { return true; }},
     {"hourly", "0 * * * *", [](const std::tm& t) { return t.tm_min == 0; }},
-    {"halves", "0,30 * * * *", [](const std::tm& t) { return t.tm_min % 30 == 0; }},
-    {"last", "59 * * * *", [](const std::tm& t) { return t.tm_min == 59; }},
     {"edges", "58-59,0-1 * * * *", [](const std::tm& t) { return (t.tm_min + 2) % 60 < 4; }},
-    {"sevens", "*/7 * * * *", [](const std::tm& t) { return t.tm_min % 7 == 0; }},
     {"night", "0-30/15 2 * * *",
      [](const std::tm& t) { return t.tm_hour == 2 && t.tm_min <= 30 && t.tm_min % 15 == 0; }},
-    {"sunday", "0 */2 * * sun",
-     [](const std::tm& t) { return t.tm_wday == 0 && t.tm_hour % 2 == 0 && t.tm_min == 0; }},
     {"either", "5 3 30 * mon",
      [](const std::tm& t) {
          return (t.tm_mday == 30 || t.tm_wday == 1) && t.tm_hour == 3 && t.tm_min == 5;
@@ -194,29 +161,22 @@ start_counts expected_starts(std::time_t from, std::time_t to) {
     return counts;
 }
 
-std::string simulated_file() {
-    std::string lines;
-    for (const matcher_row& row : simulated) {
-        lines += std::string(row.id) + " - " + row.times + " cmd\n";
-    }
-    return lines;
-}
-
 // Checks come every `shortest` to `longest` seconds from a random second on.
 start_counts simulate(std::time_t from, std::time_t to, int shortest, int longest,
                       std::mt19937* random) {
     std::uniform_int_distribution<int> pause(shortest, longest);
     std::uniform_int_distribution<int> phase(0, 34);
     std::time_t now = from + phase(*random);
-    driven_scheduler scheduler(simulated_file(), now);
+    std::string lines;
+    for (const matcher_row& row : simulated) {
+        lines += std::string(row.id) + " - " + row.times + " cmd\n";
+    }
+    driven_scheduler scheduler(lines, now);
     start_counts counts;
     for (; now < to; now += pause(*random)) {
-        now_s = now;
-        sched_check(scheduler.state(), nullptr, now);
-        EXPECT_LE(calc_next_wakeup(scheduler.state(), now), now + 3600);
-    }
-    for (const start_record& s : starts) {
-        ++counts[{s.id, s.minute}];
+        for (const std::string& id : scheduler.check(now)) {
+            ++counts[{id, min_floor(now)}];
+        }
     }
     return counts;
 }
@@ -237,13 +197,6 @@ TEST(Simulation, EveryPlannedMinuteStartsExactlyOnce) {
 
 TEST_F(scheduler_engine, PlansWithinTheHour) {
     const std::time_t ten = half_past_ten - 1800;
-    driven_scheduler five("job - */5 * * * * cmd\n", ten + 450);
-    EXPECT_EQ(five.next("job"), ten + 600);
-    EXPECT_EQ(five.check(ten + 485), texts{});
-    EXPECT_EQ(five.check(ten + 610), texts{"job"});
-    EXPECT_EQ(five.check(ten + 645), texts{});
-    EXPECT_EQ(five.next("job"), ten + 900);
-
     driven_scheduler past("job - 5 * * * * cmd\n", half_past_ten);
     EXPECT_EQ(past.next("job"), 0);
     EXPECT_EQ(past.state()->floor, ten + 3600);
@@ -346,20 +299,6 @@ TEST_F(scheduler_engine, LongIdsMayCollide) {
     EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{same + "1"});
 }
 
-TEST_F(scheduler_engine, Rescan) {
-    driven_scheduler scheduler("a - 31 * * * * cmd\nb - 31 * * * * cmd\n", half_past_ten);
-    scheduler.edit("a pause 31 * * * * cmd\nb - 40 * * * * cmd\nc - 31 * * * * cmd\n");
-    scheduler.rescan("a", half_past_ten + 1);
-    EXPECT_EQ(scheduler.next("a"), -1);
-    EXPECT_EQ(scheduler.next("b"), half_past_ten + 60);
-    EXPECT_EQ(scheduler.next("c"), -1);
-    scheduler.rescan("a", half_past_ten + 1);  // unknown by now: everything
-    EXPECT_EQ(scheduler.next("b"), half_past_ten + 600);
-    EXPECT_EQ(scheduler.next("c"), half_past_ten + 60);
-    scheduler.rescan("c", half_past_ten + 1);
-    EXPECT_EQ(scheduler.check(half_past_ten + 62), texts{"c"});
-}
-
 TEST_F(scheduler_engine, LongLinesComeInPieces) {
     const std::string tail = "piece - 31 * * * * cmd";
     const std::string head = "long - 31 * * * * " + std::string(1023 - 18, 'c');
@@ -372,8 +311,7 @@ TEST_F(scheduler_engine, LongLinesComeInPieces) {
 
 TEST_F(scheduler_engine, NothingToRead) {
     for (const char* path : {static_cast<const char*>(nullptr), "/nonexistent", "/", "/dev/zero"}) {
-        std::unique_ptr<scheduler_state, void (*)(scheduler_state*)> state(
-            new_scheduler_state(record_start), delete_scheduler_state);
+        const state_ptr state(new_scheduler_state(record_start), delete_scheduler_state);
         read_schedules(state.get(), nullptr, path, half_past_ten);
         EXPECT_EQ(qz_map_size(state->entries), 0);
         EXPECT_EQ(calc_next_wakeup(state.get(), half_past_ten), half_past_ten + 1800);
@@ -382,8 +320,7 @@ TEST_F(scheduler_engine, NothingToRead) {
 
 TEST_F(scheduler_engine, Dump) {
     driven_scheduler scheduler(
-        "b - 31 * * * * cmd\na kickoff 30 * * * * cmd\nlong-identifier - 7 - x x x cmd\n"
-        "past - 5 * * * * cmd\n",
+        "b - 31 * * * * cmd\na kickoff 30 * * * * cmd\nlong-identifier - 7 - x x x cmd\n",
         half_past_ten);
     EXPECT_EQ(scheduler.check(half_past_ten + 9), (texts{"a", "a"}));
     auto* entry = qz_as<schedule_entry>(qz_map_find(scheduler.state()->entries, "b"));
@@ -397,19 +334,16 @@ TEST_F(scheduler_engine, Dump) {
               "id=b           interval=0 sortkey=1750069860-b p=0 k=0\n"
               "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Mon Jun 16 10:31:00 2025\n\twaiting...\n"
               "id=long-identifier  interval=7 sortkey=1750070220-long-identifier p=0 k=0\n"
-              "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Mon Jun 16 10:37:00 2025\n\twaiting...\n"
-              "id=past        interval=0 sortkey= p=0 k=0\n"
-              "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Thu Jan  1 00:00:00 1970\n"
-              "\tnot scheduled in this hour\n\n");
-    const auto status_at = [&](std::time_t now) {
-        const std::string text = dump_schedules(scheduler.state(), now);
-        const std::size_t line = text.find("\n\t", text.find("next=", text.find("id=b "))) + 1;
-        return text.substr(line, text.find('\n', line) - line);
+              "\tprev=Thu Jan  1 00:00:00 1970\n\tnext=Mon Jun 16 10:37:00 2025\n\twaiting...\n\n");
+    const auto status_of_b = [&](std::time_t now, const std::string& line) {
+        return dump_schedules(scheduler.state(), now)
+                   .find("\n\tnext=Mon Jun 16 10:31:00 2025\n\t" + line + "\nid=long") !=
+               std::string::npos;
     };
-    EXPECT_EQ(status_at(half_past_ten + 60), "\truns in this minute.");
-    EXPECT_EQ(status_at(half_past_ten + 120), "\tclock is advanced beyond the scheduled time");
+    EXPECT_TRUE(status_of_b(half_past_ten + 60, "runs in this minute."));
+    EXPECT_TRUE(status_of_b(half_past_ten + 120, "clock is advanced beyond the scheduled time"));
     entry->paused = 1;
-    EXPECT_EQ(status_at(half_past_ten + 119), "\tnot runnable because paused");
+    EXPECT_TRUE(status_of_b(half_past_ten + 119, "not runnable because paused"));
 }
 
 }  // namespace
