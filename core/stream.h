@@ -21,6 +21,7 @@ enum stream_flag : std::uint32_t {
     sf_closed = 0x10,
     sf_keep_open = 0x20,     // a read of 0 bytes or an error does not stop the stream
     sf_always_ready = 0x40,  // read without waiting for the poll set
+    sf_more_follows = 0x80,  // more bytes or the close follow at once: bytes may wait for those
 };
 
 struct stream_channel {

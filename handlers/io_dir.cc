@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -34,49 +36,55 @@ struct dir_listing {
 namespace {
 
 // Kept: kilobytes are one too many, so 1024 bytes show as 2k.
-void format_size(const struct stat& status, char* out) {
-    const auto size = static_cast<unsigned long>(status.st_size);
+std::string_view format_size(const struct stat& status, std::array<char, field_bytes>* text) {
     if (S_ISDIR(status.st_mode)) {
-        (void)my_snprintf(out, field_bytes, "%s", "&lt;DIR&gt;");
-    } else if (size < 1024) {
-        (void)my_snprintf(out, field_bytes, "%lu", size);
-    } else if (size < 1024UL * 1024) {
-        (void)my_snprintf(out, field_bytes, "%luk", size / 1024 + 1);
-    } else {
+        return "&lt;DIR&gt;";
+    }
+    const auto size = static_cast<unsigned long>(status.st_size);
+    if (size >= 1024UL * 1024) {
         constexpr float megabytes_per_byte = 1.0F / 1048576.0F;
         const float megabytes = static_cast<float>(size) * megabytes_per_byte;
-        (void)my_snprintf(out, field_bytes, "%.1fM", static_cast<double>(megabytes));
+        const int length =
+            my_snprintf(text->data(), text->size(), "%.1fM", static_cast<double>(megabytes));
+        return {text->data(), static_cast<std::size_t>(length)};
     }
+    const bool kilobytes = size >= 1024;
+    char* end =
+        std::to_chars(text->data(), text->data() + text->size(), kilobytes ? size / 1024 + 1 : size)
+            .ptr;
+    if (kilobytes) {
+        *end++ = 'k';
+    }
+    return {text->data(), static_cast<std::size_t>(end - text->data())};
 }
 
 // "%d-%b-%Y %H:%M" in local time. Neighbours in a listing often share their minute.
-const char* format_minute(std::time_t t) {
+std::string_view format_minute(std::time_t t) {
     static std::time_t minute = -1;
     static char text[field_bytes];
+    static std::size_t length = 0;
     const std::time_t wanted = t - t % 60;
     if (wanted != minute) {
         std::tm local{};
         localtime_r(&t, &local);
-        text[std::strftime(text, sizeof text, "%d-%b-%Y %H:%M", &local)] = '\0';
+        length = std::strftime(text, sizeof text, "%d-%b-%Y %H:%M", &local);
         minute = local.tm_gmtoff % 60 == 0 ? wanted : -1;
     }
-    return text;
+    return {text, length};
 }
 
 // Writes the entry's row and returns its length; a longer one than row_bytes allows is cut.
 // Kept: names stand in the page as they are, neither HTML-escaped nor URL-encoded.
 std::size_t format_row(const conn* c, const dir_listing& listing, std::string_view name,
                        char* out) {
-    char size[field_bytes];
-    format_size(listing.status, size);
+    std::array<char, field_bytes> size;
     std::size_t length = 0;
     for (const std::string_view piece :
          {std::string_view("<tr><td><a href=\""), std::string_view(c->request.uri), name,
           std::string_view("\">"), name,
           std::string_view(S_ISDIR(listing.status.st_mode) ? "/" : ""),
-          std::string_view("</a></td><td>&nbsp;"),
-          std::string_view(format_minute(listing.status.st_mtime)),
-          std::string_view("</td><td>&nbsp;&nbsp;"), std::string_view(size),
+          std::string_view("</a></td><td>&nbsp;"), format_minute(listing.status.st_mtime),
+          std::string_view("</td><td>&nbsp;&nbsp;"), format_size(listing.status, &size),
           std::string_view("</td></tr>\n")}) {
         const std::size_t n = std::min(piece.size(), row_bytes - 1 - length);
         std::memcpy(out + length, piece.data(), n);
@@ -145,7 +153,8 @@ void get_dir(conn* c, const std::string& path) {
         uri, uri));
     c->request.status = 200;
     c->close_after = true;
-    install_class(&local, &io_dir, -1, sf_readable | sf_keep_open | sf_always_ready);
+    install_class(&local, &io_dir, -1,
+                  sf_readable | sf_keep_open | sf_always_ready | sf_more_follows);
     local.channel.dir = new dir_listing{
         .directory = std::unique_ptr<DIR, directory_closer>(directory), .status = {}};
 }

@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/connection.h"
 #include "core/io_class.h"
 #include "core/stream.h"
 
@@ -12,7 +13,8 @@ ssize_t read_socket(stream* s, void* buffer, std::size_t length) {
 }
 
 ssize_t write_socket(stream* s, const void* buffer, std::size_t length) {
-    return send(s->channel.fd, buffer, length, MSG_NOSIGNAL);
+    const int more = s->connection->local.has(sf_more_follows) ? MSG_MORE : 0;
+    return send(s->channel.fd, buffer, length, MSG_NOSIGNAL | more);
 }
 
 void close_socket(stream* s) {
