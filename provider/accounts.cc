@@ -26,6 +26,8 @@ bool equal_ignoring_case(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
+// Takes the text up to the next separator off `rest`, and the separator with it. Past the last
+// field the result is empty, so a missing field and an empty one look the same.
 std::string_view next_field(std::string_view* rest, char separator) {
     const std::size_t end = std::min(rest->find(separator), rest->size());
     const std::string_view field = rest->substr(0, end);
@@ -33,6 +35,7 @@ std::string_view next_field(std::string_view* rest, char separator) {
     return field;
 }
 
+// crypt_data holds intermediate state from which the password could be guessed.
 struct wiping_delete {
     void operator()(crypt_data* data) const {
         explicit_bzero(data, sizeof *data);
@@ -54,6 +57,8 @@ bool is_os_user_name(std::string_view name) {
                                   !equal_ignoring_case(name, administrator.substr(0, name.size())));
 }
 
+// Both refusals guard the daemon's own tests of a full name: equality with "localhost" drops domain
+// and qualifier, and a name that ends in ".qz" gets no rights through groups.
 bool is_qualifier(std::string_view qualifier) {
     constexpr std::string_view internal = ".qz";
     if (qualifier.empty() || equal_ignoring_case(qualifier, "localhost") ||
@@ -73,6 +78,7 @@ bool is_password_hash(const std::string& hash) {
 
 std::string make_password_setting() {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
+    // Cost 0 is the library's default, and a null pointer has it draw the salt itself.
     if (crypt_gensalt_rn("$y$", 0, nullptr, 0, setting, sizeof setting) == nullptr) {
         return {};
     }
@@ -82,6 +88,7 @@ std::string make_password_setting() {
 std::string make_password_hash(const char* password) {
     const std::string setting = make_password_setting();
     const std::unique_ptr<crypt_data, wiping_delete> data{new crypt_data{}};
+    // crypt_r reports failure with a text that begins with '*', older ones with null.
     const char* hash = crypt_r(password, setting.c_str(), data.get());
     if (hash == nullptr || hash[0] == '*') {
         return {};
@@ -99,6 +106,8 @@ std::optional<domain_entry> parse_domain(std::string_view line) {
     } else if (kind != "password") {
         return std::nullopt;
     }
+    // The domain obeys the rule for user names: it too ends up in the full name, between '@' and
+    // '.'.
     if (!is_user_name(domain.name) || !is_qualifier(domain.qualifier) ||
         domain.name.size() + domain.qualifier.size() > longest_domain_and_qualifier) {
         return std::nullopt;
@@ -127,6 +136,7 @@ std::optional<user_entry> parse_user(std::string_view line) {
     return user;
 }
 
+// Files edited elsewhere may have CR LF.
 std::string_view next_line(std::string_view* text) {
     std::string_view line = next_field(text, '\n');
     if (!line.empty() && line.back() == '\r') {
@@ -162,6 +172,7 @@ std::optional<user_entry> find_user(std::string_view text, std::string_view name
     return std::nullopt;
 }
 
+// The inverse of parse_user: what it writes, that reads.
 std::string format_user(const user_entry& user) {
     std::string line = user.name + ":" + user.hash;
     if (user.os || user.off) {

@@ -26,6 +26,7 @@ int wait_flag(const channel* c) {
     return c->state == channel_state::open ? 0 : MSG_DONTWAIT;
 }
 
+// The errno is kept: OpenSSL makes system calls of its own before it reports a failure.
 int receive(channel* c, void* buffer, std::size_t length) {
     ssize_t n = 0;
     do {
@@ -43,6 +44,9 @@ bool would_block(const channel* c) {
     return c->io_errno == EAGAIN || c->io_errno == EWOULDBLOCK;
 }
 
+// OpenSSL asks for the five bytes of a record's head, then for its body. Reading ahead for the
+// first question answers both at once when the record is short; long bodies go straight to their
+// place.
 int bio_read(BIO* bio, char* buffer, int length) {
     auto* c = static_cast<channel*>(BIO_get_data(bio));
     const auto wanted = static_cast<std::size_t>(std::max(length, 0));
@@ -81,6 +85,7 @@ int bio_write(BIO* bio, const char* data, int length) {
     return static_cast<int>(n);
 }
 
+// The answer to BIO_CTRL_EOF is how OpenSSL tells an end without goodbye from an error.
 long bio_control(BIO* bio, int command, long, void*) {
     switch (command) {
         case BIO_CTRL_FLUSH:
@@ -108,6 +113,7 @@ const BIO_METHOD* socket_method() {
 
 // --- Making the TLS state ---
 
+// The descriptor stays the caller's: this BIO frees nothing.
 bool make_ssl(channel* c, SSL_CTX* context) {
     if (context == nullptr || socket_method() == nullptr) {
         return false;
@@ -126,6 +132,7 @@ bool make_ssl(channel* c, SSL_CTX* context) {
     return true;
 }
 
+// A client that offers only other protocols goes on without an agreed one.
 int choose_protocol(SSL*, const unsigned char** out, unsigned char* out_length,
                     const unsigned char* offered, unsigned int offered_length, void*) {
     static constexpr unsigned char known[] = {8, 'h', 't', 't', 'p', '/', '1', '.', '1'};
@@ -163,6 +170,7 @@ int choose_credential(SSL* ssl, int*, void*) {
     if (SSL_set_SSL_CTX(ssl, context.get()) == nullptr) {
         return SSL_TLSEXT_ERR_NOACK;
     }
+    // The connection keeps the mode that it was made with unless it is told.
     SSL_set_verify(ssl, SSL_CTX_get_verify_mode(context.get()), nullptr);
     c->owner = service->owner;
     return SSL_TLSEXT_ERR_OK;
@@ -188,6 +196,8 @@ std::string common_name(const X509* certificate) {
     return name;
 }
 
+// A certificate that the authority has signed but that names no user is refused here, after the
+// handshake: OpenSSL has no opinion about names.
 std::uint32_t finish_accept(channel* c) {
     const X509* certificate = SSL_get0_peer_certificate(c->ssl.get());
     c->params = nullptr;
@@ -209,6 +219,8 @@ std::uint32_t finish_accept(channel* c) {
 
 // --- Results ---
 
+// The most telling of what is known: the certificate's fault, then the peer's, then OpenSSL's
+// reason.
 std::string failure_text(const channel* c) {
     const long verdict = SSL_get_verify_result(c->ssl.get());
     const char* reason = ERR_reason_error_string(ERR_peek_error());
@@ -280,6 +292,7 @@ std::uint32_t accept_step(channel* c) {
         return c->client_known ? at_ok : at_no_credential;
     }
     if (c->state == channel_state::waiting) {
+        // A look that takes nothing: whoever connects and stays silent costs no TLS state.
         char first = 0;
         const ssize_t n = recv(c->fd, &first, 1, MSG_PEEK | MSG_DONTWAIT);
         if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -385,6 +398,7 @@ std::int32_t pending_bytes(const channel* c) {
     return SSL_pending(c->ssl.get()) + static_cast<std::int32_t>(c->raw_end - c->raw_begin);
 }
 
+// The session of a channel that is freed without a goodbye would be forgotten.
 void close_channel(channel* c) {
     if (c->state == channel_state::open) {
         ERR_clear_error();

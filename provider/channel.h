@@ -3,6 +3,10 @@
 // A channel is used by one thread at a time. It never closes its descriptor and never raises
 // SIGPIPE. The TLS state, about 50 KiB until the handshake is over, is made when the client's first
 // byte is there, so connections that only wait cost next to nothing.
+//
+// What a caller that polls the descriptor has to know: bytes that were received together with the
+// end of a handshake, or with a record that was read only in part, are no longer in the socket. So
+// the first read is tried without waiting, and again after every read that filled its buffer.
 #pragma once
 
 #include <array>
@@ -17,7 +21,12 @@
 
 namespace provider {
 
-enum class channel_state { waiting, handshake, open, broken };
+enum class channel_state {
+    waiting,    // for the client's first byte; no TLS state yet
+    handshake,  // accept_step goes on
+    open,       // bytes may be moved
+    broken,     // nothing more can be moved, not even a goodbye
+};
 
 struct channel {
     static constexpr object_kind kind = object_kind::channel;
@@ -33,11 +42,11 @@ struct channel {
 
     // Between the socket and OpenSSL. Once the channel is open, one system call fetches a short
     // record whole instead of its head and its body.
-    int io_errno = 0;
-    bool peer_closed = false;
+    int io_errno = 0;          // of the last system call that failed
+    bool peer_closed = false;  // the peer's end of the stream was seen
     std::size_t raw_begin = 0;
     std::size_t raw_end = 0;
-    std::array<unsigned char, 1024> raw{};
+    std::array<unsigned char, 1024> raw{};  // received, not yet given to OpenSSL
 };
 
 // Finishes a server context: "http/1.1" is agreed on when offered, the credential-selection
@@ -45,14 +54,25 @@ struct channel {
 // may resume a session for five minutes.
 void prepare_server_context(SSL_CTX* context, bool ask_for_certificate);
 
-// One step of the server's handshake: at_ok, at_no_credential, at_again or at_channel_failed.
+// One step of the server's handshake, as far as the bytes that are there take it. Returns at_ok
+// (the client is known), at_no_credential (done, it is not), at_again (call again when the socket
+// is readable) or at_channel_failed (the channel is good for nothing but close_channel). Once done,
+// the answer stays the same.
 [[nodiscard]] std::uint32_t accept_step(channel* c);
 
-// The whole client handshake, at most four seconds. On failure *why says what happened.
+// The whole client handshake; waits for the peer, at most four seconds in all, also when the socket
+// does not block. Returns at_ok or at_channel_failed; then *why says what happened.
 [[nodiscard]] std::uint32_t connect_now(channel* c, std::string* why);
 
+// Both return how many bytes were moved, 0 for a peer that has ended its stream (reads only), or -1
+// with errno: EAGAIN (later), EPIPE (a write to a peer that is gone), EPROTO (what came is no TLS),
+// or that of the socket. A write that returns EAGAIN is repeated with the same bytes, from any
+// address and with more behind them if need be. Zero bytes are 0, a negative length is EINVAL.
 [[nodiscard]] std::int32_t read_channel(channel* c, void* buffer, std::int32_t length);
 [[nodiscard]] std::int32_t write_channel(channel* c, const void* data, std::int32_t length);
+
+// Bytes that a read could have without the socket: decrypted ones, and raw ones still to be looked
+// at.
 [[nodiscard]] std::int32_t pending_bytes(const channel* c);
 
 // Says goodbye when the channel is in order, and frees it.

@@ -5,7 +5,8 @@
 
 namespace provider {
 
-// Milliseconds that never go backwards, from an arbitrary start.
+// Milliseconds that never go backwards, from an arbitrary start. Setting the host's clock does not
+// touch them, so it neither opens nor prolongs a lock-out.
 std::int64_t monotonic_ms();
 
 }  // namespace provider

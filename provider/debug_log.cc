@@ -30,6 +30,8 @@ debug_target open_target() {
 
 }  // namespace
 
+// The first call opens the target; the standard makes that safe from several threads. A line is
+// formatted whole before it is written, so that lines of two threads do not mix.
 void debug_log(int level, const char* format, ...) {
     static const debug_target target = open_target();
     if (target.level < level || target.stream == nullptr) {

@@ -42,6 +42,8 @@ std::string_view text_of(const char* text) {
     return text == nullptr ? "" : text;
 }
 
+// Without a directory of its own the instance is the daemon's: that one is set up when it is new,
+// has to be complete, and says on standard error what is wrong, since no log is open yet.
 std::uint32_t open_instance(const molb_init* init, void** handle) {
     const bool own = init == nullptr || is_empty(init->data_dir);
     const char* data_dir = own ? std::getenv("ZEL_DATA_DIR") : init->data_dir;
@@ -68,6 +70,8 @@ std::uint32_t open_instance(const molb_init* init, void** handle) {
     return at_ok;
 }
 
+// The three texts are never asked for in a request; they show up where a caller confuses
+// credentials.
 std::unique_ptr<credential> service_credential(const site_ref& owner) {
     auto service = std::make_unique<credential>();
     service->owner = owner;
@@ -224,6 +228,7 @@ std::uint32_t molbAtGetDomainInfos(void* handle, std::uint32_t /*flags*/, molb_d
     if (opened == nullptr) {
         return at_invalid_argument;
     }
+    // Two passes: the texts' lengths first, because records and texts share one block.
     const std::vector<domain_entry> domains = opened->owner->domains();
     if (domains.empty()) {
         return at_not_available;
@@ -248,6 +253,7 @@ std::uint32_t molbAtGetDomainInfos(void* handle, std::uint32_t /*flags*/, molb_d
     return at_ok;
 }
 
+// Handles and channels have a call of their own that ends them; here they are refused.
 std::uint32_t molbAtFree(void* block) {
     if (block == nullptr) {
         return at_ok;
@@ -316,6 +322,8 @@ std::uint32_t molbAtSecConnAcceptWithCommExtn(void* handle, int fd, void* server
         c->params = static_cast<const molb_accept_params*>(params);
         *result = c;
     }
+    // Every call after the first one finds its channel in *result; the service that it was begun
+    // with stays, whatever credential is passed now.
     const std::uint32_t step = accept_step(c);
     if (step == at_ok) {
         auto client = std::make_unique<credential>();

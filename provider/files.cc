@@ -14,8 +14,11 @@
 namespace provider {
 namespace {
 
+// Nothing here is longer than a few certificate chains; a path that leads to something huge must
+// not take the daemon's memory.
 constexpr off_t longest_file_bytes = 1 << 20;
 
+// Fills `text` as far as the file goes: it may have become shorter since its size was asked for.
 int read_all(int fd, std::string* text) {
     std::size_t done = 0;
     while (done < text->size()) {
@@ -49,6 +52,7 @@ int write_all(int fd, std::string_view text) {
     return 0;
 }
 
+// The mode comes last but for the disk: until then nobody else can open the file, whoever owns it.
 int fill_file(int fd, std::string_view text, mode_t mode, file_owner owner) {
     const int error = write_all(fd, text);
     if (error != 0) {
@@ -79,11 +83,13 @@ int look_at(const std::string& path, file_id* id) {
     return 0;
 }
 
+// The capacity, not the size: shrinking leaves old bytes behind the end.
 file_content::~file_content() {
     explicit_bzero(text.data(), text.capacity());
 }
 
 int read_file(const std::string& path, file_content* content) {
+    // A FIFO in the place of a file must not stop the one thread.
     const unique_fd fd{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     struct stat status {};
     if (!fd || fstat(fd.get(), &status) != 0) {
@@ -117,6 +123,8 @@ int create_file(int directory, const char* name, std::string_view text, mode_t m
     return error;
 }
 
+// The temporary file begins with a dot, which no user name does: whoever lists users skips it, also
+// when a kill has left it behind.
 int replace_file_in(const std::string& directory, const std::string& name, std::string_view text,
                     mode_t mode, file_owner owner) {
     const unique_fd folder{open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
@@ -133,12 +141,14 @@ int replace_file_in(const std::string& directory, const std::string& name, std::
         (void)unlinkat(folder.get(), temporary.c_str(), 0);
         return error;
     }
+    // The rename itself is on the disk only with its directory.
     return fsync(folder.get()) == 0 ? 0 : errno;
 }
 
 std::string random_suffix() {
     constexpr std::string_view letters = "abcdefghijkmnpqrstuvwxyz23456789";
     unsigned char bytes[6] = {};
+    // Fails only when a signal interrupts it.
     while (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
     }
     std::string suffix;

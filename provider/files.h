@@ -22,13 +22,15 @@ struct file_id {
     friend bool operator==(const file_id&, const file_id&) = default;
 };
 
+// The identity of an open or named file whose status is known.
 file_id id_of(const struct stat& status);
 
 // What `path` (a symbolic link is followed) is now. ENOENT is no error: *id is all zero.
 [[nodiscard]] int look_at(const std::string& path, file_id* id);
 
+// A file as read_file found it.
 struct file_content {
-    file_id id;
+    file_id id;  // of the text below, also when the path leads elsewhere by now
     mode_t mode = 0;
     uid_t owner = 0;
     gid_t group = 0;
@@ -42,9 +44,11 @@ struct file_content {
     ~file_content();  // wipes the text: it may be a key
 };
 
-// Reads a regular file of at most 1 MiB. EINVAL: not a regular file; EFBIG: too long.
+// Reads a regular file of at most 1 MiB; never waits, whatever the path leads to. EINVAL: not a
+// regular file; EFBIG: too long. On failure the content is unspecified.
 [[nodiscard]] int read_file(const std::string& path, file_content* content);
 
+// Whom a new file is given to; only root may give files away.
 struct file_owner {
     uid_t user = static_cast<uid_t>(-1);  // -1: whoever runs the process
     gid_t group = static_cast<gid_t>(-1);
@@ -55,7 +59,8 @@ struct file_owner {
 [[nodiscard]] int create_file(int directory, const char* name, std::string_view text, mode_t mode,
                               file_owner owner);
 
-// Replaces (or creates) DIRECTORY/NAME in one step.
+// Replaces (or creates) DIRECTORY/NAME in one step: readers and a crash find the old content or the
+// new one. A symbolic link of that name is replaced, not followed.
 [[nodiscard]] int replace_file_in(const std::string& directory, const std::string& name,
                                   std::string_view text, mode_t mode, file_owner owner);
 

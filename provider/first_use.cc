@@ -38,6 +38,7 @@ bool draw_password(std::array<char, password_letters + 1>* password) {
     if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
         return false;
     }
+    // 256 is a multiple of 32, so every letter is equally likely.
     for (std::size_t i = 0; i < random.size(); ++i) {
         (*password)[i] = alphabet[random[i] % alphabet.size()];
     }
@@ -46,6 +47,8 @@ bool draw_password(std::array<char, password_letters + 1>* password) {
     return true;
 }
 
+// A host name goes into the certificate and into a configuration value, where a comma would begin
+// another name: what is not plain becomes "localhost".
 std::string host_name() {
     char name[256] = {};
     if (gethostname(name, sizeof name - 1) != 0) {
@@ -66,12 +69,15 @@ std::string first_domains(const std::string& host) {
     return "local:password:" + qualifier + "\ncert:certificate:" + qualifier + "\n";
 }
 
+// True when nobody can read what is printed: closed, or /dev/null (device 1:3), as after the daemon
+// has detached.
 bool stderr_is_lost() {
     struct stat status {};
     return fstat(STDERR_FILENO, &status) != 0 ||
            (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3));
 }
 
+// Fills a directory that nobody knows yet. Results are 0 or an errno value.
 struct site_builder {
     int directory = -1;
     file_owner owner;
@@ -115,6 +121,7 @@ struct site_builder {
     }
 };
 
+// Takes back what build_site could have made; an error on the way is not the one to report.
 void remove_site(int parent, const char* name) {
     const unique_fd directory{openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     for (const char* file :
@@ -174,6 +181,7 @@ std::uint32_t set_up_on_first_use(const std::string& data_dir) {
     if (mkdir(data_dir.c_str(), 0700) != 0 && errno != EEXIST) {
         return complain(data_dir, errno);
     }
+    // The lock is the directory's own: no lock file remains, and it ends with the descriptor.
     const unique_fd parent{open(data_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (!parent || flock(parent.get(), LOCK_EX) != 0) {
         return complain(data_dir, errno);

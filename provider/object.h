@@ -28,6 +28,8 @@ struct object_head {
     object_kind kind;
 };
 
+// Whether `object`, null or at least eight readable bytes, begins with the head of this kind. What
+// has been released must not be asked about.
 inline bool is_object(const void* object, object_kind kind) {
     object_head head{};
     if (object == nullptr) {
@@ -45,7 +47,8 @@ T* object_cast(void* object) {
 
 inline constexpr std::size_t block_head_bytes = 16;
 
-// Returns a zeroed block of `bytes` bytes, or null.
+// Returns a zeroed block of `bytes` bytes, or null. At least 16 are reserved: is_object looks at
+// the first eight of a block, too.
 inline void* new_block(std::size_t bytes) {
     void* memory = std::calloc(1, block_head_bytes + (bytes < 16 ? 16 : bytes));
     if (memory == nullptr) {
@@ -56,11 +59,13 @@ inline void* new_block(std::size_t bytes) {
     return static_cast<char*>(memory) + block_head_bytes;
 }
 
-// Requires: `record` is not the start of a handle, credential or channel.
+// Requires: `record` is not the start of a handle, credential or channel, in front of which there
+// is nothing to look at.
 inline bool is_block(const void* record) {
     return is_object(static_cast<const char*>(record) - block_head_bytes, object_kind::block);
 }
 
+// Releases a block; whatever pointers its records hold lead into it or belong to somebody else.
 inline void free_block(void* record) {
     std::free(static_cast<char*>(record) - block_head_bytes);
 }

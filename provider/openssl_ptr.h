@@ -1,4 +1,8 @@
 // OpenSSL objects that release themselves.
+//
+// Most of them are counted: releasing drops one reference. Functions of OpenSSL whose names hold a
+// 0 take a reference over ("add0") or lend one ("get0"); those with a 1 take or give one of their
+// own.
 #pragma once
 
 #include <openssl/bio.h>
@@ -10,6 +14,7 @@
 
 namespace provider {
 
+// A BIO goes with everything that is chained behind it.
 struct openssl_delete {
     void operator()(BIO* object) const { BIO_free_all(object); }
     void operator()(EVP_PKEY* object) const { EVP_PKEY_free(object); }

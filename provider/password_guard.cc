@@ -16,15 +16,18 @@
 namespace provider {
 namespace {
 
+// libxcrypt refuses more than 512 bytes; this is well above what a login can carry.
 constexpr std::size_t longest_password = 128;
 constexpr std::int64_t remembered_ms = 300'000;
 constexpr int failures_before_lock = 5;
 constexpr std::int64_t longest_lock_ms = 30'000;
+// 20 hashes of 15 ms are at most 30 % of the daemon's thread.
 constexpr std::int64_t hashes_per_second = 20;
 constexpr std::int64_t fullest_budget = 20'000;
 
 }  // namespace
 
+// In pages of their own, so that they can be kept out of core dumps as a whole.
 struct password_guard::secrets {
     std::array<unsigned char, 32> key;
     std::array<remembered, 64> right;
@@ -76,6 +79,7 @@ bool password_guard::make_digest(const login& who, std::string_view hash, bool w
            EVP_MAC_final(mac_.get(), result->data(), &length, result->size()) == 1;
 }
 
+// Keys are digests under a key that nobody outside knows, so comparing them may stop early.
 bool password_guard::is_remembered(const digest& key, std::int64_t now_ms) const {
     return std::any_of(
         secrets_->right.begin(), secrets_->right.end(),
@@ -118,6 +122,7 @@ void password_guard::count_failure(const digest& key, std::int64_t now_ms) {
 }
 
 bool password_guard::take_from_budget(std::int64_t now_ms) {
+    // An integer of thousandths: time passes in milliseconds and nothing is lost in rounding.
     const std::int64_t earned = (now_ms - budget_ms_) * hashes_per_second;
     budget_ = std::min(budget_ + earned, fullest_budget);
     budget_ms_ = now_ms;
@@ -128,6 +133,8 @@ bool password_guard::take_from_budget(std::int64_t now_ms) {
     return true;
 }
 
+// Hashes in any case, against the stand-in when there is no hash: how long a refusal takes does not
+// tell whether the user exists.
 bool password_guard::hash_fits(const char* password, const std::string& hash) {
     const char* result =
         crypt_r(password, hash.empty() ? stand_in_.c_str() : hash.c_str(), &secrets_->work);

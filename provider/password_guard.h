@@ -18,10 +18,11 @@ struct crypt_data;
 
 namespace provider {
 
+// An attempt, as it came in: the texts live as long as the call that they are passed to.
 struct login {
     std::string_view domain;
     std::string_view name;
-    const char* password;
+    const char* password;  // ends with a zero byte; never copied
 };
 
 class password_guard {
@@ -33,20 +34,24 @@ class password_guard {
     password_guard(password_guard&&) = delete;
     password_guard& operator=(password_guard&&) = delete;
 
-    // Draws the key and the stand-in hash. False: no memory or no randomness.
+    // Draws the key and the stand-in hash; to be called once, before the first check. False: no
+    // memory or no randomness.
     [[nodiscard]] bool prepare();
 
     // Whether the login's password has `hash`; an empty hash is a user that does not exist or may
-    // not log in, and costs the caller the same time. False without hashing when the name or the
-    // whole process is over its limit.
+    // not log in, and costs the caller the same time. False without hashing when the name (five
+    // failures in a row: 1 s, then 2, 4 and up to 30) or all names together (20 hashes per second)
+    // are over their limit. A login that was right is right without hashing for five minutes.
     [[nodiscard]] bool check(const login& who, const std::string& hash);
 
   private:
     using digest = std::array<unsigned char, 32>;
+    // A login that was right, with the hash that it was right for: a changed hash is another key.
     struct remembered {
         digest key;
         std::int64_t until_ms;
     };
+    // Failures in a row of one name, existing or not. Count 0: a free slot.
     struct failures {
         digest key;
         std::int64_t last_ms;
@@ -64,11 +69,11 @@ class password_guard {
     [[nodiscard]] bool take_from_budget(std::int64_t now_ms);
     [[nodiscard]] bool hash_fits(const char* password, const std::string& hash);
 
-    secrets* secrets_ = nullptr;  // pages of their own
-    openssl_ptr<EVP_MAC_CTX> mac_;
-    std::string stand_in_;
-    std::int64_t budget_ = 0;  // in thousandths of a hash
-    std::int64_t budget_ms_ = 0;
+    secrets* secrets_ = nullptr;    // pages of their own
+    openssl_ptr<EVP_MAC_CTX> mac_;  // HMAC-SHA-256, begun anew with the key for each digest
+    std::string stand_in_;          // a setting to hash against for users that do not exist
+    std::int64_t budget_ = 0;       // in thousandths of a hash
+    std::int64_t budget_ms_ = 0;    // when it was last looked at
 };
 
 }  // namespace provider

@@ -7,6 +7,9 @@
 
 namespace provider {
 
+// What the daemon is told when a file could not be used: at_ok for 0, at_file_error for whatever
+// has no code of its own. ENOENT is among those; callers for whom a missing file means "not set up"
+// say so themselves.
 inline at_result result_of(int error) {
     switch (error) {
         case 0:

@@ -11,6 +11,7 @@ namespace provider {
 namespace {
 
 constexpr long valid_seconds = 3650L * 24 * 3600;
+// The limits of the standards for the two kinds of name; a longer host name is cut, or left out.
 constexpr std::size_t longest_common_name = 64;
 constexpr std::size_t longest_dns_name = 253;
 
@@ -22,6 +23,7 @@ bool add_extension(X509* certificate, int nid, const char* value) {
     return extension && X509_add_ext(certificate, extension.get(), -1) == 1;
 }
 
+// 126 random bits: unique without anybody keeping count, and positive, as browsers insist.
 bool set_random_serial(X509* certificate) {
     BIGNUM* number = BN_new();
     const bool set = number != nullptr &&
@@ -41,6 +43,8 @@ bool set_name(X509* certificate, const std::string& host) {
 }
 
 bool add_extensions(X509* certificate, const std::string& host) {
+    // Clients compare with these names and ignore the common name. No host goes in that holds a
+    // comma: the caller has seen to it.
     std::string names = "DNS:localhost,IP:127.0.0.1,IP:::1";
     if (host != "localhost" && host.size() <= longest_dns_name) {
         names = "DNS:" + host + "," + names;
@@ -52,6 +56,7 @@ bool add_extensions(X509* certificate, const std::string& host) {
            add_extension(certificate, NID_subject_key_identifier, "hash");
 }
 
+// Copies what was written; the caller wipes it when it is a key.
 std::string taken_from(BIO* writer) {
     char* start = nullptr;
     const long length = BIO_get_mem_data(writer, &start);

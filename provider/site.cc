@@ -29,6 +29,9 @@ std::uint32_t site::open(const std::string& data_dir, bool whole, site_ref* out,
     return result;
 }
 
+// Reads everything at once: after the process has given up its rights this may be all that it ever
+// knows. Only the daemon's own directory has to be complete; another one may have a certificate
+// without users, or users without a certificate.
 std::uint32_t site::load(bool whole) {
     const std::uint32_t domains = refresh_domains();
     if (domains != at_ok) {
@@ -57,6 +60,7 @@ std::uint32_t site::complain(const std::string& path, int error) {
     return error == ENOENT ? std::uint32_t{at_not_available} : result_of(error);
 }
 
+// A list that cannot be read any more stays in use; one that was never read is an error.
 std::uint32_t site::refresh_domains() {
     const std::string path = directory_ + "/domains";
     file_id now;
@@ -92,6 +96,8 @@ void site::load_users() {
     }
 }
 
+// One stat per login is what an unchanged file costs. A file that is gone takes the user with it;
+// one that cannot be looked at leaves the user as known.
 void site::refresh_user(std::string_view name) {
     const std::string path = users_directory_ + "/" + std::string(name);
     const auto known = users_.find(name);
@@ -171,6 +177,7 @@ std::optional<principal> site::check_login(const login& who) {
             user = &*known->second.user;
         }
     }
+    // The guard is asked in any case, so that impossible logins cost and count like wrong ones.
     const bool possible = domain != nullptr && user != nullptr;
     if (!guard_.check(who, possible ? user->hash : std::string()) || !possible) {
         return std::nullopt;
@@ -178,6 +185,7 @@ std::optional<principal> site::check_login(const login& who) {
     return principal{user->os ? "localhost" : domain->qualifier, domain->name, user->name};
 }
 
+// The authority vouches for the name alone, so all certificates belong to one domain.
 std::optional<principal> site::certificate_user(std::string_view common_name) {
     const std::lock_guard guard(lock_);
     (void)refresh_domains();

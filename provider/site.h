@@ -1,9 +1,13 @@
 // One data directory in use: its domains, its users, its key pair.
 //
-// Handles, credentials and channels each hold a reference, so they may be released in any order.
-// Safe for use from several threads: one lock per site. The files are looked at again where their
-// content matters and read again when they have changed; what can no longer be read (the process
-// has given up its rights, say) stays as it was.
+// Ownership: handles, credentials and channels each hold a site_ref, so they may be released in any
+// order; the last one frees the site.
+//
+// Threads: every public function takes the site's one lock, a password check for as long as the
+// hash takes. What they return is the caller's own.
+//
+// Files are looked at again where their content matters and read again when they have changed. What
+// can no longer be read (the process has given up its rights, say) stays as it was.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +30,8 @@ namespace provider {
 class site;
 using site_ref = std::shared_ptr<site>;
 
-// Who somebody is, as the daemon's information record says it.
+// Who somebody is, as the daemon's information record says it. The daemon makes one text of it,
+// name@domain.qualifier, or the name alone when the qualifier is "localhost".
 struct principal {
     std::string qualifier;
     std::string domain;
@@ -40,7 +45,8 @@ class site {
     [[nodiscard]] static std::uint32_t open(const std::string& data_dir, bool whole, site_ref* out,
                                             std::string* why);
 
-    // Takes changed certificate files over. A failure leaves the former ones in use.
+    // Takes changed certificate files over, and changed domains. Channels that are open keep what
+    // they began with. A failure leaves the former files in use and is only logged.
     void refresh_key_pair();
     [[nodiscard]] bool has_key_pair();
 
@@ -48,13 +54,15 @@ class site {
     [[nodiscard]] openssl_ptr<SSL_CTX> server_context();
     [[nodiscard]] openssl_ptr<SSL_CTX> client_context();
 
-    // The domains in the order of their file.
+    // The domains in the order of their file; the first one is for logins that name none.
     [[nodiscard]] std::vector<domain_entry> domains();
 
-    // Who the login is; nothing when it is refused, for whatever reason.
+    // Who the login is; nothing when it is refused, for whatever reason: a wrong password, no such
+    // domain or user, a locked one, too many attempts. May take the time of one hash.
     [[nodiscard]] std::optional<principal> check_login(const login& who);
 
-    // Who the holder of a verified certificate with this common name is.
+    // Who the holder of a verified certificate with this common name is: a user of the first
+    // certificate domain. Nothing when there is none, or when the name is not that of a user.
     [[nodiscard]] std::optional<principal> certificate_user(std::string_view common_name);
 
   private:
@@ -68,6 +76,7 @@ class site {
           tls_(directory_),
           users_directory_(directory_ + "/users") {}
 
+    // Below here the lock is held, or nobody else knows the site yet.
     [[nodiscard]] std::uint32_t load(bool whole);
     [[nodiscard]] std::uint32_t refresh_domains();
     [[nodiscard]] std::uint32_t complain(const std::string& path, int error);
@@ -77,10 +86,10 @@ class site {
 
     std::mutex lock_;
     const std::string directory_;
-    std::string problem_;
+    std::string problem_;  // why load failed
     tls_files tls_;
     std::vector<domain_entry> domains_;
-    file_id domains_id_;
+    file_id domains_id_;  // of the content that domains_ came from
     const std::string users_directory_;
     std::map<std::string, known_user, std::less<>> users_;
     password_guard guard_;

@@ -20,11 +20,13 @@ int no_passphrase(char*, int, int, void*) {
     return -1;
 }
 
+// Reads from the text itself, which has to live as long: no second copy of a key.
 openssl_ptr<BIO> reader_of(const file_content& content) {
     return openssl_ptr<BIO>{
         BIO_new_mem_buf(content.text.data(), static_cast<int>(content.text.size()))};
 }
 
+// Null at the end of the file and at anything that is no certificate.
 openssl_ptr<X509> next_certificate(BIO* reader) {
     return openssl_ptr<X509>{PEM_read_bio_X509(reader, nullptr, no_passphrase, nullptr)};
 }
@@ -44,6 +46,7 @@ openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method) {
     SSL_CTX_set_session_cache_mode(c, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_mode(c, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                             SSL_MODE_RELEASE_BUFFERS);
+    // The channel reads ahead itself and knows what it has; OpenSSL would hide it.
     SSL_CTX_set_read_ahead(c, 0);
     const bool set = SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) == 1 &&
                      SSL_CTX_set1_groups_list(c, "X25519:P-256:P-384") == 1 &&
@@ -100,6 +103,7 @@ std::uint32_t tls_files::load(int index, file_content* content) {
     return at_ok;
 }
 
+// The first certificate is the host's, those behind it lead to its authority.
 bool tls_files::use_key_pair(SSL_CTX* context, const file_content& certificate,
                              const file_content& key) {
     const openssl_ptr<BIO> chain = reader_of(certificate);
@@ -151,6 +155,8 @@ bool tls_files::trust(SSL_CTX* context, int index, const file_content& anchors, 
     return true;
 }
 
+// Makes both contexts anew and keeps them only when everything fits: connections take a reference
+// when they begin, so the former ones end with the last of those.
 std::uint32_t tls_files::build() {
     std::array<file_content, file_count> files;
     for (int index = 0; index < file_count; ++index) {
@@ -176,6 +182,8 @@ std::uint32_t tls_files::build() {
     }
     prepare_server_context(server.get(), clients.id != file_id{});
     SSL_CTX_set_verify(client.get(), SSL_VERIFY_PEER, nullptr);
+    // What was read counts, not what was there before: a file that changed in between differs from
+    // it at the next look.
     for (std::size_t index = 0; index < files.size(); ++index) {
         seen_[index] = files[index].id;
     }

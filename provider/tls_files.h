@@ -1,6 +1,8 @@
 // The certificate files of a data directory and the TLS contexts made from them.
 //
-// Not safe for use from two threads; the site that owns it holds the lock.
+// There is one context for each direction, made when the files are read and shared by all
+// connections; who begins one takes a reference, so replacing the contexts disturbs nobody. Not
+// safe for use from two threads; the site that owns it holds the lock.
 #pragma once
 
 #include <array>
@@ -14,7 +16,10 @@ namespace provider {
 
 class tls_files {
   public:
-    // `directory` holds server.crt, server.key and, optionally, client_ca.pem and peer_ca.pem.
+    // `directory` holds server.crt (the certificate and what leads to its authority), server.key
+    // and, optionally, client_ca.pem (whose client certificates are logins; without it none is
+    // asked for) and peer_ca.pem (whom outgoing connections trust; without it nobody). Reads
+    // nothing yet.
     explicit tls_files(std::string directory) : directory_(std::move(directory)) {}
 
     // Reads the files again when one of them has changed. On failure the contexts stay as they
@@ -28,6 +33,7 @@ class tls_files {
     [[nodiscard]] openssl_ptr<SSL_CTX> client() const;
 
   private:
+    // In the order in which they are read, and complained about.
     enum file_index { certificate_file, key_file, client_ca_file, peer_ca_file, file_count };
 
     [[nodiscard]] std::string path_of(int index) const;
@@ -42,7 +48,7 @@ class tls_files {
 
     std::string directory_;
     std::string problem_;
-    std::array<file_id, file_count> seen_{};
+    std::array<file_id, file_count> seen_{};  // what the contexts were made from
     openssl_ptr<SSL_CTX> server_;
     openssl_ptr<SSL_CTX> client_;
 };

@@ -41,6 +41,7 @@ struct command {
     int (*run)(const tool_options& options, const tool_arguments& arguments);
 };
 
+// In the order of the usage text.
 constexpr command commands[] = {
     {"add", 1, 1, command_add},       {"passwd", 1, 1, command_passwd},
     {"del", 1, 1, command_del},       {"list", 0, 0, command_list},
@@ -61,6 +62,7 @@ constexpr option long_options[] = {
 
 enum class parsed { run, help, wrong };
 
+// Options may stand before, between and behind the arguments; "--" ends them.
 parsed parse_options(int argc, char** argv, tool_options* options) {
     options->config_file = paths.config_file;
     for (;;) {

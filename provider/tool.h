@@ -24,6 +24,7 @@ struct tool_options {
     bool os_user = false;          // -o: a user of the operating system
 };
 
+// The configuration file's values by keyword; of several lines with one keyword the last counts.
 struct daemon_config {
     std::map<std::string, std::string, std::less<>> values;
 
@@ -31,6 +32,7 @@ struct daemon_config {
     [[nodiscard]] std::string get(std::string_view keyword, std::string_view fallback = {}) const;
 };
 
+// What stands behind the command; the number has been checked.
 using tool_arguments = std::vector<std::string>;
 
 // Writes "dovmad-user: " and the message to standard error. Returns exit_failed.
@@ -44,7 +46,8 @@ using tool_arguments = std::vector<std::string>;
 // configuration says. Empty: the failure has been reported.
 [[nodiscard]] std::string find_data_dir(const tool_options& options);
 
-// A password that wipes itself.
+// A password, or a text that holds one, that wipes itself. Reserve enough before appending: a text
+// that grows leaves its former bytes behind.
 struct secret {
     std::string text;
 
@@ -60,13 +63,18 @@ struct secret {
 // input when that is no terminal. False: the failure has been reported.
 [[nodiscard]] bool read_secret(const std::string& prompt, bool repeat, secret* result);
 
-// The commands. Each returns an exit_status.
+// The commands. Each returns an exit_status and has reported its failure.
+
+// Users: each works on the files of the data directory, whether a daemon runs or not.
 int command_add(const tool_options& options, const tool_arguments& arguments);
 int command_passwd(const tool_options& options, const tool_arguments& arguments);
 int command_del(const tool_options& options, const tool_arguments& arguments);
 int command_list(const tool_options& options, const tool_arguments& arguments);
 int command_lock(const tool_options& options, const tool_arguments& arguments);
 int command_unlock(const tool_options& options, const tool_arguments& arguments);
+
+// Rights: grant and deny ask the running daemon, else they edit the access files; rights reads
+// those.
 int command_grant(const tool_options& options, const tool_arguments& arguments);
 int command_deny(const tool_options& options, const tool_arguments& arguments);
 int command_rights(const tool_options& options, const tool_arguments& arguments);

@@ -1,4 +1,7 @@
 // dovmad-user: where the accounts are.
+//
+// The program reads and writes the library's files itself: it works without a daemon, and before
+// one has ever been started under another user.
 #pragma once
 
 #include <optional>
@@ -15,7 +18,8 @@ struct account_store {
     std::string qualifier;        // and its host part
 };
 
-// False: the failure has been reported, unless `quiet`.
+// Finds the directory and reads its domains. False: the failure has been reported, unless `quiet`;
+// a set-up without a password domain is one.
 [[nodiscard]] bool open_store(const tool_options& options, account_store* store,
                               bool quiet = false);
 
@@ -23,6 +27,7 @@ struct account_store {
 [[nodiscard]] std::optional<provider::user_entry> look_up_user(const account_store& store,
                                                                const std::string& name);
 
-// The name under which the daemon knows the user, and under which rights are granted.
+// The name under which the daemon knows the user, and under which rights are granted: the plain
+// name for users of the system, else the full one in the first password domain.
 [[nodiscard]] std::string granted_name(const account_store& store,
                                        const provider::user_entry& user);

@@ -39,6 +39,7 @@ struct connection {
     std::string place;  // for messages
 };
 
+// A process that may not be signalled (EPERM) is alive all the same.
 bool daemon_is_alive(const daemon_config& config) {
     file_content content;
     if (read_file(config.get("pid_file", paths.pid_file), &content) != 0) {
@@ -77,6 +78,7 @@ unique_fd connect_to(const sockaddr* address, socklen_t length) {
     return fd;
 }
 
+// The daemon listens on both families unless the host lacks one.
 unique_fd connect_to_loopback(unsigned short port) {
     sockaddr_in v4{};
     v4.sin_family = AF_INET;
@@ -118,6 +120,7 @@ bool start_tls(const tool_options& options, connection* c) {
     return true;
 }
 
+// False with errno set; the time-out on the socket ends a wait for a daemon that has stopped.
 bool send_all(connection* c, std::string_view data) {
     while (!data.empty()) {
         const ssize_t n = c->ssl
@@ -131,6 +134,7 @@ bool send_all(connection* c, std::string_view data) {
     return true;
 }
 
+// Up to the end of the connection: the request has asked for it to be closed.
 std::string receive_all(connection* c) {
     std::string answer;
     std::array<char, 4096> piece{};
@@ -159,7 +163,8 @@ bool make_login(const tool_options& options, std::string* user, secret* header) 
         return false;
     }
     secret both;
-    both.text = *user + ":" + password.text;
+    both.text.reserve(user->size() + 1 + password.text.size());
+    both.text.append(*user).append(":").append(password.text);
     if (both.text.size() > longest_login_bytes) {
         (void)fail("the daemon never accepts a login of %zu bytes (user:password, %zu at most)",
                    both.text.size(), longest_login_bytes);
@@ -175,6 +180,7 @@ bool make_login(const tool_options& options, std::string* user, secret* header) 
     return true;
 }
 
+// Reports everything but success.
 daemon_answer judge(const std::string& answer, const std::string& user, const std::string& place) {
     const std::size_t blank = answer.find("\r\n\r\n");
     const int status =
@@ -219,6 +225,7 @@ bool open_connection(const daemon_config& config, connection* c, bool* tls) {
 
 }  // namespace
 
+// The characters that are never encoded are also those of which a namespace in a URI may consist.
 std::string url_encoded(std::string_view text) {
     constexpr std::string_view digits = "0123456789ABCDEF";
     std::string encoded;

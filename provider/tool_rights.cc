@@ -25,6 +25,7 @@ constexpr std::string_view administrator = "root";
 constexpr std::string_view default_name_space = "plx";
 constexpr std::size_t longest_principal = 127;
 
+// Numbered as the daemon numbers them.
 enum role : std::size_t { pub, operator_role, admin, agent, role_count };
 
 constexpr std::array<const char*, role_count> role_names = {"pub", "operator", "admin", "agent"};
@@ -51,6 +52,7 @@ const std::vector<role>& included_roles(role granted) {
     return table[granted];
 }
 
+// The root is empty when it is not known.
 struct name_space {
     std::string name;
     std::string root;
@@ -85,6 +87,7 @@ struct access_row : role_entry {
     std::string path;
 };
 
+// Searches as the daemon does, so that both agree also where names are prefixes of each other.
 bool holds(const name_space& where, role wanted, const std::string& principal,
            principal_kind kind) {
     if (wanted == pub && kind == kind_user) {
@@ -119,6 +122,7 @@ int remove_from(const name_space& where, role r, const std::string& principal,
     return row.unreadable ? save_row(row) : int{exit_done};
 }
 
+// A role that is held already is not written again, also when a higher role brings it.
 int grant_in_files(const name_space& where, role r, const std::string& principal,
                    principal_kind kind) {
     if (holds(where, r, principal, kind)) {
@@ -137,6 +141,8 @@ int grant_in_files(const name_space& where, role r, const std::string& principal
 
 // --- What the command line means ---
 
+// In the order of the option, the default namespace last. An entry without '=' is no namespace, and
+// the first entry of a name counts, as for the daemon.
 std::vector<name_space> configured_name_spaces(const daemon_config& config) {
     std::vector<name_space> found;
     const auto add = [&](std::string_view name, std::string_view root) {
@@ -233,6 +239,7 @@ daemon_answer ask_daemon(const tool_options& options, const change& wanted, cons
     return post_to_daemon(options, wanted.config, "/" + where + uri, "", variables);
 }
 
+// The daemon compares as many characters as "root" has, so "rootx" is built in as well.
 bool is_built_in(const std::string& principal) {
     return starts_with_nocase(principal, administrator);
 }

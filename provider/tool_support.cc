@@ -50,6 +50,7 @@ bool read_line(int fd, char forbidden, secret* result) {
     return true;
 }
 
+// False: no terminal after all, or the answer was interrupted or no line.
 bool ask(const std::string& prompt, secret* result) {
     termios before{};
     if (tcgetattr(STDIN_FILENO, &before) != 0) {
@@ -57,6 +58,7 @@ bool ask(const std::string& prompt, secret* result) {
     }
     termios silent = before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    // The cursor moves on although nothing else is shown.
     silent.c_lflag |= ECHONL;
     // An interrupt must not leave the terminal silent: it becomes input that ends the line.
     silent.c_lflag &= ~static_cast<tcflag_t>(ISIG);

@@ -55,6 +55,7 @@ bool load_user(const account_store& store, const std::string& name, user_entry* 
     return true;
 }
 
+// The daemon reads the file again at the user's next login; nobody has to be told.
 int save_user(const account_store& store, const user_entry& user, file_owner owner) {
     if (geteuid() != 0) {
         owner = {};  // only root may give files away, and needs to
@@ -103,6 +104,7 @@ int set_lock(const tool_options& options, const std::string& name, bool off) {
     return save_user(store, user, owner);
 }
 
+// Sorted; names that the daemon would not look at are left out.
 std::vector<std::string> user_names(const account_store& store) {
     std::vector<std::string> names;
     const std::unique_ptr<DIR, directory_close> directory{opendir(store.users_directory.c_str())};
@@ -175,6 +177,7 @@ int command_add(const tool_options& options, const tool_arguments& arguments) {
     if (lstat(user_path(store, user.name).c_str(), &status) == 0) {
         return fail("user %s exists; 'passwd' changes the password", user.name.c_str());
     }
+    // New files get the owner of the directory: the daemon may run as that user.
     if (stat(store.users_directory.c_str(), &status) != 0) {
         return fail("%s: %s", store.users_directory.c_str(), strerror(errno));
     }
