@@ -78,24 +78,20 @@ void long_reply(shttpd_call_arg* arg) {
 
 TEST(Patterns, GreedyFirstAndWithoutBacktracking) {
     const test_engine engine(true);
-    for (const char* pattern : {"/world/ping", "/adm/*", "/a*b", "/x**y*"}) {
-        shttpd_register_uri(engine.ctx, pattern, say_hello, nullptr);
+    const std::vector<std::pair<std::string, std::vector<const char*>>> rows = {
+        {"/world/ping", {"/world/ping"}},
+        {"/adm/*", {"/adm/", "/adm/x/y"}},
+        {"/a*b", {"/axb"}},
+        {"/x**y*", {"/xaay"}},
+        {"", {"/world/ping/", "/world/pingx", "/World/ping", "/adm", "/axbyb", "/a", "/xaa"}}};
+    for (const auto& [pattern, uris] : rows) {
+        shttpd_register_uri(engine.ctx, pattern.c_str(), say_hello, nullptr);
     }
-    const std::vector<std::pair<const char*, std::string>> rows = {{"/world/ping", "/world/ping"},
-                                                                   {"/world/ping/", ""},
-                                                                   {"/world/pingx", ""},
-                                                                   {"/World/ping", ""},
-                                                                   {"/adm/", "/adm/*"},
-                                                                   {"/adm/x/y", "/adm/*"},
-                                                                   {"/adm", ""},
-                                                                   {"/axb", "/a*b"},
-                                                                   {"/axbyb", ""},
-                                                                   {"/a", ""},
-                                                                   {"/xaay", "/x**y*"},
-                                                                   {"/xaa", ""}};
-    for (const auto& [uri, pattern] : rows) {
-        const registered_uri* found = is_registered_uri(engine.ctx, uri);
-        EXPECT_EQ(found != nullptr ? found->uri : "", pattern) << uri;
+    for (const auto& [pattern, uris] : rows) {
+        for (const char* uri : uris) {
+            const registered_uri* found = is_registered_uri(engine.ctx, uri);
+            EXPECT_EQ(found != nullptr ? found->uri : "", pattern) << uri;
+        }
     }
 }
 
@@ -334,18 +330,6 @@ TEST(Engine, ConnectionsExpireOnlyWithoutProgress) {
     sleep(1);
     engine.poll();
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
-}
-
-TEST(Engine, UnreadInputIsDrainedBeforeTheClose) {
-    test_engine engine;
-    const unique_fd client = engine.connect();
-    const std::string head = "POST /none HTTP/1.1\r\nContent-Length: 200000\r\n\r\n";
-    std::string reply = engine.exchange_on(client.get(), head + std::string(100000, 'x'));
-    EXPECT_TRUE(reply.starts_with("HTTP/1.1 404 Not Found"));
-    EXPECT_EQ(shttpd_active(engine.ctx), 1);  // the rest is still awaited
-    for (conn& c : engine.ctx->connections) {
-        EXPECT_EQ(c.state, conn_state::draining);
-    }
 }
 
 }  // namespace

@@ -39,8 +39,6 @@ TEST(MimeType, IsChosenByTheEndOfTheName) {
         {"x.GZ", "application/x-gunzip"},
         {".html", "text/html"},
         {"html", "text/plain"},
-        {".", "text/plain"},
-        {"a.html.", "text/plain"},
         {"a.b.JpEg", "image/jpeg"},
         {"a.rar", "application/x-arj-compressed"},
     };

@@ -54,18 +54,13 @@ class Children : public testing::Test {
     }
     ~Children() override { std::fclose(ctx_.error_log); }
 
-    std::string script(const char* name, const std::string& text) {
-        const auto path = folder_.write(name, "#!/bin/sh\n" + text);
-        EXPECT_EQ(chmod(path.c_str(), 0755), 0);
-        return path.string();
-    }
     // Runs a program to its end and returns what it wrote.
-    std::string run(const std::string& program, process_record* record) {
+    std::string run(const std::string& program, process_record* record, std::string folder = "") {
         const child_io io;
         char variable[] = "COLOUR=blue";
         char* environment[] = {variable, nullptr};
         EXPECT_EQ(spawn_process(&c_, program.c_str(), nullptr, environment, io.theirs,
-                                folder_.path().c_str(), record),
+                                folder.empty() ? folder_.path().c_str() : folder.c_str(), record),
                   0);
         EXPECT_EQ(fcntl(io.theirs, F_GETFD), -1) << "the parent's end stays open";
         std::string output = io.read_all();
@@ -87,14 +82,15 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
     sigaction(SIGPIPE, &ignore, &before);
     const unique_fd leak(open("/dev/null", O_RDONLY));  // not close-on-exec
     process_record record;
-    const std::string output =
-        run(script("show.sh",
-                   "echo $0 $COLOUR $HOME.; pwd -P; echo to-the-log >&2\n"
-                   "grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
-                   "for fd in 0 1 2 3 4 5 6 7 8 9; do\n"  // the shell's own is above
-                   "  if [ -e /proc/$$/fd/$fd ]; then echo $fd; fi\n"
-                   "done\n"),
-            &record);
+    const auto script =
+        folder_.write("show.sh",
+                      "#!/bin/sh\necho $0 $COLOUR $HOME.; pwd -P; echo to-the-log >&2\n"
+                      "grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
+                      "for fd in 0 1 2 3 4 5 6 7 8 9; do\n"  // the shell's own is above
+                      "  if [ -e /proc/$$/fd/$fd ]; then echo $fd; fi\n"
+                      "done\n");
+    EXPECT_EQ(chmod(script.c_str(), 0755), 0);
+    const std::string output = run(script, &record);
     sigaction(SIGPIPE, &before, nullptr);
     EXPECT_LT(leak.get(), 10);
     EXPECT_EQ(output, "show.sh blue .\n" + std::filesystem::canonical(folder_.path()).string() +
@@ -121,13 +117,7 @@ TEST_F(Children, ThatCannotStartSaySoInTheErrorLog) {
     EXPECT_EQ(run("/x/" + long_name, &record), "");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
     EXPECT_EQ(record.name, long_name.substr(0, 63));
-    const child_io io;
-    char* environment[] = {nullptr};
-    ASSERT_EQ(
-        spawn_process(&c_, "plain", nullptr, environment, io.theirs, "/no/such/folder", &record),
-        0);
-    EXPECT_EQ(io.read_all(), "");
-    EXPECT_EQ(waitpid(record.pid, &status_, 0), record.pid);
+    EXPECT_EQ(run("plain", &record, "/no/such/folder"), "");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
     EXPECT_STREQ(record.name, "plain");
     EXPECT_EQ(read_whole_file(error_path_),

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/context.h"
@@ -12,17 +14,21 @@
 
 namespace {
 
+// The numbers and dates of one header line.
+header_values parsed(const std::string& line) {
+    const std::string block = line + "\r\n\r\n";
+    header_values values;
+    parse_headers(block.data(), block.size(), &values);
+    return values;
+}
+
 std::string cleaned(std::string uri) {
     clean_uri(&uri);
     return uri;
 }
 
 TEST(HeaderBlock, EndsAtABlankLineAndRefusesControlBytes) {
-    struct row {
-        std::string bytes;
-        ssize_t length;
-    };
-    const std::vector<row> rows = {
+    const std::vector<std::pair<std::string, ssize_t>> rows = {
         {"", 0},
         {"GET / HTTP/1.1\r\n\r", 0},
         {"GET / HTTP/1.1\r\n\r\n", 18},
@@ -35,10 +41,10 @@ TEST(HeaderBlock, EndsAtABlankLineAndRefusesControlBytes) {
         {"a\n\r", 0},
         {"a\n\rb\n\n", 6},
     };
-    for (const row& r : rows) {
+    for (const auto& [bytes, length] : rows) {
         // A sanitizer notices a look behind the given length.
-        const std::vector<char> exact(r.bytes.begin(), r.bytes.end());
-        EXPECT_EQ(get_headers_len(exact.data(), exact.size()), r.length) << r.bytes;
+        const std::vector<char> exact(bytes.begin(), bytes.end());
+        EXPECT_EQ(get_headers_len(exact.data(), exact.size()), length) << bytes;
     }
 }
 
@@ -62,30 +68,18 @@ TEST(Headers, AreReadByNameIgnoringCase) {
 }
 
 TEST(Headers, LengthsNeverWrapAndAreNeverOverlooked) {
-    struct row {
-        const char* digits;
-        std::uint64_t value;
-    };
-    for (const row& r : std::vector<row>{{"99999999999999999999", INT64_MAX},
-                                         {"9223372036854775808", INT64_MAX},
-                                         {"-5", 0},
-                                         {"  7 ", 7}}) {
-        const std::string block = std::string("Content-Length: ") + r.digits + "\r\n\r\n";
-        header_values values;
-        parse_headers(block.data(), block.size(), &values);
-        EXPECT_EQ(values.content_length, r.value) << r.digits;
-    }
+    EXPECT_EQ(parsed("Content-Length: 99999999999999999999").content_length, INT64_MAX);
+    EXPECT_EQ(parsed("Content-Length: 9223372036854775808").content_length, INT64_MAX);
+    EXPECT_EQ(parsed("Content-Length: -5").content_length, 0U);
+    EXPECT_EQ(parsed("Content-Length:   7 ").content_length, 7U);
 }
 
 TEST(Dates, CountAsLocalTime) {
     setenv("TZ", "UTC", 1);
     tzset();
     current_time = 1700000000;
-    struct row {
-        const char* text;
-        std::time_t time;  // from date -u -d
-    };
-    const std::vector<row> rows = {
+    const std::vector<std::pair<std::string, std::time_t>> rows = {
+        // from date -u -d
         {"Sun, 06 Nov 1994 08:49:37 GMT", 784111777},
         {"06/Nov/1994 08:49:37", 784111777},
         {"6 Nov 1994 8:49:37", 784111777},
@@ -95,31 +89,27 @@ TEST(Dates, CountAsLocalTime) {
         {"Sat, 29 Feb 2020 23:59:59 GMT", 1583020799},
         {"1 Jan 69 00:00:00", 3124224000},
     };
-    for (const row& r : rows) {
-        const std::string block = std::string("If-Modified-Since: ") + r.text + "\r\n\r\n";
-        header_values values;
-        parse_headers(block.data(), block.size(), &values);
-        EXPECT_EQ(values.if_modified_since, r.time) << r.text;
+    for (const auto& [text, time] : rows) {
+        EXPECT_EQ(parsed("If-Modified-Since: " + text).if_modified_since, time) << text;
     }
 }
 
 TEST(Uri, CleaningNeverLetsAPathClimb) {
-    struct row {
-        const char* uri;
-        const char* clean;
+    const std::vector<std::pair<const char*, const char*>> rows = {
+        {"/", "/"},
+        {"/../a", "/a"},
+        {"/.x", "/x"},
+        {"/a/../../b", "/a/b"},
+        {"//a//b", "//a//b"},
+        {"/http://h:1/a/../b", "/http://h:1/a/b"},
+        {"/..\\..\\x", "/x"},
+        {"/.\\", "/"},
+        {"\\..\\a", "\\a"},
+        {"/a../b", "/a../b"},
+        {"", ""},
     };
-    for (const row& r : std::vector<row>{{"/", "/"},
-                                         {"/../a", "/a"},
-                                         {"/.x", "/x"},
-                                         {"/a/../../b", "/a/b"},
-                                         {"//a//b", "//a//b"},
-                                         {"/http://h:1/a/../b", "/http://h:1/a/b"},
-                                         {"/..\\..\\x", "/x"},
-                                         {"/.\\", "/"},
-                                         {"\\..\\a", "\\a"},
-                                         {"/a../b", "/a../b"},
-                                         {"", ""}}) {
-        EXPECT_EQ(cleaned(r.uri), r.clean) << r.uri;
+    for (const auto& [uri, clean] : rows) {
+        EXPECT_EQ(cleaned(uri), clean) << uri;
     }
     // Whatever is put together, no cleaned URI holds a way up.
     const std::vector<std::string> pieces = {"/", "\\", ".", "..", "a", "//", "/."};
@@ -134,24 +124,22 @@ TEST(Uri, CleaningNeverLetsAPathClimb) {
 }
 
 TEST(Uri, RoleIsTheFirstSegmentOrBehindTheAuthority) {
-    struct row {
-        const char* uri;
-        bool proxied;
-        const char* role;
+    const std::vector<std::tuple<const char*, bool, const char*>> rows = {
+        {"/admin/x", false, "admin"},
+        {"/", false, ""},
+        {"", false, ""},
+        {"/http://h:80/agent/x", true, "agent"},
+        {"http://h/world", true, "world"},
+        {"/http://h", true, ""},
+        {"/httpu://any:pub/x", true, "pub"},
+        {"/httpu://any/x", true, ""},
+        {"/hob://h:/admin/x", true, "admin"},
     };
-    for (const row& r : std::vector<row>{{"/admin/x", false, "admin"},
-                                         {"/", false, ""},
-                                         {"", false, ""},
-                                         {"/http://h:80/agent/x", true, "agent"},
-                                         {"http://h/world", true, "world"},
-                                         {"/http://h", true, ""},
-                                         {"/httpu://any:pub/x", true, "pub"},
-                                         {"/httpu://any/x", true, ""},
-                                         {"/hob://h:/admin/x", true, "admin"}}) {
+    for (const auto& [uri, proxied, role] : rows) {
         conn c;
-        c.request.uri = r.uri;
-        get_role_from_uri(&c, r.proxied);
-        EXPECT_EQ(c.request.role, r.role) << r.uri;
+        c.request.uri = uri;
+        get_role_from_uri(&c, proxied);
+        EXPECT_EQ(c.request.role, role) << uri;
     }
 }
 

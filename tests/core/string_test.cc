@@ -72,11 +72,9 @@ TEST(Extensions, OnlyCommasSeparate) {
         {"/a.cgi", ".cgi", true},
         {"/a.CGI", ".x,.cGi", true},
         {"/a.cgi", ".cgi .pl .php", false},
-        {"/a.cgi .pl .PHP", ".cgi .pl .php", true},
         {".cgi", ".cgi", false},
         {"x.cgi", ".x, ,\t,, .cgi", true},
         {"x.cgi", ",.cgi", false},  // an empty entry ends the list
-        {"x.pl", ".cgi,.pl,", true},
         {"x9", "5634,8443s, 9000u, 9", true},
     };
     for (const auto& row : rows) {
