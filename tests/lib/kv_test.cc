@@ -1,26 +1,23 @@
 // Proves the property sets' results, ownership and merge rules. The leak checker sees who frees
 // what.
-#include "lib/kv.h"
-
-#include <gtest/gtest.h>
-
 #include <map>
-#include <optional>
 #include <random>
 #include <string>
 
-#include "lib/plat.h"
 #include "lib/qz_result.h"
+#include "tests/lib/kv_sample.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 kv* text_entry(const char* name, const std::string& text, std::uint32_t flags = 0) {
     return new_kv(name, flags, KV_STRING, static_cast<std::uint32_t>(text.size() + 1),
                   text.c_str());
 }
 
-kv* number_entry(const char* name, std::int32_t number, std::uint32_t flags = 0) {
-    return new_kv(name, flags, KV_INT32, 4, &number);
+kv* number_entry(const char* name, std::int32_t number) {
+    return new_kv(name, 0, KV_INT32, 4, &number);
 }
 
 // "name=text|name=text|": strings as they are, other types as "#".
@@ -110,43 +107,25 @@ TEST(property_set, agrees_with_std_map_on_random_operations) {
     }
 }
 
-TEST(property_set, accepts_the_known_datatypes_only) {
-    const propset_ptr nested(new_ps(0));
-    const std::uint64_t zeros[2] = {};
-    for (std::uint32_t type = 0; type < 40; ++type) {
-        const bool is_set = type == KV_PROPERTY_SET || (type >= KV_OBJECT && type <= KV_I18NFS);
-        const void* data = is_set ? static_cast<const void*>(nested.get()) : zeros;
-        const kv_ptr entry(new_kv("x", 0, type, is_set ? 4 : sizeof zeros, data));
-        EXPECT_EQ(entry != nullptr, type >= 1 && type <= 17) << type;
-    }
-    EXPECT_NE(kv_ptr(new_kv("x", 0, KV_TIME, 8, zeros)), nullptr);
-    EXPECT_EQ(kv_ptr(new_kv("x", 0, 0x10004, 8, zeros)), nullptr);
-}
-
-TEST(property_set, updates_refuse_another_datatype) {
+TEST(property_set, updates_refuse_another_datatype_and_only_moving_takes_the_flags) {
     const propset_ptr set = set_of({"a"}, "old");
-    kv_ptr number(number_entry("a", 5, 8));
+    kv* entry = ps_lookup(set.get(), "a");
+    entry->flags = 0x10;
+    const kv_ptr number(number_entry("a", 5));
     kv* moved = number.get();
     EXPECT_EQ(ps_update(set.get(), number.get()), qz_type_mismatch);
     EXPECT_EQ(ps_update_fast(set.get(), &moved), qz_type_mismatch);
     EXPECT_EQ(moved, number.get());
     EXPECT_EQ(ps_check_update(set.get(), number.get()), qz_type_mismatch);
-    EXPECT_EQ(summary(set.get()), "a=old|");
-
-    kv* entry = ps_lookup(set.get(), "a");
     EXPECT_EQ(kv_update(entry, entry), 0);
     EXPECT_EQ(summary(set.get()), "a=old|");
-}
 
-TEST(property_set, only_the_moving_update_takes_the_flags) {
-    const propset_ptr set(new_ps(0));
-    EXPECT_EQ(ps_add(set.get(), text_entry("a", "1", 0x10)), 0);
     const kv_ptr flagged(text_entry("a", "2", 0x20));
     EXPECT_EQ(ps_update(set.get(), flagged.get()), 0);
-    EXPECT_EQ(ps_lookup(set.get(), "a")->flags, 0x10U);
-    kv* moved = text_entry("a", "3", 0x20);
+    EXPECT_EQ(entry->flags, 0x10U);
+    moved = text_entry("a", "3", 0x20);
     EXPECT_EQ(ps_update_fast(set.get(), &moved), 0);
-    EXPECT_EQ(ps_lookup(set.get(), "a")->flags, 0x20U);
+    EXPECT_EQ(entry->flags, 0x20U);
 }
 
 TEST(property_set, merge_keeps_values_of_other_datatypes) {
@@ -236,45 +215,55 @@ TEST(property_set, borrowed_data_is_left_alone_until_copied) {
 }
 
 TEST(property_set, arrays_take_values_of_their_datatype) {
-    val_array* array = new_val_array(0, KV_UINT32);
+    const propset_ptr set(new_ps(0));
+    add_array<std::uint32_t>(set.get(), "a", KV_UINT32, {7});
+    kv* entry = ps_at(set.get(), 0);
+    auto* array = static_cast<val_array*>(entry->value->data);
     const std::uint32_t number = 7;
-    EXPECT_EQ(val_array_add(array, new_value(KV_UINT32, 4, &number)), 0);
     kv_value* wrong = new_value(KV_INT32, 4, &number);
     EXPECT_EQ(val_array_add(array, wrong), qz_type_mismatch);
     value_free(wrong);
     EXPECT_EQ(val_array_add(array, nullptr), qz_invalid);
-    EXPECT_EQ(new_value(99, 4, &number), nullptr);
-    const kv_ptr entry(new_kv_assign(qzstrdup("a"), 0, KV_UINT32 | KV_ARRAY, 4, array));
-    const kv_ptr copy(kv_copy(entry.get()));
-    EXPECT_EQ(kv_compare(entry.get(), copy.get()), 1);
+    EXPECT_EQ(new_value(18, 4, &number), nullptr);
+    const kv_ptr copy(kv_copy(entry));
+    EXPECT_EQ(kv_compare(entry, copy.get()), 1);
     EXPECT_EQ(val_array_add(array, new_value(KV_UINT32, 4, &number)), 0);
-    EXPECT_EQ(kv_compare(entry.get(), copy.get()), 0);
+    EXPECT_EQ(kv_compare(entry, copy.get()), 0);
 }
 
 TEST(property_set, equality_is_by_meaning) {
+    const struct {
+        std::uint32_t type_a;
+        std::string a;
+        std::uint32_t type_b;
+        std::string b;
+        int equal;
+    } rows[] = {
+        {KV_BOOLEAN, "\x01", KV_BOOLEAN, "\x02", 1},
+        {KV_STRING, "a\0"s, KV_STRING, "a", 1},
+        {KV_BINARY, "a\0"s, KV_BINARY, "a", 0},
+        {KV_INT32, "abcd", KV_UINT32, "abcd", 0},
+        {KV_GUID, "0123456789abcdef", KV_GUID, "0123456789abcdeg", 0},
+        {KV_WSTRING, "a\0\0\0b\0"s, KV_WSTRING, "a\0"s, 1},
+        {KV_STRING | KV_WIRE, "\0\0\0\1a"s, KV_STRING, "a", 1},  // packs to the same bytes
+    };
     const auto value = [](std::uint32_t type, const std::string& bytes) {
         return new_value(type, static_cast<std::uint32_t>(bytes.size()), bytes.data());
     };
-    const auto same = [](kv_value* a, kv_value* b) {
-        const int result = value_compare(a, b);
-        EXPECT_EQ(value_compare(b, a), result);
+    for (const auto& row : rows) {
+        kv_value* a = value(row.type_a, row.a);
+        kv_value* b = value(row.type_b, row.b);
+        EXPECT_EQ(value_compare(a, b), row.equal) << row.type_a;
+        EXPECT_EQ(value_compare(b, a), row.equal) << row.type_a;
         value_free(a);
         value_free(b);
-        return result;
-    };
-    EXPECT_EQ(same(value(KV_BOOLEAN, "\x01"), value(KV_BOOLEAN, "\x02")), 1);
-    EXPECT_EQ(same(value(KV_STRING, std::string("a\0", 2)), value(KV_STRING, "a")), 1);
-    EXPECT_EQ(same(value(KV_BINARY, std::string("a\0", 2)), value(KV_BINARY, "a")), 0);
-    EXPECT_EQ(same(value(KV_INT32, "abcd"), value(KV_UINT32, "abcd")), 0);
-    EXPECT_EQ(same(value(KV_GUID, "0123456789abcdef"), value(KV_GUID, "0123456789abcdeg")), 0);
-    EXPECT_EQ(same(value(KV_WSTRING, std::string("a\0\0\0b\0", 6)),
-                   value(KV_WSTRING, std::string("a\0", 2))),
-              1);
-    // Wire form equals the value that packs to the same bytes.
-    EXPECT_EQ(same(value(KV_STRING | KV_WIRE, std::string("\0\0\0\1a", 5)), value(KV_STRING, "a")),
-              1);
-    EXPECT_EQ(same(new_value(KV_BINARY, 0, nullptr), new_value(KV_BINARY, 0, nullptr)), 1);
-    EXPECT_EQ(same(new_value(KV_BINARY, 0, nullptr), new_value(KV_BINARY, 0, "")), 0);
+    }
+    const kv_value none{0, KV_BINARY, nullptr};
+    const kv_value other_none = none;
+    char data = 'x';
+    const kv_value empty{0, KV_BINARY, &data};
+    EXPECT_EQ(value_compare(&none, &other_none), 1);
+    EXPECT_EQ(value_compare(&none, &empty), 0);
     EXPECT_EQ(value_compare(nullptr, nullptr), 1);
 }
 

@@ -1,17 +1,15 @@
 // Proves the wire form against bytes made with another tool, and that the checked reader refuses
 // every broken block without leak or crash.
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "lib/kv.h"
-#include "lib/plat.h"
+#include "tests/lib/kv_sample.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 using block = std::vector<unsigned char>;
 
@@ -53,120 +51,57 @@ propset_ptr read_checked(const block& bytes) {
     return propset_ptr(set);
 }
 
-template <class T>
-void add(propset* set, const char* name, std::uint32_t flags, std::uint32_t type, T number) {
-    ASSERT_EQ(ps_add(set, new_kv(name, flags, type, sizeof number, &number)), 0);
-}
-
-void add_text(propset* set, const char* name, std::uint32_t flags, const std::string& text) {
-    ASSERT_EQ(ps_add(set, new_kv(name, flags, KV_STRING,
-                                 static_cast<std::uint32_t>(text.size() + 1), text.c_str())),
-              0);
-}
-
-template <class T>
-void add_array(propset* set, const char* name, std::uint32_t type, const std::vector<T>& items) {
-    val_array* array = new_val_array(0, type);
-    for (const T& item : items) {
-        if constexpr (std::is_same_v<T, std::string>) {
-            ASSERT_EQ(val_array_add(array, new_value(type, static_cast<std::uint32_t>(item.size()),
-                                                     item.c_str())),
-                      0);
-        } else {
-            ASSERT_EQ(val_array_add(array, new_value(type, sizeof item, &item)), 0);
-        }
-    }
-    ASSERT_EQ(ps_add(set, new_kv_assign(qzstrdup(name), 0, type | KV_ARRAY, 4, array)), 0);
-}
-
-propset_ptr every_type() {
-    propset_ptr set(new_ps(0));
-    const unsigned char guid[16] = {0x67, 0x45, 0x23, 0x01, 0xab, 0x89, 0xef, 0xcd,
-                                    1,    2,    3,    4,    5,    6,    7,    8};
-    const char16_t units[] = u"h\u20ac\U0001f600";
-    add(set.get(), "a_bool", 0, KV_BOOLEAN, std::uint8_t{1});
-    add(set.get(), "b_i32", 0x10, KV_INT32, std::int32_t{-2});
-    add(set.get(), "c_u32", 0, KV_UINT32, std::uint32_t{4'000'000'000});
-    add(set.get(), "d_i64", 0, KV_INT64, -(std::int64_t{1} << 40) - 3);
-    add(set.get(), "e_u64", 0xdeadbeef, KV_UINT64, (std::uint64_t{1} << 63) + 7);
-    add_text(set.get(), "f_str", 0, "h\u00e9y!");
-    EXPECT_EQ(ps_add(set.get(), new_kv("g_wstr", 0, KV_WSTRING, sizeof units, units)), 0);
-    EXPECT_EQ(ps_add(set.get(), new_kv("h_bin", 0, KV_BINARY, 3, "\0\xff\x10")), 0);
-    EXPECT_EQ(ps_add(set.get(), new_kv("i_guid", 0, KV_GUID, 16, guid)), 0);
-    const propset_ptr inner(new_ps(0));
-    add_text(inner.get(), "in", 1, "");
-    EXPECT_EQ(ps_add(set.get(), new_kv("j_set", 0, KV_PROPERTY_SET, 4, inner.get())), 0);
-    EXPECT_EQ(ps_add(set.get(), new_kv("k_objid", 0, KV_OBJID, 16, guid)), 0);
-    add(set.get(), "l_time", 0, KV_TIME, std::uint64_t{1'700'000'000});
-    add_array<std::int32_t>(set.get(), "m_arr", KV_INT32, {1, -1, 7});
-    add_array<std::string>(set.get(), "n_sarr", KV_STRING, {"x", ""});
-    const propset_ptr empty(new_ps(0));
-    EXPECT_EQ(ps_add(set.get(), new_kv("o_obj", 0, KV_OBJECT, 4, empty.get())), 0);
-    return set;
-}
-
-TEST(wire_form, writes_the_bytes_of_another_tool) {
-    EXPECT_EQ(marshalled(every_type().get()), from_hex(every_type_hex));
-    EXPECT_EQ(marshalled(propset_ptr(new_ps(0)).get()), block(4, 0));
-}
-
-TEST(wire_form, both_readers_read_them_back) {
+TEST(wire_form, is_the_bytes_of_another_tool_both_ways) {
     const block bytes = from_hex(every_type_hex);
     const propset_ptr expected = every_type();
-    const propset_ptr checked = read_checked(bytes);
-    EXPECT_EQ(ps_compare(checked.get(), expected.get()), 1);
-    propset* trusted = nullptr;
-    EXPECT_EQ(ps_unmarshal(bytes.data(), &trusted), bytes.data() + bytes.size());
-    EXPECT_EQ(ps_compare(trusted, expected.get()), 1);
+    EXPECT_EQ(marshalled(expected.get()), bytes);
+    EXPECT_EQ(marshalled(propset_ptr(new_ps(0)).get()), block(4, 0));
+    EXPECT_EQ(ps_compare(read_checked(bytes).get(), expected.get()), 1);
+    propset* read = nullptr;
+    EXPECT_EQ(ps_unmarshal(bytes.data(), &read), bytes.data() + bytes.size());
+    const propset_ptr trusted(read);
+    EXPECT_EQ(ps_compare(read, expected.get()), 1);
     const std::uint32_t lengths[] = {1, 4, 4, 8, 8, 6, 10, 3, 16, 4, 16, 8, 4, 4, 4};
-    for (std::int32_t i = 0; i < ps_getcount(trusted); ++i) {
-        EXPECT_EQ(ps_at(trusted, i)->value->length, lengths[i]) << ps_at(trusted, i)->name;
-        EXPECT_EQ(ps_at(trusted, i)->flags, ps_at(expected.get(), i)->flags);
+    for (std::int32_t i = 0; i < ps_getcount(read); ++i) {
+        EXPECT_EQ(ps_at(read, i)->value->length, lengths[i]) << ps_at(read, i)->name;
+        EXPECT_EQ(ps_at(read, i)->flags, ps_at(expected.get(), i)->flags);
     }
-    ps_free(trusted);
+}
+
+// One entry named `name` with the boolean true.
+std::string boolean_hex(char name, char flags) {
+    return "00000001000000016"s + name + "0000000" + flags + "01";
 }
 
 TEST(wire_form, reading_sorts_and_puts_the_later_of_equals_first) {
-    const block bytes = from_hex(
-        "00000003"
-        "00000001"
-        "0000000162"
-        "00000001"
-        "01"
-        "00000001"
-        "0000000161"
-        "00000002"
-        "01"
-        "00000001"
-        "0000000162"
-        "00000003"
-        "01");
-    const propset_ptr set = read_checked(bytes);
-    ASSERT_EQ(ps_getcount(set.get()), 3);
-    EXPECT_EQ(ps_at(set.get(), 0)->flags, 2U);
-    EXPECT_EQ(ps_at(set.get(), 1)->flags, 3U);
-    EXPECT_EQ(ps_at(set.get(), 2)->flags, 1U);
+    const propset_ptr set =
+        read_checked(from_hex("00000004" + boolean_hex('2', '1') + boolean_hex('1', '2') +
+                              boolean_hex('2', '3') + boolean_hex('3', '4')));
+    std::string order;
+    for (void* word : qz_each(set->entries)) {
+        order += static_cast<kv*>(word)->name + std::to_string(static_cast<kv*>(word)->flags);
+    }
+    EXPECT_EQ(order, "a2b3b1c4");
 }
 
 TEST(wire_form, storage_bits_never_travel) {
-    const block bytes = from_hex("0000000160000006000000016100000000000000017a");
-    const propset_ptr set = read_checked(bytes);
+    const propset_ptr set = read_checked(from_hex("0000000160000006000000016100000000000000017a"));
     ASSERT_NE(set, nullptr);
     EXPECT_EQ(ps_at(set.get(), 0)->value->datatype, KV_STRING);
 
     const propset_ptr packed(new_ps(0));
-    ASSERT_EQ(ps_add(packed.get(), new_kv("a", 0, KV_STRING | KV_WIRE, 5, "\0\0\0\1z")), 0);
+    add(packed.get(), "a", KV_STRING | KV_WIRE, std::array<char, 5>{0, 0, 0, 1, 'z'});
     EXPECT_EQ(marshalled(packed.get()), from_hex("0000000100000006000000016100000000000000017a"));
 }
 
 TEST(wire_form, unknown_codes_have_no_body_for_the_trusting_reader) {
     const block bytes = from_hex("0000000100000063000000016100000005");
-    propset* set = nullptr;
-    EXPECT_EQ(ps_unmarshal(bytes.data(), &set), bytes.data() + bytes.size());
-    EXPECT_EQ(ps_at(set, 0)->value->data, nullptr);
-    EXPECT_EQ(ps_at(set, 0)->value->length, 0U);
-    EXPECT_EQ(marshalled(set), bytes);
-    ps_free(set);
+    propset* read = nullptr;
+    EXPECT_EQ(ps_unmarshal(bytes.data(), &read), bytes.data() + bytes.size());
+    const propset_ptr set(read);
+    EXPECT_EQ(ps_at(read, 0)->value->data, nullptr);
+    EXPECT_EQ(ps_at(read, 0)->value->length, 0U);
+    EXPECT_EQ(marshalled(read), bytes);
     EXPECT_EQ(read_checked(bytes), nullptr);
 }
 
@@ -184,51 +119,31 @@ TEST(checked_reader, refuses_every_truncation) {
 }
 
 TEST(checked_reader, refuses_counts_that_cannot_be_true) {
-    for (const char* hex : {
-             "ffffffff",  // entries
-             "0000000180000063"
-             "00000000"
-             "00000000"
-             "ffffffff",  // elements without a body
-             "0000000180000001"
-             "00000000"
-             "00000000"
-             "7fffffff",  // booleans
-             "0000000100000006"
-             "ffffffff"
-             "00000000",  // name
-             "0000000100000007"
-             "00000000"
-             "00000000"
-             "80000001"
-             "0000",  // units: twice overflows
-             "0000000100000008"
-             "00000000"
-             "00000000"
-             "ffffffff",  // bytes
-             "0000000100000012"
-             "00000000"
-             "00000000",  // code 18
-         }) {
-        EXPECT_EQ(read_checked(from_hex(hex)), nullptr) << hex;
+    const struct {
+        const char* hex;
+        const char* what;
+    } rows[] = {
+        {"ffffffff", "entries"},
+        {"00000001800000630000000000000000ffffffff", "elements without a body"},
+        {"000000018000000100000000000000007fffffff", "booleans"},
+        {"0000000100000006ffffffff00000000", "name"},
+        {"00000001000000070000000000000000800000010000", "units: twice overflows"},
+        {"00000001000000080000000000000000ffffffff", "bytes"},
+        {"00000001000000120000000000000000", "code 18"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(read_checked(from_hex(row.hex)), nullptr) << row.what;
     }
-}
-
-block nested_sets(int levels) {
-    block bytes;
-    for (int i = 1; i < levels; ++i) {
-        const block level = from_hex(
-            "00000001"
-            "0000000a"
-            "00000000"
-            "00000000");
-        bytes.insert(bytes.end(), level.begin(), level.end());
-    }
-    bytes.insert(bytes.end(), 4, 0);
-    return bytes;
 }
 
 TEST(checked_reader, refuses_deep_nesting) {
+    const auto nested_sets = [](int levels) {
+        std::string hex;
+        for (int i = 1; i < levels; ++i) {
+            hex += "000000010000000a0000000000000000";
+        }
+        return from_hex(hex + "00000000");
+    };
     EXPECT_NE(read_checked(nested_sets(64)), nullptr);
     EXPECT_EQ(read_checked(nested_sets(65)), nullptr);
     EXPECT_EQ(read_checked(nested_sets(200'000)), nullptr);
