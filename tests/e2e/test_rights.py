@@ -10,7 +10,6 @@ import time
 
 import pytest
 
-from dovmad_harness import USER_TOOL
 from kill_rights import kill_during_rewrites
 from rights_support import (ROLES, add_user, basic, change, deny, full_name, grant,
                             make_role_folders, root_login)
@@ -19,27 +18,22 @@ ALICE = "alice:wonder"
 BOB = "bob:builder"
 
 
-@pytest.fixture(name="daemon")
-def make_guarded_daemon(make_daemon):
-    daemon = make_daemon(auth=True)
-    make_role_folders(daemon.root)
-    add_user(daemon, "alice", "wonder")
-    add_user(daemon, "bob", "builder")
-    return daemon
-
-
 @pytest.fixture(name="spaces")
 def make_daemon_with_namespaces(make_daemon, tmp_path):
     """A daemon with the namespaces one and two; daemon.one and daemon.two are their roots."""
     one, two = tmp_path / "one", tmp_path / "two"
-    for folder in (one, two):
-        make_role_folders(folder)
     daemon = make_daemon(auth=True, namespaces=f"one={one}, two={two}")
-    make_role_folders(daemon.root)
     daemon.one, daemon.two = one, two
-    add_user(daemon, "alice", "wonder")
-    add_user(daemon, "bob", "builder")
+    for folder in (daemon.root, one, two):
+        make_role_folders(folder)
+    for login in (ALICE, BOB):
+        add_user(daemon, *login.split(":"))
     return daemon
+
+
+@pytest.fixture(name="daemon")
+def make_guarded_daemon(spaces):
+    return spaces
 
 
 def access_file(root, role):
@@ -49,6 +43,17 @@ def access_file(root, role):
 
 def status(daemon, path, login, **kwargs):
     return daemon.request("GET", path, user=login, **kwargs).status
+
+
+def roles_of(daemon, login, **kwargs):
+    return [r for r in ROLES if status(daemon, f"/{r}/f.txt", login, **kwargs) == 200]
+
+
+def get_on(client, path):
+    """A request of alice's on a connection that stays open: (status, text)."""
+    client.request("GET", path, headers={"Authorization": basic(ALICE)})
+    reply = client.getresponse()
+    return reply.status, reply.read().decode()
 
 
 def edit(root, role, text):
@@ -74,7 +79,7 @@ def test_a_user_is_promoted_and_demoted(daemon, tls):
     alice = full_name(daemon, "alice")
 
     def roles():
-        return [r for r in ROLES if status(daemon, f"/{r}/f.txt", ALICE, tls=tls) == 200]
+        return roles_of(daemon, ALICE, tls=tls)
 
     assert roles() == ["pub"]
     grant(daemon, alice, "operator", tls=tls)
@@ -120,36 +125,6 @@ def test_get_requests_grant_too(daemon):
     assert ask("deny?user=bob&role=operator&type=group") == "Success\n"
     assert ask("deny?user=bob&role=operator&type=user") == "Success\n"
     assert access_file(daemon.root, "operator") == "wheel:group\n"
-
-
-def test_a_body_in_pieces_is_waited_for(daemon):
-    body = b"user=carol&role=operator&type=user"
-    head = (f"POST /admin/security/grant HTTP/1.1\r\nAuthorization: {basic(root_login(daemon))}\r\n"
-            f"Content-Length: {len(body)}\r\n\r\n").encode()
-    with daemon.connect() as sock:
-        sock.settimeout(20)
-        for piece in (head, body[:11], body[11:24], body[24:]):
-            sock.sendall(piece)
-            time.sleep(0.05)
-        assert sock.recv(4096).endswith(b"Success\n")
-    assert access_file(daemon.root, "operator") == "carol:user\n"
-    big = b"user=x&type=user&role=pub&" + b"y" * 40000
-    reply = daemon.request("POST", "/admin/security/grant", body=big, user=root_login(daemon))
-    assert (reply.status, reply.text) == (400, "Request is too big")
-
-
-def test_users_made_with_the_administration_program(daemon):
-    if not USER_TOOL:
-        pytest.skip("dovmad-user was not built")
-    assert daemon.user_tool("add", "carol", input="secret1\nsecret1\n").returncode == 0
-    carol = full_name(daemon, "carol")
-    assert carol in daemon.user_tool("list").stdout, "it names users as grants need them"
-    assert status(daemon, "/pub/f.txt", "carol:secret1", tls=True) == 200
-    assert status(daemon, "/operator/f.txt", "carol:secret1", tls=True) == 403
-    grant(daemon, carol, "operator", tls=True)
-    assert status(daemon, "/operator/f.txt", "carol:secret1", tls=True) == 200
-    assert daemon.user_tool("lock", "carol").returncode == 0
-    assert status(daemon, "/operator/f.txt", "carol:secret1", tls=True) == 401
 
 
 # --- What is refused, and with which words ---
@@ -223,21 +198,12 @@ def test_only_administrators_reach_the_endpoints(daemon):
 def test_an_edited_file_counts_from_the_next_check(daemon):
     alice = full_name(daemon, "alice")
     edit(daemon.root, "operator", f"{alice}:user\n# a comment\nstray line\n")
-    with daemon.connect() as kept:
-        kept.settimeout(20)
-        client = http.client.HTTPConnection("127.0.0.1", daemon.port)
-        client.sock = kept
-
-        def get():
-            client.request("GET", "/operator/f.txt", headers={"Authorization": basic(ALICE)})
-            reply = client.getresponse()
-            reply.read()
-            return reply.status
-
-        assert get() == 200
-        edit(daemon.root, "operator", "somebody:user\n")
-        assert status(daemon, "/operator/f.txt", ALICE) == 403
-        assert get() == 200, "granted on this connection"
+    client = http.client.HTTPConnection("127.0.0.1", daemon.port, timeout=20)
+    assert get_on(client, "/operator/f.txt")[0] == 200
+    edit(daemon.root, "operator", "somebody:user\n")
+    assert status(daemon, "/operator/f.txt", ALICE) == 403
+    assert get_on(client, "/operator/f.txt")[0] == 200, "granted on this connection"
+    client.close()
     (daemon.root / "operator" / ".dovmaaccess").unlink()
     grant(daemon, "carol", "operator")
     assert access_file(daemon.root, "operator") == "carol:user\n"
@@ -277,41 +243,28 @@ def test_access_files_are_never_served_or_replaced_over_the_wire(daemon):
 
 # --- Groups ---
 
-def member_of_a_supplementary_group():
-    for group in grp.getgrall():
-        for name in group.gr_mem:
-            try:
-                if pwd.getpwnam(name).pw_gid != group.gr_gid and name != "root":
-                    return name, group.gr_name
-            except KeyError:
-                pass
-    return None
+def memberships():
+    """A system user with its own group, and one with a second group where there is any."""
+    own = pwd.getpwnam("daemon")
+    found = [(own.pw_name, grp.getgrgid(own.pw_gid).gr_name)]
+    second = [(user.pw_name, group.gr_name) for user in pwd.getpwall() for group in grp.getgrall()
+              if user.pw_name in group.gr_mem and user.pw_gid != group.gr_gid
+              and user.pw_name != "root"]
+    return found + second[:1]
 
 
-def test_the_groups_of_a_system_user_count(daemon):
-    system_user = "daemon"
-    group = grp.getgrgid(pwd.getpwnam(system_user).pw_gid).gr_name
-    add_user(daemon, system_user, "wonder", "os")
-    assert status(daemon, "/operator/f.txt", f"{system_user}:wonder") == 403
+@pytest.mark.parametrize("user, group", memberships())
+def test_the_groups_of_a_system_user_count(daemon, user, group):
+    add_user(daemon, user, "wonder", "os")
+    login = f"{user}:wonder"
+    assert roles_of(daemon, login) == ["pub"]
     grant(daemon, group, "operator", kind="group")
-    assert status(daemon, "/operator/f.txt", f"{system_user}:wonder") == 200
-    assert status(daemon, "/admin/f.txt", f"{system_user}:wonder") == 403
-    assert status(daemon, "/operator/f.txt", ALICE) == 403
+    assert roles_of(daemon, login) == ["pub", "operator"]
+    assert roles_of(daemon, ALICE) == ["pub"]
     deny(daemon, group, "operator", kind="group")
-    assert status(daemon, "/operator/f.txt", f"{system_user}:wonder") == 403
+    assert roles_of(daemon, login) == ["pub"]
     grant(daemon, group, "admin", kind="group")
-    assert status(daemon, "/agent/f.txt", f"{system_user}:wonder") == 200
-
-
-def test_supplementary_groups_count(daemon):
-    found = member_of_a_supplementary_group()
-    if found is None:
-        pytest.skip("no user of this system is in a second group")
-    name, group = found
-    add_user(daemon, name, "wonder", "os")
-    assert status(daemon, "/operator/f.txt", f"{name}:wonder") == 403
-    grant(daemon, group, "operator", kind="group")
-    assert status(daemon, "/operator/f.txt", f"{name}:wonder") == 200
+    assert roles_of(daemon, login) == list(ROLES)
 
 
 # --- Namespaces ---
@@ -327,18 +280,13 @@ def test_two_namespaces_on_one_connection(spaces):
             client = http.client.HTTPSConnection("localhost", spaces.tls_port, timeout=20,
                                                  context=context)
 
-        def get(path):
-            client.request("GET", path, headers={"Authorization": basic(ALICE)})
-            reply = client.getresponse()
-            return reply.status, reply.read().decode()
-
-        assert get("/one/operator/f.txt") == (200, "one operator\n")
+        assert get_on(client, "/one/operator/f.txt") == (200, "one operator\n")
         used = client.sock
-        assert get("/two/pub/f.txt") == (200, "two pub\n")
-        assert get("/one/operator/f.txt") == (200, "one operator\n")
-        assert get("/pub/f.txt") == (200, "root pub\n")
+        assert get_on(client, "/two/pub/f.txt") == (200, "two pub\n")
+        assert get_on(client, "/one/operator/f.txt") == (200, "one operator\n")
+        assert get_on(client, "/pub/f.txt") == (200, "root pub\n")
         assert client.sock is used, "all on one connection"
-        assert get("/two/operator/f.txt")[0] == 403, "granted in the other namespace only"
+        assert get_on(client, "/two/operator/f.txt")[0] == 403, "granted in the other one only"
         client.close()
 
 
