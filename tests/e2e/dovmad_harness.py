@@ -99,15 +99,12 @@ class Daemon:
     `args` replaces the command line behind the program."""
 
     def __init__(self, base, auth=False, config_text=None, env=None, args=None, **options):
-        self.dir = Path(base)
-        self.root = self.dir / "root"
-        self.home = self.dir / "home"
-        self.var = self.dir / "var"
-        self.prefix = self.dir / "prefix"
-        self.error_log = self.dir / "error.log"
-        self.access_log = self.dir / "access.log"
-        self.pid_file = self.dir / "dovmad.pid"
-        self.config = self.dir / "dovmad.conf"
+        self.dir = base = Path(base)
+        self.root, self.home, self.var, self.prefix = (
+            base / name for name in ("root", "home", "var", "prefix"))
+        self.error_log, self.access_log, self.pid_file, self.config, self.stderr_file = (
+            base / name for name in ("error.log", "access.log", "dovmad.pid", "dovmad.conf",
+                                     "stderr.txt"))
         self.ca = self.var / "sec" / "dovmad-at" / "server.crt"
         for folder in (self.root, self.home / "lib", self.var, self.prefix):
             folder.mkdir(parents=True, exist_ok=True)
@@ -120,15 +117,12 @@ class Daemon:
             "document_root": self.root, "listen_ports": f"{self.tls_port},{self.port}u",
             "zel_home": self.home, "var_dir": self.var, "pid_file": self.pid_file,
             "error_log": self.error_log, "access_log": self.access_log,
+            "noauth": None if auth else 1, **options,
         }
-        if not auth:
-            settings["noauth"] = 1
-        settings.update(options)
         text = "".join(f"{k} {v}\n" for k, v in settings.items() if v is not None)
-        self.config.write_text(config_text if config_text is not None else text)
+        self.config.write_text(text if config_text is None else config_text)
         self.env = dict(os.environ, DOVMAD_TEST_ROOT=str(self.prefix), **(env or {}))
         self.args = [str(a) for a in args] if args is not None else [str(self.config)]
-        self.stderr_file = self.dir / "stderr.txt"
         self.process = None
         self.expected_end = False
         self.bad_ends = []
@@ -304,14 +298,11 @@ class Daemon:
 
 def start_daemon_expecting_failure(base, timeout=30, **options):
     """Starts a daemon that must end by itself: (exit status, standard error)."""
-    daemon = Daemon(base, **options)
-    daemon.start(wait=False)
+    daemon = Daemon(base, **options).start(wait=False)
     daemon.expected_end = True
     try:
-        status = daemon.process.wait(timeout)
+        return daemon.process.wait(timeout), daemon.stderr_text()
     finally:
-        if daemon.process.poll() is None:
-            daemon.process.kill()
-            daemon.process.wait()
+        daemon.process.kill()
+        daemon.process.wait()
         daemon.process.stdout.close()
-    return status, daemon.stderr_text()
