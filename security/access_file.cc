@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr std::size_t line_bytes = 256;
+constexpr std::size_t line_bytes = 256;  // with the terminator; longer lines come in pieces
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
 struct file_closer {
@@ -27,6 +27,8 @@ struct file_closer {
 };
 using owned_file = std::unique_ptr<std::FILE, file_closer>;
 
+// Kept: the type counts by its beginning and ends at white space, so "NAME:users and more" names a
+// user, while blanks in a name belong to it.
 void add_line(std::string_view line, role_entry* row) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0) {
@@ -59,10 +61,14 @@ owned_file open_regular(const std::string& path) {
     return file;
 }
 
+// The time as rows remember it: cut to 32 bits on both sides of the comparison, so 2038 changes
+// nothing.
 std::int32_t seconds(const struct stat& st) {
     return static_cast<std::int32_t>(st.st_mtime);
 }
 
+// Reads the file into a row whose sets are empty. A file that is missing leaves them so; any other
+// trouble also keeps the file from being replaced by what little is known of it.
 // Kept: times are whole seconds, so a second change within one second goes unseen.
 void load(const std::string& path, role_entry* row) {
     row->modified = 0;
@@ -98,6 +104,8 @@ void append_lines(std::string* text, const qz_map* set, std::string_view type,
 
 }  // namespace
 
+// Equal in one direction only, hence no order. It decides who holds a role all the same, so the
+// trees must search with the probe first and keep the shape that insertion gives them.
 int cmp_str(const void* probe, const void* stored) {
     const char* name = static_cast<const char*>(probe);
     const char* entry = static_cast<const char*>(stored);

@@ -24,6 +24,7 @@ namespace {
 
 constexpr std::string_view world_role = "world";
 constexpr std::string_view basic_scheme = "Basic ";
+// Of the whole header value. What is left for "DOMAIN\name:password" is 42 bytes.
 constexpr std::size_t longest_authorization = 64;
 constexpr std::size_t shortest_authorization = 10;
 constexpr int most_groups = 1024;
@@ -35,7 +36,8 @@ constexpr const char* login_page =
     "password), or your browser doesn't understand how to supply the credentials required.</p> "
     "</body></html>\r\n";
 
-// Asks the library about "DOMAIN\NAME:PASSWORD" or "NAME:PASSWORD".
+// Asks the library about "DOMAIN\NAME:PASSWORD" or "NAME:PASSWORD". The password may hold colons,
+// the name backslashes; an empty domain in front of one is not the default domain.
 bool log_in(conn* c, std::string_view login) {
     const std::size_t colon = login.find(':');
     if (colon == std::string_view::npos || login.find('\0') != std::string_view::npos) {
@@ -57,12 +59,14 @@ bool log_in(conn* c, std::string_view login) {
     const exit_guard wipe([&] { explicit_bzero(password.data(), password.size()); });
     const molb_identity who{"localhost", domain.c_str(), name.c_str(), password.c_str()};
     if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
-        c->client_credential = nullptr;
+        c->client_credential = nullptr;  // whatever the library left there is nobody's
         return false;
     }
     return true;
 }
 
+// Kept: blanks behind the value count towards its length although base64 ignores them, so a login
+// of 64 characters is refused as soon as a client pads it.
 bool log_in_by_header(conn* c) {
     std::string_view value = c->request.headers.authorization;
     if (value.size() > longest_authorization || value.size() < shortest_authorization ||
@@ -82,6 +86,8 @@ const char* or_empty(const char* text) {
     return text != nullptr ? text : "";
 }
 
+// "name@domain.qualifier", or the bare name for users of this system: only they can be called
+// "root" and have groups here. Empty when the library knows no name.
 std::string user_name_of(const molb_info* info) {
     std::string name = or_empty(info->name);
     const std::string_view qualifier = or_empty(info->qualifier);
@@ -92,7 +98,8 @@ std::string user_name_of(const molb_info* info) {
 }
 
 // The names of a system user's groups, null when the system does not know the user or it belongs to
-// more groups than fit. The process itself joins none of them.
+// more groups than fit. The process itself joins none of them, so this works without privileges and
+// what one caller may do never reaches another.
 qz_vector* groups_of(const std::string& user_name) {
     const passwd* user = getpwnam(user_name.c_str());
     if (user == nullptr) {
@@ -113,6 +120,8 @@ qz_vector* groups_of(const std::string& user_name) {
     return groups;
 }
 
+// Fills the connection's user name and groups. False when the credential says nothing useful; the
+// caller is refused then, because an empty name would be the beginning of every listed one.
 bool identify(conn* c) {
     molb_info* info = nullptr;
     if (molbAtExtractInfo(c->ctx->at_handle, c->client_credential, &info) != at_ok ||
@@ -138,6 +147,8 @@ int check_authorization(conn* c) {
         c->request.recorded_role = role;
         return 1;
     }
+    // Kept: a caller who is known stays so for the connection's life; another login in a later
+    // request is not looked at.
     if (c->client_credential == nullptr && !log_in_by_header(c)) {
         return 0;
     }

@@ -10,7 +10,8 @@
 
 // Decides about the connection's current request: 1 when it may proceed, 0 when the caller must
 // authenticate (answer 401), 2 when the caller is known and not allowed (answer 403). On 1 the
-// request's recorded_role is set to its role.
+// request's recorded_role is set to its role; it stays empty otherwise. Never waits for a client,
+// but may ask the system's user and group databases.
 int check_authorization(conn* c);
 
 // The second half of that decision, for a caller that holds a credential: fills the connection's

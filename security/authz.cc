@@ -23,7 +23,7 @@ namespace {
 constexpr std::size_t path_bytes = 2048;
 constexpr std::array<const char*, 4> role_directories = {"pub", "operator", "admin", "agent"};
 
-// In the order in which a shortened name is tried.
+// In the order in which a shortened name is tried: "a" is admin, "ag" agent.
 constexpr std::array<role_number, 4> role_preference = {role_admin, role_operator, role_pub,
                                                         role_agent};
 
@@ -37,6 +37,8 @@ int compare_namesp(const void* probe, const void* stored) {
     return as_view(probe).compare(as_view(stored));
 }
 
+// A table whose rows are loaded when they are first asked for. The row behind the last role keeps
+// its null name, which ends walks over the table.
 role_entry* init_new_authz() {
     auto* table = new role_entry[role_rows];
     for (std::size_t i = 0; i < role_directories.size(); i++) {
@@ -66,6 +68,8 @@ std::string access_path(const conn* c, const role_entry* row) {
     return path.size() < path_bytes ? path : std::string();
 }
 
+// Kept: the search follows the set's tree with a comparison that is no order, so a "*" among other
+// names is found by some probes only; which ones depends on the order of the lines in the file.
 bool listed(conn* c, int role, const char* principal, int kind) {
     validate_access_information(c, role);
     return qz_set_exists(principals(&c->request.ns->roles[role], kind), principal) != 0;
@@ -84,17 +88,18 @@ void* granted_word(const conn* c, int role) {
     return qz_word_of(serial << 16 | static_cast<std::uintptr_t>(role));
 }
 
-bool was_granted(conn* c, int role) {
+// Kept: a change of the access files does not end what a connection was granted before.
+bool was_granted(const conn* c, int role) {
     if (c->granted == nullptr) {
-        c->granted = new_qz_vector(0, nullptr);
+        return false;
     }
     const auto words = qz_each(c->granted);
     return std::find(words.begin(), words.end(), granted_word(c, role)) != words.end();
 }
 
 bool holds_through_group(conn* c, int role) {
-    // Names of the internal domain type never pass through groups here. The row is fresh: the
-    // user's own membership was just looked up in it.
+    // Names of the internal domain type never pass through groups of agent, nor where the role
+    // itself names no group. The row is fresh: the user's own membership was just looked up in it.
     const bool groups_apply =
         role != role_agent && qz_set_size(c->request.ns->roles[role].groups) > 0;
     if (c->groups == nullptr || (!groups_apply && is_qz_domain(c->user_name.c_str()) != 0)) {
@@ -142,12 +147,13 @@ void free_auth_info(shttpd_ctx* ctx) {
 }
 
 void add_namespace_to_map(shttpd_ctx* ctx, std::string_view name, std::string_view path) {
+    // Never used twice: what was granted in a removed namespace is not held in its successor.
     static std::uint32_t last_serial = 0;
     auto* record = new namespace_record{
         .root = std::string(path), .name = std::string(name), .roles = init_new_authz()};
     record->serial = ++last_serial;
     if (qz_map_insert(ctx->namespace_map, &record->name, record) != 0) {
-        namespace_release(record);
+        namespace_release(record);  // the first of a name stays, even as the default namespace
     }
 }
 
@@ -196,6 +202,9 @@ int is_authorized(conn* c) {
         !holds_through_group(c, role)) {
         return 0;
     }
+    if (c->granted == nullptr) {
+        c->granted = new_qz_vector(0, nullptr);
+    }
     qz_vector_pushback(c->granted, granted_word(c, role));
     return 1;
 }
@@ -206,7 +215,7 @@ int assert_role(conn* c, int role, const char* principal, int kind) {
                            [&](int r) { return listed(c, r, principal, kind); });
     };
     switch (role) {
-        case role_pub:  // every user holds pub, also when its file lists names
+        case role_pub:  // every user holds pub, also when names in its file hide the "*"
             return kind == kind_user || held({role_pub, role_operator, role_admin}) ? 1 : 0;
         case role_operator:
             return held({role_operator, role_admin}) ? 1 : 0;
@@ -219,6 +228,7 @@ int assert_role(conn* c, int role, const char* principal, int kind) {
     }
 }
 
+// Built-in members are added to rows that were rebuilt only: nothing ever takes them out again.
 void validate_access_information(conn* c, int role) {
     role_entry* row = &c->request.ns->roles[role];
     if (!refresh_row(access_path(c, row), row)) {
@@ -247,6 +257,8 @@ void sync_role(conn* c, role_entry* table, int role) {
         }
         return;
     }
+    // Kept: a file that may not be written is left alone and a grant still answers Success; it then
+    // holds until the file is read again.
     const int error = replace_file(path.c_str(), access_file_text(row));
     if (is_disk_trouble(error)) {
         elog(elog_info, c, "Cannot replace %s: %s", path.c_str(), std::strerror(error));

@@ -17,6 +17,7 @@
 
 enum role_number : int { role_pub = 0, role_operator = 1, role_admin = 2, role_agent = 3 };
 
+// Kept: "world" has no number. As a role to grant it is an unknown name, which is admin.
 inline constexpr int role_rows = 5;  // of a namespace's table; the last one ends it
 inline constexpr std::string_view default_namespace = "plx";
 
@@ -56,7 +57,8 @@ int get_role_number(std::string_view name);
 int is_authorized(conn* c);
 
 // Non-zero when the principal holds `role`, or a role above it, in the request's namespace.
-// Re-reads the access files concerned when they have changed.
+// Re-reads the access files concerned when they have changed. `kind` is a principal_kind. Unlike
+// is_authorized it remembers nothing. Requires, as all below: the request has a namespace.
 int assert_role(conn* c, int role, const char* principal, int kind);
 
 // Brings a role's row of the request's namespace up to date with its file, built-in principals

@@ -36,6 +36,8 @@ bool is_bad_name(std::string_view name) {
     return name.find_first_of("\r\n:") != std::string_view::npos;
 }
 
+// Kept: every name that begins with "root" is taken for the administrator, who can neither be given
+// nor lose a role; such a request answers Success and changes nothing.
 bool is_built_in(const az_params* params) {
     return starts_with_nocase(params->user.data(), "root");
 }
@@ -53,6 +55,8 @@ std::span<const role_number> included_roles(int role) {
     }
 }
 
+// The lower roles go first: a kill in between leaves the principal with neither, never with both.
+// Requires: the role's row is fresh, as assert_role leaves it.
 void add_to_role(conn* c, const az_params* params, int kind) {
     role_entry* table = c->request.ns->roles;
     const int role = get_role_number(params->role.data());
@@ -142,6 +146,7 @@ std::string namespaces_without(const shttpd_ctx* ctx, const std::string& name, b
     return text;
 }
 
+// Kept: a longer text is cut, and the namespace that was added last is then served but not listed.
 void set_namespaces(shttpd_ctx* ctx, const std::string& text) {
     ctx->namespaces = text.substr(0, longest_namespaces);
 }
@@ -174,6 +179,8 @@ void add_namespace(shttpd_call_arg* arg) {
     }
 }
 
+// Kept: the text loses every entry that matches but for its last character, the map only the exact
+// name, so a namespace can go on being served without being listed.
 void remove_namespace(shttpd_call_arg* arg) {
     if (endpoint_closing(arg) || post_only_pending(arg)) {
         return;
@@ -201,6 +208,8 @@ void remove_namespace(shttpd_call_arg* arg) {
 
 // --- Credentials ---
 
+// Gets the service a new credential, for which the library reads its files again. Handshakes go on
+// with the context's own credential. A failure ends the process, as it does at the start.
 void at_switch(shttpd_call_arg* arg) {
     if (endpoint_closing(arg)) {
         return;
@@ -209,6 +218,8 @@ void at_switch(shttpd_call_arg* arg) {
     show_success(arg);
 }
 
+// Drops the credential that was fetched to stand for a management broker; the next client that asks
+// for the broker's name makes the daemon fetch it anew.
 void at_cred_cleanup(shttpd_call_arg* arg) {
     if (endpoint_closing(arg) || post_only_pending(arg)) {
         return;
@@ -293,6 +304,7 @@ int deny_az(conn* c, const az_params* params, const char** error) {
         return 0;
     }
     role_entry* table = c->request.ns->roles;
+    // By the exact text: a search would take the first name that begins with this one.
     for (qz_cursor at(qz_set_open(principals(&table[role], kind))); !at.at_end(); at.next()) {
         if (std::strcmp(at.data<const char>(), params->user.data()) == 0) {
             at.erase();
