@@ -108,9 +108,6 @@ class Client:
             assert chunk, self.received[:300]
             self.received += chunk
 
-    def close(self):
-        self.sock.close()
-
 
 def test_service_starts_and_ends_with_the_daemon(hob):
     daemon = hob()
@@ -159,7 +156,7 @@ def test_one_exchange_at_a_time(hob):
     def run(name):
         client = Client(daemon)
         results[name] = [client.ask(get(f"/hob://h:/{name}-{i}")) for i in range(10)]
-        client.close()
+        client.sock.close()
 
     threads = [threading.Thread(target=run, args=(f"client{n}",)) for n in range(8)]
     for thread in threads:
@@ -180,14 +177,14 @@ def test_answer_of_a_client_that_left_reaches_nobody(hob):
         waiting = Client(daemon)
         waiting.sock.sendall(get("/hob://h:/mine"))
         time.sleep(0.2)
-        leaver.close()
+        leaver.sock.close()
         assert waiting.answer() == b"stdio /mine"
         assert Client(daemon).ask(get("/hob://h:/after")) == b"stdio /after"
     # One that leaves in the middle of an answer that it has begun to take.
     leaver = Client(daemon)
     leaver.sock.sendall(get("/hob://h:/large"))
     leaver.sock.recv(1000)
-    leaver.close()
+    leaver.sock.close()
     assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine"
 
 
@@ -201,8 +198,8 @@ def test_service_that_says_nothing_holds_only_its_own_clients(hob):
     assert daemon.request("GET", "/world/ping").status == 200
     assert Client(daemon).ask(get("/hob://h:/x", method="POST", body=b"tcp"))[:3] == b"tcp"
     assert calms_down(daemon)
-    waiting.close()
-    silent.close()
+    waiting.sock.close()
+    silent.sock.close()
 
 
 def test_answer_without_length_closes_the_client(hob):
