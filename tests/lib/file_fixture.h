@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,7 +21,10 @@ class file_test : public testing::Test {
         folder_ = testing::TempDir() + "lib_test.XXXXXX";
         ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
+    void TearDown() override {
+        (void)chmod(folder_.c_str(), 0755);
+        std::filesystem::remove_all(folder_);
+    }
 
     std::string path(const char* name) const { return folder_ + "/" + name; }
 

