@@ -67,7 +67,10 @@ constexpr std::array<std::string_view, 53> admin_symtab = {
     "molbAtSetBrokerDebugLevel",
 };
 
-// What every stub does before the call: the address to call, or null.
+// What every stub does before the call: the address to call, or null. The lock covers the look-up
+// alone. The call itself runs without it, so that the library may call back, and so that a slow
+// call keeps no other thread waiting; only molbAtTerminate unloads, and whoever calls that last
+// must see to it that no call is still running.
 void* enter(int index, const char* name) {
     if (molbat_status().load_count == 0) {
         void* handle = nullptr;  // lost: a library that nobody initialised stays loaded
@@ -93,11 +96,14 @@ template <class Result, class... Args>
 [[gnu::always_inline]] inline Result forward(int index, const char* name, Args... args) {
     void* address = enter(index, name);
     if (address == nullptr) {
+        // Positive: callers that expect a count of bytes must check it against what they offered.
         return static_cast<Result>(at_not_available);
     }
     return reinterpret_cast<Result (*)(Args...)>(address)(args...);
 }
 
+// Twelve of these reach the library whatever its own argument list is, the first in registers and
+// the rest on the stack; a shorter list leaves the others alone.
 using word = std::uintptr_t;
 
 }  // namespace
@@ -111,6 +117,7 @@ int isAdminAPI(const char* name) {
 }
 
 // --- Entry points with a known signature ---
+// Their types are those of at_types.h, which the default library is compiled against as well.
 
 std::uint32_t molbAtAuthenticate(void* handle, const molb_identity* who, std::uint32_t flags,
                                  void** credential) {

@@ -36,14 +36,16 @@ void molbatOnceInit();
 std::uint32_t molbAtInit_S(const molb_version* version, void** handle, const molb_init* init,
                            std::uintptr_t a, std::uintptr_t b, std::uintptr_t c);
 
-// Loads the library, or raises the load count. `version` and `settings` may be null.
+// Loads the library, or raises the load count. `version` and `settings` may be null. Requires, as
+// the next two: the write lock is held, or there is one thread.
 std::uint32_t molbatLibraryLoad(const molb_version* version, const molb_init* settings);
 // Lowers the load count; the last call unloads and forgets every symbol.
 void molbatLibraryUnload();
 
 // Resolves the symbols first..last; stops at the first that is missing.
 std::uint32_t molbatLoadSymbols(void* handle, int first, int last);
-// The address of one entry point, or null. `name` must be the table's name at `index`.
+// The address of one entry point, or null; from any thread. `name` must be the table's name at
+// `index`.
 void* molbatGetSymbol(int index, const char* name);
 
 // "Load", "Load|HOME" or "Load|HOME|LIBRARY_PATH" as a new text (free); null without memory.

@@ -1,4 +1,5 @@
-// The shim's debug stream: nothing at level 0, more with every level.
+// The shim's debug stream: nothing at level 0, more with every level. No password or credential is
+// ever written to it.
 #pragma once
 
 // A message's level and the line that writes it.

@@ -21,8 +21,9 @@ namespace {
 
 constexpr const char* library_template = "/opt/MOLBat/lib//libmolbat4L_t.so";
 constexpr std::size_t path_bytes_max = 2048;
-constexpr int tolerated_symbols = 100;
+constexpr int tolerated_symbols = 100;  // a library that has more of them may lack newer ones
 
+// Addresses are read without the lock by calls of other threads while one is being resolved.
 struct symbol_row {
     const char* name;
     std::atomic<void*> address{nullptr};
@@ -46,6 +47,7 @@ constexpr bool rows_in_order() {
 }
 static_assert(rows_in_order());
 
+// What an interface version promises: every symbol up to its highest index.
 struct api_version {
     int major;
     int minor;
@@ -64,13 +66,14 @@ constexpr std::array<api_version, 7> static_apitab = {{
 
 using control_function = std::uint32_t (*)(const char*, void*);
 
+// Written under the write lock only. Stubs look at the atomic members before they take theirs.
 struct loader_state {
     std::atomic<void*> handle{nullptr};
-    void* admin_handle = nullptr;  // cleared on unload, never set
-    control_function autoloader = nullptr;
+    void* admin_handle = nullptr;           // cleared on unload, never set
+    control_function autoloader = nullptr;  // stays known after an unload, with its open file
     std::atomic<int> load_count{0};
-    std::atomic<int> highest{-1};
-    char* g_zel_home_dir = nullptr;
+    std::atomic<int> highest{-1};    // resolved in bulk; later symbols may be known one by one
+    char* g_zel_home_dir = nullptr;  // owned; the first home given, until the unload
 };
 
 loader_state state;
@@ -97,7 +100,8 @@ const api_version* find_version(int major, int minor) {
     return nullptr;
 }
 
-// The minors listed for a major are contiguous.
+// Turns any version into a listed one. The minors listed for a major are contiguous.
+// Kept: a minor below the listed ones goes up to the largest, so 4.0 wants the symbols of 4.4.
 void truncate_version(molb_version* version) {
     if (version->major < static_apitab.front().major ||
         version->major > static_apitab.back().major) {
@@ -116,12 +120,14 @@ void truncate_version(molb_version* version) {
     }
 }
 
-// A library without the newest symbols is good enough for a caller that asks for no version.
+// A library without the newest symbols is good enough for a caller that asks for no version: stubs
+// of missing ones answer that they are not available.
 bool tolerable(std::uint32_t result, const molb_version* version) {
     return result == at_not_available && version == nullptr &&
            state.highest + 1 > tolerated_symbols;
 }
 
+// For a library that is loaded: resolves what a newer version wants beyond what is known.
 std::uint32_t load_more(const molb_version* version, int wanted) {
     std::uint32_t result = at_ok;
     if (wanted > state.highest) {
@@ -166,6 +172,8 @@ std::uint32_t find_autoloader(const molb_init* settings) {
     return at_ok;
 }
 
+// Has the library load its interface. From here on there is a handle to give back, so the count is
+// raised at once: whatever fails next ends in the ordinary unload.
 std::uint32_t call_autoloader(const molb_init* settings) {
     debug(3, "molbatLibraryLoad: calling autoloader 'Load'\n");
     char* command = makeLoadCmd(settings);
@@ -202,6 +210,8 @@ std::uint32_t first_load(const molb_version* version, const molb_version& used, 
     return at_ok;
 }
 
+// Kept: the first home directory stays until the library is unloaded; an instance that names
+// another one is started with the first.
 void remember_home(const molb_init* init) {
     if (state.g_zel_home_dir != nullptr) {
         return;
@@ -213,6 +223,8 @@ void remember_home(const molb_init* init) {
     state.g_zel_home_dir = is_set(home) ? strdup(home) : nullptr;
 }
 
+// Starts an instance, the older way where the library knows no other. It gets the caller's own
+// version, not the truncated one.
 std::uint32_t call_library_init(const molb_version* version, void** handle,
                                 const molb_init& settings, std::uintptr_t a, std::uintptr_t b,
                                 std::uintptr_t c) {
@@ -228,7 +240,7 @@ std::uint32_t call_library_init(const molb_version* version, void** handle,
     return at_not_available;
 }
 
-// Finds one symbol and remembers its address.
+// Finds one symbol and remembers its address. Two threads may both look: they find the same.
 std::uint32_t resolve(void* library, int index) {
     symbol_row& row = symtab[static_cast<std::size_t>(index)];
     void* address = dlsym(library, row.name);
@@ -249,6 +261,7 @@ std::uint32_t resolve(void* library, int index) {
 void debug_configure() {
     const char* level = std::getenv("MOLBat_API_DEBUG_LEVEL");
     debug_level_wanted = level != nullptr ? static_cast<int>(std::strtol(level, nullptr, 10)) : 0;
+    // Under inetd this is the client's socket: MOLBat_API_DEBUG_FILE is for that.
     debug_stream = stdout;
     const char* file = std::getenv("MOLBat_API_DEBUG_FILE");
     if (debug_level_wanted != 0 && file != nullptr) {
@@ -268,7 +281,7 @@ void debug(debug_level level, const char* format, ...) {
     flockfile(debug_stream);  // one message, one line, whatever other threads write
     (void)std::fprintf(debug_stream, "api(%d) ", level.line);
     (void)std::vfprintf(debug_stream, format, args);
-    (void)std::fflush(debug_stream);
+    (void)std::fflush(debug_stream);  // the next call may be the one that crashes
     funlockfile(debug_stream);
     va_end(args);
 }
@@ -317,7 +330,7 @@ int molbat_negotiate(const molb_version* version, molb_version* used) {
     *used = *version;
     truncate_version(used);
     const api_version* row = find_version(used->major, used->minor);
-    if (row == nullptr) {
+    if (row == nullptr) {  // unreachable while the minors of each major have no gap
         debug(2, "autoloader 'Load'; unknown version %d.%d; allowed upto %d.%d\n", used->major,
               used->minor, static_apitab.back().major, static_apitab.back().minor);
         return -1;
@@ -394,6 +407,7 @@ void molbatLibraryUnload() {
         (void)state.autoloader("Unload", state.handle);
     }
     debug(1, "molbatLibraryUnload: destroying the symbol table\n");
+    // Also when the count was 0 already: nothing half known stays.
     state.handle = nullptr;
     state.admin_handle = nullptr;
     state.highest = -1;
@@ -419,6 +433,8 @@ std::uint32_t molbAtInit_S(const molb_version* version, void** handle, const mol
     remember_home(init);
     molb_init settings = init != nullptr ? *init : molb_init{};
     settings.home = state.g_zel_home_dir;
+    // The library is looked for where this record says only when it names a home; its instance gets
+    // the completed record in any case.
     const bool has_home = init != nullptr && is_set(init->home);
     std::uint32_t result = molbatLibraryLoad(version, has_home ? &settings : nullptr);
     if (result != at_ok) {

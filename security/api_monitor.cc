@@ -7,6 +7,7 @@ api_monitor api_mon;
 
 namespace {
 
+// Requires: the mutex is held, so that type and owner belong together.
 bool held_by_caller(const api_monitor& monitor) {
     return monitor.m_lock_type == Mon_WriteLocked &&
            pthread_equal(monitor.writer, pthread_self()) != 0;
@@ -16,6 +17,7 @@ bool held_by_caller(const api_monitor& monitor) {
 
 void at_check(bool holds, const char* expression, const char* function) {
     if (!holds) {
+        // Not assert(): releases are built without it, and a broken lock must not go on.
         (void)std::fprintf(stderr, "Assertion failed: %s, file api, function %s\n", expression,
                            function);
         std::abort();
@@ -50,6 +52,7 @@ lock_result monitor_write_lock(api_monitor* monitor) {
     }
     ++monitor->m_queued_writers;
     while (monitor->m_lock_type != Mon_NoLock) {
+        // No wait fails on a sound system; going on unguarded beats a daemon that serves nobody.
         if (pthread_cond_wait(&monitor->wake, &monitor->mutex) != 0) {
             --monitor->m_queued_writers;
             (void)pthread_cond_broadcast(&monitor->wake);  // readers may have waited for this one
@@ -74,6 +77,7 @@ lock_result monitor_read_lock(api_monitor* monitor) {
         (void)pthread_mutex_unlock(&monitor->mutex);
         return lock_result::own_writer;
     }
+    // A writer that waits goes first: calls come all the time and would keep it out for ever.
     while (monitor->m_lock_type == Mon_WriteLocked || monitor->m_queued_writers > 0) {
         if (pthread_cond_wait(&monitor->wake, &monitor->mutex) != 0) {
             (void)pthread_mutex_unlock(&monitor->mutex);
@@ -102,6 +106,7 @@ void monitor_release(api_monitor* monitor) {
         monitor->m_lock_type = Mon_NoLock;
     }
     if (monitor->m_lock_type == Mon_NoLock) {
+        // All of them: readers and writers wait for the same condition and decide for themselves.
         (void)pthread_cond_broadcast(&monitor->wake);
     }
     (void)pthread_mutex_unlock(&monitor->mutex);

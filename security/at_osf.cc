@@ -16,7 +16,8 @@ namespace {
 constexpr int attempts_max = 100;
 constexpr long pause_us = 100;
 
-// Repeats an interrupted call; `call` returns whether it succeeded, errno tells why not.
+// Repeats an interrupted call, at most a hundred times in 10 ms: a signal storm must not hold the
+// process. `call` returns whether it succeeded, errno tells why not.
 template <class Call>
 bool retry(Call call) {
     for (int attempt = 0; attempt < attempts_max; ++attempt) {
@@ -40,6 +41,7 @@ int open_result(int fd, int* out) {
     return fd >= 0 ? 0 : errno;
 }
 
+// By lstat: what a symbolic link leads to belongs to somebody else.
 int remove_entry(const std::string& path) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) {
@@ -50,6 +52,8 @@ int remove_entry(const std::string& path) {
 
 }  // namespace
 
+// The flag is set by the open itself: a second call would leave a moment in which a child started
+// by another thread inherits the descriptor.
 std::FILE* fopen_cloexec(const char* path, const char* mode) {
     return std::fopen(path, (std::string(mode) + "e").c_str());
 }
@@ -103,7 +107,7 @@ int at_os_opendir_i(const char* path, DIR** out) {
 }
 
 int at_os_readdir_i(DIR* directory, dirent** out) {
-    errno = 0;
+    errno = 0;  // the end and a failure look alike otherwise
     *out = readdir(directory);
     return *out != nullptr ? 0 : errno;
 }

@@ -42,8 +42,9 @@ struct molb_info {
 };
 
 // One entry of the domain list; the list is one contiguous array, released with molbAtFree.
+// The first entry is the domain of logins that name none.
 struct molb_domain_info {
-    char* kind;
+    char* kind;  // how its users are known, such as by password; the daemon does not look at it
     char* name;
     std::uint32_t flags;
     std::uint32_t reserved;
@@ -51,12 +52,13 @@ struct molb_domain_info {
 
 // Instance parameters of molbAtInitEx. Any member may be null.
 struct molb_init {
-    const char* home;
-    const char* data_dir;
+    const char* home;      // where the library is installed; null: ZEL_HOME_DIR
+    const char* data_dir;  // keys, domains and users of this instance; null: ZEL_DATA_DIR
     const char* reserved;
-    const char* library_path;
+    const char* library_path;  // when set, dlopen searches for the library by its name
 };
 
+// An interface version, see the table in api_loader.cc.
 struct molb_version {
     std::int32_t major;
     std::int32_t minor;
@@ -73,7 +75,7 @@ using molb_sni_callback = std::uint32_t (*)(const molb_sni_request* request, voi
                                             void** credential);
 
 struct molb_accept_params {
-    std::uint32_t enabled;
+    std::uint32_t enabled;  // 0: the callback is not called
     std::uint32_t reserved;
     molb_sni_callback callback;
     void* user_data;
@@ -98,16 +100,20 @@ std::uint32_t molbatLibraryControl(const char* command, void* arg);
 std::uint32_t molbAtInit(const molb_version* version, void** handle);
 std::uint32_t molbAtInitEx(const molb_version* version, void** handle, const molb_init* init,
                            std::uintptr_t a, std::uintptr_t b, std::uintptr_t c);
+// Ends an instance; null is allowed. What came from it, such as channels and credentials, keeps
+// what it needs and is released on its own, before or after.
 std::uint32_t molbAtTerminate(void* handle);
 
 // Checks an identity; on success *credential is owned by the caller (molbAtFree).
 std::uint32_t molbAtAuthenticate(void* handle, const molb_identity* who, std::uint32_t flags,
                                  void** credential);
+// Whose credential it is; *info is released with molbAtFree.
 std::uint32_t molbAtExtractInfo(void* handle, void* credential, molb_info** info);
 
 // The credentials of an instance: an array (molbAtFree) of credentials (molbAtFree each).
 std::uint32_t molbAtGetCredentials(void* handle, const molb_identity* who, std::uint32_t flags,
                                    void*** list, std::int32_t* count);
+// The domains that users may log in to, in the order of the library's own list.
 std::uint32_t molbAtGetDomainInfos(void* handle, std::uint32_t flags, molb_domain_info** list,
                                    std::int32_t* count);
 
@@ -131,6 +137,7 @@ std::uint32_t molbAtSecConnAcceptWithCommExtn(void* handle, int fd, void* server
 // has handed n bytes to the kernel; a repeated write starts with the same bytes.
 std::int32_t molbAtSecConnRead(void* channel, void* buffer, std::int32_t length);
 std::int32_t molbAtSecConnWrite(void* channel, const void* data, std::int32_t length);
+// Bytes that are decrypted and not yet read. The daemon does not ask: see molbAtSecConnRead.
 std::int32_t molbAtDataPending(void* channel);
 
 // Ends the channel and nulls *channel; never closes the descriptor.

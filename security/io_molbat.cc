@@ -20,6 +20,7 @@ namespace {
 constexpr std::uint32_t accept_mode = 4;
 constexpr std::uint32_t accept_flags = 1;
 
+// The user name and the groups that came from it stay: they end with the connection.
 void free_credential(conn* c) {
     if (c->client_credential != nullptr) {
         (void)molbAtFree(c->client_credential);
@@ -51,7 +52,7 @@ ssize_t checked_count(std::int32_t count, std::int32_t length) {
         errno = EIO;
         return -1;
     }
-    if (count == -1 && errno == 0) {
+    if (count == -1 && errno == 0) {  // no reason given: not a wait, which would never end
         errno = EIO;
     }
     return count;
@@ -87,6 +88,7 @@ ssize_t write_molbat(stream* s, const void* buffer, std::size_t length) {
                          offered);
 }
 
+// The library's farewell goes out before the socket is closed.
 void close_molbat(stream* s) {
     conn* c = s->connection;
     if (c->client_channel != nullptr) {
@@ -115,12 +117,12 @@ void molbat_handshake(stream* s) {
     if (c->server_credential == nullptr) {
         c->server_credential = c->ctx->service_credential;
     }
-    free_credential(c);
+    free_credential(c);  // of an attempt before this one
     const std::uint32_t result = molbAtSecConnAcceptWithCommExtn(
         c->ctx->at_handle, s->channel.fd, c->server_credential, accept_mode, &c->ctx->accept_params,
         accept_flags, 0, &c->client_channel, &c->client_credential);
     switch (result) {
-        case at_no_credential:
+        case at_no_credential:  // the client may still log in by a header
             free_credential(c);
             [[fallthrough]];
         case at_ok:

@@ -33,6 +33,9 @@ qz_text slice(std::string_view text) {
     return {text.data(), text.size()};
 }
 
+// The parsers below take one piece after the other off the front of a view of the URI, so nothing
+// is copied and no index can leave the text.
+//
 // Takes the characters before the first of `stops` (all when there is none) off the front.
 std::string_view take_until(std::string_view* rest, std::string_view stops) {
     const std::string_view taken = rest->substr(0, rest->find_first_of(stops));
@@ -128,7 +131,7 @@ qz_security* qz_uri_to_security(const char* uri, qz_security* record) noexcept {
             break;
         }
     }
-    if (record->kind == qz_uri_os) {
+    if (record->kind == qz_uri_os) {  // no prefix is a kind, too: a plain name
         record->segment1 = slice(without_os_prefix(rest));
         return record;
     }
@@ -170,7 +173,7 @@ qz_domain* qz_uri_to_domain(const char* uri, qz_domain* record) noexcept {
 
 char* qz_security_to_uri(int kind, const char* host, std::uint16_t port, const char* segment1,
                          const char* segment2, const char* segment3) noexcept {
-    if (kind != qz_uri_kpr) {
+    if (kind != qz_uri_kpr) {  // Kept: also for https and plx, whose prefix and host get lost
         return qzstrdup(segment1 == nullptr ? "" : segment1);
     }
     std::string uri(kpr_prefix);
@@ -217,9 +220,11 @@ char* qz_sec_overlay(const char* a, const char* b) noexcept {
             std::string(or_else(view_of(over.segment1), view_of(under.segment1))).c_str());
     }
     const std::string_view host = or_else(view_of(over.host), view_of(under.host));
+    // Kept: without a host nothing remote is meant, so a's segments do not fill the gaps of b.
     const bool local = overlays_as_local(host);
     std::string uri(kpr_prefix);
     uri += host;
+    // Kept: the port comes from a also when the host comes from b.
     const std::uint16_t port = over.port != 0 ? over.port : under.port;
     if (!local && port != 0) {
         uri += ':' + std::to_string(port);

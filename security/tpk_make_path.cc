@@ -32,6 +32,8 @@ std::string_view setting(const char* specified, const char* variable) {
     return value != nullptr ? std::string_view(value) : std::string_view();
 }
 
+// The installation directory that the location file names. A file without the entry stands for the
+// default directory, a missing one for a library that is not installed.
 std::uint32_t installed_base(std::string* base) {
     struct stat st {};
     if (molbat_loc_path == nullptr || at_os_stat_i(molbat_loc_path, &st) != at_ok) {
@@ -47,6 +49,7 @@ std::uint32_t installed_base(std::string* base) {
     return at_ok;
 }
 
+// Kept: one '/' is taken off the end, so "/H//" gives "/H//lib/...".
 std::uint32_t base_directory(std::string_view home, std::string* base) {
     if (home.size() > directory_bytes_max) {
         return at_no_memory;
@@ -59,7 +62,9 @@ std::uint32_t base_directory(std::string_view home, std::string* base) {
     return result;
 }
 
-// The template's part behind the installation directory; a blank ends it.
+// The template's part behind the installation directory; a blank ends it. Below a home directory
+// the folders between its first and its last '/' do not exist: "lib//x.so" is "lib/x.so" there.
+// Kept: below an installation directory the doubled '/' stays.
 std::uint32_t relative_part(std::string_view path, bool under_home, std::string* relative) {
     if (!path.starts_with(template_prefix)) {
         return at_invalid_argument;
@@ -98,6 +103,7 @@ int tpk_method_make_path_ex(int kind, const char* path_template, const molb_init
 
     std::string base;
     std::string relative;
+    // Kept: only that a library path is set counts, not which one: dlopen searches on its own.
     if (!library_path.empty()) {
         relative = path.substr(path.rfind('/') + 1);
         if (relative.size() > component_bytes_max) {
@@ -133,8 +139,7 @@ std::uint32_t get_install_dir(const char* file, const char* fallback, char** out
         return at_no_memory;
     }
     std::array<char, directory_bytes_max + 1> line{};
-    while (*out == nullptr &&
-           std::fgets(line.data(), static_cast<int>(line.size()), in) != nullptr) {
+    while (std::fgets(line.data(), static_cast<int>(line.size()), in) != nullptr) {
         if (line[0] == '#') {
             continue;
         }
@@ -150,6 +155,7 @@ std::uint32_t get_install_dir(const char* file, const char* fallback, char** out
     if (*out != nullptr) {
         return at_ok;
     }
+    // Kept: the code says "not found" although *out holds a usable directory.
     *out = strdup(fallback);
     return at_no_memory;
 }
