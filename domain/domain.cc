@@ -21,6 +21,7 @@ struct endpoint {
     shttpd_handler handler;
 };
 
+// Registered in both modes: an endpoint of the other mode refuses with a text of its own.
 constexpr std::array<endpoint, 9> endpoints = {{
     {"/admin/dovmad/config", set_dovmad_mode},
     {"/admin/domain/host_rename", domain_host_rename},

@@ -149,6 +149,7 @@ void vitals_call(shttpd_call_arg* arg) {
         return;
     }
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n{\n");
+    // Kept: two blanks follow the first colon, and one follows every other.
     shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", version);
     print_local_side(arg);
     print_peer_side(arg);

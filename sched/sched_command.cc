@@ -49,7 +49,7 @@ void build_environment(const shttpd_ctx* ctx, env_block* block) {
     addenv(block, "SERVER_NAME=%s", ctx->auth_realm.c_str());
     addenv(block, "PLX_VAR_DIR=%s", ctx->var_dir.c_str());
     const std::string root(install_root(ctx));
-    if (!root.empty()) {
+    if (!root.empty()) {  // the option names none: both are left out
         addenv(block, "PLX_INSTALL_ROOT=%s", root.c_str());
         addenv(block, "PERL5LIB=%s%clib%cmodules", root.c_str(), '/', '/');
     }
@@ -104,6 +104,8 @@ void remember_groups() {
 }
 
 pid_t spawn_command(const schedule_entry* entry, const shttpd_ctx* ctx) {
+    // No record is kept of the child: the daemon's handler of SIGCHLD reaps it, whatever its
+    // status.
     std::vector<std::string> words = split_command(entry->command);
     std::vector<char*> arguments;
     std::transform(words.begin(), words.end(), std::back_inserter(arguments),

@@ -44,7 +44,8 @@ bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// Takes the next field off the line: spaces separate, and nothing else does.
+// Takes the next field off the line.
+// Kept: spaces alone separate, so a tab joins two fields, and the line is dropped for want of one.
 std::string_view next_field(std::string_view* line) {
     line->remove_prefix(std::min(line->find_first_not_of(' '), line->size()));
     const std::size_t length = std::min(line->find(' '), line->size());
@@ -71,7 +72,8 @@ int parse_every(std::string_view text, std::uint32_t low, std::uint32_t high, ch
     return 0;
 }
 
-// Takes a value, a range or a stepped range off the front of `text`. Nonzero on an error.
+// Takes a value, a range or a stepped range off the front of `text`. Only a range can have a step.
+// Nonzero on an error.
 int parse_range(std::string_view* text, const field_row& field, char* mask) {
     std::uint32_t from = 0;
     if (getint32(text, field.names, field.low, field.high, &from) != 0) {
@@ -95,7 +97,8 @@ int parse_range(std::string_view* text, const field_row& field, char* mask) {
     return 0;
 }
 
-// "N - x x x": every N minutes. "- - x x x": never by time. False: the line is dropped.
+// "N - x x x": every N minutes. "- - x x x", and "0 - x x x" too: never by time. False: the line is
+// dropped.
 bool parse_interval(std::string_view minute, schedule_entry* entry) {
     if (minute == "-") {
         return true;
