@@ -3,8 +3,9 @@
 
 #include <cstddef>
 
-// A fixed text area holding NAME=value strings and the pointer array for execve. Plain data: build
-// it before the fork.
+// A fixed text area holding NAME=value strings and the pointer array for execve, which ends in a
+// null pointer at all times. Plain data without allocation: build it before the fork. The pointers
+// lead into the block itself, so a copy of it is of no use.
 struct env_block {
     static constexpr int text_bytes = 4096;
     static constexpr int pointer_count = 64;

@@ -25,9 +25,12 @@ volatile std::sig_atomic_t exit_flag = 0;
 namespace {
 
 constexpr mode_t daemon_umask = 027;
+// Time for a child to end by itself, since no signal asks it to before the one that kills.
 constexpr std::chrono::seconds stop_grace{2};
 constexpr long stop_poll_ns = 10'000'000;
 
+// Children end in any order, and one signal may stand for several. Called from signal handlers:
+// errno belongs to the interrupted code.
 void reap_children() {
     const int saved_errno = errno;
     int status = 0;
@@ -75,6 +78,7 @@ struct child_plan {
     }
     (void)dup2(fd, STDIN_FILENO);
     (void)dup2(fd, STDOUT_FILENO);
+    // Libraries of the daemon may have opened descriptors without close-on-exec.
     close_descriptors_from(STDERR_FILENO + 1);
     if (plan.interpreter != nullptr) {
         char* const arguments[] = {const_cast<char*>(plan.interpreter),
@@ -114,6 +118,7 @@ void daemonize() {
     if (child > 0) {
         _exit(EXIT_SUCCESS);
     }
+    // A session of its own: no terminal can send signals any more.
     (void)setsid();
     close_descriptors_from(STDIN_FILENO);
     const int null_device = open("/dev/null", O_RDWR);  // becomes standard input
@@ -142,6 +147,7 @@ void daemon_signal_handler(int signal_number) {
     }
 }
 
+// Only what is async-signal-safe: waitpid, an assignment, a write to an eventfd.
 void signal_handler(int signal_number) {
     if (signal_number == SIGCHLD) {
         reap_children();
@@ -176,6 +182,7 @@ long stop_process(const process_record* record) {
     if (record == nullptr || record->pid <= 0) {
         return std::time(nullptr);
     }
+    // Not the wall clock: a clock that is set meanwhile must neither kill early nor wait for hours.
     const auto start = std::chrono::steady_clock::now();
     for (;;) {
         // -1 is a child that the signal handler has reaped already.
@@ -199,12 +206,14 @@ void reset_child_signals() {
          {SIGPIPE, SIGTERM, SIGINT, SIGCHLD, SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU}) {
         (void)sigaction(number, &action, nullptr);
     }
+    // The mask is inherited over exec as well; a program must not start with signals blocked.
     sigset_t none;
     sigemptyset(&none);
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 void close_descriptors_from(int lowest) {
+    // The limit may be a billion, so a loop over all possible descriptors can take minutes.
     if (close_range(static_cast<unsigned>(lowest), ~0U, 0) == 0) {
         return;
     }

@@ -29,6 +29,7 @@
 
 namespace {
 
+// Longer lines are read in pieces, each of which loses its last character.
 constexpr int line_bytes = 2048;
 constexpr int smallest_buffer = 1024;
 constexpr int largest_buffer = 16 * 1024 * 1024;
@@ -44,6 +45,7 @@ const option_row* known_option(const char* keyword) {
     return row;
 }
 
+// Before the file is read, so that its lines win; pairs of an embedder are there already.
 void fill_defaults(option_slots* slots) {
     for (const option_row* row = options.data(); row->letter != '\0'; ++row) {
         if (row->default_value != nullptr && option_slot(slots, row) == nullptr) {
@@ -71,6 +73,7 @@ void read_line(char* line, option_slots* slots) {
 void read_file(const char* path, option_slots* slots) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "re"), std::fclose);
     if (file == nullptr) {
+        // The daemon goes on without its file, but one that can't be read is worth a word.
         if (errno != ENOENT) {
             elog(elog_info, nullptr, "cannot read %s: %s", path, std::strerror(errno));
         }
@@ -84,6 +87,7 @@ void read_file(const char* path, option_slots* slots) {
     }
 }
 
+// In the order of the table, whatever the order of the file: logs are open before types are read.
 void apply(shttpd_ctx* ctx, option_slots* slots) {
     for (const option_row* row = options.data(); row->letter != '\0'; ++row) {
         std::unique_ptr<std::string>& slot = option_slot(slots, row);
@@ -106,6 +110,7 @@ void keep_buffer_size_sane(shttpd_ctx* ctx) {
     elog(elog_info, nullptr, "io_buf_size %d is out of range, using %d", wanted, ctx->io_buf_size);
 }
 
+// Before the rights are set up: the root of the default namespace is taken from it.
 void default_document_root(shttpd_ctx* ctx) {
     char directory[PATH_MAX];
     if (ctx->document_root.empty() && my_getcwd(directory, sizeof directory) != nullptr) {
@@ -121,12 +126,14 @@ void export_directories(shttpd_ctx* ctx) {
         char directory[PATH_MAX];
         ctx->var_dir = get_default_var_directory(directory, sizeof directory);
     }
+    // setenv copies the texts, so they need not live as long as the environment.
     (void)setenv("ZEL_HOME_DIR", ctx->zel_home.c_str(), 1);
     (void)setenv("PLX_VAR_DIR", ctx->var_dir.c_str(), 1);
     (void)setenv("ZEL_DATA_DIR", (ctx->var_dir + "/sec").c_str(), 1);
 }
 
 void start_library(shttpd_ctx* ctx) {
+    // An abort, not an exit: without the library nothing about this set-up can be right.
     if (ctx->zel_home.empty()) {
         (void)std::fprintf(stderr, "zel home dir not specified\n");
         std::abort();
@@ -178,6 +185,7 @@ shttpd_ctx* initialize_context(shttpd_ctx* ctx, const char* path, option_slots* 
     apply(ctx, slots);
     keep_buffer_size_sane(ctx);
     default_document_root(ctx);
+    // The shim is below the engine and can't know the fixed paths.
     molbat_loc_path = paths.library_location;
     start_library(ctx);
     ctx->accept_params = {.enabled = 1, .reserved = 0, .callback = sni_callback, .user_data = ctx};
@@ -231,6 +239,7 @@ void set_security_info(shttpd_ctx* ctx) {
     if (info->default_domain == nullptr) {
         elog(elog_fatal, nullptr, "Cannot get list of domains");
     }
+    // The old information goes when the new one stands, so that nobody meets a gap.
     free_security_info(ctx->security);
     ctx->security = info;
 }

@@ -1,4 +1,6 @@
-// Forward declarations of the engine's structures, so that headers need not include each other.
+// Forward declarations of the structures that cross folders, so that headers need not include each
+// other. Each is defined in the header of the folder that owns it: conn and its parts in core/, the
+// containers in lib/, listings and pages in the sources of their handlers.
 #pragma once
 
 struct conn;

@@ -1,4 +1,7 @@
 // The process-wide variables, one declaration each.
+//
+// Only the main thread writes them, exit_flag excepted: signal handlers do, and wake the wait for
+// descriptors so that it is noticed at once.
 #pragma once
 
 #include <csignal>

@@ -34,6 +34,7 @@ struct list_link {
     }
 };
 
+// The head of a list of T, which derives from list_link. Not copyable: its elements point to it.
 template <class T>
 class list_head {
   public:
@@ -53,7 +54,9 @@ class list_head {
     };
 
     [[nodiscard]] bool empty() const { return head_.alone(); }
+    // Null when the list is empty.
     [[nodiscard]] T* first() { return empty() ? nullptr : static_cast<T*>(head_.next); }
+    // Require: the element is alone. The list does not own it.
     void push_front(T* element) { element->insert_after(&head_); }
     void push_back(T* element) { element->insert_after(head_.prev); }
     iterator begin() { return iterator(head_.next); }

@@ -53,6 +53,7 @@ const char* client_text(const conn* c, char (&buffer)[address_bytes]) {
     return text != nullptr ? text : "-";
 }
 
+// Safe to print: a request line holds neither line feeds nor other control bytes but returns.
 const char* request_line(const conn* c) {
     return c == nullptr || c->request.line()[0] == '\0' ? "-" : c->request.line();
 }
@@ -94,6 +95,7 @@ void elog(int flags, const conn* c, const char* format, ...) {
     const int saved_errno = errno;
     const shttpd_ctx* ctx = c == nullptr ? nullptr : c->ctx;
     va_list arguments;
+    // In inetd mode standard error may be the client's connection.
     if (ctx == nullptr || ctx->inetd_mode == 0) {
         va_start(arguments, format);
         (void)std::vfprintf(stderr, format, arguments);
@@ -115,6 +117,7 @@ void elog(int flags, const conn* c, const char* format, ...) {
 void log_access(std::FILE* file, const conn* c) {
     const request_data& request = c->request;
     const std::string_view role = request.role;
+    // Kept: a role that is a beginning of "agent" counts as it, the empty one included.
     const bool agent_role = std::string_view("agent").substr(0, role.size()) == role;
     if (file == nullptr || request.method == method_get || (request.status == 200 && agent_role)) {
         return;

@@ -65,6 +65,7 @@ constexpr std::array<default_mime_type, 36> default_mime_types = {{
 constexpr int line_bytes = 512;
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
+// The dot may be the first character: ".html" is a page.
 bool has_extension(std::string_view name, std::string_view extension) {
     return name.size() > extension.size() && name[name.size() - extension.size() - 1] == '.' &&
            equals_nocase(name.substr(name.size() - extension.size()), extension);

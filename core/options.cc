@@ -21,6 +21,7 @@ constexpr mode_t link_or_regular_bits = 0xA000;
 
 // --- Setters ---
 
+// Text behind the number is ignored, and no number at all is 0.
 int set_int(shttpd_ctx* ctx, const option_field& field, const char* value) {
     const long number = std::strtol(value, nullptr, 10);
     ctx->*std::get<int shttpd_ctx::*>(field) =
@@ -122,6 +123,7 @@ const std::array<option_row, 26> options = {{
      "user_name", nullptr, 0},
     {'s', "scheduler_file", "Scheduler file", set_str, &shttpd_ctx::scheduler_file,
      "file", nullptr, option_listed | option_file},
+    // Its letter is 0: the end of the table.
     {},
 }};
 // clang-format on

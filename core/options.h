@@ -9,6 +9,9 @@
 #include "core/config.h"
 #include "core/context.h"
 
+// Options are set by keyword, from the configuration file or by an embedder. Letters, argument
+// names and descriptions appear in the usage text only.
+
 // Where a setter stores its value; empty for a setter that needs no field.
 using option_field = std::variant<std::monostate, std::string shttpd_ctx::*, int shttpd_ctx::*,
                                   std::FILE * shttpd_ctx::*>;
@@ -16,6 +19,7 @@ using option_field = std::variant<std::monostate, std::string shttpd_ctx::*, int
 // Applies one value. 0, or -1 when the value was not taken; errors of the configuration are fatal.
 using option_setter = int (*)(shttpd_ctx* ctx, const option_field& field, const char* value);
 
+// What kind of value an option has. Kept: carried in the table and read by nothing.
 enum option_flag : unsigned {
     option_on_off = 0x1,
     option_number = 0x2,
@@ -39,5 +43,5 @@ struct option_row {
 // Kept: two rows share the letter "s", and the description of zel_home does not fit its value.
 extern const std::array<option_row, 26> options;
 
-// The slot that belongs to a row of the table.
+// The slot that belongs to a row of the table; null inside until a value or default is stored.
 std::unique_ptr<std::string>& option_slot(option_slots* slots, const option_row* row);

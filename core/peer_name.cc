@@ -13,6 +13,7 @@
 
 namespace {
 
+// Failures are asked again sooner, but not at once: each may cost a second of everybody's time.
 constexpr std::time_t success_lifetime_s = 300;
 constexpr std::time_t failure_lifetime_s = 60;
 constexpr std::size_t cache_limit = 256;
@@ -113,6 +114,7 @@ host_name_result lookup_host_name(const sockaddr* address, socklen_t length) {
     if (const auto known = cache.find(key); known != cache.end() && known->second.fresh()) {
         return known->second.result;
     }
+    // Simple, and seldom: a management host has few peers.
     if (cache.size() >= cache_limit) {
         cache.clear();
     }
@@ -125,6 +127,7 @@ host_name_result peer_host_name(const conn* c) {
     sockaddr_storage peer{};
     socklen_t length = sizeof peer;
     auto* address = reinterpret_cast<sockaddr*>(&peer);
+    // The socket knows best, but a peer that has gone already leaves only the remembered address.
     if (getpeername(c->remote.channel.fd, address, &length) != 0) {
         peer = c->peer;
         length = c->peer_length;

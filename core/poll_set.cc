@@ -21,6 +21,7 @@ constexpr int parked_slot = -2;  // taken, but skipped by poll() as well
 constexpr int end_of_list = -1;
 constexpr std::size_t slot_step = 32;
 constexpr std::size_t listener_step = 4;
+// Long enough to keep a processor free, short enough to notice that things are better.
 constexpr int failed_wait_ms = 100;
 
 // What the engine waits on. The pollfd array is handed to the kernel as it is; what only the
@@ -113,6 +114,7 @@ void init_poll_fd_set() {
 
 void clean_poll_fd_set() {
     for (const listener_position& position : set.lp) {
+        // Kept: positions behind a free one keep their descriptors.
         if (position.poll_index < 0) {
             break;
         }
@@ -146,8 +148,10 @@ int get_poll_index(int fd) {
     const auto position = static_cast<std::size_t>(index);
     set.first_free = set.next_free[position];
     set.next_free[position] = end_of_list;
+    // A slot that changes hands within a pass must not show its last owner's events or be his.
     set.owners[position] = nullptr;
     slot(index) = pollfd{.fd = fd, .events = POLLIN, .revents = 0};
+    // Kept: the mark sinks only here. Free slots below it cost poll() a look each until then.
     if (index >= set.high_water) {
         set.high_water = index + 1;
     } else {

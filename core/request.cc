@@ -14,6 +14,7 @@
 
 namespace {
 
+// Shorter blocks can't hold a request: "GET / HTTP/1.1" alone has 14 bytes.
 constexpr std::size_t header_bytes_min = 16;
 
 // The kind of a header's value is the kind of the member that receives it.
@@ -46,6 +47,8 @@ constexpr std::array<header_row, 17> http_headers = {{
     {"X-PLX-Operation: ", &header_values::operation},
 }};
 
+// By code, not by isprint(): the locale must not decide which bytes a request may have. Bytes from
+// 0x80 are let through, since names in UTF-8 reach URIs unescaped; tabs are not.
 constexpr bool allowed_in_headers(unsigned char c) {
     return (c >= 0x20 && c <= 0x7e) || c == '\r' || c == '\n' || c >= 0x80;
 }
@@ -60,6 +63,7 @@ constexpr std::array<bool, 256> make_header_alphabet() {
 
 constexpr std::array<bool, 256> header_alphabet = make_header_alphabet();
 
+// What ends a URI in the request line; like isspace(), in every locale.
 constexpr bool is_white_space(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
@@ -80,6 +84,7 @@ std::uint64_t parse_number(std::string_view text) {
     return value;
 }
 
+// Kept: the case of a month's name counts, unlike that of every other name in a header.
 int month_index(const char* name) {
     constexpr std::array<std::string_view, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -110,6 +115,7 @@ std::time_t parse_date(std::string_view text) {
             break;
         }
     }
+    // Two-digit years below 70 belong to this century, as do the zeros of an unreadable date.
     if (date.tm_year > 1900) {
         date.tm_year -= 1900;
     } else if (date.tm_year < 70) {
@@ -120,6 +126,7 @@ std::time_t parse_date(std::string_view text) {
     return std::mktime(&date);
 }
 
+// Texts are views into the block, so they are valid as long as the request keeps it.
 void store_header(const header_row& row, std::string_view value, header_values* values) {
     if (const auto* number = std::get_if<std::uint64_t header_values::*>(&row.target)) {
         values->** number = parse_number(value);
@@ -155,6 +162,7 @@ void consume_block(conn* c, std::size_t length) {
 // "METHOD URI HTTP/x.y"; returns false after an error reply.
 bool parse_request_line(conn* c) {
     request_data& request = c->request;
+    // The block has a line feed, or its length would not be known.
     const std::size_t line_end = request.text.find('\n');
     const std::size_t cut =
         line_end > 0 && request.text[line_end - 1] == '\r' ? line_end - 1 : line_end;
@@ -170,6 +178,7 @@ bool parse_request_line(conn* c) {
     }
     const std::string_view uri_text(uri, static_cast<std::size_t>(p - uri));
     p += std::strspn(p, " ");
+    // The version must end the line: "%n" is reached only when both numbers were there.
     int used = 0;
     if (std::sscanf(p, "HTTP/%lu.%lu%n", &request.major, &request.minor, &used) != 2 ||
         p[used] != '\0') {
@@ -256,6 +265,8 @@ void clean_uri(std::string* uri) {
         if (c != '/' && c != '\\') {
             continue;
         }
+        // The run is dropped, its slash stays. Only a run that begins with a dot is one: "//" must
+        // survive, since the URIs of proxied requests contain it.
         while (in < text.size() && text[in] == '.') {
             while (in < text.size() && (text[in] == '.' || text[in] == '/')) {
                 ++in;
@@ -271,6 +282,7 @@ void clean_uri(std::string* uri) {
 
 void get_role_from_uri(conn* c, bool is_proxied) {
     const std::string_view uri = c->request.uri;
+    // A URI of another shape, such as the empty one behind a namespace, has no role.
     std::size_t start = uri.starts_with('/') ? 1 : std::string_view::npos;
     if (is_proxied) {
         const std::size_t authority = uri.find("://");
@@ -289,6 +301,7 @@ void get_role_from_uri(conn* c, bool is_proxied) {
 
 void split_and_decode_uri(conn* c) {
     request_data& request = c->request;
+    // The query is split off before the path is decoded: an escaped "?" belongs to the path.
     const std::size_t mark = request.uri.find('?');
     if (mark != std::string::npos) {
         request.query.assign(request.uri, mark + 1);
@@ -311,6 +324,7 @@ std::string map_uri_to_path(const conn* c) {
             continue;
         }
         const std::string_view prefix = entry.substr(0, equals);
+        // Kept: the prefix need not end at a slash, so "/i" also stands for "/index".
         if (uri.starts_with(prefix)) {
             return std::string(entry.substr(equals + 1)).append(uri, prefix.size());
         }
@@ -339,6 +353,7 @@ parse_result parse_request(conn* c) {
     if (method < 0) {
         return parse_result::muted;
     }
+    // From here on errors are answered: the request is known to be one.
     c->request.method = method;
     consume_block(c, static_cast<std::size_t>(length));
     if (!parse_request_line(c)) {

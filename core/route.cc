@@ -23,6 +23,7 @@
 
 namespace {
 
+// Longer ones are refused before any file is looked up.
 constexpr std::size_t path_bytes_max = 32767;
 
 // The file that a request means.
@@ -37,6 +38,7 @@ struct request_target {
 void select_namespace(conn* c) {
     request_data& request = c->request;
     std::string_view name = request.headers.namespace_name;
+    // Kept: a header that names an unknown namespace selects the default one, not the URI's.
     const bool from_uri = name.empty() && request.uri.starts_with('/');
     if (from_uri) {
         name = std::string_view(request.uri).substr(1);
@@ -49,6 +51,7 @@ void select_namespace(conn* c) {
     if (found == nullptr) {
         found = find_namespace(c->ctx, "plx");
     }
+    // The request holds a reference, so the record outlives its removal while it is being served.
     namespace_retain(found);
     request.ns = found;
 }
@@ -72,6 +75,7 @@ bool serve_embedded(conn* c, request_target&) {
     return true;
 }
 
+// Access files are neither served nor written nor removed, whatever they are reached by.
 bool refuse_access_file(conn* c, request_target& target) {
     if (target.path.find(".dovmaaccess") == std::string::npos) {
         return false;
@@ -91,6 +95,8 @@ bool refuse_program_change(conn* c, request_target& target) {
     return true;
 }
 
+// Kept: missing directories are made before the length is asked for, so a refused upload leaves
+// them.
 bool serve_put(conn* c, request_target& target) {
     if (c->request.method != method_put) {
         return false;
@@ -127,6 +133,7 @@ bool serve_delete(conn* c, request_target& target) {
 
 // A missing path may be a file with further components behind it.
 bool split_path_info(conn* c, request_target& target) {
+    // Kept: a file directly below the root needs a name of two letters to have a path behind it.
     const std::size_t lowest = c->request.ns->root.size() + 3;
     for (std::size_t at = target.path.rfind('/'); at != std::string::npos && at >= lowest && at > 0;
          at = target.path.rfind('/', at - 1)) {
@@ -140,6 +147,7 @@ bool split_path_info(conn* c, request_target& target) {
     return false;
 }
 
+// From here on the steps may rely on the status: whatever is missing has been answered.
 bool look_up(conn* c, request_target& target) {
     if (my_stat(target.path.c_str(), &target.st) == 0 || split_path_info(c, target)) {
         return false;
@@ -148,6 +156,7 @@ bool look_up(conn* c, request_target& target) {
     return true;
 }
 
+// Replaces the directory by its index file, which the steps behind this one then serve.
 bool find_index_file(conn* c, request_target& target) {
     std::string_view names = c->ctx->index_files;
     for (std::string_view name = next_list_entry(names); !name.empty();
@@ -210,6 +219,7 @@ bool serve_ssi(conn* c, request_target& target) {
         send_server_error(c, 500, "SSI open error");
         return true;
     }
+    // The class first: whatever fails from here on, stopping the stream closes the file.
     install_class(&c->local, &io_file, fd, 0);
     do_ssi(c);
     return true;
@@ -233,6 +243,8 @@ bool serve_file(conn* c, request_target& target) {
 
 using routing_step = bool (*)(conn*, request_target&);
 
+// The order matters: endpoints win over files of the same name, and nothing is written before the
+// access files and programs are out of reach.
 constexpr std::array<routing_step, 10> routing_steps = {
     serve_embedded,  refuse_access_file, refuse_program_change,
     serve_put,       serve_delete,       look_up,
@@ -253,6 +265,7 @@ bool may_proceed(conn* c) {
     if (c->ctx->noauth != 0) {
         return true;
     }
+    // A caller whom the handshake has authenticated is authorized like any other.
     switch (check_authorization(c)) {
         case 1:
             return true;
@@ -278,6 +291,7 @@ const error_handler* find_error_handler(conn* c, int status) {
 
 // Takes the local stream away from whatever holds it. False when part of a reply has gone out.
 bool clear_reply(conn* c) {
+    // First the handler is told, while the request is still whole; then its buffer is taken.
     stop_stream(&c->local);
     c->close_after = true;
     if (c->request.sent > 0) {
@@ -299,6 +313,7 @@ void finish_error_reply(conn* c, int status, int length) {
 
 void route_request(conn* c) {
     request_data& request = c->request;
+    // Anything else would be glued to the root's name and could lead beside it.
     if (!request.uri.starts_with('/') && !request.uri.starts_with("http://")) {
         send_server_error(c, 400, "Bad URI");
         return;

@@ -43,7 +43,9 @@ namespace {
 
 constexpr int listen_backlog = 128;
 constexpr int port_max = 65535;
+// The scheduler looks in the first pass and then in every seventh.
 constexpr int passes_between_checks = 6;
+// With traffic, passes are short; without, seven of them take this long.
 constexpr std::time_t check_interval_max_s = 35;
 constexpr int short_wait_ms = 1000;
 
@@ -72,6 +74,7 @@ struct port_entry {
     bool u_flag;
 };
 
+// Blanks before a comment belong to the option's value and must not hide the suffix.
 port_entry parse_port(std::string_view entry) {
     while (!entry.empty() && (entry.back() == ' ' || entry.back() == '\t')) {
         entry.remove_suffix(1);
@@ -131,6 +134,7 @@ void resume_accepting() {
     });
 }
 
+// In inetd mode there is nothing else to serve, so the message is fatal there.
 void refuse_socket(shttpd_ctx* ctx, int fd, const char* what, const char* reason) {
     (void)close(fd);
     elog(ctx->inetd_mode != 0 ? elog_fatal : elog_info, nullptr, "add_socket: %s%s", what, reason);
@@ -149,6 +153,7 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
         refuse_socket(ctx, fd, "get_poll_index: maximum connections reached\n", "");
         return;
     }
+    // The exit statistics call this number "requests", whatever a connection carries.
     ++ctx->accepted_connections;
     c->serial = loop.next_serial++;
     c->peer_length = std::min(peer_length, static_cast<socklen_t>(sizeof(c->peer)));
@@ -166,6 +171,8 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
     leave_critical_section(&ctx->lock);
     loop.next_due.push_back(c);
 
+    // The connection stands in its list before the handshake runs: a failure is found like any
+    // other.
     if (handshake) {
         c->remote.io = &io_molbat;
         c->handshake = handshake_state::pending;
@@ -210,11 +217,13 @@ void mark_due(conn* c) {
     }
 }
 
+// Due are: who asked for it, whose descriptor has something to say, and who has expired.
 void collect_due(shttpd_ctx* ctx, int ready) {
     loop.due.clear();
     for (conn* c : loop.next_due) {
         mark_due(c);
     }
+    // A wait that failed leaves the events of an earlier one behind.
     loop.next_due.clear();
     if (ready > 0) {
         for (int i = next_ready_slot(0); i >= 0; i = next_ready_slot(i + 1)) {
@@ -243,6 +252,8 @@ void visit_connections() {
         if (!process_connection(c)) {
             continue;
         }
+        // Handlers without a descriptor are called in every pass; only hidden input keeps the pass
+        // from waiting.
         if (needs_visit(c)) {
             loop.next_due.push_back(c);
             loop.wake = loop.wake || has_hidden_input(c);
@@ -250,6 +261,7 @@ void visit_connections() {
     }
 }
 
+// The wish to go on at once is granted once.
 int wait_time(int timeout_ms) {
     const bool at_once = loop.wake;
     loop.wake = false;
@@ -266,6 +278,7 @@ void run_scheduler(shttpd_ctx* ctx) {
     }
 }
 
+// Handlers hear their farewell here, while logs, lists and the library are still there.
 void close_all_connections(shttpd_ctx* ctx) {
     while (conn* c = ctx->connections.first()) {
         end_connection(c);
@@ -304,6 +317,7 @@ int shttpd_listen(shttpd_ctx* ctx, int port, bool is_ssl, bool u_flag) {
     listener->is_ssl = is_ssl;
     listener->u_flag = u_flag;
     listener->handle = handle;
+    // The IPv6 socket first: listener_socket relies on it.
     for (const int family : {2, 1}) {
         watch_listener(listener, v6getsocket(handle, family));
     }
@@ -363,6 +377,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
         resume_accepting();
     }
     const bool files_open = close_idle_files();
+    // Each of them waits for a moment that no descriptor announces.
     const bool short_wait = loop.accept_paused || draining_connections() > 0 || files_open;
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
@@ -372,6 +387,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const int active_before = ctx->active_connections;
     collect_due(ctx, ready);
     visit_connections();
+    // A connection has gone, and with it its descriptor.
     if (loop.accept_paused && ctx->active_connections < active_before) {
         resume_accepting();
     }

@@ -26,6 +26,7 @@
 namespace {
 
 constexpr const char* daemon_version = "2.1.213.0";
+// Also an upper bound: a loop over all descriptors stays short in every child.
 constexpr rlim_t descriptor_limit = 4096;
 constexpr int pass_wait_ms = 5000;
 constexpr int bytes_to_megabytes_shift = 20;
@@ -96,6 +97,7 @@ void become_user(const std::string& name) {
     }
 }
 
+// After the configuration: until then the terminal's interrupt key ends a start that hangs.
 void install_signal_handlers() {
     struct sigaction action {};
     sigemptyset(&action.sa_mask);
@@ -186,6 +188,7 @@ int main(int argc, char** argv) {
     while (exit_flag == 0) {
         shttpd_poll(ctx, pass_wait_ms);
     }
+    // The service goes before the line that says the daemon has ended.
     (void)stop_cgi_services();
     log_statistics(ctx);
     shttpd_fini(ctx);

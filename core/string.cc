@@ -98,6 +98,7 @@ std::size_t url_decode(const char* src, std::size_t src_length, char* dst, std::
     }
     const std::string_view source(src, src_length);
     std::size_t used = 0;
+    // The destination never gets ahead of the source, which is why decoding in place works.
     for (std::size_t at = 0; at < source.size() && used < dst_size - 1; ++used) {
         const int byte = escaped_byte(source.substr(at, 3));
         if (byte >= 0) {
@@ -121,6 +122,7 @@ bool equals_nocase(std::string_view a, std::string_view b) {
                                               [](char x, char y) { return lower(x) == lower(y); });
 }
 
+// Kept: only what stands behind a comma is skipped, so blanks before one stay in the entry.
 std::string_view next_list_entry(std::string_view& rest) {
     const std::size_t end = std::min(rest.find(','), rest.size());
     const std::string_view entry = rest.substr(0, end);

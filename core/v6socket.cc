@@ -56,6 +56,7 @@ struct dual_stack_state {
 
 dual_stack_state state;
 
+// The probe itself traces, so `starting` keeps v6init from being entered again.
 void ensure_init() {
     if (!state.init && !state.starting) {
         v6init();
@@ -96,6 +97,7 @@ socket_address ipv4_address(std::uint32_t host, int port) {
 
 // --- The probe ---
 
+// Packet filters may swallow what goes over the loopback interface: the probe never blocks.
 bool readable_soon(int fd) {
     pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
     return poll(&entry, 1, probe_wait_ms) == 1;
@@ -199,6 +201,7 @@ int listen_on(int family, int port, int backlog) {
     return fd.release();
 }
 
+// Null for handles that were never given out.
 socket_entry* entry_at(int handle) {
     return handle >= 0 && static_cast<std::size_t>(handle) < state.socklist.size()
                ? &state.socklist[static_cast<std::size_t>(handle)]
@@ -230,6 +233,7 @@ void advance_next_entry() {
 
 // --- Accepting ---
 
+// The family is known from the socket: accepted addresses of an IPv6 socket may be mapped ones.
 int accept_on(int fd, int result_kind, sockaddr* address, socklen_t* length, int* kind) {
     const int accepted = accept4(fd, address, length, SOCK_CLOEXEC);
     const bool ok = accepted >= 0;
@@ -303,6 +307,8 @@ int isdualIP(int* err) {
         return 0;
     }
     const bool both = state.isipv6 && state.isipv4;
+    // A host with both families is dual IP when its IPv6 sockets get IPv4 clients, too; else dual
+    // stack.
     state.isdualip = both && token_arrives(fd6.get(), fd4.get());
     state.isdualstack = both && !state.isdualip;
     return state.isdualip ? 1 : 0;
@@ -317,6 +323,7 @@ int v6listen(int port, int backlog, int* err) {
     unique_fd fd6;
     unique_fd fd4;
     if (state.isipv6) {
+        // Kept: a family that exists but cannot be bound fails the whole port.
         fd6.reset(listen_on(AF_INET6, port, backlog));
         if (!fd6) {
             *err = errno;
@@ -380,6 +387,7 @@ int v6close(int handle) {
     if (handle < 1 || entry == nullptr || entry->flags == 0) {
         return 0;
     }
+    // Reached only if an entry should ever carry a flag.
     unique_fd(entry->fd4).reset();
     unique_fd(entry->fd6).reset();
     v6lock();
@@ -438,6 +446,7 @@ int isRoot(const void* /*ignored*/, const char* name) {
     return std::string_view(name).substr(0, 4) == "root" || user->pw_uid == 0 ? 1 : 0;
 }
 
+// Taken for a few assignments only; an embedder's thread that meets it sleeps a moment.
 void v6lock() {
     ensure_init();
     const timespec pause = {.tv_sec = 0, .tv_nsec = lock_pause_ns};

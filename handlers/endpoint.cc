@@ -11,6 +11,7 @@ bool endpoint_closing(shttpd_call_arg* arg) {
     if ((arg->flags & ARG_CONNECTION_ERROR) == 0) {
         return false;
     }
+    // Null when the endpoint had not begun its reply.
     qz_delete_stream(static_cast<qz_stream*>(arg->state));
     arg->state = nullptr;
     arg->flags |= ARG_END_OF_OUTPUT;
@@ -31,6 +32,7 @@ bool method_is(const shttpd_call_arg* arg, const char* method) {
     return known_http_methods[static_cast<std::size_t>(arg->connection->request.method)] == method;
 }
 
+// Waiting for a body that can't fit would last until the connection expires.
 bool post_body_pending(shttpd_call_arg* arg) {
     if ((arg->flags & ARG_MORE_POST_DATA) == 0) {
         return false;
@@ -58,6 +60,7 @@ std::string_view query_text(const shttpd_call_arg* arg) {
     return request.has_query ? std::string_view(request.query.c_str()) : std::string_view();
 }
 
+// Through a buffer of the size that the caller names, since values are cut where it ends.
 std::string get_variable(std::string_view variables, const char* name, int size) {
     std::vector<char> value(static_cast<std::size_t>(std::max(size, 1)), '\0');
     (void)shttpd_get_var(name, variables.data(), static_cast<int>(variables.size()), value.data(),
@@ -67,6 +70,7 @@ std::string get_variable(std::string_view variables, const char* name, int size)
 
 void drain_reply(shttpd_call_arg* arg) {
     auto* reply = static_cast<qz_stream*>(arg->state);
+    // Whatever does not fit is asked for again when the client has taken what did.
     const int room = std::max(arg->out.len - arg->out.used, 0);
     arg->out.used += static_cast<int>(
         qz_read_stream(reply, arg->out.ptr + arg->out.used, static_cast<std::uint32_t>(room)));

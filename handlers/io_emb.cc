@@ -19,6 +19,8 @@ constexpr std::size_t address_bytes = 46;
 
 // --- The class ---
 
+// Always 0 bytes read: the handler writes into the buffer itself, and sf_keep_open tells the engine
+// whether the 0 is an end.
 ssize_t do_embedded(stream* s, void*, std::size_t) {
     shttpd_call_arg arg{};
     arg.user_data = s->channel.user_data;
@@ -46,7 +48,9 @@ void close_embedded(stream* s) {
 void fill_views(conn* c, shttpd_call_arg* arg) {
     stream& local = c->local;
     stream& remote = c->remote;
+    // What lies behind the body is the next request.
     const std::uint64_t body = std::min<std::uint64_t>(remote.pending(), c->request.body_left);
+    // A handler that says goodbye must not write behind an error reply that is already in place.
     const bool farewell = (arg->flags & ARG_CONNECTION_ERROR) != 0;
     arg->connection = c;
     arg->state = local.channel.state;
@@ -83,6 +87,7 @@ void note_status(conn* c, std::string_view reply) {
 void account_for(conn* c, const shttpd_call_arg& arg) {
     stream& local = c->local;
     stream& remote = c->remote;
+    // Handlers count by themselves; a wrong count must not move the buffers' ends out of them.
     const auto used = static_cast<std::size_t>(std::clamp(arg.out.used, 0, arg.out.len));
     const auto eaten = static_cast<std::size_t>(std::clamp(arg.in.used, 0, arg.in.len));
     note_status(c, {local.buffer + local.head, used});
@@ -114,6 +119,7 @@ bool pattern_matches(const char* pattern, const char* uri) {
         if (*pattern == '\0') {
             return true;
         }
+        // The first occurrence is final: what matches is decided without going back.
         uri = std::strchr(uri, *pattern);
         if (uri == nullptr) {
             return false;
@@ -155,6 +161,8 @@ void setup_embedded_stream(conn* c, shttpd_handler handler, void* user_data) {
     local.channel.state = nullptr;
     local.channel.handler = handler;
     local.channel.user_data = user_data;
+    // Kept: embedded replies seldom announce a length, so the close is what ends them, and always
+    // does.
     c->close_after = true;
 }
 
@@ -213,6 +221,7 @@ int shttpd_printf(shttpd_call_arg* arg, const char* format, ...) {
     int n =
         std::vsnprintf(arg->out.ptr + arg->out.used, static_cast<std::size_t>(room), format, args);
     va_end(args);
+    // A text that was cut counts with its terminator, as does, by itself, one that fits exactly.
     if (n < 0 || n > room) {
         n = room;
     }
@@ -225,6 +234,7 @@ int shttpd_get_var_nodecode_nocopy(const char* name, const char* buf, int buf_le
     const auto n = static_cast<int>(std::strlen(name));
     for (int at = 0; buf != nullptr && at + n < buf_len; ++at) {
         const char* p = buf + at;
+        // A name in the middle of another one does not count.
         const bool begins = at == 0 || p[-1] == '&';
         if (!begins || p[n] != '=' || my_strncasecmp(name, p, static_cast<std::size_t>(n)) != 0) {
             continue;
