@@ -41,23 +41,19 @@ propset_ptr set_of(std::initializer_list<const char*> names, const char* value) 
     return set;
 }
 
-TEST(property_set, keeps_entries_sorted_and_unique) {
+TEST(property_set, refuses_what_is_there_and_what_has_no_data) {
     const propset_ptr set = set_of({"b", "a", "c"}, "v");
     EXPECT_EQ(summary(set.get()), "a=v|b=v|c=v|");
     const kv_ptr refused(text_entry("b", "w"));
     EXPECT_EQ(ps_add(set.get(), refused.get()), qz_exists);
     EXPECT_EQ(ps_add(set.get(), nullptr), qz_invalid);
-    const kv_ptr without_data(new_kv("x", 0, KV_STRING, 0, nullptr));
-    EXPECT_EQ(ps_add(set.get(), without_data.get()), qz_invalid);
-    EXPECT_EQ(ps_update(set.get(), without_data.get()), qz_invalid);
-    EXPECT_EQ(ps_delete(set.get(), "x"), qz_not_found);
-    EXPECT_EQ(ps_lookup(set.get(), "x"), nullptr);
-    EXPECT_EQ(ps_remove(set.get(), "x"), nullptr);
-    const kv_ptr removed(ps_remove(set.get(), "b"));
-    EXPECT_STREQ(removed->name, "b");
-    EXPECT_EQ(ps_delete(set.get(), "a"), 0);
-    EXPECT_EQ(summary(set.get()), "c=v|");
-    EXPECT_EQ(ps_at(set.get(), 1), nullptr);
+    kv_ptr without_data(new_kv("x", 0, KV_STRING, 0, nullptr));
+    kv* moved = without_data.get();
+    EXPECT_EQ(ps_add(set.get(), moved), qz_invalid);
+    EXPECT_EQ(ps_update(set.get(), moved), qz_invalid);
+    EXPECT_EQ(ps_update_fast(set.get(), &moved), qz_invalid);
+    EXPECT_EQ(summary(set.get()), "a=v|b=v|c=v|");
+    EXPECT_EQ(ps_at(set.get(), 3), nullptr);
     propset_free(nullptr);
 }
 
@@ -71,7 +67,7 @@ TEST(property_set, agrees_with_std_map_on_random_operations) {
         kv_ptr entry(text_entry(name.c_str(), value));
         const auto at = model.find(name);
         const bool present = at != model.end();
-        switch (random() % 5) {
+        switch (random() % 6) {
             case 0:
                 ASSERT_EQ(ps_add(set.get(), entry.get()), static_cast<int>(present));
                 if (!present) {
@@ -95,9 +91,15 @@ TEST(property_set, agrees_with_std_map_on_random_operations) {
                           present && at->second == value ? qz_unchanged : qz_ok);
                 model[name] = value;
                 break;
-            default:
+            case 4:
                 ASSERT_EQ(ps_delete(set.get(), name.c_str()), present ? qz_ok : qz_not_found);
                 model.erase(name);
+                break;
+            default: {
+                const kv_ptr removed(ps_remove(set.get(), name.c_str()));
+                ASSERT_EQ(removed != nullptr, present);
+                model.erase(name);
+            }
         }
         std::string expected;
         for (const auto& [key, text] : model) {
@@ -128,57 +130,46 @@ TEST(property_set, updates_refuse_another_datatype_and_only_moving_takes_the_fla
     EXPECT_EQ(entry->flags, 0x20U);
 }
 
-TEST(property_set, merge_keeps_values_of_other_datatypes) {
-    const propset_ptr dst = set_of({"b", "d"}, "old");
-    const propset_ptr src = set_of({"a", "b", "c", "e"}, "new");
-    EXPECT_EQ(ps_add(src.get(), number_entry("d", 1)), 0);
-    EXPECT_EQ(ps_merge(dst.get(), src.get()), 0);
-    EXPECT_EQ(summary(dst.get()), "a=new|b=new|c=new|d=old|e=new|");
-    EXPECT_EQ(ps_getcount(src.get()), 5);
-    EXPECT_EQ(ps_merge(dst.get(), dst.get()), 0);
-    EXPECT_EQ(summary(dst.get()), "a=new|b=new|c=new|d=old|e=new|");
-}
-
-TEST(property_set, moving_merge_loses_the_entry_after_each_moved_one) {
+TEST(property_set, merges) {
     const struct {
         std::initializer_list<const char*> dst, src;
-        const char* expected;
+        const char* copied;
+        const char* moved;  // without the entry after each moved one
     } rows[] = {
-        {{}, {"a", "b", "c", "d"}, "a=new|c=new|"},
-        {{"a", "c"}, {"a", "b", "c"}, "a=new|c=new|"},
-        {{"b"}, {"a", "b", "c"}, "a=new|b=old|c=new|"},
-        {{"x"}, {}, "x=old|"},
+        {{}, {"a", "b", "c", "d"}, "a=new|b=new|c=new|d=new|", "a=new|c=new|"},
+        {{"a", "c"}, {"a", "b", "c"}, "a=new|b=new|c=new|", "a=new|c=new|"},
+        {{"b"}, {"a", "b", "c"}, "a=new|b=new|c=new|", "a=new|b=old|c=new|"},
+        {{"x"}, {}, "x=old|", "x=old|"},
     };
     for (const auto& row : rows) {
-        const propset_ptr dst = set_of(row.dst, "old");
         propset* src = set_of(row.src, "new").release();
+        const propset_ptr into = set_of(row.dst, "old");
+        EXPECT_EQ(ps_merge(into.get(), src), 0);
+        EXPECT_EQ(ps_merge(into.get(), into.get()), 0);
+        EXPECT_EQ(summary(into.get()), row.copied);
+        const propset_ptr checked = set_of(row.dst, "old");
+        EXPECT_EQ(ps_merge_internal(checked.get(), src, 0),
+                  row.src.size() == 0 ? qz_unchanged : qz_ok);
+        EXPECT_EQ(summary(checked.get()), row.copied);
+        EXPECT_EQ(ps_merge_internal(checked.get(), src, 0), qz_unchanged);
+        const propset_ptr dst = set_of(row.dst, "old");
         EXPECT_EQ(ps_merge_fast(dst.get(), &src), 0);
         EXPECT_EQ(src, nullptr);
-        EXPECT_EQ(summary(dst.get()), row.expected);
+        EXPECT_EQ(summary(dst.get()), row.moved);
     }
-    // A refused entry stays behind and does not shadow the next one.
+}
+
+TEST(property_set, merges_refuse_another_datatype) {
     const propset_ptr dst = set_of({"a"}, "old");
     propset* src = set_of({"b"}, "new").release();
     EXPECT_EQ(ps_add(src, number_entry("a", 1)), 0);
+    ps_lookup(dst.get(), "a")->flags = 1;
+    EXPECT_EQ(ps_merge_internal(dst.get(), src, 3), qz_invalid);
+    EXPECT_EQ(ps_lookup(dst.get(), "a")->flags, 2U);  // toggled, not cleared
+    EXPECT_EQ(ps_delete(dst.get(), "b"), 0);
+    // The refused entry stays behind and does not shadow the next one.
     EXPECT_EQ(ps_merge_fast(dst.get(), &src), 0);
     EXPECT_EQ(summary(dst.get()), "a=old|b=new|");
-}
-
-TEST(property_set, internal_merge_reports_what_happened) {
-    const propset_ptr empty(new_ps(0));
-    const propset_ptr src = set_of({"a", "b"}, "v");
-    const propset_ptr dst = set_of({"a"}, "v");
-    EXPECT_EQ(ps_merge_internal(dst.get(), empty.get(), 1), qz_unchanged);
-    EXPECT_EQ(ps_merge_internal(dst.get(), src.get(), 0), qz_ok);
-    EXPECT_EQ(summary(dst.get()), "a=v|b=v|");
-    EXPECT_EQ(ps_merge_internal(dst.get(), src.get(), 0), qz_unchanged);
-    ps_lookup(dst.get(), "a")->flags = 1;
-    EXPECT_EQ(ps_merge_internal(dst.get(), src.get(), 3), qz_ok);
-    EXPECT_EQ(ps_lookup(dst.get(), "a")->flags, 2U);  // toggled, not cleared
-    EXPECT_EQ(ps_lookup(dst.get(), "b")->flags, 0U);
-    const propset_ptr other(new_ps(0));
-    EXPECT_EQ(ps_add(other.get(), number_entry("a", 1)), 0);
-    EXPECT_EQ(ps_merge_internal(dst.get(), other.get(), 0), qz_invalid);
 }
 
 TEST(property_set, copies_are_deep_and_never_short) {
@@ -204,14 +195,11 @@ TEST(property_set, copies_are_deep_and_never_short) {
 
 TEST(property_set, borrowed_data_is_left_alone_until_copied) {
     char text[] = "mine";
-    kv* entry = new_kv_assign(qzstrdup("b"), 0, KV_STRING | KV_BORROWED, sizeof text, text);
-    kv* owned = kv_copy(entry);
+    const kv_ptr entry(new_kv_assign(qzstrdup("b"), 0, KV_STRING | KV_BORROWED, sizeof text, text));
+    const kv_ptr owned(kv_copy(entry.get()));
     EXPECT_EQ(owned->value->datatype, KV_STRING);
     EXPECT_NE(owned->value->data, static_cast<void*>(text));
-    EXPECT_EQ(kv_compare(entry, owned), 1);
-    kv_free(entry);
-    kv_free(owned);
-    EXPECT_STREQ(text, "mine");
+    EXPECT_EQ(kv_compare(entry.get(), owned.get()), 1);
 }
 
 TEST(property_set, arrays_take_values_of_their_datatype) {
