@@ -14,6 +14,24 @@ from rights_support import ROLES, Authority, add_user, full_name, make_role_fold
 USAGE = 64
 
 
+def run_tool(config, *args, input=None, **env):
+    environment = {k: v for k, v in os.environ.items()
+                   if k not in ("ZEL_DATA_DIR", "DOVMAD_USER", "DOVMAD_PASSWORD")}
+    return subprocess.run([USER_TOOL, "-c", config, *args], input=input, text=True, timeout=60,
+                          capture_output=True, check=False, env={**environment, **env})
+
+
+def good(done):
+    assert (done.returncode, done.stderr) == (0, ""), done
+    return done.stdout
+
+
+def bad(done):
+    assert done.returncode == 1 and done.stderr.startswith("dovmad-user: "), done
+    assert "Sanitizer" not in done.stderr and "granted" not in done.stdout, done
+    return done.stderr
+
+
 class Site:
     """A data directory and a configuration file, made by hand."""
 
@@ -32,25 +50,11 @@ class Site:
             f"\0\n# comment\ndocument_root {self.root}# the value ends here\nvar_dir {base}/var\n"
             f"pid_file {base}/pid\nnamespaces ns={self.other}, broken,plx2={self.other}\n")
 
-    def run(self, *args, input=None, **env):
-        environment = {k: v for k, v in os.environ.items()
-                       if k not in ("ZEL_DATA_DIR", "DOVMAD_USER", "DOVMAD_PASSWORD")}
-        return subprocess.run([USER_TOOL, *map(str, args)], input=input, text=True, timeout=60,
-                              capture_output=True, check=False, env={**environment, **env})
-
-    def tool(self, *args, input=None, **env):
-        return self.run("-c", self.config, *args, input=input, **env)
-
     def good(self, *args, **kwargs):
-        done = self.tool(*args, **kwargs)
-        assert (done.returncode, done.stderr) == (0, ""), done
-        return done.stdout
+        return good(run_tool(self.config, *args, **kwargs))
 
     def bad(self, *args, **kwargs):
-        done = self.tool(*args, **kwargs)
-        assert done.returncode == 1 and done.stderr.startswith("dovmad-user: "), done
-        assert "Sanitizer" not in done.stderr
-        return done.stderr
+        return bad(run_tool(self.config, *args, **kwargs))
 
     def user(self, name):
         return (self.at / "users" / name).read_text()
@@ -121,12 +125,11 @@ def test_wrong_usage(site):
     for args in ((), ("frobnicate",), ("add",), ("add", "a", "b"), ("list", "x"), ("--frob",),
                  ("grant", "alice"), ("grant", "alice", "boss"), ("grant", "alice", "op"),
                  ("deny", "a:b", "pub"), ("grant", "a\nb", "pub"), ("rights", "x" * 128), ("-c",)):
-        done = site.run(*args) if args == ("-c",) else site.tool(*args)
+        done = run_tool(site.config, *args)
         assert (done.returncode, done.stdout) == (USAGE, "") and done.stderr, args
-    done = site.run("--help")
-    assert done.returncode == 0 and done.stderr == ""
+    usage = site.good("--help")
     for word in ("add", "passwd", "del", "list", "lock", "unlock", "grant", "deny", "rights"):
-        assert re.search(rf"\b{word}\b", done.stdout)
+        assert re.search(rf"\b{word}\b", usage)
 
 
 def test_finds_the_data_directory(site, tmp_path):
@@ -190,7 +193,8 @@ def test_asks_twice_without_echo(site):
 def test_changes_access_files(site):
     site.good("add", "alice", input="pw\n")
     alice = "alice@local.box"
-    assert site.good("grant", "alice", "operator") == f"{alice}: granted operator in namespace plx\n"
+    assert site.good("grant", "alice", "operator") == \
+        f"{alice}: granted operator in namespace plx\n"
     site.good("grant", "alice", "admin", "ns")
     assert site.access("operator") == site.access("admin", site.other) == f"{alice}:user\n"
     site.good("deny", "alice", "admin", "ns")
@@ -246,10 +250,7 @@ def test_a_dead_daemon_does_not_count(site):
 
 
 def as_root(daemon, *args, **env):
-    done = subprocess.run(
-        [USER_TOOL, "-c", str(daemon.config), *args], text=True, capture_output=True, timeout=60,
-        check=False, env={**daemon.env, "DOVMAD_PASSWORD": daemon.password, **env})
-    return done.returncode, done.stdout, done.stderr
+    return run_tool(daemon.config, *args, **{"DOVMAD_PASSWORD": daemon.password, **env})
 
 
 def only_tls(daemon):
@@ -276,38 +277,35 @@ def test_asks_a_running_daemon(make_daemon, tmp_path, tls_alone):
         return reply.status == 200
 
     assert not may("operator")
-    assert as_root(daemon, "grant", "alice", "operator") == (
-        0, f"{alice}: granted operator in namespace plx\n", "")
+    assert good(as_root(daemon, "grant", "alice", "operator")) == \
+        f"{alice}: granted operator in namespace plx\n"
     assert may("operator") and not may("operator", "/ns") and not may("admin")
-    assert as_root(daemon, "grant", "alice", "agent", "ns")[0] == 0
+    good(as_root(daemon, "grant", "alice", "agent", "ns"))
     assert may("agent", "/ns") and not may("agent")
     assert (roots["ns"] / "agent" / ".dovmaaccess").read_text() == f"{alice}:user\n"
-    assert as_root(daemon, "deny", "alice", "operator")[0] == 0
+    good(as_root(daemon, "deny", "alice", "operator"))
     assert not may("operator")
 
     # A namespace that the configuration file does not have: the daemon may.
-    status, out, error = as_root(daemon, "grant", "alice", "operator", "late")
-    assert (status, out) == (1, "") and "no such namespace" in error
+    assert "no such namespace" in bad(as_root(daemon, "grant", "alice", "operator", "late"))
     assert not may("operator"), "the default namespace was meant by nobody"
     assert daemon.post("/admin/dovmad/config/namespace/add",
                        {"namespace": "late", "document_root": roots["late"]}, tls=True,
                        user="root:" + daemon.password).status == 200
-    assert as_root(daemon, "grant", "alice", "operator", "late") == (
-        0, f"{alice}: granted operator in namespace late\n", "")
+    assert good(as_root(daemon, "grant", "alice", "operator", "late")) == \
+        f"{alice}: granted operator in namespace late\n"
     assert may("operator", "/late") and not may("operator")
-    assert as_root(daemon, "deny", "alice", "operator", "late")[0] == 0
+    good(as_root(daemon, "deny", "alice", "operator", "late"))
     assert not may("operator", "/late")
-    assert "not in" in as_root(daemon, "grant", "alice", "operator", "la te")[2]
+    assert "not in" in bad(as_root(daemon, "grant", "alice", "operator", "la te"))
 
-    status, out, error = as_root(daemon, "grant", "alice", "admin", DOVMAD_PASSWORD="wrong")
-    assert (status, out) == (1, "") and "does not accept" in error
-    status, out, error = as_root(daemon, "-u", "alice", "grant", "alice", "admin",
-                                 DOVMAD_PASSWORD="wonder")
-    assert (status, out) == (1, "") and "no administrator" in error
+    assert "does not accept" in bad(as_root(daemon, "grant", "alice", "admin",
+                                            DOVMAD_PASSWORD="wrong"))
+    assert "no administrator" in bad(as_root(daemon, "-u", "alice", "grant", "alice", "admin",
+                                             DOVMAD_PASSWORD="wonder"))
     assert not may("admin")
-    done = daemon.user_tool("-c", daemon.config, "-u", "root", "grant", "alice", "admin",
-                            input=daemon.password + "\n")
-    assert done.returncode == 0, done
+    good(run_tool(daemon.config, "-u", "root", "grant", "alice", "admin",
+                  input=daemon.password + "\n"))
     assert may("admin")
 
 
@@ -318,8 +316,7 @@ def test_will_not_send_a_password_to_a_stranger(make_daemon, tmp_path):
     known = daemon.ca.read_bytes()
     daemon.ca.write_bytes(Authority(tmp_path / "other", "other").certificate.read_bytes())
     for problem in ("TLS", "could not write"):
-        status, out, error = as_root(daemon, "grant", "bob", "agent")
-        assert (status, out) == (1, "") and problem in error
+        assert problem in bad(as_root(daemon, "grant", "bob", "agent"))
         daemon.ca.write_bytes(known)
 
 
@@ -334,7 +331,7 @@ def test_edits_files_as_the_daemon_does(make_daemon, site):
                 chance.choice(ROLES)]
         if chance.random() < 0.4:
             args.insert(0, "-g")
-        assert as_root(daemon, *args)[0] == 0, args
+        good(as_root(daemon, *args))
         site.good(*args)
         for role in ROLES:
             path = daemon.root / role / ".dovmaaccess"
@@ -353,7 +350,7 @@ def test_accounts_of_a_running_daemon(make_daemon):
             ("unlock", None, "alice:other", None),
             ("passwd", longest, f"local\\alice:{longest}", "alice:other"),
             ("del", None, None, f"alice:{longest}")):
-        assert daemon.user_tool(command, "alice", input=password).returncode == 0
+        good(run_tool(daemon.config, command, "alice", input=password))
         for login, status in ((works, 200), (refused, 401)):
             if login:
                 reply = daemon.request("GET", "/pub/f.txt", user=login)
