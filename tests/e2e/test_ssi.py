@@ -30,9 +30,6 @@ def test_page_head_include_and_command(make_daemon):
     assert reply.text == "1PART2%sb\n3<!--#bogus -->4"
     head = daemon.request("HEAD", "/x/page.shtm")
     assert (head.status, head.body) == (200, b"")
-    plain = make_daemon()  # the default list is one entry that no page ends in
-    write(plain, "page.shtml", '<!--#exec "echo x"-->')
-    assert plain.request("GET", "/page.shtml").text == '<!--#exec "echo x"-->'
 
 
 def test_slow_command_stops_nobody(make_daemon):
