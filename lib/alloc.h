@@ -16,6 +16,7 @@ inline void* qz_need(void* p) noexcept {
     return p;
 }
 
+// `size` bytes from the heap, with whatever they held before.
 inline void* qz_need_bytes(std::size_t size) noexcept {
     return qz_need(qzalloc(size));
 }

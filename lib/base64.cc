@@ -73,6 +73,7 @@ int base64_encode(char* out, int out_size, const void* in, int in_len) noexcept 
     const auto* bytes = static_cast<const std::uint8_t*>(in);
     char* end = out;
     std::int64_t left = length;
+    // The room was checked for the whole text, so no store below needs a check.
     for (; left >= 3; left -= 3, bytes += 3) {
         const unsigned group = static_cast<unsigned>(bytes[0] << 16 | bytes[1] << 8 | bytes[2]);
         *end++ = letter(group >> 18);

@@ -8,6 +8,7 @@ int conflineno = 1;
 
 namespace {
 
+// Tabs and carriage returns are missing on purpose: they are word characters.
 constexpr std::string_view delimiters = " '\n\";[]";
 
 bool is_word_character(char c) {
@@ -25,6 +26,7 @@ const char* closing_quote(const conf_scanner* scanner) {
     return nullptr;
 }
 
+// The longest run wins: "=x" is one word, and only a lone "=" is the token.
 conf_token take_word(conf_scanner* scanner, std::string* text) {
     const char* start = scanner->next;
     while (scanner->next != scanner->end && is_word_character(*scanner->next)) {
@@ -54,7 +56,7 @@ conf_token conflex(conf_scanner* scanner, std::string* text) noexcept {
                     scanner->next = end + 1;
                     return conf_token::text;
                 }
-                ++scanner->next;
+                ++scanner->next;  // Kept: an unclosed quote vanishes, the rest of its line is read
                 break;
             case '\n':
                 ++conflineno;

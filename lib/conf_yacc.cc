@@ -31,6 +31,7 @@ class parser {
   private:
     void advance() { token_ = conflex(scanner_, &text_); }
 
+    // Consumes one token when it is the wanted one.
     bool expect(conf_token token) {
         if (token_ != token) {
             return false;
@@ -73,7 +74,7 @@ class parser {
         if (!expect_text(&key) || !expect(conf_token::equals) || !expect_text(&value)) {
             return false;
         }
-        const int line = conflineno;
+        const int line = conflineno;  // of the value: the look-ahead moves on
         if (!expect(conf_token::semicolon)) {
             return false;
         }

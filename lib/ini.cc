@@ -18,6 +18,7 @@
 
 namespace {
 
+// A store is one chunk as a rule.
 constexpr std::size_t read_chunk_bytes = 65536;
 
 struct file_closer {
@@ -92,6 +93,7 @@ parse_handle* new_handle(const char* path, const parse_hooks& hooks, time_t modi
     return handle;
 }
 
+// Reads to the end; false for a read error, as a directory gives it.
 bool read_all(FILE* file, std::string* content) {
     std::size_t length = 0;
     std::size_t got = 0;
@@ -110,6 +112,7 @@ time_t time_of(FILE* file, const char* path) {
     return ::fstat(::fileno(file), &status) == 0 ? status.st_mtime : get_m_time(path);
 }
 
+// The statements of a section, null when it does not exist.
 propset* section_of(const parse_handle* handle, const char* section) {
     return static_cast<propset*>(qz_map_find(handle->sections, section));
 }
@@ -118,6 +121,7 @@ const char* text_of(const kv* entry) {
     return static_cast<const char*>(entry->value->data);
 }
 
+// The length counts the terminator, as everywhere in a string value.
 kv* new_statement(const char* key, const char* value) {
     return new_kv(key, 0, KV_STRING, static_cast<std::uint32_t>(std::strlen(value) + 1), value);
 }
@@ -218,6 +222,7 @@ int parse_open(const char* path, const parse_hooks* hooks, parse_handle** handle
     const int result = confparse(content.data(), content.size(), opened);
     opened->current_section = nullptr;
     if (result != qz_ok) {
+        // Runs the hooks a second time, inside this call's pair.
         (void)parse_close(opened);
         return result;
     }
@@ -352,6 +357,7 @@ int p_sync(parse_handle* handle) noexcept {
     if (const int result = parse_open(handle->path, nullptr, &fresh); result != qz_ok) {
         return result;
     }
+    // The old contents leave with the temporary handle; hooks and path stay.
     std::swap(handle->sections, fresh->sections);
     handle->modified = fresh->modified;
     return parse_close(fresh);
@@ -359,6 +365,7 @@ int p_sync(parse_handle* handle) noexcept {
 
 int p_write(parse_handle* handle) noexcept {
     const std::string temporary = std::string(handle->path) + ".tmp";
+    // Beside the file, so that the rename stays inside one file system.
     file_ptr file(std::fopen(temporary.c_str(), "we"));
     if (file == nullptr) {
         return qz_no_temporary;

@@ -80,10 +80,12 @@ void free_data(const kv_value* value) {
     }
 }
 
+// Storage bits do not make a type.
 bool same_type(const kv_value* a, const kv_value* b) {
     return kv_wire_type(a->datatype) == kv_wire_type(b->datatype);
 }
 
+// What a set accepts.
 bool has_data(const kv* entry) {
     return entry != nullptr && entry->value != nullptr && entry->value->data != nullptr;
 }
@@ -272,6 +274,7 @@ void val_array_free(val_array* array) noexcept {
     qzfree(array);
 }
 
+// Two holders, one vector: neither may be passed to ps_free while the other is in use.
 propset* ps_shallow_copy(const propset* set) noexcept {
     auto* copy = qz_need_new<propset>();
     copy->entries = set->entries;

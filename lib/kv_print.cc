@@ -18,6 +18,7 @@ constexpr std::uint32_t replacement_character = 0xfffd;
 constexpr const char* rule = "-----------------------------------------";
 constexpr const char* end_rule = "--------------- END ---------------------";
 
+// Two blanks a level, as a write of its own: they do not count for the 1024 characters.
 void indent(qz_stream* stream, int level) {
     for (int i = 0; i < level; ++i) {
         (void)qz_write_stream(stream, "  ", 2);
@@ -59,6 +60,7 @@ qz_owned<char> copy_of_text(const kv_value* value) {
     return copy;
 }
 
+// Any byte but 0 is true, as in comparisons.
 const char* truth(const kv_value* value) {
     return kv_number<std::uint8_t>(value) != 0 ? "True" : "False";
 }
@@ -131,6 +133,7 @@ void print_data(qz_stream* stream, int level, const kv_value* value) {
     }
 }
 
+// Values that have a data element; the others show as an empty value, or as null in JSON.
 bool is_printable(const kv_value* value) {
     return value->data != nullptr && !kv_is_wire(value) &&
            kv_type_of(value->datatype).layout != kv_layout::unknown;
@@ -157,6 +160,7 @@ void dump(const propset* set, const char* title, const char* function, set_print
 
 // --- UTF-16 ---
 
+// One code point below 0x110000.
 void append_utf8(std::string* text, std::uint32_t code) {
     const auto tail = [&](int shift) { *text += static_cast<char>(0x80 | (code >> shift & 0x3f)); };
     if (code < 0x80) {

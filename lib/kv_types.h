@@ -22,6 +22,7 @@ const kv_type_row& kv_type_of(std::uint32_t code) noexcept;
 // The bytes of a layout in memory and on the wire; 0 when values differ in size.
 std::uint32_t kv_fixed_size(kv_layout layout) noexcept;
 
+// The code without its three flag bits: what the layout depends on.
 inline std::uint32_t kv_base_type(std::uint32_t code) noexcept {
     return code & ~(KV_ARRAY | KV_WIRE | KV_BORROWED);
 }
@@ -31,6 +32,7 @@ inline std::uint32_t kv_wire_type(std::uint32_t code) noexcept {
     return code & ~(KV_WIRE | KV_BORROWED);
 }
 
+// Wire form comes first: a value that has it is a flat block, whatever else its code says.
 inline bool kv_is_wire(const kv_value* value) noexcept {
     return (value->datatype & KV_WIRE) != 0;
 }
@@ -56,12 +58,14 @@ std::string_view kv_text(const kv_value* value) noexcept;
 
 // The number of UTF-16 units of a wstring value before a zero unit or the stored length.
 std::uint32_t kv_unit_count(const kv_value* value) noexcept;
+// One UTF-16 unit; the data needs no alignment.
 inline std::uint16_t kv_unit(const kv_value* value, std::uint32_t index) noexcept {
     std::uint16_t unit;
     std::memcpy(&unit, static_cast<const char*>(value->data) + index * sizeof unit, sizeof unit);
     return unit;
 }
 
+// The data of a nested kind and of an array. Requires: that layout, not in wire form.
 inline const propset* kv_nested(const kv_value* value) noexcept {
     return static_cast<const propset*>(value->data);
 }

@@ -41,6 +41,7 @@ unsigned char* put_bytes(unsigned char* at, const void* bytes, std::size_t n) {
     return at + n;
 }
 
+// Three numbers in wire order, then eight bytes as they are stored.
 unsigned char* put_guid(unsigned char* at, const kv_value* value) {
     const auto guid = kv_number<qz_guid>(value);
     at = put_u32(at, guid.a);
@@ -58,12 +59,14 @@ unsigned char* put_units(unsigned char* at, const kv_value* value) {
     return at;
 }
 
+// Without the terminator, which reading gives back.
 unsigned char* put_text(unsigned char* at, const kv_value* value) {
     const std::string_view text = kv_text(value);
     at = put_u32(at, static_cast<std::uint32_t>(text.size()));
     return put_bytes(at, text.data(), text.size());
 }
 
+// Data that is absent packs as nothing, whatever length is stored beside it.
 std::uint32_t byte_count(const kv_value* value) {
     return value->data == nullptr ? 0 : value->length;
 }

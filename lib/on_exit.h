@@ -1,4 +1,7 @@
 // Runs a piece of undo work at the end of a scope: exit_guard undo([&] { unlink(path); });
+//
+// The work runs on every way out, early returns included, unless cancel() was called. It is stored
+// by value and must not throw; what it captures by reference must outlive the guard.
 #pragma once
 
 #include <utility>

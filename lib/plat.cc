@@ -6,6 +6,7 @@
 #include "lib/alloc.h"
 
 void* qzalloc(std::size_t size) noexcept {
+    // One byte for nothing: then null means only that the heap is exhausted.
     return std::malloc(size == 0 ? 1 : size);
 }
 

@@ -10,6 +10,7 @@
 
 namespace {
 
+// A vector starts with this many slots, and one without slots grows to it.
 constexpr std::int32_t least_capacity = 8;
 
 std::size_t slot_bytes(std::size_t count) {
@@ -187,6 +188,7 @@ void qz_vector_clear(qz_vector* vector, qz_free_fn fn) noexcept {
             fn(element);
         }
     }
+    // Slots in use are zeroed: nothing stale can be read through the public fields.
     std::fill_n(vector->data, vector->count, nullptr);
     vector->count = 0;
 }
@@ -220,7 +222,7 @@ std::int32_t qz_vector_find_sorted(const qz_vector* vector, qz_compare_fn compar
     std::int32_t low = 0;
     std::int32_t high = vector->count - 1;
     while (low <= high) {
-        const std::int32_t middle = low + (high - low) / 2;
+        const std::int32_t middle = low + (high - low) / 2;  // the sum could overflow
         const int order = compare(key, vector->data[middle]);
         if (order == 0) {
             return middle;

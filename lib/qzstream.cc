@@ -85,6 +85,7 @@ std::uint32_t qz_write_stream(qz_stream* stream, const void* bytes, std::uint32_
 }
 
 std::uint32_t qz_read_stream(qz_stream* stream, void* buffer, std::uint32_t n) noexcept {
+    // The cursor never passes the length: writing advances both.
     const std::uint32_t count = std::min(n, stream->length - stream->position);
     if (count > 0) {
         std::memcpy(buffer, stream->data + stream->position, count);

@@ -190,6 +190,7 @@ void free_entry(const qz_map* map, const qz_pair& entry) {
     free_values(map, entry.value);
 }
 
+// Disposal by clear and destroy, which unlike a delete never leak a multimap's vector.
 void free_node(const qz_map* map, qz_node* node) {
     free_entry(map, node->entry);
     if (map->kind == QZ_MULTIMAP && map->value_free == nullptr) {
@@ -198,7 +199,8 @@ void free_node(const qz_map* map, qz_node* node) {
     qzfree(node);
 }
 
-// Children first, without recursion: parents forget each child once it is gone.
+// Children first, without recursion, so that a large tree costs no stack: parents forget each child
+// once it is gone, and the root is the node without a parent.
 void free_tree(qz_map* map) {
     qz_node* nil = &map->nil;
     qz_node* node = map->root;
@@ -218,6 +220,7 @@ void free_tree(qz_map* map) {
     }
 }
 
+// The entry as the caller's own block.
 qz_pair* new_pair(const qz_pair& entry) {
     auto* pair = qz_need_new<qz_pair>();
     *pair = entry;
@@ -262,6 +265,7 @@ constexpr qz_iterator_ops pair_ops = {
     .rewind = qz_iterator_map_rewind,
 };
 
+// A set's entry is its key.
 constexpr qz_iterator_ops set_ops = {
     .data = qz_iterator_v_data,
     .next = qz_iterator_map_next,
@@ -273,6 +277,8 @@ constexpr qz_iterator_ops set_ops = {
     .rewind = qz_iterator_map_rewind,
 };
 
+// Every absent link points to the sentinel, also the sentinel's own, so that fix-ups read colours
+// without asking for null.
 qz_map* new_tree(qz_kind kind, qz_compare_fn compare, qz_free_fn key_free, qz_free_fn value_free) {
     auto* map = qz_need_new<qz_map>();
     map->kind = kind;
@@ -345,7 +351,7 @@ int qz_map_insert(qz_map* map, void* key, void* value) noexcept {
         qz_vector_pushback(values, value);
         node->entry.value = values;
     }
-    *place = node;
+    *place = node;  // the last comparison of the descent told the side
     insert_fix_up(map, node);
     ++map->count;
     return qz_ok;
@@ -495,7 +501,7 @@ void* qz_iterator_map_remove(qz_iterator* iterator) noexcept {
 void qz_iterator_map_erase(qz_iterator* iterator) noexcept {
     if (!at_end(iterator)) {
         const qz_pair entry = take_current(iterator);
-        free_entry(map_of(iterator), entry);
+        free_entry(map_of(iterator), entry);  // after the walk has left it behind
     }
 }
 

@@ -49,6 +49,8 @@ using qz_set = qz_map;
 
 // --- Creation and disposal ---
 
+// Empty containers. The comparator gets (probe, stored key), always in this order; the callbacks
+// get one word each and may be null, which means that the words are not the container's to free.
 [[nodiscard]] qz_map* new_qz_map(qz_compare_fn compare, qz_free_fn key_free,
                                  qz_free_fn value_free) noexcept;
 [[nodiscard]] qz_multimap* new_qz_multimap(qz_compare_fn compare, qz_free_fn key_free,
@@ -110,7 +112,13 @@ int qz_map_delete(qz_map* map, const void* key) noexcept;
 // value with a temporary pair.
 void qz_map_foreach(qz_map* map, qz_visit_fn fn, void* arg) noexcept;
 
-// The slots of a tree's iterator.
+// The slots of a tree's iterator, which callers reach through its operation table.
+//
+// data: the pair inside the node (kv) or its key (v), null at the end.
+// next: the in-order successor; nothing once the end flag is set.
+// remove: unlinks the current entry and hands it over, a new pair (free it with qzfree) or the
+// set's key; the iterator then stands on the entry that followed. Null at the end.
+// erase: the same, but disposes of the entry as delete does.
 void* qz_iterator_kv_data(qz_iterator* iterator) noexcept;
 void* qz_iterator_v_data(qz_iterator* iterator) noexcept;
 qz_iterator* qz_iterator_map_next(qz_iterator* iterator) noexcept;
@@ -156,6 +164,7 @@ inline void qz_set_foreach(qz_set* set, qz_visit_fn fn, void* arg) noexcept {
     qz_map_foreach(set, fn, arg);
 }
 
+// Destroys a container of any ordered kind at the end of its scope.
 struct qz_map_deleter {
     void operator()(qz_map* map) const noexcept { qz_map_destroy(map); }
 };
@@ -241,16 +250,22 @@ using qz_hashmultimap = qz_hashmap;
 [[nodiscard]] qz_hashmultimap* new_qz_hashmultimap(std::int32_t bucket_count, qz_hash_fn hash,
                                                    qz_compare_fn compare, qz_free_fn key_free,
                                                    qz_free_fn value_free) noexcept;
+// Results and ownership as qz_map_insert and qz_multimap_insert.
 int qz_hashmap_insert(qz_hashmap* map, void* key, void* value) noexcept;
 int qz_hashmultimap_insert(qz_hashmultimap* map, void* key, void* value) noexcept;
+// The value, or a multimap's vector; null when absent.
 void* qz_hashmap_find(const qz_hashmap* map, const void* key) noexcept;
 qz_vector* qz_hashmultimap_find(const qz_hashmultimap* map, const void* key) noexcept;
+// As qz_map_delete and qz_map_remove. The bucket's tree goes with its last key.
 int qz_hashmap_delete(qz_hashmap* map, const void* key) noexcept;
 [[nodiscard]] qz_pair* qz_hashmap_remove(qz_hashmap* map, const void* key) noexcept;
+// Visits as qz_map_foreach does, bucket by bucket.
 void qz_hashmap_foreach(qz_hashmap* map, qz_visit_fn fn, void* arg) noexcept;
 // Disposes of every entry and keeps the number of buckets.
 void qz_hashmap_clear(qz_hashmap* map) noexcept;
 // Null is ignored.
 void qz_hashmap_destroy(qz_hashmap* map) noexcept;
+// An iterator on the first entry. Kept: an erase or remove through it leaves an emptied bucket's
+// tree allocated until the bucket's next delete or the next clear.
 [[nodiscard]] qz_iterator* qz_hashmap_open(qz_hashmap* map) noexcept;
 [[nodiscard]] qz_iterator* qz_hashmultimap_open(qz_hashmultimap* map) noexcept;

@@ -20,6 +20,7 @@ void free_cell(void* word) {
     qzfree(cell);
 }
 
+// Empty cells; the vector frees them with their trees.
 qz_vector* new_buckets(std::int32_t count) {
     qz_vector* buckets = new_qz_vector(count, free_cell);
     for (std::int32_t i = 0; i < count; ++i) {
@@ -32,6 +33,7 @@ bucket_cell* cell_at(const qz_hashmap* map, std::int32_t index) {
     return static_cast<bucket_cell*>(qz_vector_at(map->buckets, index));
 }
 
+// Unsigned, so that a hash with the top bit set stays in range.
 bucket_cell* cell_of(const qz_hashmap* map, const void* key) {
     const auto buckets = static_cast<std::uint32_t>(map->buckets->count);
     return cell_at(map, static_cast<std::int32_t>(map->hash(key) % buckets));
@@ -127,6 +129,7 @@ void hash_rewind(qz_iterator* iterator) {
     enter_bucket(iterator, 0);
 }
 
+// The inner iterator unlinks; an emptied tree stays, since this iterator may be standing in it.
 void* hash_remove(qz_iterator* iterator) {
     if (at_end(iterator)) {
         return nullptr;

@@ -9,6 +9,7 @@
 
 namespace {
 
+// Array, wire form, borrowed: the three bits beside a property set's datatype.
 constexpr std::uint32_t type_flag_bits = 0xe0000000u;
 constexpr std::uint32_t last_plain_type = 17;
 constexpr std::uint32_t time_type = 0x10005u;
@@ -50,6 +51,7 @@ char* format_unsafe_json_str(char* text) noexcept {
     return text;
 }
 
+// Quotes stay: the result is element content.
 char* format_unsafe_xml_str(const char* text) noexcept {
     if (text == nullptr) {
         return nullptr;

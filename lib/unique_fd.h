@@ -1,4 +1,7 @@
-// Owns one file descriptor and closes it.
+// Owns one file descriptor and closes it at the end of its scope.
+//
+// A negative number means none; any such number is kept as it is and never closed. Moving hands the
+// descriptor over and leaves -1 behind. Whoever opens one sets O_CLOEXEC: this class does not.
 #pragma once
 
 #include <unistd.h>
@@ -19,6 +22,7 @@ class unique_fd {
     unique_fd(const unique_fd&) = delete;
     unique_fd& operator=(const unique_fd&) = delete;
 
+    // The number for a system call; it stays owned.
     [[nodiscard]] int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ >= 0; }
 
