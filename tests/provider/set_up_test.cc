@@ -57,9 +57,9 @@ class set_up_test : public provider_test {};
 TEST(library_file, has_every_name_and_loads_for_the_shim) {
     void* file = dlopen(PROVIDER_FILE, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(file, nullptr) << dlerror();
-#define EXPECT_EXPORTED(index, name, kind) EXPECT_NE(dlsym(file, #name), nullptr) << #name;
-    MOLBAT_ENTRY_POINTS(EXPECT_EXPORTED)
-#undef EXPECT_EXPORTED
+#define MOLBAT_EXPORTED(index, name, kind) EXPECT_NE(dlsym(file, #name), nullptr) << #name;
+    MOLBAT_ENTRY_POINTS(MOLBAT_EXPORTED)
+#undef MOLBAT_EXPORTED
     for (const char* name : {"molbAtWebAuthenticate", "_KPRRegOpen", "molbAtSecConnAccept"}) {
         const auto entry = reinterpret_cast<std::uint32_t (*)()>(dlsym(file, name));
         EXPECT_EQ(entry(), at_not_available) << name;
