@@ -60,7 +60,8 @@ TEST_F(access_file, lists_one_principal_a_line) {
 TEST_F(access_file, search_goes_by_the_length_of_the_probe) {
     struct search_case {
         const char* lines;
-        names stored, found, missing;
+        names stored;
+        std::vector<const char*> found, missing;
     };
     const std::vector<search_case> rows = {
         {"alice:user\nal:user\n", {"alice"}, {"al", "alic", "ALICE", ""}, {"alicex", "b"}},
@@ -74,8 +75,8 @@ TEST_F(access_file, search_goes_by_the_length_of_the_probe) {
         read(r.lines);
         EXPECT_EQ(listed(kind_user), r.stored) << r.lines;
         for (const auto& [probes, expected] : {std::pair{r.found, true}, {r.missing, false}}) {
-            for (const std::string& name : probes) {
-                EXPECT_EQ(qz_set_exists(row.users, name.c_str()) != 0, expected) << r.lines << name;
+            for (const char* name : probes) {
+                EXPECT_EQ(qz_set_exists(row.users, name) != 0, expected) << r.lines << name;
             }
         }
     }

@@ -24,6 +24,7 @@ class auth : public rights_test {
   protected:
     auth() {
         fake = fake_library();
+        security.default_domain = domain;
         ctx.security = &security;
         start();
         c.request.role = "pub";
@@ -37,18 +38,8 @@ class auth : public rights_test {
     }
 
     char domain[5] = "CORP";
-    security_info security{.reserved = 0,
-                           .default_domain = domain,
-                           .identity = {"localhost", nullptr, nullptr, nullptr},
-                           .flags = 0,
-                           .credential = nullptr};
+    security_info security{};
     std::string header;
-    int credential = 0;
-    char name[6] = "alice";
-    char host[5] = "host";
-    char localhost[10] = "localhost";
-    char info_domain[6] = "local";
-    char empty[1] = "";
 };
 
 TEST_F(auth, splits_the_login_into_domain_name_and_password) {
@@ -71,9 +62,7 @@ TEST_F(auth, splits_the_login_into_domain_name_and_password) {
 TEST_F(auth, unacceptable_headers_do_not_reach_the_library) {
     const std::vector<std::string> refused = {
         "",
-        "Basic ",
         "Basic YT",
-        basic(""),
         basic(":"),  // with an empty name the service itself would be meant
         basic("\\:"),
         basic("CORP\\:pw"),
@@ -99,34 +88,35 @@ TEST_F(auth, unacceptable_headers_do_not_reach_the_library) {
 
 TEST_F(auth, the_user_name_is_plain_only_for_users_of_this_system) {
     struct row {
-        molb_info info;
-        const char* user_name;
+        const char *qualifier, *domain, *name, *user_name;
     };
-    char other_case[10] = "LOCALHOST";
-    char root[5] = "root";
     const std::vector<row> rows = {
-        {{localhost, info_domain, name}, "alice"},
-        {{other_case, info_domain, name}, "alice@local.LOCALHOST"},
-        {{host, info_domain, root}, "root@local.host"},
-        {{nullptr, nullptr, name}, "alice@."},
-        {{host, info_domain, nullptr}, ""},
-        {{localhost, info_domain, empty}, ""},
+        {"localhost", "local", "alice", "alice"},
+        {"LOCALHOST", "local", "alice", "alice@local.LOCALHOST"},
+        {"host", "local", "root", "root@local.host"},
+        {nullptr, nullptr, "alice", "alice@."},
     };
-    c.client_credential = &credential;
+    c.client_credential = &fake;
     for (const row& r : rows) {
+        const molb_info info{const_cast<char*>(r.qualifier), const_cast<char*>(r.domain),
+                             const_cast<char*>(r.name)};
         caller("");
-        fake.extracted = &r.info;
-        const bool named = r.user_name[0] != '\0';
-        EXPECT_EQ(is_authorized_at(&c), named ? 1 : 2) << "no name begins every name";
+        c.request.role = "pub";
+        fake.extracted = &info;
+        EXPECT_EQ(is_authorized_at(&c), 1) << r.user_name;
         EXPECT_EQ(c.user_name, r.user_name);
         EXPECT_EQ(c.groups, nullptr) << "no user of this system";
-        c.request.role = "admin";
-        EXPECT_EQ(is_authorized_at(&c), 2) << r.user_name;
-        c.request.role = "pub";
+        EXPECT_EQ(fake.freed.size(), 1U);
+        fake.freed.clear();
+        EXPECT_EQ(may("admin"), 0) << r.user_name;
     }
-    caller("");
-    fake.extracted = nullptr;
-    EXPECT_EQ(is_authorized_at(&c), 2) << "nobody, as far as the library says";
+    char empty[1] = "";
+    const molb_info nobody{empty, empty, empty};
+    for (const molb_info* info : {&nobody, static_cast<const molb_info*>(nullptr)}) {
+        caller("");
+        fake.extracted = info;
+        EXPECT_EQ(is_authorized_at(&c), 2) << "no name begins every name";
+    }
 }
 
 }  // namespace

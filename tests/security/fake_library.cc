@@ -49,9 +49,6 @@ std::uint32_t molbAtSecConnAcceptWithCommExtn(void*, int, void* server_credentia
     fake.accept_mode = mode;
     fake.accept_params = params;
     fake.accept_flags = flags;
-    if (fake.handshakes.empty()) {
-        return at_again;
-    }
     const std::uint32_t result = fake.handshakes.front();
     fake.handshakes.pop_front();
     *channel = result == at_channel_failed ? nullptr : fake.channel;

@@ -32,21 +32,15 @@ class name_server {
         EXPECT_EQ(res_init(), 0);
         _res.nscount = 1;
         _res.nsaddr_list[0] = address;
-        thread_ = std::thread([this] { serve(); });
+        thread_ = std::jthread([this](const std::stop_token& stop) { serve(stop); });
     }
-    ~name_server() {
-        stop_ = true;
-        thread_.join();
-    }
-    name_server(const name_server&) = delete;
-    name_server& operator=(const name_server&) = delete;
 
     std::atomic<bool> silent = true;
     std::atomic<int> queries = 0;
 
   private:
-    void serve() {
-        while (!stop_) {
+    void serve(const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
             pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
             if (poll(&entry, 1, 20) <= 0) {
                 continue;
@@ -76,8 +70,7 @@ class name_server {
     }
 
     unique_fd socket_;
-    std::atomic<bool> stop_ = false;
-    std::thread thread_;
+    std::jthread thread_;  // ends before the rest does
 };
 
 host_name_result look_up(const char* text) {
