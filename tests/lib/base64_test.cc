@@ -41,27 +41,15 @@ TEST(base64, published_vectors) {
                 {"foob", "Zm9vYg=="},
                 {"fooba", "Zm9vYmE="},
                 {"foobar", "Zm9vYmFy"},
-                {"\xfb\xef\xbe\xff", "++++/w=="}};
+                // The whole alphabet, by another encoder.
+                {"\xff\xef\x7c\xef\xae\x78\xdf\x6d\x74\xcf\x2c\x70\xbe\xeb\x6c\xae"
+                 "\xaa\x68\x9e\x69\x64\x8e\x28\x60\x7d\xe7\x5c\x6d\xa6\x58\x5d\x65"
+                 "\x54\x4d\x24\x50\x3c\xe3\x4c\x2c\xa2\x48\x1c\x61\x44\x0c\x20\x40",
+                 "/+9876543210zyxwvutsrqponmlkjihgfedcbaZYXWVUTSRQPONMLKJIHGFEDCBA"}};
     for (const auto& row : rows) {
         EXPECT_EQ(encode(row.bytes), row.text);
-        EXPECT_EQ(decode(row.text, 6), row.bytes);
+        EXPECT_EQ(decode(row.text, 48), row.bytes);
     }
-}
-
-// Each letter stands for its own place in the alphabet.
-TEST(base64, the_alphabet_decodes_to_the_numbers_0_to_63) {
-    const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    const std::string bytes = decode(alphabet, 48).value_or("");
-    ASSERT_EQ(bytes.size(), 48U);
-    for (unsigned i = 0; i < 64; ++i) {
-        unsigned number = 0;
-        for (unsigned bit = i * 6; bit < i * 6 + 6; ++bit) {
-            number =
-                number << 1 | (static_cast<unsigned char>(bytes[bit / 8]) >> (7 - bit % 8) & 1);
-        }
-        EXPECT_EQ(number, i);
-    }
-    EXPECT_EQ(encode(bytes), alphabet);
 }
 
 TEST(base64, limits) {

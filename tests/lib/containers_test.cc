@@ -352,6 +352,7 @@ TEST(tree_shape, decides_which_probes_reach_a_wildcard) {
     for (const char* name : {"alice", "*", "bob"}) {
         EXPECT_EQ(qz_set_insert(set.get(), qzstrdup(name)), 0);
     }
+    EXPECT_EQ(qz_set_size(set.get()), 3);
     EXPECT_EQ(qz_set_exists(set.get(), "aaron"), 1);
     EXPECT_EQ(qz_set_exists(set.get(), "zed"), 0);
 

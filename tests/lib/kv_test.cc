@@ -16,10 +16,6 @@ kv* text_entry(const char* name, const std::string& text, std::uint32_t flags = 
                   text.c_str());
 }
 
-kv* number_entry(const char* name, std::int32_t number) {
-    return new_kv(name, 0, KV_INT32, 4, &number);
-}
-
 // "name=text|name=text|": strings as they are, other types as "#".
 std::string summary(const propset* set) {
     std::string text;
@@ -64,42 +60,39 @@ TEST(property_set, agrees_with_std_map_on_random_operations) {
     for (int i = 0; i < 10000; ++i) {
         const std::string name = "k" + std::to_string(random() % 60);
         const std::string value = std::to_string(random() % 5);
-        kv_ptr entry(text_entry(name.c_str(), value));
-        const auto at = model.find(name);
-        const bool present = at != model.end();
+        kv* entry = text_entry(name.c_str(), value);
+        kv_ptr owned(entry);
+        const bool present = model.contains(name);
+        const bool same = present && model[name] == value;
         switch (random() % 6) {
             case 0:
-                ASSERT_EQ(ps_add(set.get(), entry.get()), static_cast<int>(present));
+                ASSERT_EQ(ps_add(set.get(), entry), present ? qz_exists : qz_ok);
                 if (!present) {
-                    (void)entry.release();
+                    (void)owned.release();
                     model[name] = value;
                 }
                 break;
             case 1:
-                ASSERT_EQ(ps_update(set.get(), entry.get()), 0);
+                ASSERT_EQ(ps_update(set.get(), entry), 0);
                 model[name] = value;
                 break;
-            case 2: {
-                kv* moved = entry.release();
-                ASSERT_EQ(ps_update_fast(set.get(), &moved), 0);
-                ASSERT_EQ(moved, nullptr);
+            case 2:
+                ASSERT_EQ(ps_update_fast(set.get(), &entry), 0);
+                ASSERT_EQ(entry, nullptr);
+                (void)owned.release();
                 model[name] = value;
                 break;
-            }
             case 3:
-                ASSERT_EQ(ps_check_update(set.get(), entry.get()),
-                          present && at->second == value ? qz_unchanged : qz_ok);
+                ASSERT_EQ(ps_check_update(set.get(), entry), same ? qz_unchanged : qz_ok);
                 model[name] = value;
                 break;
             case 4:
                 ASSERT_EQ(ps_delete(set.get(), name.c_str()), present ? qz_ok : qz_not_found);
                 model.erase(name);
                 break;
-            default: {
-                const kv_ptr removed(ps_remove(set.get(), name.c_str()));
-                ASSERT_EQ(removed != nullptr, present);
+            default:
+                ASSERT_EQ(kv_ptr(ps_remove(set.get(), name.c_str())) != nullptr, present);
                 model.erase(name);
-            }
         }
         std::string expected;
         for (const auto& [key, text] : model) {
@@ -113,7 +106,8 @@ TEST(property_set, updates_refuse_another_datatype_and_only_moving_takes_the_fla
     const propset_ptr set = set_of({"a"}, "old");
     kv* entry = ps_lookup(set.get(), "a");
     entry->flags = 0x10;
-    const kv_ptr number(number_entry("a", 5));
+    const std::int32_t five = 5;
+    const kv_ptr number(new_kv("a", 0, KV_INT32, 4, &five));
     kv* moved = number.get();
     EXPECT_EQ(ps_update(set.get(), number.get()), qz_type_mismatch);
     EXPECT_EQ(ps_update_fast(set.get(), &moved), qz_type_mismatch);
@@ -162,7 +156,7 @@ TEST(property_set, merges) {
 TEST(property_set, merges_refuse_another_datatype) {
     const propset_ptr dst = set_of({"a"}, "old");
     propset* src = set_of({"b"}, "new").release();
-    EXPECT_EQ(ps_add(src, number_entry("a", 1)), 0);
+    add(src, "a", KV_INT32, std::int32_t{1});
     ps_lookup(dst.get(), "a")->flags = 1;
     EXPECT_EQ(ps_merge_internal(dst.get(), src, 3), qz_invalid);
     EXPECT_EQ(ps_lookup(dst.get(), "a")->flags, 2U);  // toggled, not cleared

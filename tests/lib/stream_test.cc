@@ -15,11 +15,11 @@ std::string content(const qz_stream* stream) {
     return {reinterpret_cast<const char*>(stream->data), stream->length};
 }
 
-// A string and a cursor: a write replaces what is there and lengthens the text by its own size.
 struct model {
     std::string text;
     std::size_t cursor = 0;
 
+    // Replaces what is there and lengthens the text by its own size.
     void write(const std::string& bytes) {
         text.resize(text.size() + bytes.size(), '\0');
         text.replace(cursor, bytes.size(), bytes);
