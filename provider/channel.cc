@@ -1,5 +1,7 @@
 #include "provider/channel.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <poll.h>
 #include <string.h>
@@ -16,8 +18,6 @@ namespace provider {
 namespace {
 
 constexpr std::int64_t connect_limit_ms = 4000;
-constexpr long remembered_sessions = 256;  // about 1 KiB each
-constexpr long session_seconds = 300;
 
 // --- The socket as OpenSSL sees it ---
 
@@ -196,6 +196,14 @@ std::string common_name(const X509* certificate) {
     return name;
 }
 
+// Acknowledges the client's last handshake message now. The server has nothing to say to it, and a
+// client with Nagle's algorithm holds its request back until the delayed acknowledgement comes.
+void acknowledge(const channel* c) {
+    const int on = 1;
+    // Fails on sockets that are not TCP, where there is no such delay.
+    (void)setsockopt(c->fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+}
+
 // A certificate that the authority has signed but that names no user is refused here, after the
 // handshake: OpenSSL has no opinion about names.
 std::uint32_t finish_accept(channel* c) {
@@ -275,16 +283,6 @@ void prepare_server_context(SSL_CTX* context, bool ask_for_certificate) {
     SSL_CTX_callback_ctrl(context, SSL_CTRL_SET_TLSEXT_SERVERNAME_CB,
                           reinterpret_cast<void (*)()>(choose_credential));
     SSL_CTX_set_verify(context, ask_for_certificate ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
-    // Sessions are kept here, not in tickets: no key outlives them that could open them all, and a
-    // context made from new files begins with none. There is no session id context on purpose: it
-    // makes OpenSSL forget every session in which a certificate was asked for, whichever service
-    // was chosen for it, so resuming one never stands in for showing a certificate again.
-    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_SERVER);
-    SSL_CTX_sess_set_cache_size(context, remembered_sessions);
-    SSL_CTX_set_timeout(context, session_seconds);
-    // TLS 1.3 has the server answer the end of the handshake only with this message. Without it a
-    // client with Nagle's algorithm holds its request back until the delayed acknowledgement comes.
-    SSL_CTX_set_num_tickets(context, 1);
 }
 
 std::uint32_t accept_step(channel* c) {
@@ -306,6 +304,7 @@ std::uint32_t accept_step(channel* c) {
     ERR_clear_error();
     const int result = SSL_do_handshake(c->ssl.get());
     if (result == 1) {
+        acknowledge(c);
         return finish_accept(c);
     }
     const int error = SSL_get_error(c->ssl.get(), result);
@@ -398,7 +397,6 @@ std::int32_t pending_bytes(const channel* c) {
     return SSL_pending(c->ssl.get()) + static_cast<std::int32_t>(c->raw_end - c->raw_begin);
 }
 
-// The session of a channel that is freed without a goodbye would be forgotten.
 void close_channel(channel* c) {
     if (c->state == channel_state::open) {
         ERR_clear_error();

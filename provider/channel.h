@@ -50,8 +50,7 @@ struct channel {
 };
 
 // Finishes a server context: "http/1.1" is agreed on when offered, the credential-selection
-// callback is asked, clients are asked for a certificate when `ask_for_certificate`, and otherwise
-// may resume a session for five minutes.
+// callback is asked, and clients are asked for a certificate when `ask_for_certificate`.
 void prepare_server_context(SSL_CTX* context, bool ask_for_certificate);
 
 // One step of the server's handshake, as far as the bytes that are there take it. Returns at_ok

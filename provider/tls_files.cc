@@ -31,9 +31,9 @@ openssl_ptr<X509> next_certificate(BIO* reader) {
     return openssl_ptr<X509>{PEM_read_bio_X509(reader, nullptr, no_passphrase, nullptr)};
 }
 
-// What both directions share. Renegotiation, compression and self-contained tickets are off; so are
-// sessions, until the server's side asks for them. A peer that closes without saying so has closed
-// all the same, and may still be sent the rest of its answer.
+// What both directions share. Renegotiation, compression, tickets and session storage are off:
+// every connection proves anew who it is. A peer that closes without saying so has closed all the
+// same, and may still be sent the rest of its answer.
 openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method) {
     openssl_ptr<SSL_CTX> context{SSL_CTX_new(method)};
     if (!context) {
@@ -49,6 +49,7 @@ openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method) {
     // The channel reads ahead itself and knows what it has; OpenSSL would hide it.
     SSL_CTX_set_read_ahead(c, 0);
     const bool set = SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) == 1 &&
+                     SSL_CTX_set_num_tickets(c, 0) == 1 &&
                      SSL_CTX_set1_groups_list(c, "X25519:P-256:P-384") == 1 &&
                      SSL_CTX_set_ciphersuites(c,
                                               "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:"

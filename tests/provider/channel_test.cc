@@ -195,21 +195,10 @@ TEST_F(channel_test, only_trusted_certificates_with_a_user_name_are_logins) {
     }
 }
 
-TEST_F(channel_test, sessions_resume_unless_certificates_are_asked_for) {
-    const certified_key authority = make_authority();
-    present(make_certificate({"alice"}, &authority));
+TEST_F(channel_test, every_connection_shakes_hands_anew) {
     for (const int version : versions) {
         EXPECT_EQ(meet(version), at_no_credential);
-        EXPECT_TRUE(resumes(version));
-        EXPECT_TRUE(resumes(version));
-    }
-    write_file(site() / "client_ca.pem", authority.certificate_pem());
-    refresh();
-    for (const int version : versions) {
-        for (int i = 0; i < 2; ++i) {  // neither the session from before nor the one of a login
-            EXPECT_FALSE(resumes(version));
-            EXPECT_EQ(who, "box/cert/alice");
-        }
+        EXPECT_FALSE(resumes(version));
     }
 }
 
