@@ -226,9 +226,17 @@ void free_connection(conn* c) {
     delete_conn(c);
 }
 
+// What follows a complete body is never asked for; it still lies in the socket.
+bool has_input_behind_body(const conn* c) {
+    char byte = 0;
+    return body_complete(c) &&
+           recv(c->remote.channel.fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
 bool has_unread_input(const conn* c) {
-    return c->remote.io != nullptr && (c->remote.pending() > 0 || c->request.body_left > 0 ||
-                                       c->remote.total < c->remote.content_length);
+    return c->remote.io != nullptr &&
+           (c->remote.pending() > 0 || c->request.body_left > 0 ||
+            c->remote.total < c->remote.content_length || has_input_behind_body(c));
 }
 
 // Closing a socket with unread input resets it and may take the reply away from the client, so

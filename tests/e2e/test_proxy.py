@@ -159,7 +159,7 @@ def test_bodies_arrive_whole_and_alone(make_daemon, upstream):
                       "X-Other: x", "Expect: 100-continue", method="POST", body=body)
         for send in (lambda: until_close(daemon, request),
                      lambda: until_close(daemon, request[:-size], body),
-                     lambda: daemon.raw(request + stray, timeout=60)):
+                     lambda: until_close(daemon, request + stray)):
             reply = parse_response(send())
             assert reply.body == hashlib.sha256(body).hexdigest().encode(), size
             assert upstream.seen[-1][2] == body
