@@ -201,7 +201,6 @@ void reset_local(conn* c) {
     local.clear_buffer();
     local.total = 0;
     local.io = nullptr;
-    local.last_read = 0;
     local.header_length = 0;
     local.content_length = 0;
     local.flags = 0;
@@ -256,22 +255,6 @@ void start_draining(conn* c) {
     set_poll_events(c->remote.poll_index, c->remote.channel.fd, POLLIN);
 }
 
-// Reads and drops input of a muted or draining connection. Returns false when it was freed.
-bool discard_input(conn* c) {
-    stream& remote = c->remote;
-    const bool ready = (poll_revents(remote.poll_index) & POLLIN) != 0 || c->remote_pending;
-    if (!ready) {
-        return true;
-    }
-    c->remote_pending = false;
-    const ssize_t n = remote.io->read(&remote, remote.buffer, remote.size);
-    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
-        free_connection(c);
-        return false;
-    }
-    return true;
-}
-
 // One connection, one life: drains what is still arriving, then ends the process.
 [[noreturn]] void end_inetd_process(conn* c, bool alive) {
     stop_stream(&c->local);
@@ -296,13 +279,28 @@ void write_access_line(conn* c) {
 bool close_dead(conn* c) {
     if (c->state == conn_state::serving) {
         write_access_line(c);
-        if (c->ctx->inetd_mode != 0) {
-            end_inetd_process(c, false);
-        }
+    }
+    if (c->ctx->inetd_mode != 0) {
+        end_inetd_process(c, false);
     }
     c->close_after = true;
     free_connection(c);
     return false;
+}
+
+// Reads and drops input of a muted or draining connection. Returns false when it was freed.
+bool discard_input(conn* c) {
+    stream& remote = c->remote;
+    const bool ready = (poll_revents(remote.poll_index) & POLLIN) != 0 || c->remote_pending;
+    if (!ready) {
+        return true;
+    }
+    c->remote_pending = false;
+    const ssize_t n = remote.io->read(&remote, remote.buffer, remote.size);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+        return close_dead(c);
+    }
+    return true;
 }
 
 void keep_alive(conn* c) {
@@ -402,7 +400,6 @@ void delete_conn(conn* c) {
 bool process_connection(conn* c) {
     for (bool first = true;; first = false) {
         c->idle_call = false;
-        c->remote.last_read = c->local.last_read = 0;
         if (is_dead(c)) {
             return close_dead(c);
         }

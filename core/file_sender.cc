@@ -61,7 +61,6 @@ bool send_piece(conn* c) {
     }
     const auto moved = static_cast<std::uint64_t>(n);
     if (n > 0) {
-        local.last_read = n;
         local.total += moved;
         c->ctx->bytes_out += moved;
         c->request.sent += moved;

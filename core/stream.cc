@@ -62,7 +62,6 @@ void read_stream(stream* s) {
     if (s->io != io) {
         return;  // the class has replaced itself, by an error reply for instance
     }
-    s->last_read = n;
     if (n > 0) {
         count_bytes(s, n);
     } else if (!(n == -1 && would_block(error)) && !s->has(sf_keep_open)) {

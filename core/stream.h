@@ -44,7 +44,6 @@ struct stream {
     std::size_t tail = 0;
     std::uint64_t total = 0;  // bytes read through this stream; remote: of the body only
     const io_class* io = nullptr;
-    ssize_t last_read = 0;
     std::size_t header_length = 0;     // remote: of the request; local: of the reply
     std::uint64_t content_length = 0;  // 0: unknown
     std::uint32_t flags = 0;

@@ -83,7 +83,6 @@ void relay(conn* c, int writer, std::string_view input, std::size_t step, std::s
         }
         input.remove_prefix(piece);
         for (int reads = 0; reads < 64 && local.io != nullptr && local.room() > 0; ++reads) {
-            local.last_read = 0;
             const std::size_t before = local.head;
             read_stream(&local);
             check_buffer(local);

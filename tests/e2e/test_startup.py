@@ -217,20 +217,30 @@ def test_runs_as_an_unprivileged_user(make_daemon):
 
 # --- Inetd mode ---
 
-def test_inetd_mode_serves_one_request(make_daemon):
-    daemon = make_daemon(start=False, inetd_mode=1)
-    (daemon.root / "a.txt").write_text("hello")
+def inetd_session(daemon, request, hang_up=False):
+    """The reply to one connection, whose process must end without an error."""
     ours, theirs = socket.socketpair()
     with ours, theirs:
         process = subprocess.Popen([BINARY, daemon.config], env=daemon.env, stdin=theirs,
                                    stdout=theirs, stderr=subprocess.DEVNULL)
         theirs.close()
         ours.settimeout(60)
-        ours.sendall(b"HEAD /a.txt HTTP/1.1\r\n\r\nGET /a.txt HTTP/1.1\r\n\r\n")
+        ours.sendall(request)
+        if hang_up:
+            ours.shutdown(socket.SHUT_WR)
         received = b""
         while chunk := ours.recv(65536):
             received += chunk
         assert process.wait(60) == 0
+    return received
+
+
+def test_inetd_mode_serves_one_request(make_daemon):
+    daemon = make_daemon(start=False, inetd_mode=1)
+    (daemon.root / "a.txt").write_text("hello")
+    assert inetd_session(daemon, b"FOO / HTTP/1.1\r\n\r\n", hang_up=True) == b""
+    received = inetd_session(
+        daemon, b"HEAD /a.txt HTTP/1.1\r\n\r\nGET /a.txt HTTP/1.1\r\n\r\n")
     assert received.startswith(b"HTTP/1.1 200 OK\r\n")
     assert received.count(b"HTTP/1.1 ") == 1
     assert not daemon.pid_file.exists()
