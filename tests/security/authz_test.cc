@@ -52,7 +52,6 @@ TEST_F(authz, a_granted_role_stays_with_connection_and_namespace) {
     put("operator", "ann:user\n", "one");
     caller("ann");
     remove_namespace_from_map(&ctx, "one");
-    remove_namespace_from_map(&ctx, "one");
     EXPECT_EQ(find_namespace(&ctx, "one"), nullptr);
     EXPECT_EQ(may("operator"), 1) << "the request goes on in it";
     put("operator", "", "one");
