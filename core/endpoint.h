@@ -40,6 +40,10 @@ std::string_view query_text(const shttpd_call_arg* arg);
 // it: cut to size - 1 bytes and at a zero byte; empty when absent.
 std::string get_variable(std::string_view variables, const char* name, int size);
 
+// Replies with a text, which is copied, however long and however slow the client: puts it into a
+// qz_stream in `state` and drains that. Called again, the endpoint calls drain_reply.
+void answer_text(shttpd_call_arg* arg, std::string_view text);
+
 // Copies from the qz_stream in `state` into the reply as much as fits. When everything has been
 // copied the stream is freed, `state` is null and the reply is ended.
 void drain_reply(shttpd_call_arg* arg);

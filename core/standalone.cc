@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr const char* daemon_version = "2.1.213.0";
 // Also an upper bound: a loop over all descriptors stays short in every child.
 constexpr rlim_t descriptor_limit = 4096;
 constexpr int pass_wait_ms = 5000;

@@ -72,12 +72,7 @@ void answer_report(shttpd_call_arg* arg, std::string_view unknown_ids) {
     if (!unknown_ids.empty()) {
         text.append(unknown_ids).append("\n");
     }
-    const auto length = static_cast<std::uint32_t>(text.size());
-    stream_ptr reply(new_qz_stream(length));
-    (void)qz_write_stream(reply.get(), text.data(), length);
-    qz_rewind_stream(reply.get());
-    arg->state = reply.release();
-    drain_reply(arg);
+    answer_text(arg, text);
 }
 
 void report_to_server(shttpd_call_arg* arg, report* from) {

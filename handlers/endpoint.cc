@@ -68,6 +68,15 @@ std::string get_variable(std::string_view variables, const char* name, int size)
     return value.data();
 }
 
+void answer_text(shttpd_call_arg* arg, std::string_view text) {
+    const auto length = static_cast<std::uint32_t>(text.size());
+    stream_ptr reply(new_qz_stream(length));
+    (void)qz_write_stream(reply.get(), text.data(), length);
+    qz_rewind_stream(reply.get());
+    arg->state = reply.release();
+    drain_reply(arg);
+}
+
 void drain_reply(shttpd_call_arg* arg) {
     auto* reply = static_cast<qz_stream*>(arg->state);
     // Whatever does not fit is asked for again when the client has taken what did.

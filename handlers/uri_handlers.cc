@@ -14,6 +14,7 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/endpoint.h"
+#include "core/globals.h"
 #include "core/paths.h"
 #include "core/peer_name.h"
 #include "core/shttpd.h"
@@ -26,7 +27,6 @@
 
 namespace {
 
-constexpr const char* version = "2.1.213.0";
 constexpr const char* unknown = "UNKNOWN";
 
 // Consulted in this order.
@@ -150,7 +150,7 @@ void vitals_call(shttpd_call_arg* arg) {
     }
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n{\n");
     // Kept: two blanks follow the first colon, and one follows every other.
-    shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", version);
+    shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", daemon_version);
     print_local_side(arg);
     print_peer_side(arg);
     shttpd_printf(arg, "\"LOCAL_TIME\" : \"%ld\",\n", static_cast<long>(std::time(nullptr)));

@@ -7,7 +7,6 @@
 #include "core/context.h"
 #include "core/endpoint.h"
 #include "core/shttpd.h"
-#include "lib/qzstream.h"
 #include "sched/sched_command.h"
 #include "sched/sched_engine.h"
 
@@ -38,16 +37,12 @@ void uri_sched_dump(shttpd_call_arg* arg) {
     if (endpoint_closing(arg)) {
         return;
     }
-    if (arg->state == nullptr) {
-        const std::string text = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" +
-                                 dump_schedules(scheduler, std::time(nullptr));
-        const auto length = static_cast<std::uint32_t>(text.size());
-        stream_ptr reply(new_qz_stream(length));
-        (void)qz_write_stream(reply.get(), text.data(), length);
-        qz_rewind_stream(reply.get());
-        arg->state = reply.release();
+    if (arg->state != nullptr) {
+        drain_reply(arg);
+        return;
     }
-    drain_reply(arg);
+    answer_text(arg, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" +
+                         dump_schedules(scheduler, std::time(nullptr)));
 }
 
 }  // namespace
