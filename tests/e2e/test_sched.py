@@ -48,7 +48,7 @@ def test_kickoff_and_shell_quoting(make_daemon, schedule, tmp_path):
     out.mkdir()
     schedule.write_text(
         f"nothing kickoff - - x x x /nonexistent/program\n"
-        f"plain kickoff - - x x x /usr/bin/touch {out}/a {out}/b\\ c '{out}/d\n"
+        f"plain kickoff - - x x x /usr/bin/touch {out}/a {out}/b\\ {out}/c '{out}/d\n"
         f"shell kickoff - - x x x /bin/sh -c printf '%s|' \"a  b\" 'c\"d' $((6*7)) > {out}/shell\n"
         f"other - - - x x x /usr/bin/touch {out}/never\n"
         f"paused pause,kickoff - - x x x /usr/bin/touch {out}/never\n")
