@@ -25,6 +25,7 @@
 #include "sched/sched.h"
 #include "security/at_types.h"
 #include "security/authz.h"
+#include "security/sec_uri.h"
 #include "security/tpk_make_path.h"
 
 namespace {
@@ -185,8 +186,9 @@ shttpd_ctx* initialize_context(shttpd_ctx* ctx, const char* path, option_slots* 
     apply(ctx, slots);
     keep_buffer_size_sane(ctx);
     default_document_root(ctx);
-    // The shim is below the engine and can't know the fixed paths.
+    // The shim and the security URIs are below the engine and can't know the fixed paths.
     molbat_loc_path = paths.library_location;
+    qz_resolver_file = paths.resolver_file;
     start_library(ctx);
     ctx->accept_params = {.enabled = 1, .reserved = 0, .callback = sni_callback, .user_data = ctx};
     init_broker_credentials(ctx);

@@ -8,7 +8,6 @@
 #include "core/compat_unix.h"
 #include "core/connection.h"
 #include "core/log.h"
-#include "core/paths.h"
 #include "core/string.h"
 #include "lib/plat.h"
 #include "lib/qz_iterator.h"
@@ -16,7 +15,6 @@
 #include "lib/rbtree.h"
 #include "lib/replace_file.h"
 #include "security/authz_uris.h"
-#include "security/sec_uri.h"
 
 namespace {
 
@@ -138,7 +136,6 @@ void init_auth_info(shttpd_ctx* ctx) {
     }
     add_namespace_to_map(ctx, default_namespace, ctx->document_root);
     register_auth_uris(ctx);
-    qz_resolver_file = paths.resolver_file;
 }
 
 void free_auth_info(shttpd_ctx* ctx) {
