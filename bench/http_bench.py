@@ -6,6 +6,7 @@ interleaved, so that a machine whose speed drifts slows everybody alike; what is
 and ratios to nginx. Only ratios carry over to another machine."""
 
 import argparse
+import base64
 import os
 import re
 import shutil
@@ -16,30 +17,42 @@ import tempfile
 import time
 from pathlib import Path
 
+# Each server's port for plain HTTP; TLS is on the next one and Basic logins on the one after that.
 PORTS = {"nginx": 21100, "lighttpd": 22200, "dovmad": 23300}
+TLS, BASIC = 1, 2
+USER, PASSWORD = "bench", "benchmark-password"
 SERVER_CPU, LOAD_CPU = "0", "1"
 
 CGI = "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\nContent-Length: 3\\r\\n\\r\\nhi\\n'\n"
 
-# name, path, connections, extra wrk arguments, servers that offer it, goal as a ratio to its peer
+CLOSE = ["-H", "Connection: close"]
+LOGIN = ["-H", "Authorization: Basic " +
+         base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()]
+
+# title, path, connections, further arguments for wrk, port offset, servers that offer it
 ROWS = [
-    ("1 KB keep-alive, 64 connections", "/1k.bin", 64, [], None),
-    ("1 KB keep-alive, 1000 connections", "/1k.bin", 1000, [], None),
-    ("1 KB, Connection: close, 64 clients", "/1k.bin", 64, ["-H", "Connection: close"], None),
-    ("100 KB keep-alive, 16 connections", "/100k.bin", 16, [], None),
-    ("10 MB, 4 connections", "/10m.bin", 4, [], None),
-    ("404, close, 64 clients", "/none", 64, ["-H", "Connection: close"], None),
-    ("listing of 1000 entries, close", "/list/", 4, ["-H", "Connection: close"], None),
-    ("CGI shell script, close", "/hello.cgi", 4, ["-H", "Connection: close"],
-     ("lighttpd", "dovmad")),
-    ("proxied 1 KB, close", "/proxy", 16, ["-H", "Connection: close"], None),
-    ("SSI page, close", "/page.shtml", 16, ["-H", "Connection: close"], ("dovmad",)),
+    ("1 KB keep-alive, 64 connections", "/1k.bin", 64, [], 0, None),
+    ("1 KB keep-alive, 1000 connections", "/1k.bin", 1000, [], 0, None),
+    ("1 KB, Connection: close, 64 clients", "/1k.bin", 64, CLOSE, 0, None),
+    ("1 KB, Basic, keep-alive, 64", "/pub/1k.bin", 64, LOGIN, BASIC, ("nginx", "dovmad")),
+    ("1 KB, TLS, keep-alive, 16", "/1k.bin", 16, [], TLS, ("nginx", "dovmad")),
+    ("1 KB, TLS, close, 16", "/1k.bin", 16, CLOSE, TLS, ("nginx", "dovmad")),
+    ("100 KB keep-alive, 16 connections", "/100k.bin", 16, [], 0, None),
+    ("100 MB, 1 connection", "/100m.bin", 1, [], 0, None),
+    ("100 MB, 32 connections", "/100m.bin", 32, [], 0, None),
+    ("404, close, 64 clients", "/none", 64, CLOSE, 0, None),
+    ("listing of 1000 entries, close", "/list/", 4, CLOSE, 0, None),
+    ("CGI shell script, close", "/hello.cgi", 4, CLOSE, 0, ("lighttpd", "dovmad")),
+    ("proxied 1 KB, close", "/proxy", 16, CLOSE, 0, None),
+    ("SSI page, close", "/page.shtml", 16, CLOSE, 0, ("nginx", "dovmad")),
 ]
 
 
 def make_root(root):
     (root / "list").mkdir(parents=True)
-    for name, size in (("1k.bin", 1 << 10), ("100k.bin", 100 << 10), ("10m.bin", 10 << 20)):
+    (root / "pub").mkdir()
+    for name, size in (("1k.bin", 1 << 10), ("pub/1k.bin", 1 << 10), ("100k.bin", 100 << 10),
+                       ("100m.bin", 100 << 20)):
         (root / name).write_bytes(os.urandom(size))
     for i in range(1000):
         (root / "list" / f"file-{i:04}.dat").write_bytes(b"x" * (i % 50))
@@ -50,14 +63,22 @@ def make_root(root):
 
 
 def nginx(work, root):
+    """Uses dovmad's certificate, so dovmad starts first, and like it resumes no sessions."""
     conf = work / "nginx.conf"
+    (work / "passwords").write_text(f"{USER}:{{PLAIN}}{PASSWORD}\n")
+    site = work / "var" / "sec" / "dovmad-at"
     conf.write_text(f"""daemon off; master_process off; pid {work}/nginx.pid; error_log {work}/n.log;
 worker_rlimit_nofile 8192; events {{ worker_connections 4096; }}
 http {{ access_log off; sendfile on; tcp_nopush on; keepalive_requests 1000000000;
   client_body_temp_path {work}/nb; proxy_temp_path {work}/np; fastcgi_temp_path {work}/nf;
   uwsgi_temp_path {work}/nu; scgi_temp_path {work}/ns;
-  server {{ listen 127.0.0.1:{PORTS["nginx"]}; root {root}; autoindex on;
-    location = /proxy {{ proxy_pass http://127.0.0.1:{PORTS["lighttpd"]}/1k.bin; }} }} }}
+  ssl_certificate {site}/server.crt; ssl_certificate_key {site}/server.key;
+  ssl_session_tickets off; ssl_session_cache off;
+  server {{ listen 127.0.0.1:{PORTS["nginx"]}; listen 127.0.0.1:{PORTS["nginx"] + TLS} ssl;
+    root {root}; autoindex on; ssi on; ssi_types text/html; types {{ text/html shtml; }}
+    location = /proxy {{ proxy_pass http://127.0.0.1:{PORTS["lighttpd"]}/1k.bin; }} }}
+  server {{ listen 127.0.0.1:{PORTS["nginx"] + BASIC}; root {root};
+    auth_basic "bench"; auth_basic_user_file {work}/passwords; }} }}
 """)
     return ["nginx", "-c", str(conf), "-p", str(work)]
 
@@ -82,18 +103,23 @@ $HTTP["url"] == "/proxy" {{
 
 def dovmad(work, root, build):
     (work / "home" / "lib").mkdir(parents=True)
-    shutil.copy(build / "provider" / "libmolbat4L_t.so", work / "home" / "lib")
-    conf = work / "dovmad.conf"
-    conf.write_text(f"""document_root {root}
-listen_ports {PORTS["dovmad"]}u
-noauth 1
-zel_home {work}/home
-var_dir {work}/var
-pid_file {work}/dovmad.pid
-cgi_extensions .cgi
-ssi_extensions .shtml
-""")
     (work / "var").mkdir()
+    shutil.copy(build / "provider" / "libmolbat4L_t.so", work / "home" / "lib")
+    return dovmad_with(work, root, build, "dovmad",
+                       f"listen_ports {PORTS['dovmad']}u,{PORTS['dovmad'] + TLS}\nnoauth 1\n"
+                       "cgi_extensions .cgi\nssi_extensions .shtml\n")
+
+
+def dovmad_with_logins(work, root, build):
+    subprocess.run([build / "provider" / "dovmad-user", "-d", work / "var" / "sec", "add", USER],
+                   input=f"{PASSWORD}\n{PASSWORD}\n".encode(), check=True)
+    return dovmad_with(work, root, build, "logins", f"listen_ports {PORTS['dovmad'] + BASIC}u\n")
+
+
+def dovmad_with(work, root, build, name, options):
+    conf = work / f"{name}.conf"
+    conf.write_text(f"document_root {root}\nzel_home {work}/home\nvar_dir {work}/var\n"
+                    f"pid_file {work}/{name}.pid\n{options}")
     return [str(build / "core" / "dovmad"), str(conf)]
 
 
@@ -116,12 +142,16 @@ def cpu_seconds(pid):
     return total / os.sysconf("SC_CLK_TCK")
 
 
-def sample(server, pid, path, connections, extra, seconds):
-    url = f"http://127.0.0.1:{PORTS[server]}{path_for(server, path)}"
+def sample(server, pid, path, connections, extra, offset, seconds):
+    scheme = "https" if offset == TLS else "http"
+    url = f"{scheme}://127.0.0.1:{PORTS[server] + offset}{path_for(server, path)}"
     before = cpu_seconds(pid)
     out = subprocess.run(["taskset", "-c", LOAD_CPU, "wrk", "-t1", f"-c{connections}",
                           f"-d{seconds}s", *extra, url], capture_output=True, text=True,
                          check=True).stdout
+    refused = re.search(r"Non-2xx or 3xx responses: (\d+)", out)
+    if refused and path != "/none":
+        print(f"{server}: {refused[1]} requests for {path} refused", file=sys.stderr)
     rate = float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
     requests = int(re.search(r"(\d+) requests in", out).group(1))
     return rate, (cpu_seconds(pid) - before) / max(requests, 1) * 1e6
@@ -149,14 +179,16 @@ def main():
         work.chmod(0o755)
         root = work / "root"
         make_root(root)
-        commands = {"nginx": nginx(work, root), "lighttpd": lighttpd(work, root),
-                    "dovmad": dovmad(work, root, options.build.resolve())}
-        processes = {name: subprocess.Popen(["taskset", "-c", SERVER_CPU, *command],
-                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-                     for name, command in commands.items()}
+        build = options.build.resolve()
+        processes = {}
         try:
-            for name in processes:
-                wait_for(PORTS[name])
+            for name, port, command in (
+                    ("dovmad", PORTS["dovmad"], dovmad(work, root, build)),
+                    ("nginx", PORTS["nginx"], nginx(work, root)),
+                    ("lighttpd", PORTS["lighttpd"], lighttpd(work, root))):
+                start(processes, name, command, port)
+            start(processes, "logins", dovmad_with_logins(work, root, build),
+                  PORTS["dovmad"] + BASIC)
             run(options, {name: process.pid for name, process in processes.items()})
         finally:
             for process in processes.values():
@@ -164,23 +196,30 @@ def main():
                 process.wait()
 
 
+def start(processes, name, command, port):
+    processes[name] = subprocess.Popen(["taskset", "-c", SERVER_CPU, *command],
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_for(port)
+
+
 def run(options, pids):
     print(f"{'':42}{'nginx':>10}{'lighttpd':>10}{'dovmad':>10}{'ratio':>8}{'CPU ratio':>11}")
-    for title, path, connections, extra, servers in ROWS:
-        names = servers or tuple(pids)
+    for title, path, connections, extra, offset, servers in ROWS:
+        names = servers or tuple(PORTS)
         samples = {name: [] for name in names}
         for _ in range(options.rounds):
             for name in names:
-                samples[name].append(sample(name, pids[name], path, connections, extra,
+                pid = pids["logins" if (name, offset) == ("dovmad", BASIC) else name]
+                samples[name].append(sample(name, pid, path, connections, extra, offset,
                                             options.seconds))
         median = {name: tuple(statistics.median(column) for column in zip(*rows))
                   for name, rows in samples.items()}
         peer = next((name for name in ("nginx", "lighttpd") if name in median), None)
         cells = "".join(f"{median[name][0]:10.0f}" if name in median else f"{'-':>10}"
-                        for name in pids)
+                        for name in PORTS)
         ratios = ""
         if peer:
-            ratios = (f"{median['dovmad'][0] / median[peer][0]:8.2f}"
+            ratios = (f"{median['dovmad'][0] / max(median[peer][0], 1e-9):8.2f}"
                       f"{median['dovmad'][1] / max(median[peer][1], 1e-9):11.2f}")
         print(f"{title:42}{cells}{ratios}", flush=True)
 
