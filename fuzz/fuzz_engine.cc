@@ -13,6 +13,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "core/context.h"
 #include "core/endpoint.h"
@@ -125,11 +126,21 @@ void exchange(shttpd_ctx* ctx, int client, std::string_view input) {
     }
 }
 
+// The document root, gone again when the run ends.
+struct temporary_root {
+    const std::filesystem::path path =
+        std::filesystem::temp_directory_path() / ("fuzz_engine." + std::to_string(getpid()));
+    ~temporary_root() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const std::filesystem::path root =
-        std::filesystem::temp_directory_path() / ("fuzz_engine." + std::to_string(getpid()));
+    static const temporary_root holder;
+    const std::filesystem::path& root = holder.path;
     static shttpd_ctx* ctx = make_context(root);
     static unsigned cases = 0;
     const std::string_view input(reinterpret_cast<const char*>(data), size);
