@@ -5,6 +5,7 @@ import json
 import os
 import socket
 import subprocess
+from functools import partial
 
 import pytest
 
@@ -236,6 +237,6 @@ def test_a_full_disk_keeps_the_good_file(make_daemon, small_disk):
     assert path.read_text().count("\n") == 41, "the next change writes everything"
 
 
-def test_kills_lose_no_host(tmp_path):
-    report = kill_during_enrolments(tmp_path, kills=25, seed=20)
+def test_kills_lose_no_host(make_daemon, tmp_path):
+    report = kill_during_enrolments(partial(make_daemon, start=False), tmp_path, kills=25, seed=20)
     assert report.kills == 25 and report.rewrites > 0 and report.cut_short > 0

@@ -1,0 +1,98 @@
+"""Kills a daemon at random moments while it rewrites a file, and looks at what is left.
+
+Every answered change must be in the file, no line may be lost or cut. The tests do it with a few
+kills; for many, by hand:
+
+    DOVMAD_BINARY=... DOVMAD_PROVIDER=... python3 tests/e2e/kill_rights.py [KILLS] [SEED]
+"""
+
+import http.client
+import random
+import signal
+import sys
+import tempfile
+import threading
+from dataclasses import dataclass
+from pathlib import Path
+
+from dovmad_harness import Daemon
+
+
+@dataclass
+class Report:
+    kills: int = 0
+    rewrites: int = 0  # answered
+    cut_short: int = 0  # changes that a kill left without an answer
+
+
+class Writer(threading.Thread):
+    """Adds names and takes them away until the daemon is gone. `held` is what answers confirmed;
+    `pending` the name whose change was asked for and not answered."""
+
+    def __init__(self, change, held, names, rng):
+        super().__init__(daemon=True)
+        self.change, self.held, self.names, self.rng = change, held, names, rng
+        self.answered = 0
+        self.pending = None
+        self.refused = None
+
+    def run(self):
+        while True:
+            self.pending = name = self.rng.choice(self.names)
+            joins = name not in self.held
+            try:
+                reply = self.change(name, joins)
+            except (OSError, http.client.HTTPException):
+                return
+            if b"Success" not in reply:
+                self.refused = reply
+                return
+            (self.held.add if joins else self.held.discard)(name)
+            self.pending = None
+            self.answered += 1
+
+
+def ask(daemon, method, path, body=None):
+    connection = http.client.HTTPConnection("127.0.0.1", daemon.port, timeout=20)
+    connection.request(method, path, body)
+    return connection.getresponse().read()
+
+
+def whole_lines(path):
+    text = path.read_text()
+    assert text.endswith("\n"), f"cut after {text[-60:]!r}"
+    lines = text[:-1].split("\n")
+    assert len(lines) == len(set(lines)), "a line stands twice"
+    return lines
+
+
+def kill_repeatedly(daemon, kills, seed, names, *, change, present, look=lambda held: None):
+    """`change(name, joins)` asks for one change and returns the reply; `present()` is what the file
+    holds of `names`; `look(held)` checks a daemon that has just started."""
+    rng = random.Random(seed)
+    report, held = Report(), set()
+    for _ in range(kills):
+        daemon.start()
+        look(held)
+        writer = Writer(change, held, names, rng)
+        writer.start()
+        writer.join(rng.uniform(0, 0.1))
+        daemon.stop(signal.SIGKILL)
+        writer.join(30)
+        assert not writer.is_alive() and writer.refused is None, writer.refused
+        report.kills += 1
+        report.rewrites += writer.answered
+        found = present()
+        if writer.pending:
+            report.cut_short += 1
+            (held.add if writer.pending in found else held.discard)(writer.pending)
+        assert found == held, f"answered: {sorted(held)}, in the file: {sorted(found)}"
+    return report
+
+
+def main(run):
+    kills = int(sys.argv[1]) if len(sys.argv) > 1 else 1000
+    seed = int(sys.argv[2]) if len(sys.argv) > 2 else random.randrange(1 << 32)
+    print(f"{kills} kills, seed {seed}")
+    with tempfile.TemporaryDirectory() as folder:
+        print(run(lambda **options: Daemon(folder, **options), Path(folder), kills, seed))
