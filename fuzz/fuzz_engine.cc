@@ -4,6 +4,7 @@
 // the process.
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 #include <cstdint>
@@ -13,7 +14,6 @@
 #include <fstream>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "core/context.h"
 #include "core/endpoint.h"
