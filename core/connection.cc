@@ -107,6 +107,12 @@ void reply_from_handler(conn* c) {
     }
 }
 
+// Whether the handler has given all of its reply; some of it may still be in the buffer.
+bool has_ended(const stream& local) {
+    return local.has(sf_closed) ||
+           (local.content_length > 0 && local.total >= local.content_length);
+}
+
 void reply_to_client(conn* c) {
     if (c->remote.io == nullptr) {
         return;
@@ -114,6 +120,9 @@ void reply_to_client(conn* c) {
     if (sends_file_directly(c)) {
         send_file_directly(c);
     } else if (c->local.pending() > 0) {
+        if (c->close_after && has_ended(c->local)) {
+            c->local.flags |= sf_more_follows;  // one packet carries the last bytes and the end
+        }
         // Room that a write has made is worth another call of a handler that found too little.
         if (write_stream(&c->local, &c->remote, c->local.pending()) > 0) {
             c->idle_call = false;
@@ -168,10 +177,7 @@ void update_events(conn* c) {
 // --- The end of a request ---
 
 bool is_finished(const conn* c) {
-    const stream& local = c->local;
-    const bool ended =
-        local.has(sf_closed) || (local.content_length > 0 && local.total >= local.content_length);
-    return ended && local.pending() == 0;
+    return has_ended(c->local) && c->local.pending() == 0;
 }
 
 void reset_request(request_data* request) {

@@ -107,6 +107,7 @@ ssize_t read_dir(stream* s, void* buffer, std::size_t length) {
         const dirent* entry = readdir(listing->directory.get());
         if (entry == nullptr) {
             s->flags &= ~std::uint32_t{sf_keep_open};  // now a read of 0 bytes is the end
+            s->content_length = s->total + used;       // and this one, when it gives any
             return static_cast<ssize_t>(used);
         }
         if (!is_listed(entry->d_name)) {

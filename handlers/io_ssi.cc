@@ -396,6 +396,7 @@ ssize_t read_ssi(stream* s, void* buffer, std::size_t length) {
     }
     if (ssi->finished) {
         s->flags &= ~std::uint32_t{sf_keep_open};  // now a read of 0 bytes is the end
+        s->content_length = s->total + out.used;   // and this one, when it gives any
     }
     return static_cast<ssize_t>(out.used);
 }
