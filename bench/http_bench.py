@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """HTTP benchmark against nginx and lighttpd; run it through script/bench.
 
-Every server gets the same document root and one core; wrk runs on the other. Rounds are
-interleaved, so that a machine whose speed drifts slows everybody alike; what is printed are medians
+Every server gets the same document root and one core; the load comes from the other: from wrk where
+connections are kept, from ab where each request has its own (wrk would open two for a reply that
+ends with the connection or that does not repeat "Connection: close"). Rounds are interleaved, so that a machine whose speed drifts slows everybody alike; what is printed are medians
 and ratios to nginx. Only ratios carry over to another machine."""
 
 import argparse
@@ -25,21 +26,21 @@ SERVER_CPU, LOAD_CPU = "0", "1"
 
 CGI = "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\nContent-Length: 3\\r\\n\\r\\nhi\\n'\n"
 
-CLOSE = ["-H", "Connection: close"]
+KEEP, CLOSE = [], None
 LOGIN = ["-H", "Authorization: Basic " +
          base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()]
 
-# title, path, connections, further arguments for wrk, port offset, servers that offer it
+# title, path, connections, CLOSE or further arguments for wrk, port offset, servers that offer it
 ROWS = [
-    ("1 KB keep-alive, 64 connections", "/1k.bin", 64, [], 0, None),
-    ("1 KB keep-alive, 1000 connections", "/1k.bin", 1000, [], 0, None),
+    ("1 KB keep-alive, 64 connections", "/1k.bin", 64, KEEP, 0, None),
+    ("1 KB keep-alive, 1000 connections", "/1k.bin", 1000, KEEP, 0, None),
     ("1 KB, Connection: close, 64 clients", "/1k.bin", 64, CLOSE, 0, None),
     ("1 KB, Basic, keep-alive, 64", "/pub/1k.bin", 64, LOGIN, BASIC, ("nginx", "dovmad")),
-    ("1 KB, TLS, keep-alive, 16", "/1k.bin", 16, [], TLS, ("nginx", "dovmad")),
+    ("1 KB, TLS, keep-alive, 16", "/1k.bin", 16, KEEP, TLS, ("nginx", "dovmad")),
     ("1 KB, TLS, close, 16", "/1k.bin", 16, CLOSE, TLS, ("nginx", "dovmad")),
-    ("100 KB keep-alive, 16 connections", "/100k.bin", 16, [], 0, None),
-    ("100 MB, 1 connection", "/100m.bin", 1, [], 0, None),
-    ("100 MB, 32 connections", "/100m.bin", 32, [], 0, None),
+    ("100 KB keep-alive, 16 connections", "/100k.bin", 16, KEEP, 0, None),
+    ("100 MB, 1 connection", "/100m.bin", 1, KEEP, 0, None),
+    ("100 MB, 32 connections", "/100m.bin", 32, KEEP, 0, None),
     ("404, close, 64 clients", "/none", 64, CLOSE, 0, None),
     ("listing of 1000 entries, close", "/list/", 4, CLOSE, 0, None),
     ("CGI shell script, close", "/hello.cgi", 4, CLOSE, 0, ("lighttpd", "dovmad")),
@@ -142,18 +143,30 @@ def cpu_seconds(pid):
     return total / os.sysconf("SC_CLK_TCK")
 
 
+def load(url, connections, extra, seconds):
+    """Requests a second, requests, and how many were refused."""
+    if extra is CLOSE:
+        command = ["ab", "-q", "-r", "-l", "-c", str(connections), "-t", str(seconds),
+                   "-n", "10000000", url]
+        patterns = (r"Requests per second: +([\d.]+)", r"Complete requests: +(\d+)",
+                    r"Non-2xx responses: +(\d+)")
+    else:
+        command = ["wrk", "-t1", f"-c{connections}", f"-d{seconds}s", *extra, url]
+        patterns = (r"Requests/sec: +([\d.]+)", r"(\d+) requests in",
+                    r"Non-2xx or 3xx responses: (\d+)")
+    out = subprocess.run(["taskset", "-c", LOAD_CPU, *command], capture_output=True, text=True,
+                         check=True).stdout
+    return tuple(float(found[1]) if (found := re.search(pattern, out)) else 0
+                 for pattern in patterns)
+
+
 def sample(server, pid, path, connections, extra, offset, seconds):
     scheme = "https" if offset == TLS else "http"
     url = f"{scheme}://127.0.0.1:{PORTS[server] + offset}{path_for(server, path)}"
     before = cpu_seconds(pid)
-    out = subprocess.run(["taskset", "-c", LOAD_CPU, "wrk", "-t1", f"-c{connections}",
-                          f"-d{seconds}s", *extra, url], capture_output=True, text=True,
-                         check=True).stdout
-    refused = re.search(r"Non-2xx or 3xx responses: (\d+)", out)
+    rate, requests, refused = load(url, connections, extra, seconds)
     if refused and path != "/none":
-        print(f"{server}: {refused[1]} requests for {path} refused", file=sys.stderr)
-    rate = float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
-    requests = int(re.search(r"(\d+) requests in", out).group(1))
+        print(f"{server}: {refused:.0f} requests for {path} refused", file=sys.stderr)
     return rate, (cpu_seconds(pid) - before) / max(requests, 1) * 1e6
 
 
