@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "core/connection.h"
@@ -30,7 +31,8 @@ struct directory_closer {
 
 struct dir_listing {
     std::unique_ptr<DIR, directory_closer> directory;
-    struct stat status;  // of the latest entry that had one
+    std::string row_start;  // what stands in front of each name
+    struct stat status;     // of the latest entry that had one
 };
 
 namespace {
@@ -75,17 +77,15 @@ std::string_view format_minute(std::time_t t) {
 
 // Writes the entry's row and returns its length; a longer one than row_bytes allows is cut.
 // Kept: names stand in the page as they are, neither HTML-escaped nor URL-encoded.
-std::size_t format_row(const conn* c, const dir_listing& listing, std::string_view name,
-                       char* out) {
+std::size_t format_row(const dir_listing& listing, std::string_view name, char* out) {
+    const bool is_directory = S_ISDIR(listing.status.st_mode);
     std::array<char, field_bytes> size;  // NOLINT(*-member-init): filled by format_size
     std::size_t length = 0;
     for (const std::string_view piece :
-         {std::string_view("<tr><td><a href=\""), std::string_view(c->request.uri), name,
-          std::string_view("\">"), name,
-          std::string_view(S_ISDIR(listing.status.st_mode) ? "/" : ""),
-          std::string_view("</a></td><td>&nbsp;"), format_minute(listing.status.st_mtime),
-          std::string_view("</td><td>&nbsp;&nbsp;"), format_size(listing.status, &size),
-          std::string_view("</td></tr>\n")}) {
+         {std::string_view(listing.row_start), name, std::string_view("\">"), name,
+          std::string_view(is_directory ? "/</a></td><td>&nbsp;" : "</a></td><td>&nbsp;"),
+          format_minute(listing.status.st_mtime), std::string_view("</td><td>&nbsp;&nbsp;"),
+          format_size(listing.status, &size), std::string_view("</td></tr>\n")}) {
         const std::size_t n = std::min(piece.size(), row_bytes - 1 - length);
         std::memcpy(out + length, piece.data(), n);
         length += n;
@@ -114,7 +114,7 @@ ssize_t read_dir(stream* s, void* buffer, std::size_t length) {
             continue;
         }
         (void)fstatat(dirfd(listing->directory.get()), entry->d_name, &listing->status, 0);
-        used += format_row(s->connection, *listing, entry->d_name, out + used);
+        used += format_row(*listing, entry->d_name, out + used);
     }
     if (s->size < row_bytes) {
         s->flags &= ~std::uint32_t{sf_keep_open};  // no row will ever fit
@@ -156,6 +156,8 @@ void get_dir(conn* c, const std::string& path) {
     c->close_after = true;
     install_class(&local, &io_dir, -1,
                   sf_readable | sf_keep_open | sf_always_ready | sf_more_follows);
-    local.channel.dir = new dir_listing{
-        .directory = std::unique_ptr<DIR, directory_closer>(directory), .status = {}};
+    local.channel.dir =
+        new dir_listing{.directory = std::unique_ptr<DIR, directory_closer>(directory),
+                        .row_start = std::string("<tr><td><a href=\"").append(uri),
+                        .status = {}};
 }
