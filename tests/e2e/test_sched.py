@@ -53,9 +53,9 @@ def test_kickoff_and_shell_quoting(make_daemon, schedule, tmp_path):
         f"other - - - x x x /usr/bin/touch {out}/never\n"
         f"paused pause,kickoff - - x x x /usr/bin/touch {out}/never\n")
     daemon = make_daemon(scheduler_file=schedule)
-    wait_for(lambda: (out / "a").exists() and (out / "shell").exists()
+    wait_for(lambda: (out / "c").exists() and (out / "shell").exists()
              and (out / "shell").read_text().count("|") == 3, daemon)
-    assert (out / "b\\").exists()  # words are cut at blanks, whatever quotes they hold
+    assert (out / "b\\").exists()  # made before "c"; words are cut at blanks, whatever quotes they hold
     assert (out / "shell").read_text() == 'a  b|c"d|42|'
     (out / "a").unlink()
     rescan(daemon)
