@@ -108,9 +108,12 @@ def make_raw_target():
                 threading.Thread(target=serve, args=(sock, play), daemon=True).start()
 
     def make(play, path=None):
-        listener = socket.socket(socket.AF_UNIX if path else socket.AF_INET)
-        listener.bind(str(path) if path else ("127.0.0.1", free_port("upstream")))
-        listener.listen()
+        if path:
+            listener = socket.socket(socket.AF_UNIX)
+            listener.bind(str(path))
+            listener.listen()
+        else:
+            listener = socket.create_server(("127.0.0.1", free_port("upstream")))
         listeners.append(listener)
         threading.Thread(target=accept, args=(listener, play), daemon=True).start()
         return None if path else listener.getsockname()[1]
@@ -396,9 +399,7 @@ def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
 
 def test_black_hole_is_given_up(make_daemon):
     # A listener whose queue is full drops further connection requests.
-    hole = socket.socket()
-    hole.bind(("127.0.0.1", free_port("upstream")))
-    hole.listen(0)
+    hole = socket.create_server(("127.0.0.1", free_port("upstream")), backlog=0)
     fillers = []
     for _ in range(4):
         filler = socket.socket()
