@@ -84,6 +84,12 @@ std::uint64_t parse_number(std::string_view text) {
     return value;
 }
 
+// A value without sign, list or further blanks: whatever reads numbers from it, reads the same.
+bool is_plain_number(std::string_view colon_and_value) {
+    return colon_and_value.starts_with(": ") && colon_and_value.size() > 2 &&
+           colon_and_value.find_first_not_of("0123456789", 2) == std::string_view::npos;
+}
+
 // Kept: the case of a month's name counts, unlike that of every other name in a header.
 int month_index(const char* name) {
     constexpr std::array<std::string_view, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -207,12 +213,12 @@ void apply_headers(conn* c) {
         c->close_after = true;
     }
     // With both a length and a coding the length counts, and nothing behind the body is trusted to
-    // be a request: the sender may have meant the other end.
+    // be a request: the sender may have meant another end.
     const std::uint64_t length = request.headers.content_length;
     const bool coded = !request.headers.transfer_encoding.empty();
     c->remote.content_length = length;
     request.body_left = coded && length == 0 ? unlimited_body : length;
-    c->close_after = c->close_after || (coded && length > 0);
+    c->close_after = c->close_after || !has_clear_body(c);
 }
 
 }  // namespace
@@ -253,6 +259,32 @@ void parse_headers(const char* start, std::size_t length, header_values* values)
         }
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
+}
+
+std::string_view next_header_line(std::string_view* block) {
+    const std::size_t end = block->find('\n');
+    const std::string_view line = block->substr(0, end);
+    block->remove_prefix(end == std::string_view::npos ? block->size() : end + 1);
+    return line.substr(0, line.find('\r'));
+}
+
+bool has_clear_body(const conn* c) {
+    constexpr std::string_view length = "Content-Length";
+    constexpr std::string_view coding = "Transfer-Encoding";
+    std::string_view block = c->request.header_block();
+    int announcements = 0;
+    bool clear = true;
+    while (!block.empty()) {
+        const std::string_view line = next_header_line(&block);
+        if (starts_with_nocase(line, length)) {
+            ++announcements;
+            clear = clear && is_plain_number(line.substr(length.size()));
+        } else if (starts_with_nocase(line, coding)) {
+            ++announcements;
+            clear = clear && equals_nocase(line.substr(coding.size()), ": chunked");
+        }
+    }
+    return clear && announcements <= 1;
 }
 
 void clean_uri(std::string* uri) {

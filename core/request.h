@@ -21,6 +21,16 @@ ssize_t get_headers_len(const char* buffer, std::size_t length);
 // one counts.
 void parse_headers(const char* start, std::size_t length, header_values* values);
 
+// Takes the next line off `block`. It ends at the first carriage return: behind a bare one another
+// header could hide from this daemon and show itself to a proxy target.
+std::string_view next_header_line(std::string_view* block);
+
+// Whether every reader of the request is bound to agree on where its body ends. Of one that
+// announces two lengths, or a length in a form that readers take differently, nobody can say what
+// follows: a part of the body could be a second request. It is not forwarded, and the connection
+// ends with its reply.
+bool has_clear_body(const conn* c);
+
 // Cleans a decoded URI in place: behind every slash or backslash a run that begins with a dot and
 // goes on over dots and slashes disappears, so a path can never climb.
 void clean_uri(std::string* uri);

@@ -3,10 +3,12 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "core/connection.h"
 #include "core/log.h"
+#include "core/request.h"
 #include "core/string.h"
 #include "handlers/proxy_target.h"
 #include "lib/base64.h"
@@ -30,34 +32,15 @@ void write_text(qz_stream* out, std::string_view text) {
     (void)qz_write_stream(out, text.data(), static_cast<std::uint32_t>(text.size()));
 }
 
-// Takes the next line off `block`. It ends at the first carriage return: behind a bare one another
-// header could hide from this daemon and show itself to the target.
-std::string_view next_line(std::string_view* block) {
-    const std::size_t end = block->find('\n');
-    const std::string_view line = block->substr(0, end);
-    block->remove_prefix(end == std::string_view::npos ? block->size() : end + 1);
-    return line.substr(0, line.find('\r'));
-}
-
-struct header_match {
-    std::string_view value;  // of the first line
-    int lines = 0;
-};
-
-header_match find_header(std::string_view block, std::string_view name) {
-    header_match match;
+// The value of the first line with this name.
+std::optional<std::string_view> find_header(std::string_view block, std::string_view name) {
     while (!block.empty()) {
-        const std::string_view line = next_line(&block);
-        if (starts_with_nocase(line, name) && match.lines++ == 0) {
-            match.value = line.substr(name.size());
+        const std::string_view line = next_header_line(&block);
+        if (starts_with_nocase(line, name)) {
+            return line.substr(name.size());
         }
     }
-    return match;
-}
-
-// No sign, no list, no blanks: whatever a target reads numbers with, it is the same.
-bool is_decimal(std::string_view text) {
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+    return std::nullopt;
 }
 
 // Kept: a caller without a name is "root", one without a recorded role "admin".
@@ -82,29 +65,15 @@ bool write_identity(const conn* c, qz_stream* head) {
 
 }  // namespace
 
-bool has_clear_body(const conn* c) {
-    const std::string_view block = c->request.header_block();
-    const header_match length = find_header(block, "Content-Length:");
-    const header_match coding = find_header(block, "Transfer-Encoding:");
-    if (length.lines + coding.lines > 1) {
-        return false;
-    }
-    if (length.lines == 1) {
-        return length.value.starts_with(' ') && is_decimal(length.value.substr(1));
-    }
-    return coding.lines == 0 || equals_nocase(coding.value, " chunked");
-}
-
 bool create_proxy_headers(const conn* c, const proxy_target& target, qz_stream* head) {
     for (const std::string_view part : {std::string_view(target.method), std::string_view(" "),
                                         target.path, std::string_view(" HTTP/1.1\r\n")}) {
         write_text(head, part);
     }
     for (const std::string_view name : proxy_headers) {
-        const header_match match = find_header(c->request.header_block(), name);
-        if (match.lines > 0) {
+        if (const auto value = find_header(c->request.header_block(), name)) {
             write_text(head, name);
-            write_text(head, match.value);
+            write_text(head, *value);
             write_text(head, "\r\n");
         }
     }

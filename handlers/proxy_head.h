@@ -8,11 +8,6 @@
 
 struct proxy_target;
 
-// Whether target and daemon are bound to agree on where the request's body ends. A request that
-// announces two lengths, or a length in a form that readers take differently, must not be
-// forwarded: what the daemon takes for a body could be a second request to the target.
-bool has_clear_body(const conn* c);
-
 // Writes the forwarded request's head: request line, the known headers, the caller's identity.
 // False when the identity is too long to be sent; it is never cut.
 bool create_proxy_headers(const conn* c, const proxy_target& target, qz_stream* head);

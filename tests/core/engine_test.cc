@@ -270,6 +270,25 @@ TEST(Files, PutStoresExactlyTheBodyAndCloses) {
               "HTTP/1.1 500 PUT Directory Error\r\n\r\n500 PUT Directory Error");
 }
 
+TEST(Engine, NothingBehindABodyOfDoubtfulLengthIsARequest) {
+    test_engine engine;
+    engine.root.write("f", "content");
+    const std::vector<std::pair<const char*, bool>> rows = {
+        {"Content-Length: 0\r\n", true},
+        {"Content-Length:40\r\n", false},
+        {"Content-Length : 40\r\n", false},
+        {"Content-Length: +40\r\n", false},
+        {"Content-Length: 40\r\nContent-Length: 0\r\n", false},
+        {"Content-Length: 0\r\nTransfer-Encoding: chunked\r\n", false},
+    };
+    for (const auto& [lines, goes_on] : rows) {
+        const std::string replies =
+            engine.exchange(std::string("GET /f HTTP/1.1\r\n") + lines + "\r\n" + get("/f"));
+        EXPECT_TRUE(body_of(replies).starts_with("content")) << lines;
+        EXPECT_EQ(replies.find("HTTP/1.1", 1) != std::string::npos, goes_on) << lines;
+    }
+}
+
 TEST(Embedded, RepliesOfAnyLengthArriveWhole) {
     test_engine engine;
     shttpd_register_uri(engine.ctx, "/long", long_reply, nullptr);

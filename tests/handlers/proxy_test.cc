@@ -16,6 +16,7 @@
 
 #include "core/connection.h"
 #include "core/context.h"
+#include "core/request.h"
 #include "handlers/proxy_head.h"
 #include "handlers/proxy_target.h"
 #include "lib/base64.h"
@@ -190,6 +191,7 @@ TEST_F(head_test, body_must_have_one_end) {
         {"Content-Length: \r\n", false},
         {"Transfer-Encoding: gzip, chunked\r\n", false},
         {"Transfer-Encoding:chunked\r\n", false},
+        {"Content-Length : 5\r\n", false},
     };
     for (const auto& [lines, clear] : rows) {
         set_headers(lines);
