@@ -1,5 +1,6 @@
 #include "lib/ini.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include "lib/conf_yacc.h"
 #include "lib/plat.h"
 #include "lib/qz_result.h"
+#include "lib/unique_fd.h"
 
 namespace {
 
@@ -91,6 +93,16 @@ parse_handle* new_handle(const char* path, const parse_hooks& hooks, time_t modi
     handle->modified = modified;
     handle->ops = &store_ops;
     return handle;
+}
+
+// Never waits: a pipe without a writer must not stop its reader.
+file_ptr open_to_read(const char* path) {
+    unique_fd fd(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    file_ptr file(fd ? ::fdopen(fd.get(), "r") : nullptr);
+    if (file != nullptr) {
+        (void)fd.release();  // the stream closes it
+    }
+    return file;
 }
 
 // Reads to the end; false for a read error, as a directory gives it.
@@ -208,7 +220,7 @@ time_t get_m_time(const char* path) noexcept {
 int parse_open(const char* path, const parse_hooks* hooks, parse_handle** handle) noexcept {
     const parse_hooks called = hooks == nullptr ? parse_hooks{} : *hooks;
     const store_call call(called, {.op = parse_op::open, .path = path});
-    const file_ptr file(std::fopen(path, "re"));
+    const file_ptr file = open_to_read(path);
     struct stat status = {};
     if (file == nullptr && ::stat(path, &status) == 0) {
         return qz_unreadable;

@@ -205,6 +205,10 @@ TEST_F(ini_test, unreadable_files) {
     ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     EXPECT_EQ(parse_open(path_.c_str(), nullptr, &handle), qz_unreadable);
     EXPECT_EQ(handle, nullptr);
+
+    ASSERT_EQ(unlink(path_.c_str()), 0);
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    EXPECT_EQ(get(open().get(), "s", "k"), "#2");  // nobody writes, and nobody waits
 }
 
 TEST_F(ini_test, failed_writes_leave_the_file_alone) {
