@@ -145,7 +145,7 @@ std::string_view next_line(std::string_view* text) {
     return line;
 }
 
-std::vector<domain_entry> parse_domains(std::string_view text, int* refused) {
+std::vector<domain_entry> parse_domains(std::string_view text, std::vector<std::string>* refused) {
     std::vector<domain_entry> domains;
     while (!text.empty()) {
         const std::string_view line = next_line(&text);
@@ -155,8 +155,8 @@ std::vector<domain_entry> parse_domains(std::string_view text, int* refused) {
         const std::optional<domain_entry> domain = parse_domain(line);
         if (domain) {
             domains.push_back(*domain);
-        } else {
-            ++*refused;
+        } else if (refused != nullptr) {
+            refused->emplace_back(line);
         }
     }
     return domains;

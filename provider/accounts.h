@@ -53,9 +53,9 @@ std::string make_password_setting();
 std::optional<domain_entry> parse_domain(std::string_view line);
 std::optional<user_entry> parse_user(std::string_view line);
 
-// The good lines of the file "domains" in their order; *refused counts the others. Empty lines and
-// lines that begin with '#' are neither.
-std::vector<domain_entry> parse_domains(std::string_view text, int* refused);
+// The good lines of the file "domains" in their order; `refused` (may be null) receives the others.
+// Empty lines and lines that begin with '#' are neither.
+std::vector<domain_entry> parse_domains(std::string_view text, std::vector<std::string>* refused);
 
 // The user `name` from the text of its file: the first good line that bears the name.
 std::optional<user_entry> find_user(std::string_view text, std::string_view name);

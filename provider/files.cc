@@ -52,6 +52,20 @@ int write_all(int fd, std::string_view text) {
     return 0;
 }
 
+// Six letters that nobody can foresee.
+std::string random_suffix() {
+    constexpr std::string_view letters = "abcdefghijkmnpqrstuvwxyz23456789";
+    unsigned char bytes[6] = {};
+    // Fails only when a signal interrupts it.
+    while (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
+    }
+    std::string suffix;
+    for (const unsigned char byte : bytes) {
+        suffix += letters[byte % letters.size()];
+    }
+    return suffix;
+}
+
 // The mode comes last but for the disk: until then nobody else can open the file, whoever owns it.
 int fill_file(int fd, std::string_view text, mode_t mode, file_owner owner) {
     const int error = write_all(fd, text);
@@ -143,19 +157,6 @@ int replace_file_in(const std::string& directory, const std::string& name, std::
     }
     // The rename itself is on the disk only with its directory.
     return fsync(folder.get()) == 0 ? 0 : errno;
-}
-
-std::string random_suffix() {
-    constexpr std::string_view letters = "abcdefghijkmnpqrstuvwxyz23456789";
-    unsigned char bytes[6] = {};
-    // Fails only when a signal interrupts it.
-    while (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
-    }
-    std::string suffix;
-    for (const unsigned char byte : bytes) {
-        suffix += letters[byte % letters.size()];
-    }
-    return suffix;
 }
 
 }  // namespace provider

@@ -64,7 +64,4 @@ struct file_owner {
 [[nodiscard]] int replace_file_in(const std::string& directory, const std::string& name,
                                   std::string_view text, mode_t mode, file_owner owner);
 
-// Six letters and digits, for the name of a temporary file.
-std::string random_suffix();
-
 }  // namespace provider

@@ -121,9 +121,11 @@ struct site_builder {
     }
 };
 
-// Takes back what build_site could have made; an error on the way is not the one to report.
+// Takes back what build_site could have made, and nothing else; an error on the way is not the one
+// to report.
 void remove_site(int parent, const char* name) {
-    const unique_fd directory{openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    const unique_fd directory{
+        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
     for (const char* file :
          {"server.key", "server.crt", "peer_ca.pem", "domains", "users/root", "initial-password"}) {
         (void)unlinkat(directory.get(), file, 0);  // those that were not made yet do not matter
@@ -141,7 +143,9 @@ int build_site(int parent, const char* password) {
     const file_owner owner =
         geteuid() == 0 ? file_owner{status.st_uid, status.st_gid} : file_owner{};
     const std::string name{site_directory_name};
-    const std::string temporary = name + "." + random_suffix();
+    // One fixed name, used under the lock alone: what a killed process left goes first.
+    const std::string temporary = name + ".unfinished";
+    remove_site(parent, temporary.c_str());
     if (mkdirat(parent, temporary.c_str(), 0700) != 0) {
         return errno;
     }

@@ -73,11 +73,11 @@ std::uint32_t site::refresh_domains() {
     if (error != 0) {
         return complain(path, error);
     }
-    int refused = 0;
+    std::vector<std::string> refused;
     domains_ = parse_domains(content.text, &refused);
     domains_id_ = content.id;
-    if (refused > 0) {
-        debug_log(1, "%s: %d bad lines skipped", path.c_str(), refused);
+    for (const std::string& line : refused) {
+        debug_log(1, "%s: bad line skipped: %s", path.c_str(), line.c_str());
     }
     return at_ok;
 }

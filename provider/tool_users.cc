@@ -129,8 +129,7 @@ bool open_store(const tool_options& options, account_store* store, bool quiet) {
     const std::string path = store->directory + "/domains";
     file_content domains;
     const int error = read_file(path, &domains);
-    int refused = 0;
-    for (const domain_entry& domain : parse_domains(domains.text, &refused)) {
+    for (const domain_entry& domain : parse_domains(domains.text, nullptr)) {
         if (domain.kind == domain_kind::password) {
             store->password_domain = domain.name;
             store->qualifier = domain.qualifier;

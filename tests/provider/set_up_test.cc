@@ -78,6 +78,11 @@ TEST(library_file, has_every_name_and_loads_for_the_shim) {
 }
 
 TEST_F(set_up_test, first_use_happens_once) {
+    // What a process that was killed in the middle has left.
+    const fs::path unfinished = data_dir / "dovmad-at.unfinished";
+    fs::create_directories(unfinished / "users");
+    std::ofstream(unfinished / "server.key") << "half a key";
+    fs::permissions(data_dir, fs::perms::owner_all);
     std::string log;
     void* first = nullptr;
     ASSERT_EQ(start(&first, &log), at_ok) << log;
