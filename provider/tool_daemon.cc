@@ -49,8 +49,8 @@ bool daemon_is_alive(const daemon_config& config) {
     return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
 }
 
-// Plain HTTP ports first. A port with the suffix "s" is never opened by the daemon.
-std::vector<daemon_port> daemon_ports(const daemon_config& config) {
+// A port with the suffix "s" is never opened by the daemon.
+std::vector<daemon_port> daemon_ports(const daemon_config& config, bool tls_first) {
     std::vector<daemon_port> plain;
     std::vector<daemon_port> secure;
     const std::string list = config.get("listen_ports", "5634");
@@ -63,8 +63,10 @@ std::vector<daemon_port> daemon_ports(const daemon_config& config) {
             (tls ? secure : plain).push_back({static_cast<unsigned short>(number), tls});
         }
     }
-    plain.insert(plain.end(), secure.begin(), secure.end());
-    return plain;
+    std::vector<daemon_port>& first = tls_first ? secure : plain;
+    const std::vector<daemon_port>& second = tls_first ? plain : secure;
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 unique_fd connect_to(const sockaddr* address, socklen_t length) {
@@ -96,11 +98,10 @@ unique_fd connect_to_loopback(unsigned short port) {
 }
 
 // The daemon is known by its certificate, not by a name: it is the one of this data directory.
-bool start_tls(const tool_options& options, connection* c) {
-    const std::string data_dir = find_data_dir(options);
-    const std::string anchor = data_dir + "/dovmad-at/server.crt";
+bool start_tls(const std::string& anchor, connection* c) {
     const openssl_ptr<SSL_CTX> context{SSL_CTX_new(TLS_client_method())};
-    if (data_dir.empty() || !context) {
+    if (!context) {
+        (void)fail("TLS: out of memory");
         return false;
     }
     if (SSL_CTX_load_verify_locations(context.get(), anchor.c_str(), nullptr) != 1) {
@@ -211,8 +212,12 @@ daemon_answer judge(const std::string& answer, const std::string& user, const st
     return daemon_answer::failure;
 }
 
-bool open_connection(const daemon_config& config, connection* c, bool* tls) {
-    for (const daemon_port& port : daemon_ports(config)) {
+// Where the certificate can be read, the ports whose peer has to show it come first: whoever else
+// listens on one of the daemon's ports does not get a password.
+bool open_connection(const daemon_config& config, const std::string& anchor, connection* c,
+                     bool* tls) {
+    const bool recognisable = access(anchor.c_str(), R_OK) == 0;
+    for (const daemon_port& port : daemon_ports(config, recognisable)) {
         c->fd = connect_to_loopback(port.number);
         if (c->fd) {
             c->place = "port " + std::to_string(port.number);
@@ -248,7 +253,8 @@ daemon_answer post_to_daemon(const tool_options& options, const daemon_config& c
                              const std::string& variables) {
     connection c;
     bool tls = false;
-    if (!daemon_is_alive(config) || !open_connection(config, &c, &tls)) {
+    const std::string anchor = find_data_dir(options) + "/dovmad-at/server.crt";
+    if (!daemon_is_alive(config) || !open_connection(config, anchor, &c, &tls)) {
         return daemon_answer::none;
     }
     std::string user;
@@ -257,7 +263,7 @@ daemon_answer post_to_daemon(const tool_options& options, const daemon_config& c
         return daemon_answer::failure;
     }
     (void)signal(SIGPIPE, SIG_IGN);  // a daemon that goes away is reported, not died of
-    if (tls && !start_tls(options, &c)) {
+    if (tls && !start_tls(anchor, &c)) {
         return daemon_answer::failure;
     }
     secret request;

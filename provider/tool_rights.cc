@@ -106,20 +106,30 @@ int save_row(const access_row& row) {
     return error == 0 ? exit_done : fail("%s: %s", row.path.c_str(), strerror(error));
 }
 
-// Takes a principal off one list; the spelling must be exact.
+// Takes the exact spelling of a principal off one list. False when it does not stand there.
+bool take_off(access_row* row, const std::string& principal, principal_kind kind) {
+    for (qz_cursor at(qz_set_open(principals(row, kind))); !at.at_end(); at.next()) {
+        if (principal == at.data<const char>()) {
+            at.erase();
+            return true;
+        }
+    }
+    return false;
+}
+
+// That everybody holds pub is built in and can't be taken away.
+bool is_everybody(role r, const std::string& principal) {
+    return r == pub && principal[0] == '*';
+}
+
 int remove_from(const name_space& where, role r, const std::string& principal,
                 principal_kind kind) {
     access_row row(where, r);
-    if (r == pub && principal[0] == '*') {
-        return exit_done;  // that everybody holds pub is built in
+    if (is_everybody(r, principal)) {
+        return exit_done;
     }
-    for (qz_cursor at(qz_set_open(principals(&row, kind))); !at.at_end(); at.next()) {
-        if (principal == at.data<const char>()) {
-            at.erase();
-            return save_row(row);
-        }
-    }
-    return row.unreadable ? save_row(row) : int{exit_done};
+    const bool changed = take_off(&row, principal, kind);
+    return changed || row.unreadable ? save_row(row) : int{exit_done};
 }
 
 // A role that is held already is not written again, also when a higher role brings it.
@@ -244,11 +254,15 @@ bool is_built_in(const std::string& principal) {
     return starts_with_nocase(principal, administrator);
 }
 
-// Whether the access file was left without the role that the daemon has granted. Not when it cannot
-// be read: then nothing is known.
-bool is_missing(const change& granted) {
-    return !access_row(granted.where, granted.what).unreadable &&
-           !holds(granted.where, granted.what, granted.who, granted.kind);
+// Whether the access file was left as if the daemon had not made the change. Not when it cannot be
+// read: then nothing is known.
+bool is_unsaved(const change& made, bool give) {
+    access_row row(made.where, made.what);
+    if (row.unreadable) {
+        return false;
+    }
+    return give ? !holds(made.where, made.what, made.who, made.kind)
+                : !is_everybody(made.what, made.who) && take_off(&row, made.who, made.kind);
 }
 
 int apply_change(const tool_options& options, const tool_arguments& arguments, bool give) {
@@ -282,9 +296,10 @@ int apply_change(const tool_options& options, const tool_arguments& arguments, b
         if (written != exit_done) {
             return written;
         }
-    } else if (give && root_known && is_missing(wanted)) {
-        return fail("the daemon granted the role but could not write %s: it is lost at a restart",
-                    access_path(wanted.where, wanted.what).c_str());
+    } else if (root_known && is_unsaved(wanted, give)) {
+        return fail("the daemon %s the role but could not write %s: it is %s at a restart",
+                    give ? "granted" : "denied", access_path(wanted.where, wanted.what).c_str(),
+                    give ? "lost" : "back");
     }
     (void)std::printf("%s: %s %s in namespace %s\n", wanted.who.c_str(),
                       give ? "granted" : "denied", role_names[wanted.what], where);

@@ -6,6 +6,8 @@ import pty
 import random
 import re
 import subprocess
+import tempfile
+from pathlib import Path
 
 import pytest
 from dovmad_harness import USER_TOOL
@@ -253,27 +255,21 @@ def as_root(daemon, *args, **env):
     return run_tool(daemon.config, *args, **{"DOVMAD_PASSWORD": daemon.password, **env})
 
 
-def only_tls(daemon):
-    """Leaves the daemon its TLS port alone."""
-    daemon.config.write_text(re.sub("listen_ports .*", f"listen_ports {daemon.tls_port}",
-                                    daemon.config.read_text()))
-    daemon.port = daemon.tls_port
-
-
-@pytest.mark.parametrize("tls_alone", [False, True])
-def test_asks_a_running_daemon(make_daemon, tmp_path, tls_alone):
+@pytest.mark.parametrize("tls", [True, False])
+def test_asks_a_running_daemon(make_daemon, tmp_path, tls):
     roots = {name: tmp_path / name for name in ("ns", "late")}
     daemon = make_daemon(start=False, auth=True, namespaces=f"ns={roots['ns']}")
     for root in (daemon.root, *roots.values()):
         make_role_folders(root)
-    if tls_alone:
-        only_tls(daemon)
+    if not tls:
+        daemon.config.write_text(re.sub("listen_ports .*", f"listen_ports {daemon.port}u",
+                                        daemon.config.read_text()))
     daemon.start()
     add_user(daemon, "alice", "wonder")
     alice = full_name(daemon, "alice")
 
     def may(role, prefix=""):
-        reply = daemon.request("GET", f"{prefix}/{role}/f.txt", user="alice:wonder", tls=True)
+        reply = daemon.request("GET", f"{prefix}/{role}/f.txt", user="alice:wonder", tls=tls)
         return reply.status == 200
 
     assert not may("operator")
@@ -290,7 +286,7 @@ def test_asks_a_running_daemon(make_daemon, tmp_path, tls_alone):
     assert "no such namespace" in bad(as_root(daemon, "grant", "alice", "operator", "late"))
     assert not may("operator"), "the default namespace was meant by nobody"
     assert daemon.post("/admin/dovmad/config/namespace/add",
-                       {"namespace": "late", "document_root": roots["late"]}, tls=True,
+                       {"namespace": "late", "document_root": roots["late"]}, tls=tls,
                        user="root:" + daemon.password).status == 200
     assert good(as_root(daemon, "grant", "alice", "operator", "late")) == \
         f"{alice}: granted operator in namespace late\n"
@@ -310,14 +306,29 @@ def test_asks_a_running_daemon(make_daemon, tmp_path, tls_alone):
 
 
 def test_will_not_send_a_password_to_a_stranger(make_daemon, tmp_path):
-    daemon = make_daemon(start=False, auth=True)  # without folders for the roles
-    only_tls(daemon)
-    daemon.start()
+    daemon = make_daemon(auth=True)  # without folders for the roles
     known = daemon.ca.read_bytes()
     daemon.ca.write_bytes(Authority(tmp_path / "other", "other").certificate.read_bytes())
     for problem in ("TLS", "could not write"):
         assert problem in bad(as_root(daemon, "grant", "bob", "agent"))
         daemon.ca.write_bytes(known)
+
+
+@pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
+def test_tells_of_changes_that_were_not_written(make_daemon):
+    """The daemon may read its access files but not write them."""
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o777)
+        root = Path(folder) / "www"
+        make_role_folders(root)
+        (root / "agent" / ".dovmaaccess").write_text("bob:user\n")
+        daemon = make_daemon(auth=True, runtime_uid="nobody", document_root=root,
+                             pid_file=Path(folder) / "pid")
+        for action, role, outcome in (("grant", "operator", "lost"), ("deny", "agent", "back")):
+            text = bad(as_root(daemon, action, "bob", role))
+            assert "could not write" in text and f"{outcome} at a restart" in text
+        good(as_root(daemon, "deny", "bob", "admin"))  # which bob never had
+        daemon.stop()
 
 
 def test_edits_files_as_the_daemon_does(make_daemon, site):
