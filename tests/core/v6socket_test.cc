@@ -112,8 +112,17 @@ TEST(Listening, ManyHandlesAcceptTheirOwnClients) {
     EXPECT_EQ(kind, EBADF);
 }
 
+// Containers often have the family, but no address of it.
+bool has_ipv6_loopback() {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    const unique_fd fd(socket(AF_INET6, SOCK_STREAM, 0));
+    return fd && bind(fd.get(), generic(address), sizeof address) == 0;
+}
+
 TEST(Listening, BothFamiliesAreServedAndIpv4ComesFirst) {
-    if (isipv6() == 0) {
+    if (!has_ipv6_loopback()) {
         GTEST_SKIP() << "this host has no IPv6";
     }
     int error = 0;
