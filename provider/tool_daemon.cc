@@ -49,8 +49,10 @@ bool daemon_is_alive(const daemon_config& config) {
     return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
 }
 
-// A port with the suffix "s" is never opened by the daemon.
-std::vector<daemon_port> daemon_ports(const daemon_config& config, bool tls_first) {
+// A port with the suffix "s" is never opened by the daemon. Where the daemon can be recognised, its
+// TLS ports are enough: it opens all of its ports or none, so whoever listens on the others alone
+// is somebody else.
+std::vector<daemon_port> daemon_ports(const daemon_config& config, bool recognisable) {
     std::vector<daemon_port> plain;
     std::vector<daemon_port> secure;
     const std::string list = config.get("listen_ports", "5634");
@@ -63,10 +65,11 @@ std::vector<daemon_port> daemon_ports(const daemon_config& config, bool tls_firs
             (tls ? secure : plain).push_back({static_cast<unsigned short>(number), tls});
         }
     }
-    std::vector<daemon_port>& first = tls_first ? secure : plain;
-    const std::vector<daemon_port>& second = tls_first ? plain : secure;
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
+    if (recognisable && !secure.empty()) {
+        return secure;
+    }
+    plain.insert(plain.end(), secure.begin(), secure.end());
+    return plain;
 }
 
 unique_fd connect_to(const sockaddr* address, socklen_t length) {
@@ -212,8 +215,6 @@ daemon_answer judge(const std::string& answer, const std::string& user, const st
     return daemon_answer::failure;
 }
 
-// Where the certificate can be read, the ports whose peer has to show it come first: whoever else
-// listens on one of the daemon's ports does not get a password.
 bool open_connection(const daemon_config& config, const std::string& anchor, connection* c,
                      bool* tls) {
     const bool recognisable = access(anchor.c_str(), R_OK) == 0;

@@ -13,9 +13,10 @@ enum class daemon_answer {
 
 // Posts form variables to one of the daemon's administrative URIs in a namespace. A daemon runs
 // when the pid file names a living process and one of its ports takes connections. On TLS ports the
-// peer must show the certificate of the data directory before it gets the password; they come first
-// when that certificate can be read, else plain HTTP ports do. `uri` may begin with a namespace of
-// its own, `name_space` is empty then. Waits at most 30 seconds for each answer.
+// peer must show the certificate of the data directory before it gets the password; plain HTTP
+// ports are used only when there are no others, or when that certificate can't be read. `uri` may
+// begin with a namespace of its own, `name_space` is empty then. Waits at most 30 seconds for each
+// answer.
 [[nodiscard]] daemon_answer post_to_daemon(const tool_options& options, const daemon_config& config,
                                            const std::string& uri, const std::string& name_space,
                                            const std::string& variables);

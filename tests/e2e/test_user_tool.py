@@ -5,6 +5,7 @@ import os
 import pty
 import random
 import re
+import socket
 import subprocess
 import tempfile
 from pathlib import Path
@@ -312,6 +313,14 @@ def test_will_not_send_a_password_to_a_stranger(make_daemon, tmp_path):
     for problem in ("TLS", "could not write"):
         assert problem in bad(as_root(daemon, "grant", "bob", "agent"))
         daemon.ca.write_bytes(known)
+    # The daemon has gone, another process has got its number and a third one its plain port.
+    daemon.stop()
+    daemon.pid_file.write_text(f"{os.getpid()}\n")
+    with socket.create_server(("127.0.0.1", daemon.port)) as stranger:
+        stranger.setblocking(False)
+        assert ".dovmaaccess" in bad(as_root(daemon, "grant", "bob", "agent"))
+        with pytest.raises(BlockingIOError):
+            stranger.accept()
 
 
 @pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
