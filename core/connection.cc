@@ -219,6 +219,7 @@ void free_connection(conn* c) {
     stop_stream(&c->local);
     proxy_release(c);
     stop_stream(&c->remote);
+    forget_visit(c);
     reset_request(&c->request);
     release_identity(c);
     if (c->granted != nullptr) {
@@ -482,7 +483,7 @@ bool needs_visit(const conn* c) {
         return c->remote_pending;
     }
     const bool handler_waits = c->local.io != nullptr && c->local.has(sf_always_ready) &&
-                               c->local.has(sf_readable) && !c->local.has(sf_closed);
+                               c->local.has(sf_readable) && !c->local.has(sf_closed) && !c->held;
     return handler_waits || has_hidden_input(c);
 }
 

@@ -120,6 +120,8 @@ struct conn : list_link {
     bool remote_pending = false;  // the client's secure channel may hold decrypted bytes
     bool proxy_pending = false;   // the target's secure channel may
     bool idle_call = false;       // the local class was read and nothing moved
+    bool held = false;            // the handler waits for visit_soon()
+    bool visit_wanted = false;    // visit_soon() was called and the visit has not come
 
     request_data request;
     stream local;
@@ -176,3 +178,10 @@ int local_port(const conn* c);
 
 // Makes the next pass start at once instead of waiting for a descriptor.
 void shttpd_wake();
+
+// Has the connection visited in this pass or in the next one, which then does not wait. What it
+// waited for has come; it may die before.
+void visit_soon(conn* c);
+
+// Takes back what visit_soon() has asked for; the end of a connection does.
+void forget_visit(conn* c);

@@ -13,6 +13,13 @@
 // freed and the endpoint must return without side effects.
 bool endpoint_closing(shttpd_call_arg* arg);
 
+// For an endpoint that waits for something outside the loop, such as a file that another thread
+// writes: it calls this, leaves `out` alone and returns. It is not called again before
+// visit_soon(), an event of the client's socket or the farewell call, on which it must withdraw
+// itself from whatever would have called visit_soon(). Since it may be called too early, it looks
+// whether the thing has come, and else holds its reply again.
+void hold_reply(shttpd_call_arg* arg);
+
 // Answers "HTTP/1.1 STATUS TEXT", text/plain, with the text as the body, and ends the reply.
 void show_error(shttpd_call_arg* arg, const char* status, const char* text);
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -40,7 +41,7 @@ struct poll_fd_set {
 poll_fd_set set;
 
 // Written to by the signal handler.
-volatile int wake_fd = -1;
+std::atomic<int> wake_fd = -1;
 
 int slot_count() {
     return static_cast<int>(set.next_free.size());

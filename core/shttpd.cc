@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "core/background.h"
 #include "core/compat_unix.h"
 #include "core/config.h"
 #include "core/connection.h"
@@ -221,6 +222,7 @@ void mark_due(conn* c) {
 void collect_due(shttpd_ctx* ctx, int ready) {
     loop.due.clear();
     for (conn* c : loop.next_due) {
+        c->visit_wanted = false;
         mark_due(c);
     }
     // A wait that failed leaves the events of an earlier one behind.
@@ -297,6 +299,21 @@ void close_log(std::FILE** log) {
 
 void shttpd_wake() {
     loop.wake = true;
+}
+
+void visit_soon(conn* c) {
+    if (!c->visit_wanted) {
+        c->visit_wanted = true;
+        loop.next_due.push_back(c);
+    }
+    loop.wake = true;
+}
+
+void forget_visit(conn* c) {
+    if (c->visit_wanted) {
+        c->visit_wanted = false;
+        std::erase(loop.next_due, c);
+    }
 }
 
 int shttpd_listen(shttpd_ctx* ctx, int port, bool is_ssl, bool u_flag) {
@@ -381,6 +398,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const bool short_wait = loop.accept_paused || draining_connections() > 0 || files_open;
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
+    finish_background_jobs();
     if (ready > 0) {
         accept_connections();
     }

@@ -18,6 +18,10 @@ bool endpoint_closing(shttpd_call_arg* arg) {
     return true;
 }
 
+void hold_reply(shttpd_call_arg* arg) {
+    arg->connection->held = true;
+}
+
 void show_error(shttpd_call_arg* arg, const char* status, const char* text) {
     shttpd_printf(arg, "HTTP/1.1 %s %s\r\nContent-Type: text/plain\r\n\r\n%s", status, text, text);
     arg->flags |= ARG_END_OF_OUTPUT;

@@ -168,6 +168,7 @@ void setup_embedded_stream(conn* c, shttpd_handler handler, void* user_data) {
 
 void call_user(conn* c, shttpd_call_arg* arg, shttpd_handler handler) {
     fill_views(c, arg);
+    c->held = false;
     handler(arg);
     account_for(c, *arg);
     c->local.channel.state = arg->state;
