@@ -1,10 +1,7 @@
 #include "domain/domain_file.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -13,14 +10,13 @@
 #include "core/context.h"
 #include "core/log.h"
 #include "domain/registry.h"
+#include "lib/file.h"
 #include "lib/plat.h"
 #include "lib/replace_file.h"
-#include "lib/unique_fd.h"
 
 namespace {
 
 constexpr std::size_t piece_bytes = 1023;  // of a line; what follows is taken as another line
-constexpr int not_regular = -1;            // an error beside those of errno
 constexpr std::string_view default_namespace_name = "plx";
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
@@ -120,29 +116,10 @@ void add_host(qz_map* hosts, const host_line& line) {
     (void)qz_map_insert(hosts, host->hostid, host);  // looked up above: the id is new
 }
 
-// Reads a whole file; 0, an errno value or not_regular: only regular files can later be replaced.
+// Reads a whole file; 0 or an errno value: only regular files can later be replaced.
 int read_file(const char* path, std::string* content) {
-    const unique_fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat info {};
-    if (!file || fstat(file.get(), &info) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(info.st_mode)) {
-        return not_regular;
-    }
-    std::array<char, 65536> block{};
-    for (;;) {
-        const ssize_t count = read(file.get(), block.data(), block.size());
-        if (count == 0) {
-            return 0;
-        }
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (count > 0) {
-            content->append(block.data(), static_cast<std::size_t>(count));
-        }
-    }
+    const unique_fd file = open_regular(path);
+    return file ? read_all(file.get(), content) : errno;
 }
 
 // --- Writing ---
@@ -204,7 +181,7 @@ void load_domain_file(const shttpd_ctx* ctx, const conn* c) {
     } else if (error != ENOENT) {
         state().unreadable = true;
         elog(elog_info, c, "domain file %s cannot be read: %s", loggable_path(ctx).c_str(),
-             error == not_regular ? "not a regular file" : strerror(error));
+             error == EISDIR || error == EINVAL ? "not a regular file" : strerror(error));
     }
 }
 

@@ -1,32 +1,22 @@
 #include "lib/ini.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "lib/alloc.h"
 #include "lib/conf_lex.h"
 #include "lib/conf_yacc.h"
+#include "lib/file.h"
 #include "lib/plat.h"
 #include "lib/qz_result.h"
-#include "lib/unique_fd.h"
 
 namespace {
-
-// A store is one chunk as a rule.
-constexpr std::size_t read_chunk_bytes = 65536;
-
-struct file_closer {
-    void operator()(FILE* file) const noexcept { (void)std::fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 // One lock for all stores of the process, created at first use and never destroyed.
 critical_section* store_lock() {
@@ -95,33 +85,10 @@ parse_handle* new_handle(const char* path, const parse_hooks& hooks, time_t modi
     return handle;
 }
 
-// Never waits: a pipe without a writer must not stop its reader.
-file_ptr open_to_read(const char* path) {
-    unique_fd fd(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    file_ptr file(fd ? ::fdopen(fd.get(), "r") : nullptr);
-    if (file != nullptr) {
-        (void)fd.release();  // the stream closes it
-    }
-    return file;
-}
-
-// Reads to the end; false for a read error, as a directory gives it.
-bool read_all(FILE* file, std::string* content) {
-    std::size_t length = 0;
-    std::size_t got = 0;
-    do {
-        content->resize(length + read_chunk_bytes);
-        got = std::fread(content->data() + length, 1, read_chunk_bytes, file);
-        length += got;
-    } while (got == read_chunk_bytes);
-    content->resize(length);
-    return std::ferror(file) == 0;
-}
-
 // The time of the file that is open, not of whatever the path names by now.
-time_t time_of(FILE* file, const char* path) {
+time_t time_of(int fd, const char* path) {
     struct stat status = {};
-    return ::fstat(::fileno(file), &status) == 0 ? status.st_mtime : get_m_time(path);
+    return ::fstat(fd, &status) == 0 ? status.st_mtime : get_m_time(path);
 }
 
 // The statements of a section, null when it does not exist.
@@ -193,7 +160,7 @@ bool write_sections(const parse_handle* handle, file_ptr file, time_t* modified)
     if (std::fflush(file.get()) != 0) {
         return false;
     }
-    *modified = time_of(file.get(), handle->path);
+    *modified = time_of(::fileno(file.get()), handle->path);
     return std::fclose(file.release()) == 0;
 }
 
@@ -220,17 +187,17 @@ time_t get_m_time(const char* path) noexcept {
 int parse_open(const char* path, const parse_hooks* hooks, parse_handle** handle) noexcept {
     const parse_hooks called = hooks == nullptr ? parse_hooks{} : *hooks;
     const store_call call(called, {.op = parse_op::open, .path = path});
-    const file_ptr file = open_to_read(path);
+    const unique_fd file(::open(path, O_RDONLY | open_at_once));
     struct stat status = {};
-    if (file == nullptr && ::stat(path, &status) == 0) {
+    if (!file && ::stat(path, &status) == 0) {
         return qz_unreadable;
     }
     std::string content;
-    if (file != nullptr && !read_all(file.get(), &content)) {
+    if (file && read_all(file.get(), &content) != 0) {
         return qz_unreadable;  // a directory, or a failing disk
     }
     parse_handle* opened =
-        new_handle(path, called, file == nullptr ? get_m_time(path) : time_of(file.get(), path));
+        new_handle(path, called, file ? time_of(file.get(), path) : get_m_time(path));
     const int result = confparse(content.data(), content.size(), opened);
     opened->current_section = nullptr;
     if (result != qz_ok) {

@@ -1,7 +1,5 @@
 #include "lib/replace_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,29 +7,15 @@
 #include <cstdlib>
 #include <string>
 
+#include "lib/file.h"
 #include "lib/on_exit.h"
 #include "lib/plat.h"
-#include "lib/unique_fd.h"
 
 namespace {
 
 constexpr mode_t new_file_mode = 0666;
 constexpr mode_t temporary_mode = 0600;
 constexpr mode_t mode_bits = 07777;
-
-int write_all(int fd, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t written = ::write(fd, content.data(), content.size());
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        content.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
 
 // The last way out, and the only one for a device: not safe against a kill. Room for the content is
 // reserved before the old one is touched, so that a full disk does not cut it.
@@ -101,8 +85,7 @@ outcome replace_by_rename(const std::string& path, const struct stat& original,
 }  // namespace
 
 int replace_file(const char* path, std::string_view content) noexcept {
-    const unique_fd fd(
-        ::open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, new_file_mode));
+    const unique_fd fd(::open(path, O_WRONLY | O_CREAT | open_at_once, new_file_mode));
     struct stat original = {};
     if (!fd || ::fstat(fd.get(), &original) != 0) {
         return errno;
