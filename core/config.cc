@@ -178,7 +178,7 @@ void start_subsystems(shttpd_ctx* ctx) {
 
 shttpd_ctx* initialize_context(shttpd_ctx* ctx, const char* path, option_slots* slots) {
     (void)std::setlocale(LC_ALL, "");
-    current_time = std::time(nullptr);
+    refresh_clocks();
     ctx->start_time = current_time;
     (void)init_critical_section(&ctx->lock);
     fill_defaults(slots);

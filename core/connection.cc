@@ -23,7 +23,7 @@
 
 namespace {
 
-constexpr std::time_t drain_limit_s = 2;
+constexpr std::int64_t drain_limit_s = 2;
 
 int draining_count = 0;
 
@@ -32,7 +32,7 @@ constexpr short broken_events = POLLERR | POLLHUP | POLLNVAL;
 // --- Steps of one visit ---
 
 bool is_dead(const conn* c) {
-    return current_time > c->expire_time || c->remote.has(sf_closed) ||
+    return monotonic_seconds > c->expire_time || c->remote.has(sf_closed) ||
            (poll_revents(c->remote.poll_index) & broken_events) != 0;
 }
 
@@ -260,7 +260,7 @@ void start_draining(conn* c) {
     c->state = conn_state::draining;
     ++draining_count;
     c->remote_pending = false;
-    c->expire_time = current_time + drain_limit_s;
+    c->expire_time = monotonic_seconds + drain_limit_s;
     set_poll_events(c->remote.poll_index, c->remote.channel.fd, POLLIN);
 }
 
@@ -270,8 +270,8 @@ void start_draining(conn* c) {
     if (alive && has_unread_input(c)) {
         (void)shutdown(c->remote.channel.fd, SHUT_WR);
         pollfd entry{.fd = c->remote.channel.fd, .events = POLLIN, .revents = 0};
-        const std::time_t deadline = std::time(nullptr) + drain_limit_s;
-        while (std::time(nullptr) <= deadline && poll(&entry, 1, 1000) > 0 &&
+        const std::int64_t deadline = monotonic_ms() + drain_limit_s * 1000;
+        while (monotonic_ms() <= deadline && poll(&entry, 1, 1000) > 0 &&
                recv(entry.fd, c->remote.buffer, c->remote.size, 0) > 0) {
         }
     }
@@ -397,8 +397,8 @@ conn* new_conn(shttpd_ctx* ctx) {
 }
 
 void renew_expiry(conn* c) {
-    constexpr std::time_t idle_limit_s = 300;
-    c->expire_time = current_time + idle_limit_s;
+    constexpr std::int64_t idle_limit_s = 300;
+    c->expire_time = monotonic_seconds + idle_limit_s;
 }
 
 void delete_conn(conn* c) {

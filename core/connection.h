@@ -114,7 +114,7 @@ struct conn : list_link {
     sockaddr_storage peer{};
     socklen_t peer_length = 0;
     std::time_t birth_time = 0;
-    std::time_t expire_time = 0;
+    std::int64_t expire_time = 0;  // in monotonic seconds
     conn_state state = conn_state::serving;
     bool close_after = false;
     bool due = false;             // is to be visited in this pass

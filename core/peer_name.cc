@@ -14,18 +14,18 @@
 namespace {
 
 // Failures are asked again sooner, but not at once: each may cost a second of everybody's time.
-constexpr std::time_t success_lifetime_s = 300;
-constexpr std::time_t failure_lifetime_s = 60;
+constexpr std::int64_t success_lifetime_s = 300;
+constexpr std::int64_t failure_lifetime_s = 60;
 constexpr std::size_t cache_limit = 256;
 constexpr std::size_t name_bytes = 256;
 
 struct remembered_name {
     host_name_result result;
-    std::time_t stored_at = 0;
+    std::int64_t stored_at = 0;
 
     [[nodiscard]] bool fresh() const {
-        const std::time_t lifetime = result.code == 0 ? success_lifetime_s : failure_lifetime_s;
-        return current_time >= stored_at && current_time - stored_at < lifetime;
+        const std::int64_t lifetime = result.code == 0 ? success_lifetime_s : failure_lifetime_s;
+        return monotonic_seconds - stored_at < lifetime;
     }
 };
 
@@ -119,7 +119,7 @@ host_name_result lookup_host_name(const sockaddr* address, socklen_t length) {
         cache.clear();
     }
     host_name_result result = ask_resolver(copy, length);
-    cache.insert_or_assign(key, remembered_name{.result = result, .stored_at = current_time});
+    cache.insert_or_assign(key, remembered_name{.result = result, .stored_at = monotonic_seconds});
     return result;
 }
 

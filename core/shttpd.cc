@@ -31,8 +31,6 @@
 #include "security/io_molbat.h"
 #include "security/library_log.h"
 
-std::time_t current_time = 0;
-
 // One listening port. Both flags are handed to every connection that is accepted on it.
 struct listener_record : list_link {
     shttpd_ctx* ctx = nullptr;
@@ -48,21 +46,21 @@ constexpr int port_max = 65535;
 // The scheduler looks in the first pass and then in every seventh.
 constexpr int passes_between_checks = 6;
 // With traffic, passes are short; without, seven of them take this long.
-constexpr std::time_t check_interval_max_s = 35;
+constexpr std::int64_t check_interval_max_s = 35;
 constexpr int short_wait_ms = 1000;
 
 list_head<listener_record> listeners;
 
 // What the main loop remembers from one pass to the next.
 struct loop_state {
-    std::vector<conn*> due;       // to be visited in this pass
-    std::vector<conn*> next_due;  // to be visited in the next one whatever poll() says
-    std::time_t last_expiry_check = 0;
-    bool wake = false;           // the next pass must not wait
-    bool accept_paused = false;  // out of descriptors or memory: listeners are not polled
-    std::time_t accept_paused_at = 0;
+    std::vector<conn*> due;              // to be visited in this pass
+    std::vector<conn*> next_due;         // to be visited in the next one whatever poll() says
+    std::int64_t last_expiry_check = 0;  // monotonic seconds, like the next two
+    bool wake = false;                   // the next pass must not wait
+    bool accept_paused = false;          // out of descriptors or memory: listeners are not polled
+    std::int64_t accept_paused_at = 0;
     int sched_counter = 0;
-    std::time_t last_sched_check = 0;
+    std::int64_t last_sched_check = 0;
     std::uint64_t next_serial = 1;
 };
 
@@ -123,7 +121,7 @@ void for_each_listener(Visit visit) {
 // Out of descriptors or memory: a ready listener would turn the loop into a spin.
 void pause_accepting() {
     loop.accept_paused = true;
-    loop.accept_paused_at = current_time;
+    loop.accept_paused_at = monotonic_seconds;
     for_each_listener([](std::size_t, const listener_position& position) {
         park_poll_index(position.poll_index);
     });
@@ -235,10 +233,10 @@ void collect_due(shttpd_ctx* ctx, int ready) {
             }
         }
     }
-    if (loop.last_expiry_check != current_time) {
-        loop.last_expiry_check = current_time;
+    if (loop.last_expiry_check != monotonic_seconds) {
+        loop.last_expiry_check = monotonic_seconds;
         for (conn& c : ctx->connections) {
-            if (current_time > c.expire_time) {
+            if (monotonic_seconds > c.expire_time) {
                 mark_due(&c);
             }
         }
@@ -272,10 +270,9 @@ int wait_time(int timeout_ms) {
 }
 
 void run_scheduler(shttpd_ctx* ctx) {
-    const std::time_t now = std::time(nullptr);
-    const bool overdue = now - loop.last_sched_check >= check_interval_max_s;
+    const bool overdue = monotonic_seconds - loop.last_sched_check >= check_interval_max_s;
     if (--loop.sched_counter < 0 || overdue) {
-        loop.last_sched_check = now;
+        loop.last_sched_check = monotonic_seconds;
         loop.sched_counter = passes_between_checks;
         (void)sched_check_run(ctx);
     }
@@ -388,8 +385,8 @@ void shttpd_add_mime_type(shttpd_ctx* ctx, const char* extension, const char* ty
 }
 
 void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
-    current_time = std::time(nullptr);
-    if (loop.accept_paused && current_time > loop.accept_paused_at) {
+    refresh_clocks();
+    if (loop.accept_paused && monotonic_seconds > loop.accept_paused_at) {
         resume_accepting();
     }
     tell_left_out_lines(ctx);
@@ -398,6 +395,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const bool short_wait = loop.accept_paused || draining_connections() > 0 || files_open;
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
+    refresh_clocks();
     finish_background_jobs();
     if (ready > 0) {
         accept_connections();

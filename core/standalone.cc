@@ -170,7 +170,7 @@ void log_statistics(const shttpd_ctx* ctx) {
 int main(int argc, char** argv) {
     occupy_standard_descriptors();
     (void)std::setlocale(LC_ALL, "");
-    current_time = std::time(nullptr);
+    refresh_clocks();
     read_arguments(argc, argv);
     shttpd_ctx* ctx = init_from_argc_argv(config_file, argc, argv);
     if (ctx == nullptr) {

@@ -80,7 +80,7 @@ void write_files(const std::filesystem::path& root) {
 
 shttpd_ctx* make_context(const std::filesystem::path& root) {
     auto* ctx = new shttpd_ctx;
-    current_time = std::time(nullptr);
+    refresh_clocks();
     conf_parse_init();
     init_critical_section(&ctx->lock);
     ctx->document_root = root;

@@ -24,7 +24,7 @@ constexpr int buffer_bytes = 1024;
 
 shttpd_ctx* context() {
     static shttpd_ctx* ctx = [] {
-        current_time = 1000000;
+        monotonic_seconds = 1000000;
         auto* made = new shttpd_ctx;
         made->io_buf_size = buffer_bytes;
         made->inetd_mode = 1;  // keeps the log of every refused block off standard error

@@ -86,11 +86,11 @@ struct open_file {
     ino_t inode = 0;
     timespec changed{};
     int users = 0;
-    std::time_t last_used = 0;
+    std::int64_t last_used = 0;
 };
 
 constexpr std::size_t open_files_max = 16;
-constexpr std::time_t open_file_idle_s = 2;
+constexpr std::int64_t open_file_idle_s = 2;
 constinit std::array<open_file, open_files_max> open_files{};
 
 open_file* find_open_file(const struct stat& st) {
@@ -128,7 +128,7 @@ void remember_open_file(int fd, const struct stat& st) {
               .inode = st.st_ino,
               .changed = st.st_ctim,
               .users = 1,
-              .last_used = current_time};
+              .last_used = monotonic_seconds};
 }
 
 void close_file(stream* s) {
@@ -139,7 +139,7 @@ void close_file(stream* s) {
     for (open_file& file : open_files) {
         if (file.fd == fd) {
             --file.users;
-            file.last_used = current_time;
+            file.last_used = monotonic_seconds;
             return;
         }
     }
@@ -320,18 +320,18 @@ void drop_cached_files() {
 }
 
 bool close_idle_files() {
-    static std::time_t last_check = 0;
+    static std::int64_t last_check = 0;
     static bool any_idle = false;
-    if (last_check == current_time) {
+    if (last_check == monotonic_seconds) {
         return any_idle;
     }
-    last_check = current_time;
+    last_check = monotonic_seconds;
     any_idle = false;
     for (open_file& file : open_files) {
         if (file.fd < 0 || file.users > 0) {
             continue;
         }
-        if (current_time - file.last_used > open_file_idle_s) {
+        if (monotonic_seconds - file.last_used > open_file_idle_s) {
             forget_open_file(&file);
         } else {
             any_idle = true;

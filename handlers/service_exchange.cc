@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <string>
 
 #include "core/connection.h"
@@ -26,7 +25,7 @@ namespace {
 constexpr const char* unreachable = "Internal server error. Could not connect to hob server.";
 constexpr const char* no_slot = "Internal server error. Maximum connections reached.";
 constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
-constexpr std::time_t stale_limit_s = 300;  // how long an answer that nobody reads holds others up
+constexpr std::int64_t stale_limit_s = 300;  // how long an answer that nobody reads holds others up
 
 // Follows an answer to its end. The service never learns the method: its answer has a body even
 // when the client asked for none.
@@ -87,7 +86,7 @@ struct exchange {
     bool started = false;         // the owner's request is on its way
     std::uint64_t request_bytes = 0;
     bool stale = false;  // `answer` belongs to a client that has gone
-    std::time_t stale_until = 0;
+    std::int64_t stale_until = 0;
     answer_tracker answer;
 };
 
@@ -123,7 +122,7 @@ bool drop_old_answer(int fd) {
         }
         if (n <= 0) {
             service.stale = service.stale && n < 0 && errno == EAGAIN;
-            return !service.stale || current_time > service.stale_until;
+            return !service.stale || monotonic_seconds > service.stale_until;
         }
         if (service.stale) {
             service.answer.feed({buffer.data(), static_cast<std::size_t>(n)});
@@ -181,7 +180,7 @@ void leave_service_exchange(const conn* c) {
         // Not a byte of the path has left: then there is no answer to come.
         const bool sent = c->request.body_left < service.request_bytes;
         service.stale = sent && !service.answer.complete();
-        service.stale_until = current_time + stale_limit_s;
+        service.stale_until = monotonic_seconds + stale_limit_s;
     }
     service.owner = nullptr;
     shttpd_wake();

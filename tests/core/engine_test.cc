@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -19,6 +20,23 @@
 #include "handlers/io_file.h"
 #include "lib/qzstream.h"
 #include "tests/support/engine_fixture.h"
+
+namespace {
+
+std::time_t wall_clock_step = 0;
+
+}  // namespace
+
+// Stands in front of the C library's, so that a test can move the system's time.
+extern "C" std::time_t time(std::time_t* result) {
+    timespec now{};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    now.tv_sec += wall_clock_step;
+    if (result != nullptr) {
+        *result = now.tv_sec;
+    }
+    return now.tv_sec;
+}
 
 namespace {
 
@@ -340,12 +358,27 @@ TEST(Engine, ConnectionsExpireOnlyWithoutProgress) {
     EXPECT_EQ(shttpd_active(engine.ctx), 2);
     // Expiry times are moved instead of the clock, which every pass reads afresh.
     for (conn& c : engine.ctx->connections) {
-        EXPECT_GE(c.expire_time, current_time + 299);
-        c.expire_time = current_time - 1;
+        EXPECT_GE(c.expire_time, monotonic_seconds + 299);
+        c.expire_time = monotonic_seconds - 1;
     }
     sleep(1);
     engine.poll();
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
+}
+
+TEST(Engine, AStepOfTheSystemsTimeEndsNoConnectionAndReachesTheNextReply) {
+    test_engine engine;
+    engine.root.write("f", "content");
+    const unique_fd client = engine.connect();
+    for (const std::time_t step : {86400, -86400}) {
+        wall_clock_step = step;
+        const std::time_t before = std::time(nullptr);
+        EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/f"))), "content");
+        EXPECT_GE(current_time, before);
+        EXPECT_LE(current_time, before + 60);
+        EXPECT_EQ(shttpd_active(engine.ctx), 1);
+    }
+    wall_clock_step = 0;
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ host_name_result look_up(const char* text) {
 // Addresses of the documentation ranges: no hosts file knows them.
 TEST(peer_name, is_asked_once_and_remembered_for_a_while) {
     name_server server;
-    current_time = 1000;
+    monotonic_seconds = 1000;
     const int retrans = _res.retrans;
     const int retry = _res.retry;
     EXPECT_NE(look_up("192.0.2.1").code, 0);
@@ -97,7 +97,7 @@ TEST(peer_name, is_asked_once_and_remembered_for_a_while) {
     EXPECT_EQ(_res.retry, retry);
 
     struct step {
-        int seconds;  // since the step before; negative: the clock was set back
+        int seconds;  // since the step before
         const char* address;
         const char* name;
         int queries;  // so far
@@ -110,11 +110,10 @@ TEST(peer_name, is_asked_once_and_remembered_for_a_while) {
         {1, "192.0.2.1", "peer.test", 2},
         {299, "::ffff:192.0.2.1", "peer.test", 2},
         {1, "192.0.2.1", "peer.test", 3},
-        {-100, "192.0.2.1", "peer.test", 4},
-        {0, "2001:db8::1", "peer.test", 5},
+        {0, "2001:db8::1", "peer.test", 4},
     };
     for (const step& s : steps) {
-        current_time += s.seconds;
+        monotonic_seconds += s.seconds;
         server.silent = *s.name == '\0';
         EXPECT_EQ(look_up(s.address).name, s.name) << s.address << " " << s.queries;
         EXPECT_EQ(server.queries, s.queries) << s.address;

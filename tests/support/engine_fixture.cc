@@ -42,7 +42,7 @@ std::string read_whole_file(const std::filesystem::path& path) {
 }
 
 test_engine::test_engine(bool bare) : ctx(new shttpd_ctx) {
-    current_time = std::time(nullptr);
+    refresh_clocks();
     conf_parse_init();
     init_critical_section(&ctx->lock);
     ctx->document_root = root.path();
