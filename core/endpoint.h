@@ -1,41 +1,90 @@
-// What the built-in management endpoints share: their standard answers, their view of the
-// request's variables, and the draining of replies that are longer than the reply buffer.
+// The built-in management endpoints: each is a row of a table, and one driver does for all of them
+// what a request needs around its answer.
 //
-// Every endpoint begins with `if (endpoint_closing(arg)) return;`.
+// The driver judges `admit`, the method and the body, in this order and anew on every call, until
+// the request is complete. Then it calls `answer`, which decides and replies with one of the
+// functions below or with shttpd_printf, whatever its outcome; the driver ends the reply. A reply
+// that is longer than the reply buffer goes out over as many calls as it takes.
+//
+// An answer that depends on something outside the loop, or that takes too long for one pass, says
+// not_yet() and is called again.
 #pragma once
 
+#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "core/shttpd.h"
 
-// True on the farewell call of a connection that goes away: a reply stream in `state` has been
-// freed and the endpoint must return without side effects.
-bool endpoint_closing(shttpd_call_arg* arg);
+enum class endpoint_method {
+    any,
+    post,  // others are refused with 400 "Inappropriate method"
+    get,   // others are refused with 405 "Method not allowed"
+};
 
-// For an endpoint that waits for something outside the loop, such as a file that another thread
-// writes: it calls this, leaves `out` alone and returns. It is not called again before
-// visit_soon(), an event of the client's socket or the farewell call, on which it must withdraw
-// itself from whatever would have called visit_soon(). Since it may be called too early, it looks
-// whether the thing has come, and else holds its reply again.
-void hold_reply(shttpd_call_arg* arg);
+// Which requests are answered only when their body has arrived. One that can't fit the buffer is
+// refused with 400 "Request is too big".
+enum class endpoint_body { ignored, awaited, awaited_with_post, awaited_with_get };
 
-// Answers "HTTP/1.1 STATUS TEXT", text/plain, with the text as the body, and ends the reply.
+struct endpoint {
+    const char* uri;
+    endpoint_method method;
+    endpoint_body body;
+    void (*answer)(shttpd_call_arg* arg);
+    // Null, or what is judged before the method: false when it has refused the request itself.
+    bool (*admit)(shttpd_call_arg* arg) = nullptr;
+};
+
+// Registers every row. Requires: the rows outlive the context.
+void register_endpoints(shttpd_ctx* ctx, std::span<const endpoint> rows);
+
+// --- Answers; the first two are of use to handlers that are no rows as well ---
+
+// Answers "HTTP/1.1 STATUS TEXT", text/plain, with the text as the body.
 void show_error(shttpd_call_arg* arg, const char* status, const char* text);
 
-// Answers 200, text/plain, "Success\n", and ends the reply.
+// Answers 200, text/plain, "Success\n".
 void show_success(shttpd_call_arg* arg);
+
+// Replies with a whole text, head included, however long and however slow the client.
+void answer_text(shttpd_call_arg* arg, std::string text);
+
+// The same for bytes that `owner` keeps alive and unchanged: many replies can share them.
+void answer_shared(shttpd_call_arg* arg, std::string_view bytes, std::shared_ptr<const void> owner);
+
+// --- Answers that wait ---
+
+// What an endpoint keeps between its calls. The driver frees it after the reply, and also when the
+// client has gone: the destructor withdraws it from whatever would have called visit_soon().
+struct endpoint_wait {
+    endpoint_wait() = default;
+    endpoint_wait(const endpoint_wait&) = delete;
+    endpoint_wait& operator=(const endpoint_wait&) = delete;
+    virtual ~endpoint_wait() = default;
+};
+
+// Keeps `wait` and puts the reply off: `answer` is called again after visit_soon(), and perhaps
+// too early, on an event of the client's socket; then it says not_yet() again. With a null `wait`
+// what was kept before stays.
+void not_yet(shttpd_call_arg* arg, std::unique_ptr<endpoint_wait> wait);
+
+// What not_yet() has kept, null at the first call of a request. An endpoint keeps one type only.
+endpoint_wait* kept_wait(const shttpd_call_arg* arg);
+
+template <class Wait>
+Wait* waiting_for(const shttpd_call_arg* arg) {
+    return static_cast<Wait*>(kept_wait(arg));
+}
+
+// For handlers that are no rows: puts the reply off as not_yet() does, which ends in this. The
+// handler leaves `out` alone and returns; on its farewell call it must withdraw by itself.
+void hold_reply(shttpd_call_arg* arg);
+
+// --- The request ---
 
 // The request's method is exactly `method`.
 bool method_is(const shttpd_call_arg* arg, const char* method);
-
-// True when the caller must return: the body is still arriving, or it can never fit the buffer and
-// has been refused with 400 "Request is too big".
-bool post_body_pending(shttpd_call_arg* arg);
-
-// For endpoints that change state: refuses every method but POST with 400 "Inappropriate method",
-// then does what post_body_pending does. True when the caller must return.
-bool post_only_pending(shttpd_call_arg* arg);
 
 // The request's body as far as it has arrived, never a byte of the request behind it.
 std::string_view request_body(const shttpd_call_arg* arg);
@@ -46,11 +95,3 @@ std::string_view query_text(const shttpd_call_arg* arg);
 // The decoded value of a variable as a buffer of `size` bytes (terminator included) would hold
 // it: cut to size - 1 bytes and at a zero byte; empty when absent.
 std::string get_variable(std::string_view variables, const char* name, int size);
-
-// Replies with a text, which is copied, however long and however slow the client: puts it into a
-// qz_stream in `state` and drains that. Called again, the endpoint calls drain_reply.
-void answer_text(shttpd_call_arg* arg, std::string_view text);
-
-// Copies from the qz_stream in `state` into the reply as much as fits. When everything has been
-// copied the stream is freed, `state` is null and the reply is ended.
-void drain_reply(shttpd_call_arg* arg);

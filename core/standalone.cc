@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include "core/compat_unix.h"
 #include "core/config.h"
 #include "core/context.h"
+#include "core/endpoint.h"
 #include "core/globals.h"
 #include "core/log.h"
 #include "core/paths.h"
@@ -77,7 +79,8 @@ void become_user(const std::string& name) {
     const char* user = name.c_str();
     const passwd* entry = getpwnam(user);
     if (entry == nullptr) {
-        fatal("main: unknown user [%s]", user);
+        elog(elog_fatal, nullptr, "main: unknown user [%s]", user);
+        return;
     }
     // Root's supplementary groups must not stay with an unprivileged user. A process that already
     // is that user has none to lose. Without the right to drop them the daemon may not change its
@@ -85,13 +88,13 @@ void become_user(const std::string& name) {
     const bool keeps_groups = entry->pw_uid != geteuid() && setgroups(1, &entry->pw_gid) != 0;
     const int groups_error = errno;
     if (setgid(entry->pw_gid) != 0) {
-        fatal("main: setgid(%s): %s", user, std::strerror(errno));
+        elog(elog_fatal, nullptr, "main: setgid(%s): %s", user, std::strerror(errno));
     }
     if (setuid(entry->pw_uid) != 0) {
-        fatal("main: setuid(%s): %s", user, std::strerror(errno));
+        elog(elog_fatal, nullptr, "main: setuid(%s): %s", user, std::strerror(errno));
     }
     if (keeps_groups) {
-        fatal("main: setgroups(%s): %s", user, std::strerror(groups_error));
+        elog(elog_fatal, nullptr, "main: setgroups(%s): %s", user, std::strerror(groups_error));
     }
 }
 
@@ -143,20 +146,18 @@ void take_connections(shttpd_ctx* ctx) {
 // answer, statistics or clean-up.
 void stop_server(shttpd_call_arg* arg) {
     static bool stopped = false;
-    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
-        return;
-    }
     if (stopped) {
-        log_change(arg->connection, "ended the daemon");
         _exit(EXIT_SUCCESS);
     }
     (void)stop_cgi_services();
-    log_change(arg->connection, "stopped the companion service");
     (void)shttpd_printf(arg, "%s", "HTTP/1.1 200 OK\r\n\r\n");
     (void)shttpd_printf(arg, "%s", "Success");
     stopped = true;
-    arg->flags |= ARG_END_OF_OUTPUT;
 }
+
+constexpr std::array<endpoint, 1> endpoints = {{
+    {"/admin/lifecycle/stop", endpoint_method::any, endpoint_body::ignored, stop_server},
+}};
 
 // Kept: received megabytes are whole ones, sent megabytes keep their fraction.
 void log_statistics(const shttpd_ctx* ctx) {
@@ -174,7 +175,8 @@ int main(int argc, char** argv) {
     read_arguments(argc, argv);
     shttpd_ctx* ctx = init_from_argc_argv(config_file, argc, argv);
     if (ctx == nullptr) {
-        fatal("Out of memory");
+        elog(elog_fatal, nullptr, "Out of memory");
+        return EXIT_FAILURE;
     }
     become_user(ctx->runtime_uid);
     install_signal_handlers();
@@ -182,7 +184,7 @@ int main(int argc, char** argv) {
     take_connections(ctx);
     elog(elog_info, nullptr, "dovmad %s started on port(s) %s, serving %s", daemon_version,
          ctx->listen_ports.c_str(), ctx->document_root.c_str());
-    shttpd_register_uri(ctx, "/admin/lifecycle/stop", stop_server, nullptr);
+    register_endpoints(ctx, endpoints);
     (void)run_cgi_as_service(ctx, "HOBINTF", "hobintf");  // on failure it has logged the reason
     while (exit_flag == 0) {
         shttpd_poll(ctx, pass_wait_ms);

@@ -1,6 +1,5 @@
 // Administration of the domain: /admin/domain/host_rename, dhc, add and remove.
 #include <array>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,30 +23,13 @@ void replace_text(char** field, const std::string& text) {
     *field = copy_text(text);
 }
 
-// Admits a request to one of the three endpoints that answer GET, in this order: the mode, the
-// method, the body, and variables, which are those of the body, else of the query. Nothing when the
-// caller must return, because the request was refused or its body is still arriving.
-std::optional<std::string_view> admitted_variables(shttpd_call_arg* arg, bool domain_mode,
-                                                   const char* wrong_mode) {
-    if (endpoint_closing(arg)) {
-        return std::nullopt;
-    }
-    if (in_domain_mode(arg->connection->ctx) != domain_mode) {
-        show_error(arg, "403", wrong_mode);
-        return std::nullopt;
-    }
-    if (!method_is(arg, "GET")) {
-        show_error(arg, "405", "Method not allowed");
-        return std::nullopt;
-    }
-    if (post_body_pending(arg)) {
-        return std::nullopt;
-    }
+// The variables of the endpoints that answer GET: those of the body, else of the query. Empty: the
+// request was refused for want of them.
+std::string_view required_variables(shttpd_call_arg* arg) {
     const std::string_view body = request_body(arg);
     const std::string_view variables = body.empty() ? query_text(arg) : body;
     if (variables.empty()) {
         show_error(arg, "405", "Method not allowed");
-        return std::nullopt;
     }
     return variables;
 }
@@ -55,6 +37,9 @@ std::optional<std::string_view> admitted_variables(shttpd_call_arg* arg, bool do
 // The domain that a request of standalone mode names. Empty: the request was refused for want of
 // it.
 std::string required_domain(shttpd_call_arg* arg, std::string_view variables) {
+    if (variables.empty()) {
+        return {};
+    }
     std::string name(raw_variable(variables, "domain"));
     if (name.empty()) {
         show_error(arg, "400", "Bad Request.");
@@ -126,17 +111,7 @@ domain_entry* find_or_add_domain(shttpd_ctx* ctx, const std::string& name) {
 }  // namespace
 
 void domain_host_rename(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
     conn* c = arg->connection;
-    if (!in_domain_mode(c->ctx)) {
-        show_error(arg, "404", "Not Found");
-        return;
-    }
-    if (post_only_pending(arg)) {
-        return;
-    }
     const std::string id = get_variable(request_body(arg), "id", rename_id_bytes);
     const std::string name = get_variable(request_body(arg), "host", host_bytes);
     if (id.empty() || name.empty() || !is_storable_hostname(name)) {
@@ -155,32 +130,30 @@ void domain_host_rename(shttpd_call_arg* arg) {
     show_success(arg);
 }
 
-// Kept: a daemon in domain mode is a "CMS" in the refusal of dhc and a "DC" in those of add and
-// remove.
 void domain_dhc(shttpd_call_arg* arg) {
-    const auto variables = admitted_variables(arg, true, "DHC enable/disable allowed only on CMS");
-    if (variables) {
-        apply_settings(*variables, false, domain_mode_config());
+    const std::string_view variables = required_variables(arg);
+    if (!variables.empty()) {
+        apply_settings(variables, false, domain_mode_config());
         answer_empty(arg);
     }
 }
 
 void domain_add(shttpd_call_arg* arg) {
-    const auto variables = admitted_variables(arg, false, "Domain add not allowed on DC");
-    const std::string name = variables ? required_domain(arg, *variables) : "";
+    const std::string_view variables = required_variables(arg);
+    const std::string name = required_domain(arg, variables);
     if (name.empty()) {
         return;
     }
     // A domain that is served already keeps its hosts, its blacklist and the settings not given.
     domain_entry* entry = find_or_add_domain(arg->connection->ctx, name);
-    apply_settings(*variables, true, &entry->config);
-    add_to_blacklist(*variables, entry);
+    apply_settings(variables, true, &entry->config);
+    add_to_blacklist(variables, entry);
     answer_empty(arg);
 }
 
 void domain_remove(shttpd_call_arg* arg) {
-    const auto variables = admitted_variables(arg, false, "Domain remove not allowed on DC");
-    const std::string name = variables ? required_domain(arg, *variables) : "";
+    const std::string_view variables = required_variables(arg);
+    const std::string name = required_domain(arg, variables);
     if (name.empty()) {
         return;
     }

@@ -90,25 +90,11 @@ void answer_registration(shttpd_call_arg* arg, const registration& host) {
                         "\"OsRelease\" : \"%s\",\n\"CpuType\" : \"%s\"\n}\n",
                         host.host.c_str(), host.id.c_str(), host.remote_host.c_str(),
                         host.osname.c_str(), host.osrelease.c_str(), host.cputype.c_str());
-    arg->flags |= ARG_END_OF_OUTPUT;
-}
-
-// Refuses what both endpoints refuse; true when the caller must return. The mode is judged anew on
-// every call, so that a switch while the body is arriving decides about the request.
-bool refused_or_pending(shttpd_call_arg* arg) {
-    if (!in_domain_mode(arg->connection->ctx)) {
-        show_error(arg, "404", "Not Found");
-        return true;
-    }
-    return post_only_pending(arg);
 }
 
 }  // namespace
 
 void domain_register(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || refused_or_pending(arg)) {
-        return;
-    }
     conn* c = arg->connection;
     registration host = read_registration(request_body(arg));
     if (!is_storable(host) || !is_storable_namespace(c->request.ns->name)) {
@@ -122,9 +108,6 @@ void domain_register(shttpd_call_arg* arg) {
 }
 
 void domain_unregister(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || refused_or_pending(arg)) {
-        return;
-    }
     conn* c = arg->connection;
     const std::string id = get_variable(request_body(arg), "id", unregister_id_bytes);
     if (id.empty()) {

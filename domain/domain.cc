@@ -16,22 +16,49 @@
 
 namespace {
 
-struct endpoint {
-    const char* uri;
-    shttpd_handler handler;
-};
+constexpr auto any = endpoint_method::any;
+constexpr auto get = endpoint_method::get;
+constexpr auto post = endpoint_method::post;
+constexpr auto awaited = endpoint_body::awaited;
 
-// Registered in both modes: an endpoint of the other mode refuses with a text of its own.
+// An endpoint of the other mode refuses with a text of its own, before anything else and on every
+// call: a switch while the body is arriving decides about the request.
+bool admit_mode(shttpd_call_arg* arg, bool domain_mode, const char* status, const char* text) {
+    const bool right = in_domain_mode(arg->connection->ctx) == domain_mode;
+    if (!right) {
+        show_error(arg, status, text);
+    }
+    return right;
+}
+
+bool on_server(shttpd_call_arg* arg) {
+    return admit_mode(arg, true, "404", "Not Found");
+}
+
+// Kept: a daemon in domain mode is a "CMS" in the refusal of dhc and a "DC" in those of add and
+// remove.
+bool may_set_dhc(shttpd_call_arg* arg) {
+    return admit_mode(arg, true, "403", "DHC enable/disable allowed only on CMS");
+}
+
+bool may_add(shttpd_call_arg* arg) {
+    return admit_mode(arg, false, "403", "Domain add not allowed on DC");
+}
+
+bool may_remove(shttpd_call_arg* arg) {
+    return admit_mode(arg, false, "403", "Domain remove not allowed on DC");
+}
+
 constexpr std::array<endpoint, 9> endpoints = {{
-    {"/admin/dovmad/config", set_dovmad_mode},
-    {"/admin/domain/host_rename", domain_host_rename},
-    {"/agent/domain/register", domain_register},
-    {"/agent/domain/unregister", domain_unregister},
-    {"/agent/domain/enum", domain_enum},
-    {"/agent/domain/report", domain_report},
-    {"/admin/domain/add", domain_add},
-    {"/admin/domain/remove", domain_remove},
-    {"/admin/domain/dhc", domain_dhc},
+    {"/admin/dovmad/config", post, awaited, set_dovmad_mode},
+    {"/admin/domain/host_rename", post, awaited, domain_host_rename, on_server},
+    {"/agent/domain/register", post, awaited, domain_register, on_server},
+    {"/agent/domain/unregister", post, awaited, domain_unregister, on_server},
+    {"/agent/domain/enum", any, endpoint_body::awaited_with_get, domain_enum},
+    {"/agent/domain/report", post, awaited, domain_report},
+    {"/admin/domain/add", get, awaited, domain_add, may_add},
+    {"/admin/domain/remove", get, awaited, domain_remove, may_remove},
+    {"/admin/domain/dhc", get, awaited, domain_dhc, may_set_dhc},
 }};
 
 // Sizes of the variables, terminator included; longer values are cut.
@@ -119,9 +146,7 @@ void init_domain_info(shttpd_ctx* ctx) {
     } else {
         (void)set_standalone_domains(ctx);  // without the resolver file no domain is served
     }
-    for (const endpoint& each : endpoints) {
-        shttpd_register_uri(ctx, each.uri, each.handler, nullptr);
-    }
+    register_endpoints(ctx, endpoints);
 }
 
 void free_domain_info(shttpd_ctx* ctx) {
@@ -132,9 +157,6 @@ void free_domain_info(shttpd_ctx* ctx) {
 }
 
 void set_dovmad_mode(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || post_only_pending(arg)) {
-        return;
-    }
     const std::string mode = get_variable(request_body(arg), "mode", mode_bytes);
     if (mode == "domain") {
         switch_to_domain(arg);

@@ -70,7 +70,6 @@ std::string storable_field(std::string_view text) {
 
 void answer_empty(shttpd_call_arg* arg) {
     (void)shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n");
-    arg->flags |= ARG_END_OF_OUTPUT;
 }
 
 // Not show_error, whose body has no line break at its end.
@@ -78,5 +77,4 @@ void answer_unknown_host(shttpd_call_arg* arg) {
     (void)shttpd_printf(arg,
                         "HTTP/1.1 404 Host not found\r\nContent-Type: text/plain\r\n\r\n"
                         "Host not found\n");
-    arg->flags |= ARG_END_OF_OUTPUT;
 }

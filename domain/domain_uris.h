@@ -8,7 +8,7 @@
 
 #include "core/shttpd.h"
 
-// --- Endpoints ---
+// --- Endpoints: what they answer to a request that the rows in domain.cc have admitted ---
 
 void set_dovmad_mode(shttpd_call_arg* arg);     // POST /admin/dovmad/config
 void domain_host_rename(shttpd_call_arg* arg);  // POST /admin/domain/host_rename

@@ -1,6 +1,7 @@
 // The hosts that this daemon knows: /agent/domain/enum.
 //
 // The whole answer is built on the first call, so a reply in progress depends on no record.
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -22,22 +23,19 @@ struct enum_request {
     std::string domain;
 };
 
-// Fills `request`; false when the body is still arriving.
 // Kept: only a GET has variables; other methods are answered as if they had asked without any.
-bool read_request(shttpd_call_arg* arg, enum_request* request) {
+enum_request read_request(const shttpd_call_arg* arg) {
+    enum_request request;
     if (!method_is(arg, "GET")) {
-        return true;
+        return request;
     }
-    if (post_body_pending(arg)) {
-        return false;
-    }
-    const std::string_view variables =
-        request_body(arg).empty() ? query_text(arg) : request_body(arg);
-    request->all_namespaces = get_variable(variables, "scope", word_bytes) == "all";
-    request->json = get_variable(variables, "format", word_bytes) == "json";
-    request->dr_only = number_variable(variables, "dronly").value_or(0) != 0;
-    request->domain = raw_variable(variables, "domain");
-    return true;
+    const std::string_view body = request_body(arg);
+    const std::string_view variables = body.empty() ? query_text(arg) : body;
+    request.all_namespaces = get_variable(variables, "scope", word_bytes) == "all";
+    request.json = get_variable(variables, "format", word_bytes) == "json";
+    request.dr_only = number_variable(variables, "dronly").value_or(0) != 0;
+    request.domain = raw_variable(variables, "domain");
+    return request;
 }
 
 // What stays the same for every record of one answer.
@@ -114,29 +112,20 @@ stream_ptr build_answer(const conn* c, const enum_request& request, domain_entry
     if (request.json) {
         write_text(answer.get(), "\n]");
     }
-    qz_rewind_stream(answer.get());
     return answer;
 }
 
 }  // namespace
 
 void domain_enum(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
+    const conn* c = arg->connection;
+    const enum_request request = read_request(arg);
+    domain_entry* entry =
+        request.domain.empty() ? nullptr : find_domain(c->ctx, request.domain.c_str());
+    if (entry == nullptr && !in_domain_mode(c->ctx)) {
+        show_error(arg, "400", "Bad Request");
         return;
     }
-    if (arg->state == nullptr) {
-        const conn* c = arg->connection;
-        enum_request request;
-        if (!read_request(arg, &request)) {
-            return;
-        }
-        domain_entry* entry =
-            request.domain.empty() ? nullptr : find_domain(c->ctx, request.domain.c_str());
-        if (entry == nullptr && !in_domain_mode(c->ctx)) {
-            show_error(arg, "400", "Bad Request");
-            return;
-        }
-        arg->state = build_answer(c, request, entry).release();
-    }
-    drain_reply(arg);
+    const std::shared_ptr<qz_stream> answer = build_answer(c, request, entry);
+    answer_shared(arg, {reinterpret_cast<const char*>(answer->data), answer->length}, answer);
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/connection.h"
 #include "core/endpoint.h"
@@ -66,13 +67,13 @@ bool has_too_many_ids(const report& from, const domain_config& config) {
 // --- Domain mode ---
 
 // Success, and the ids that are not registered on a line of their own. They can be more than the
-// reply buffer holds, so the reply goes by way of a stream.
+// reply buffer holds.
 void answer_report(shttpd_call_arg* arg, std::string_view unknown_ids) {
     std::string text = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nSuccess\n";
     if (!unknown_ids.empty()) {
         text.append(unknown_ids).append("\n");
     }
-    answer_text(arg, text);
+    answer_text(arg, std::move(text));
 }
 
 void report_to_server(shttpd_call_arg* arg, report* from) {
@@ -167,16 +168,6 @@ void report_to_collector(shttpd_call_arg* arg, const report& from) {
 }  // namespace
 
 void domain_report(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
-    if (arg->state != nullptr) {
-        drain_reply(arg);
-        return;
-    }
-    if (post_only_pending(arg)) {
-        return;
-    }
     report from = read_report(request_body(arg));
     if (from.id.empty()) {
         show_error(arg, "400", "Error: Host Identifier not specified");

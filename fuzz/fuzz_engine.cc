@@ -7,6 +7,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -23,7 +24,6 @@
 #include "handlers/io_file.h"
 #include "lib/ini.h"
 #include "lib/plat.h"
-#include "lib/qzstream.h"
 #include "security/authz.h"
 
 namespace {
@@ -32,34 +32,28 @@ constexpr int watched_descriptors = 64;
 constexpr int passes_max = 200;
 
 void echo(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || post_body_pending(arg)) {
-        return;
-    }
     const std::string text = get_variable(request_body(arg), "text", 32);
     const char* header = shttpd_get_header(arg, "X-Echo");
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n%s %s", text.c_str(),
                   header != nullptr ? header : "-");
-    arg->flags |= ARG_END_OF_OUTPUT;
 }
 
 void long_reply(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
+    std::string reply;
+    for (int i = 0; i < 3000; ++i) {
+        reply += std::to_string(100000000 + i) + "\n";
     }
-    if (arg->state == nullptr) {
-        qz_stream* reply = new_qz_stream(0);
-        for (int i = 0; i < 3000; ++i) {
-            qz_vprintf_stream(reply, "%09d\n", i);
-        }
-        qz_rewind_stream(reply);
-        arg->state = reply;
-    }
-    drain_reply(arg);
+    answer_text(arg, reply);
 }
+
+constexpr std::array<endpoint, 2> endpoints = {{
+    {"/echo", endpoint_method::any, endpoint_body::awaited, echo},
+    {"/long*", endpoint_method::any, endpoint_body::ignored, long_reply},
+}};
 
 // Keeps what it is sent waiting, and eats it piece by piece.
 void eat(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
+    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
         return;
     }
     arg->in.used = arg->in.len > 3 ? 3 : arg->in.len;
@@ -91,8 +85,7 @@ shttpd_ctx* make_context(const std::filesystem::path& root) {
     ctx->index_files = "index.html";
     init_auth_info(ctx);
     ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
-    shttpd_register_uri(ctx, "/echo", echo, nullptr);
-    shttpd_register_uri(ctx, "/long*", long_reply, nullptr);
+    register_endpoints(ctx, endpoints);
     shttpd_register_uri(ctx, "/eat", eat, nullptr);
     shttpd_poll(ctx, 0);  // makes what every later case finds in place
     return ctx;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <ctime>
@@ -140,7 +139,7 @@ constinit const io_class io_dir = {
 void get_dir(conn* c, const std::string& path) {
     DIR* directory = opendir(path.c_str());
     if (directory == nullptr) {
-        send_server_error(c, 500, "Cannot open directory", errno);
+        send_server_error(c, 500, "Cannot open directory");
         return;
     }
     const char* uri = c->request.uri.c_str();

@@ -132,22 +132,18 @@ void print_domains(shttpd_call_arg* arg) {
 }  // namespace
 
 void init_world_uris(shttpd_ctx* ctx) {
-    shttpd_register_uri(ctx, "/world/getvitals", vitals_call, nullptr);
-    shttpd_register_uri(ctx, "/world/ping", ping_call, nullptr);
+    static constexpr std::array<endpoint, 2> endpoints = {{
+        {"/world/getvitals", endpoint_method::any, endpoint_body::ignored, vitals_call},
+        {"/world/ping", endpoint_method::any, endpoint_body::ignored, ping_call},
+    }};
+    register_endpoints(ctx, endpoints);
 }
 
 void ping_call(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n");
-    arg->flags |= ARG_END_OF_OUTPUT;
 }
 
 void vitals_call(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n{\n");
     // Kept: two blanks follow the first colon, and one follows every other.
     shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", daemon_version);
@@ -162,5 +158,4 @@ void vitals_call(shttpd_call_arg* arg) {
     shttpd_printf(arg, "\"DOMAINS\" : {\n");
     print_domains(arg);
     shttpd_printf(arg, "    }\n}\n");
-    arg->flags |= ARG_END_OF_OUTPUT;
 }

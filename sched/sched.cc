@@ -1,5 +1,6 @@
 #include "sched/sched.h"
 
+#include <array>
 #include <ctime>
 #include <string>
 
@@ -24,26 +25,20 @@ const char* schedule_path(const shttpd_ctx* ctx) {
 // Reads the schedule file again: the entry of the query's "id", or everything. Any method will do.
 // Kept: a body is waited for and not read, so an id in it counts as none.
 void uri_sched_rescan(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || post_body_pending(arg)) {
-        return;
-    }
     const std::string id = get_variable(query_text(arg), "id", id_bytes);
     rescan_schedules(scheduler, id, schedule_path(arg->connection->ctx), std::time(nullptr));
     show_success(arg);
 }
 
-// The dump is made on the first call and sent over as many as it takes.
 void uri_sched_dump(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
-    if (arg->state != nullptr) {
-        drain_reply(arg);
-        return;
-    }
     answer_text(arg, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" +
                          dump_schedules(scheduler, std::time(nullptr)));
 }
+
+constexpr std::array<endpoint, 2> endpoints = {{
+    {"/admin/sched/rescan", endpoint_method::any, endpoint_body::awaited, uri_sched_rescan},
+    {"/admin/sched/dump", endpoint_method::any, endpoint_body::ignored, uri_sched_dump},
+}};
 
 }  // namespace
 
@@ -55,8 +50,7 @@ void scheduler_init(shttpd_ctx* ctx) {
     read_schedules(scheduler, nullptr, schedule_path(ctx), now);
     scheduler->floor = now;  // reached: the hour of `now` is planned by the next line
     (void)calc_next_wakeup(scheduler, now);
-    shttpd_register_uri(ctx, "/admin/sched/rescan", uri_sched_rescan, nullptr);
-    shttpd_register_uri(ctx, "/admin/sched/dump", uri_sched_dump, nullptr);
+    register_endpoints(ctx, endpoints);
 }
 
 int sched_check_run(shttpd_ctx* ctx) {

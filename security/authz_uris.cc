@@ -10,7 +10,6 @@
 #include "core/config.h"
 #include "core/connection.h"
 #include "core/endpoint.h"
-#include "core/log.h"
 #include "core/shttpd.h"
 #include "core/string.h"
 #include "lib/plat.h"
@@ -30,10 +29,6 @@ constexpr std::size_t longest_namespaces = 4091;
 template <std::size_t Size>
 void store_variable(std::string_view variables, const char* name, std::array<char, Size>* field) {
     my_strlcpy(field->data(), get_variable(variables, name, static_cast<int>(Size)).c_str(), Size);
-}
-
-const char* kind_name(int kind) {
-    return kind == kind_user ? "user" : "group";
 }
 
 // A name that would break its line of the access file, or end it early.
@@ -73,13 +68,11 @@ void add_to_role(conn* c, const az_params* params, int kind) {
     }
     add_principal(principals(&table[role], kind), params->user.data());
     sync_role(c, table, role);
-    log_change(c, "granted %s in %s to %s %s", table[role].directory, c->request.ns->name.c_str(),
-               kind_name(kind), params->user.data());
 }
 
 void az_grant(shttpd_call_arg* arg) {
     az_params params;
-    if (endpoint_closing(arg) || get_az_params(arg, &params) != 0) {
+    if (get_az_params(arg, &params) != 0) {
         return;
     }
     const int kind = get_principal_kind(params.type.data());
@@ -101,7 +94,7 @@ void az_grant(shttpd_call_arg* arg) {
 
 void az_deny(shttpd_call_arg* arg) {
     az_params params;
-    if (endpoint_closing(arg) || get_az_params(arg, &params) != 0) {
+    if (get_az_params(arg, &params) != 0) {
         return;
     }
     const char* error = "Bad params";
@@ -159,9 +152,6 @@ void set_namespaces(shttpd_ctx* ctx, const std::string& text) {
 }
 
 void add_namespace(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || post_only_pending(arg)) {
-        return;
-    }
     shttpd_ctx* ctx = arg->connection->ctx;
     const std::string_view body = request_body(arg);
     const std::string name = get_variable(body, "namespace", namespace_bytes);
@@ -182,7 +172,6 @@ void add_namespace(shttpd_call_arg* arg) {
         text.append(text.empty() ? "" : ",").append(name).append("=").append(root);
         set_namespaces(ctx, text);
         add_namespace_to_map(ctx, name, root);
-        log_change(arg->connection, "added namespace %s with root %s", name.c_str(), root.c_str());
         show_success(arg);
     }
 }
@@ -190,9 +179,6 @@ void add_namespace(shttpd_call_arg* arg) {
 // Kept: the text loses every entry that matches but for its last character, the map only the exact
 // name, so a namespace can go on being served without being listed.
 void remove_namespace(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || post_only_pending(arg)) {
-        return;
-    }
     shttpd_ctx* ctx = arg->connection->ctx;
     const std::string name = get_variable(request_body(arg), "namespace", namespace_bytes);
     if (name.empty()) {
@@ -211,7 +197,6 @@ void remove_namespace(shttpd_call_arg* arg) {
     }
     set_namespaces(ctx, text);
     remove_namespace_from_map(ctx, name);
-    log_change(arg->connection, "removed namespace %s", name.c_str());
     show_success(arg);
 }
 
@@ -220,60 +205,45 @@ void remove_namespace(shttpd_call_arg* arg) {
 // Gets the service a new credential, for which the library reads its files again. Handshakes go on
 // with the context's own credential. A failure ends the process, as it does at the start.
 void at_switch(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
     set_security_info(arg->connection->ctx);
-    log_change(arg->connection, "renewed the service's credential");
     show_success(arg);
 }
 
 // Drops the credential that was fetched to stand for a management broker; the next client that asks
 // for the broker's name makes the daemon fetch it anew.
 void at_cred_cleanup(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg) || post_only_pending(arg)) {
-        return;
-    }
     const std::string uri = get_variable(request_body(arg), "sec_uri", sec_uri_bytes);
     if (qz_map* map = arg->connection->ctx->broker_credentials; map != nullptr) {
-        // What is not cached needs no clean-up.
-        if (qz_map_delete(map, uri.c_str()) == 0) {
-            log_change(arg->connection, "dropped the credential of broker %s", uri.c_str());
-        }
+        (void)qz_map_delete(map, uri.c_str());  // what is not cached needs no clean-up
     }
     show_success(arg);
 }
 
 void get_adm_gp(shttpd_call_arg* arg) {
-    if (endpoint_closing(arg)) {
-        return;
-    }
     const qz_owned<char> group(get_admin_group("root"));
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n%s\n", group.get());
-    arg->flags |= ARG_END_OF_OUTPUT;
 }
 
-struct endpoint {
-    const char* uri;
-    shttpd_handler handler;
-};
+constexpr auto any = endpoint_method::any;
+constexpr auto post = endpoint_method::post;
+constexpr auto ignored = endpoint_body::ignored;
+constexpr auto awaited = endpoint_body::awaited;
+constexpr auto awaited_with_post = endpoint_body::awaited_with_post;
 
 constexpr std::array<endpoint, 7> endpoints = {{
-    {"/admin/security/grant", az_grant},
-    {"/admin/security/deny", az_deny},
-    {"/admin/security/reset", at_switch},
-    {"/admin/security/cleanup", at_cred_cleanup},
-    {"/admin/dovmad/config/namespace/add", add_namespace},
-    {"/admin/dovmad/config/namespace/remove", remove_namespace},
-    {"/admin/security/get_admin_group", get_adm_gp},
+    {"/admin/security/grant", any, awaited_with_post, az_grant},
+    {"/admin/security/deny", any, awaited_with_post, az_deny},
+    {"/admin/security/reset", any, ignored, at_switch},
+    {"/admin/security/cleanup", post, awaited, at_cred_cleanup},
+    {"/admin/dovmad/config/namespace/add", post, awaited, add_namespace},
+    {"/admin/dovmad/config/namespace/remove", post, awaited, remove_namespace},
+    {"/admin/security/get_admin_group", any, ignored, get_adm_gp},
 }};
 
 }  // namespace
 
 void register_auth_uris(shttpd_ctx* ctx) {
-    for (const endpoint& row : endpoints) {
-        shttpd_register_uri(ctx, row.uri, row.handler, nullptr);
-    }
+    register_endpoints(ctx, endpoints);
 }
 
 int get_principal_kind(std::string_view type) {
@@ -285,9 +255,6 @@ int get_principal_kind(std::string_view type) {
 
 int get_az_params(shttpd_call_arg* arg, az_params* params) {
     const bool is_post = method_is(arg, "POST");
-    if (is_post && post_body_pending(arg)) {
-        return -1;
-    }
     const std::string_view variables = is_post ? request_body(arg) : query_text(arg);
     store_variable(variables, "role", &params->role);
     store_variable(variables, "user", &params->user);
@@ -322,8 +289,6 @@ int deny_az(conn* c, const az_params* params, const char** error) {
         if (std::strcmp(at.data<const char>(), params->user.data()) == 0) {
             at.erase();
             sync_role(c, table, role);
-            log_change(c, "took %s in %s from %s %s", table[role].directory,
-                       c->request.ns->name.c_str(), kind_name(kind), params->user.data());
             break;
         }
     }
