@@ -203,7 +203,7 @@ void reset_child_signals() {
     sigemptyset(&action.sa_mask);
     action.sa_handler = SIG_DFL;
     for (const int number :
-         {SIGPIPE, SIGTERM, SIGINT, SIGCHLD, SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU}) {
+         {SIGPIPE, SIGXFSZ, SIGTERM, SIGINT, SIGCHLD, SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU}) {
         (void)sigaction(number, &action, nullptr);
     }
     // The mask is inherited over exec as well; a program must not start with signals blocked.

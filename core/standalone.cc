@@ -109,6 +109,7 @@ void install_signal_handlers() {
     (void)sigaction(SIGINT, &action, nullptr);
     action.sa_handler = SIG_IGN;
     (void)sigaction(SIGPIPE, &action, nullptr);
+    (void)sigaction(SIGXFSZ, &action, nullptr);  // a file at its limit is an error like any other
 }
 
 // An unprivileged daemon may not raise its hard limits; it then runs with what it has.

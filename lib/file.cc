@@ -8,7 +8,25 @@ namespace {
 
 constexpr std::size_t block_bytes = 65536;
 
+file_stamp stamp(const struct stat& status) {
+    return {.device = status.st_dev,
+            .inode = status.st_ino,
+            .size = status.st_size,
+            .changed_s = status.st_ctim.tv_sec,
+            .changed_ns = status.st_ctim.tv_nsec};
+}
+
 }  // namespace
+
+file_stamp stamp_of(int fd) noexcept {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 ? stamp(status) : file_stamp{};
+}
+
+file_stamp stamp_of(const char* path) noexcept {
+    struct stat status {};
+    return ::stat(path, &status) == 0 ? stamp(status) : file_stamp{};
+}
 
 unique_fd open_regular(const char* path, struct stat* status) noexcept {
     struct stat unwanted {};

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -27,6 +28,21 @@ struct directory_closer {
     void operator()(DIR* directory) const noexcept { (void)::closedir(directory); }
 };
 using directory_ptr = std::unique_ptr<DIR, directory_closer>;
+
+// Tells whether a path still leads to the file that was seen there, unchanged since.
+struct file_stamp {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    std::int64_t changed_s = 0;  // the status change, which no program can set
+    std::int64_t changed_ns = 0;
+
+    bool operator==(const file_stamp&) const = default;
+};
+
+// The stamp of an open file or of what a path leads to; all zero, which no file has, on failure.
+[[nodiscard]] file_stamp stamp_of(int fd) noexcept;
+[[nodiscard]] file_stamp stamp_of(const char* path) noexcept;
 
 // Opens a regular file for reading. Anything else is refused with errno EISDIR (a folder) or EINVAL
 // (a pipe, socket or device); none is read from. `status` receives what fstat says, unless null.
