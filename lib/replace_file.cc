@@ -39,8 +39,7 @@ int reserve(int fd, std::size_t length) {
     if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && length > limit.rlim_cur) {
         return EFBIG;
     }
-    while (length > 0 &&
-           ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)) != 0) {
+    while (length > 0 && ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)) != 0) {
         if (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL) {
             break;  // the file system knows no such thing
         }
@@ -131,9 +130,8 @@ place place_of(std::string path) {
     std::string folder = path.substr(0, slash + 1);
     std::string temporary = folder;
     temporary.append(before).append(name).append(behind);
-    return {.folder = std::move(folder),
-            .path = std::move(path),
-            .temporary = std::move(temporary)};
+    return {
+        .folder = std::move(folder), .path = std::move(path), .temporary = std::move(temporary)};
 }
 
 // Makes the new name durable. `fd` is the file that got it.
@@ -221,8 +219,8 @@ turn take_turn(const unique_fd& fd, const char* path, const struct stat& status)
     }
     // A file system without locks leaves it at that.
     struct stat now = {};
-    const bool same = ::stat(path, &now) == 0 && now.st_dev == status.st_dev &&
-                      now.st_ino == status.st_ino;
+    const bool same =
+        ::stat(path, &now) == 0 && now.st_dev == status.st_dev && now.st_ino == status.st_ino;
     return same ? turn::taken : turn::again;
 }
 
@@ -262,9 +260,8 @@ int replace_file(const char* path, std::string_view content, file_stamp* stamp) 
     }
     const bool regular = S_ISREG(original.st_mode);
     const qz_owned<char> resolved(regular ? ::realpath(path, nullptr) : nullptr);
-    if (resolved != nullptr &&
-        replace_by_rename(fd.get(), original, place_of(resolved.get()), content, stamp, &error) !=
-            outcome::impossible) {
+    if (resolved != nullptr && replace_by_rename(fd.get(), original, place_of(resolved.get()),
+                                                 content, stamp, &error) != outcome::impossible) {
         return error;
     }
     error = overwrite(fd.get(), content, regular);
