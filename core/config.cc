@@ -12,6 +12,7 @@
 #include <new>
 
 #include "core/compat_unix.h"
+#include "core/config_line.h"
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
@@ -30,8 +31,6 @@
 
 namespace {
 
-// Longer lines are read in pieces, each of which loses its last character.
-constexpr int line_bytes = 2048;
 constexpr int smallest_buffer = 1024;
 constexpr int largest_buffer = 16 * 1024 * 1024;
 constexpr int default_buffer = 16384;
@@ -55,22 +54,6 @@ void fill_defaults(option_slots* slots) {
     }
 }
 
-// One line "keyword value # comment".
-// Kept: the last character goes, also when it is no line feed, and the value keeps the blanks that
-// stand before a comment.
-void read_line(char* line, option_slots* slots) {
-    const std::size_t length = std::strlen(line);
-    if (length > 0) {
-        line[length - 1] = '\0';
-    }
-    char keyword[line_bytes];
-    char value[line_bytes];
-    if (std::sscanf(line, "%2047s %2047[^#\n]", keyword, value) != 2) {
-        elog(elog_fatal, nullptr, "init_ctx: bad line: [%s]", line);
-    }
-    set_option(known_option(keyword), value, slots);
-}
-
 void read_file(const char* path, option_slots* slots) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "re"), std::fclose);
     if (file == nullptr) {
@@ -80,11 +63,18 @@ void read_file(const char* path, option_slots* slots) {
         }
         return;
     }
-    char line[line_bytes];
-    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
-        if (line[0] != '#' && line[0] != '\n') {
-            read_line(line, slots);
+    config_line line;
+    while (next_config_line(file.get(), &line)) {
+        const option_row* row =
+            line.keyword.empty() ? nullptr : find_option('\0', line.keyword.c_str());
+        if (row == nullptr) {  // a fixed text follows, which can't tell the place
+            (void)std::fprintf(stderr, "%s:%d:\n", path, line.number);
         }
+        if (line.keyword.empty()) {
+            elog(elog_fatal, nullptr, "init_ctx: bad line: [%s]", line.text.c_str());
+        }
+        set_option(row != nullptr ? row : known_option(line.keyword.c_str()), line.value.c_str(),
+                   slots);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/config_line.h"
 #include "core/paths.h"
 #include "provider/tool.h"
 
@@ -20,7 +21,6 @@ struct file_close {
 };
 using file_ptr = std::unique_ptr<std::FILE, file_close>;
 
-constexpr std::size_t config_line_bytes = 2048;  // and the daemon's
 constexpr std::size_t longest_secret = 512;
 
 // Reads one line without its end, byte by byte so that nothing is left in another buffer. False: no
@@ -100,17 +100,10 @@ bool read_config(const tool_options& options, daemon_config* config) {
         (void)fail("%s: %s", options.config_file.c_str(), strerror(errno));
         return false;
     }
-    char line[config_line_bytes];
-    char keyword[config_line_bytes];
-    char value[config_line_bytes];
-    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
-        if (line[0] != '\0' && line[0] != '#' && line[0] != '\n') {
-            // The last character goes, whatever it is: the daemon takes it for the line's end. It
-            // also takes blanks in front of a comment for a part of the value.
-            line[strlen(line) - 1] = '\0';
-            if (std::sscanf(line, "%2047s %2047[^#\n]", keyword, value) == 2) {
-                config->values.insert_or_assign(keyword, value);
-            }
+    config_line line;
+    while (next_config_line(file.get(), &line)) {
+        if (!line.keyword.empty()) {
+            config->values.insert_or_assign(line.keyword, line.value);
         }
     }
     return true;

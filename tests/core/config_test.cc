@@ -116,11 +116,15 @@ TEST_F(Configuration, BadFilesAreFatalWithTheirText) {
         std::string lines;
         std::string text;
     } rows[] = {
-        {"foo 1\n", "set_option: unknown variable \\[foo\\]\n"},
-        {"Listen_ports 1\n", "set_option: unknown variable \\[Listen_ports\\]\n"},
-        {"noauth\n", "init_ctx: bad line: \\[noauth\\]\n"},
-        {"noauth #1\n", "init_ctx: bad line: \\[noauth #1\\]\n"},
-        {std::string("\0\n", 2), "init_ctx: bad line: \\[\\]\n"},
+        {"foo 1\n", ".*conf:3:\nset_option: unknown variable \\[foo\\]\n"},
+        {"#\nport " + std::string(3000, '1') + "\n\nfoo 1\n",
+         ".*conf:4:\nset_option: unknown variable \\[port\\]\n"},
+        {"listen_ports " + std::string(2034, '1') + "pid_file x\nfoo 1\n",
+         ".*conf:4:\nset_option: unknown variable \\[foo\\]\n"},
+        {"Listen_ports 1\n", ".*conf:3:\nset_option: unknown variable \\[Listen_ports\\]\n"},
+        {"noauth\n", ".*conf:3:\ninit_ctx: bad line: \\[noauth\\]\n"},
+        {"noauth #1\n", ".*conf:3:\ninit_ctx: bad line: \\[noauth #1\\]\n"},
+        {std::string("\0\n", 2), ".*conf:3:\ninit_ctx: bad line: \\[\\]\n"},
         {"error_log /no/such/dir/log\n",
          "cannot open log file /no/such/dir/log: No such file or directory\n"},
         {"mime_types /no/such/types\n",
