@@ -122,8 +122,8 @@ void daemonize() {
     (void)setsid();
     close_descriptors_from(STDIN_FILENO);
     const int null_device = open("/dev/null", O_RDWR);  // becomes standard input
-    (void)dup(null_device);
-    (void)dup(null_device);
+    (void)!dup(null_device);
+    (void)!dup(null_device);
     (void)umask(daemon_umask);
     struct sigaction action {};
     sigemptyset(&action.sa_mask);

@@ -26,6 +26,7 @@
 #include "sched/sched.h"
 #include "security/at_types.h"
 #include "security/authz.h"
+#include "security/library_log.h"
 #include "security/sec_uri.h"
 #include "security/tpk_make_path.h"
 
@@ -40,7 +41,7 @@ constexpr int default_buffer = 16384;
 const option_row* known_option(const char* keyword) {
     const option_row* row = find_option('\0', keyword);
     if (row == nullptr) {
-        elog(elog_fatal, nullptr, "set_option: unknown variable [%s]", keyword);
+        fatal("set_option: unknown variable [%s]", keyword);
     }
     return row;
 }
@@ -135,6 +136,7 @@ void start_library(shttpd_ctx* ctx) {
         (void)std::fprintf(stderr, "Error initializing MOLB AT%d\n", static_cast<int>(code));
         std::abort();
     }
+    offer_log_to_library(ctx);
 }
 
 // The identity of the service itself: everything but the host is absent.
@@ -220,16 +222,15 @@ void set_security_info(shttpd_ctx* ctx) {
     (void)conf_parse_init();
     auto* info = new (std::nothrow) security_info{};
     if (info == nullptr) {
-        elog(elog_fatal, nullptr, "Out of memory");
-        return;
+        fatal("Out of memory");
     }
     info->identity = service_identity;
     if (molbAtAuthenticate(ctx->at_handle, &info->identity, 0, &info->credential) != at_ok) {
-        elog(elog_fatal, nullptr, "Cannot get credential for service");
+        fatal("Cannot get credential for service");
     }
     info->default_domain = first_domain(ctx);
     if (info->default_domain == nullptr) {
-        elog(elog_fatal, nullptr, "Cannot get list of domains");
+        fatal("Cannot get list of domains");
     }
     // The old information goes when the new one stands, so that nobody meets a gap.
     free_security_info(ctx->security);

@@ -196,6 +196,8 @@ void reset_request(request_data* request) {
     request->role.clear();
     request->recorded_role.clear();
     request->headers = header_values();
+    request->typed_user.clear();
+    request->refusal_logged = false;
     request->body_left = 0;
     request->sent = 0;
 }

@@ -73,6 +73,8 @@ struct request_data {
     std::string role;                // the URI's role segment
     std::string recorded_role;       // the role that authorization granted; empty: none
     header_values headers;
+    std::string typed_user;       // of an Authorization value that has been wiped
+    bool refusal_logged = false;  // the error log has the line of this request's refusal
     std::uint64_t body_left = 0;  // body bytes not yet handed to the handler
     std::uint64_t sent = 0;       // reply bytes that have gone out
 

@@ -1,14 +1,18 @@
 #include "core/log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <string>
 #include <string_view>
 
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/globals.h"
+#include "core/request.h"
 #include "core/v6socket.h"
 
 int tz_offset = 0;
@@ -53,7 +57,6 @@ const char* client_text(const conn* c, char (&buffer)[address_bytes]) {
     return text != nullptr ? text : "-";
 }
 
-// Safe to print: a request line holds neither line feeds nor other control bytes but returns.
 const char* request_line(const conn* c) {
     return c == nullptr || c->request.line()[0] == '\0' ? "-" : c->request.line();
 }
@@ -79,14 +82,113 @@ std::size_t put_prefix(char (&line)[line_bytes], const conn* c) {
     return length < sizeof line ? length : sizeof line - 1;
 }
 
+// The control characters of ASCII, and those behind it: terminals take U+009B for an escape
+// sequence's beginning. Bytes inside the other characters of UTF-8 are none.
+bool is_control(std::string_view text, std::size_t at) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x80 || byte > 0x9f) {
+        return byte < 0x20 || byte == 0x7f;
+    }
+    const auto before = at > 0 ? static_cast<unsigned char>(text[at - 1]) : 0U;
+    return before < 0x80 || before == 0xc2;
+}
+
+// The text with every control byte as \xNN. `quoted`: every quote as well, so that the text can't
+// be taken for the end of a request line and what follows one.
+std::string printable(std::string_view text, bool quoted = false) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (is_control(text, at) || (quoted && text[at] == '"')) {
+            const auto byte = static_cast<unsigned char>(text[at]);
+            out.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
+        } else {
+            out += text[at];
+        }
+    }
+    return out;
+}
+
+// A full disk must not stop the daemon.
+void write_line(std::FILE* file, std::string_view line) {
+    std::string text = printable(line);
+    text += '\n';
+    (void)std::fwrite(text.data(), 1, text.size(), file);
+    (void)std::fflush(file);
+}
+
 void write_error_line(std::FILE* file, const conn* c, const char* format, va_list arguments) {
     char line[line_bytes];
     const std::size_t start = put_prefix(line, c);
     if (std::vsnprintf(line + start, sizeof line - start, format, arguments) < 0) {
         line[start] = '\0';
     }
-    (void)std::fprintf(file, "%s\n", line);  // a full disk must not stop the daemon
-    (void)std::fflush(file);
+    write_line(file, line);
+}
+
+[[gnu::format(printf, 3, 4)]] void put_error_line(std::FILE* file, const conn* c,
+                                                  const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    write_error_line(file, c, format, arguments);
+    va_end(arguments);
+}
+
+std::FILE* error_log_of(const conn* c) {
+    return c != nullptr && c->ctx != nullptr ? c->ctx->error_log : nullptr;
+}
+
+// --- The lines that clients cause, so many that they can't fill a disk ---
+
+constexpr int lines_a_second = 50;
+
+struct {
+    std::time_t second = 0;  // that `written` counts in
+    int written = 0;
+    unsigned long left_out = 0;
+} flood;
+
+void tell_left_out(std::FILE* file) {
+    if (flood.left_out > 0) {
+        put_error_line(file, nullptr, "%lu more lines of this second were left out",
+                       flood.left_out);
+        flood.left_out = 0;
+    }
+}
+
+// Whether there is a log and room in it for one more line of this second.
+bool may_write(std::FILE* file) {
+    if (file == nullptr) {
+        return false;
+    }
+    if (flood.second != current_time) {
+        tell_left_out(file);
+        flood.second = current_time;
+        flood.written = 0;
+    }
+    if (flood.written >= lines_a_second) {
+        ++flood.left_out;
+        return false;
+    }
+    ++flood.written;
+    return true;
+}
+
+// The user that a refusal is about, empty when none is known.
+std::string refused_user(const conn* c, int status) {
+    constexpr std::size_t longest_name = 255;
+    std::string name;
+    if (status == 401) {
+        name = c->request.typed_user;
+        if (name.empty()) {
+            name = typed_user(c->request.headers.authorization);
+        }
+    } else if (status == 403) {
+        name = c->user_name;
+    }
+    name.resize(std::min(name.size(), longest_name));
+    return printable(name, true);
 }
 
 }  // namespace
@@ -102,7 +204,7 @@ void elog(int flags, const conn* c, const char* format, ...) {
         va_end(arguments);
         (void)std::fputc('\n', stderr);
     }
-    if (ctx != nullptr && ctx->error_log != nullptr && (flags & (elog_fatal | elog_info)) != 0) {
+    if (error_log_of(c) != nullptr && (flags & (elog_fatal | elog_info)) != 0) {
         errno = saved_errno;  // for a format with %m
         va_start(arguments, format);
         write_error_line(ctx->error_log, c, format, arguments);
@@ -112,6 +214,93 @@ void elog(int flags, const conn* c, const char* format, ...) {
         std::exit(EXIT_FAILURE);
     }
     errno = saved_errno;
+}
+
+void fatal(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    (void)std::fputc('\n', stderr);
+    std::exit(EXIT_FAILURE);
+}
+
+void log_change(const conn* c, const char* format, ...) {
+    constexpr std::size_t message_bytes = 4096;
+    std::FILE* file = error_log_of(c);
+    if (file == nullptr) {
+        return;
+    }
+    const int saved_errno = errno;
+    char message[message_bytes];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    const header_values& headers = c->request.headers;
+    std::string behalf;
+    if (!headers.on_behalf_user.empty() || !headers.on_behalf_ip.empty()) {
+        behalf.append(", on behalf of ").append(or_default(headers.on_behalf_user, "-"));
+        behalf.append(" from ").append(or_default(headers.on_behalf_ip, "-"));
+    }
+    put_error_line(file, c, "%s %s%s", c->user_name.empty() ? "somebody" : c->user_name.c_str(),
+                   message, behalf.c_str());
+    errno = saved_errno;
+}
+
+void log_always(const shttpd_ctx* ctx, const conn* c, const char* format, ...) {
+    const int saved_errno = errno;
+    if (ctx != nullptr && ctx->error_log != nullptr) {
+        va_list arguments;
+        va_start(arguments, format);
+        write_error_line(ctx->error_log, c, format, arguments);
+        va_end(arguments);
+    }
+    errno = saved_errno;
+}
+
+void log_refusal(conn* c, int status, std::string_view reason, std::string_view why) {
+    if (status < 400 || c->request.refusal_logged) {
+        return;
+    }
+    c->request.refusal_logged = true;
+    const int saved_errno = errno;
+    if (std::FILE* file = error_log_of(c); may_write(file)) {
+        std::string text = printable(reason.substr(0, reason.find_first_of("\r\n")), true);
+        if (!why.empty()) {
+            text.append(": ").append(printable(why, true));
+        }
+        if (const std::string user = refused_user(c, status); !user.empty()) {
+            text.append(", user ").append(user);
+        }
+        put_error_line(file, c, "%d %s", status, text.c_str());
+    }
+    errno = saved_errno;
+}
+
+void log_refusal(conn* c, int status, std::string_view reason, int error) {
+    log_refusal(c, status, reason, error != 0 ? std::strerror(error) : "");
+}
+
+void log_muted(const conn* c, const char* reason) {
+    log_trouble(c->ctx, c, "muted: %s", reason);
+}
+
+void log_trouble(const shttpd_ctx* ctx, const conn* c, const char* format, ...) {
+    const int saved_errno = errno;
+    if (std::FILE* file = ctx != nullptr ? ctx->error_log : nullptr; may_write(file)) {
+        va_list arguments;
+        va_start(arguments, format);
+        write_error_line(file, c, format, arguments);
+        va_end(arguments);
+    }
+    errno = saved_errno;
+}
+
+void tell_left_out_lines(const shttpd_ctx* ctx, bool now) {
+    if (flood.left_out > 0 && (now || flood.second != current_time) && ctx->error_log != nullptr) {
+        tell_left_out(ctx->error_log);
+    }
 }
 
 void log_access(std::FILE* file, const conn* c) {
@@ -144,6 +333,5 @@ void log_access(std::FILE* file, const conn* c) {
         ns.data(), request.status, static_cast<unsigned long>(c->local.total), referer_quote,
         width(referer), referer.data(), referer_quote, agent_quote, width(agent), agent.data(),
         agent_quote);
-    (void)std::fprintf(file, "%s\n", line);
-    (void)std::fflush(file);
+    write_line(file, line);
 }

@@ -115,8 +115,7 @@ const char* get_mime_type(shttpd_ctx* ctx, const char* name, std::size_t length)
 void set_mime_types(shttpd_ctx* ctx, const char* path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "re"), std::fclose);
     if (file == nullptr) {
-        elog(elog_fatal, nullptr, "set_mime_types: fopen(%s): %s", path, std::strerror(errno));
-        return;
+        fatal("set_mime_types: fopen(%s): %s", path, std::strerror(errno));
     }
     char line[line_bytes];
     while (std::fgets(line, sizeof line, file.get()) != nullptr) {

@@ -45,8 +45,7 @@ int set_realm(shttpd_ctx* ctx, const option_field& field, const char* /*value*/)
 int set_log_file(shttpd_ctx* ctx, const option_field& field, const char* value) {
     std::FILE* file = std::fopen(value, "ae");
     if (file == nullptr) {
-        elog(elog_fatal, nullptr, "cannot open log file %s: %s", value, std::strerror(errno));
-        return -1;
+        fatal("cannot open log file %s: %s", value, std::strerror(errno));
     }
     ctx->*std::get<std::FILE * shttpd_ctx::*>(field) = file;
     return 0;

@@ -9,8 +9,10 @@
 
 #include "core/context.h"
 #include "core/globals.h"
+#include "core/log.h"
 #include "core/route.h"
 #include "core/string.h"
+#include "lib/base64.h"
 
 namespace {
 
@@ -152,6 +154,13 @@ int find_method(std::string_view block) {
     return -1;
 }
 
+// Why no answer is possible. Clients that begin with a TLS handshake are many and deserve a word.
+const char* unreadable_header(std::string_view input) {
+    constexpr char tls_handshake = 0x16;
+    return input.front() == tls_handshake ? "TLS handshake on a plain port"
+                                          : "forbidden byte in the header block";
+}
+
 // Takes the header block out of the remote buffer.
 void consume_block(conn* c, std::size_t length) {
     stream& remote = c->remote;
@@ -163,6 +172,11 @@ void consume_block(conn* c, std::size_t length) {
     remote.header_length = length;
     remote.total = remote.pending();
     remote.flags |= sf_parsed;
+}
+
+parse_result mute(const conn* c, const char* reason) {
+    log_muted(c, reason);
+    return parse_result::muted;
 }
 
 // "METHOD URI HTTP/x.y"; returns false after an error reply.
@@ -331,6 +345,25 @@ void get_role_from_uri(conn* c, bool is_proxied) {
     c->request.role.assign(rest.substr(0, rest.find('/')));
 }
 
+std::string typed_user(std::string_view authorization) {
+    constexpr std::string_view scheme = "Basic ";
+    constexpr std::size_t longest = 1024;
+    if (!starts_with_nocase(authorization, scheme) || authorization.size() > longest) {
+        return {};
+    }
+    authorization.remove_prefix(scheme.size());
+    std::array<char, longest> login{};
+    const int length = base64_decode(login.data(), static_cast<int>(login.size()),
+                                     authorization.data(), static_cast<int>(authorization.size()));
+    std::string user;
+    if (length > 0) {
+        const std::string_view text(login.data(), static_cast<std::size_t>(length));
+        user = text.substr(0, std::min(text.find(':'), text.size()));
+    }
+    explicit_bzero(login.data(), login.size());
+    return user;
+}
+
 void split_and_decode_uri(conn* c) {
     request_data& request = c->request;
     // The query is split off before the path is decoded: an escaped "?" belongs to the path.
@@ -376,14 +409,18 @@ parse_result parse_request(conn* c) {
     const ssize_t length = get_headers_len(input.data(), input.size());
     if (length == 0) {
         // A block that can never become complete gets no answer, like every other early error.
-        return remote.pending() >= remote.size ? parse_result::muted : parse_result::incomplete;
+        return remote.pending() >= remote.size ? mute(c, "no header block")
+                                               : parse_result::incomplete;
+    }
+    if (length < 0) {
+        return mute(c, unreadable_header(input));
     }
     if (length < static_cast<ssize_t>(header_bytes_min)) {
-        return parse_result::muted;
+        return mute(c, "header block too short");
     }
     const int method = find_method(input);
     if (method < 0) {
-        return parse_result::muted;
+        return mute(c, "unknown method");
     }
     // From here on errors are answered: the request is known to be one.
     c->request.method = method;

@@ -38,6 +38,10 @@ void clean_uri(std::string* uri);
 // The role segment of the request's URI, as a copy in request.role.
 void get_role_from_uri(conn* c, bool is_proxied);
 
+// The user in the value of an Authorization header, "DOMAIN\NAME" or "NAME" as typed; empty when it
+// holds none.
+std::string typed_user(std::string_view authorization);
+
 // Splits the query off a local URI and decodes the path; the query stays as received.
 void split_and_decode_uri(conn* c);
 

@@ -3,12 +3,15 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <string_view>
 
 #include "core/compat_unix.h"
 #include "core/connection.h"
 #include "core/context.h"
+#include "core/log.h"
 #include "core/mime_type.h"
 #include "core/request.h"
 #include "core/string.h"
@@ -110,11 +113,11 @@ bool serve_put(conn* c, request_target& target) {
     if (made == 0) {
         send_server_error(c, 200, "OK");
     } else if (made < 0) {
-        send_server_error(c, 500, "PUT Directory Error");
+        send_server_error(c, 500, "PUT Directory Error", errno);
     } else if (c->request.headers.content_length == 0) {
         send_server_error(c, 411, "Length Required");
     } else if (!receive_file(c, target.path.c_str())) {
-        send_server_error(c, 500, "PUT Error");
+        send_server_error(c, 500, "PUT Error", errno);
     }
     return true;
 }
@@ -126,7 +129,7 @@ bool serve_delete(conn* c, request_target& target) {
     if (my_remove(target.path.c_str()) == 0) {
         send_server_error(c, 200, "OK");
     } else {
-        send_server_error(c, 500, "DELETE Error");
+        send_server_error(c, 500, "DELETE Error", errno);
     }
     return true;
 }
@@ -216,7 +219,7 @@ bool serve_ssi(conn* c, request_target& target) {
     }
     const int fd = open_regular_file(target.path.c_str(), &target.st);
     if (fd < 0) {
-        send_server_error(c, 500, "SSI open error");
+        send_server_error(c, 500, "SSI open error", errno);
         return true;
     }
     // The class first: whatever fails from here on, stopping the stream closes the file.
@@ -233,7 +236,7 @@ bool serve_file(conn* c, request_target& target) {
     }
     const int fd = open_shared_file(target.path.c_str(), &target.st);
     if (fd < 0) {
-        send_server_error(c, 500, "Internal Error");
+        send_server_error(c, 500, "Internal Error", errno);
         return true;
     }
     install_class(&c->local, &io_file, fd, 0);
@@ -289,8 +292,15 @@ const error_handler* find_error_handler(conn* c, int status) {
     return nullptr;
 }
 
-// Takes the local stream away from whatever holds it. False when part of a reply has gone out.
-bool clear_reply(conn* c) {
+// Takes the local stream away from whatever holds it and logs the refusal. False when part of a
+// reply has gone out.
+bool clear_reply(conn* c, int status, const char* reason, std::string_view why) {
+    if (c->request.sent > 0) {
+        log_trouble(c->ctx, c, "reply broken off: %s%s%.*s", reason, why.empty() ? "" : ": ",
+                    static_cast<int>(why.size()), why.data());
+    } else {
+        log_refusal(c, status, reason, why);
+    }
     // First the handler is told, while the request is still whole; then its buffer is taken.
     stop_stream(&c->local);
     c->close_after = true;
@@ -341,9 +351,13 @@ void route_request(conn* c) {
     serve_locally(c, target);
 }
 
-void send_server_error(conn* c, int status, const char* reason) {
+void send_server_error(conn* c, int status, const char* reason, int error) {
+    send_server_error(c, status, reason, std::string_view(error != 0 ? std::strerror(error) : ""));
+}
+
+void send_server_error(conn* c, int status, const char* reason, std::string_view why) {
     const error_handler* handler = find_error_handler(c, status);
-    if (!clear_reply(c)) {
+    if (!clear_reply(c, status, reason, why)) {
         return;
     }
     if (handler != nullptr) {
@@ -358,7 +372,7 @@ void send_server_error(conn* c, int status, const char* reason) {
 
 void send_server_error_with_header(conn* c, int status, const char* reason, const char* text) {
     const error_handler* handler = find_error_handler(c, status);
-    if (!clear_reply(c)) {
+    if (!clear_reply(c, status, reason, {})) {
         return;
     }
     if (handler != nullptr) {

@@ -1,6 +1,8 @@
 // Choosing what answers a request, and the engine's error replies.
 #pragma once
 
+#include <string_view>
+
 #include "core/fwd.h"
 
 // Authenticates, authorizes and routes a parsed request: installs a class on the local stream or
@@ -9,8 +11,10 @@ void route_request(conn* c);
 
 // Replaces whatever the local stream holds by "HTTP/1.1 STATUS REASON\r\n\r\nSTATUS REASON", or
 // starts the handler registered for the status; the connection closes after the reply. When bytes
-// of an earlier reply have gone out nothing is written.
-void send_server_error(conn* c, int status, const char* reason);
+// of an earlier reply have gone out nothing is written. `error`, an errno value, and `why` tell the
+// log alone how it came to that; 0 and the empty text: nobody knows.
+void send_server_error(conn* c, int status, const char* reason, int error = 0);
+void send_server_error(conn* c, int status, const char* reason, std::string_view why);
 
 // The same with "HTTP/1.1 STATUS REASON\r\n\r\n TEXT".
 // Kept: a handler registered for the status starts without its user data.

@@ -29,6 +29,7 @@
 #include "sched/sched.h"
 #include "security/authz.h"
 #include "security/io_molbat.h"
+#include "security/library_log.h"
 
 // One listening port. Both flags are handed to every connection that is accepted on it.
 struct listener_record : list_link {
@@ -318,13 +319,11 @@ int shttpd_listen(shttpd_ctx* ctx, int port, bool is_ssl, bool u_flag) {
     const int handle = v6listen(port, listen_backlog, &error);
     if (handle < 0) {
         elog(elog_info, nullptr, "open_listening_port(%d): %s", port, strerror(error));
-        elog(elog_fatal, nullptr, "cannot open port %d", port);
-        return -1;
+        fatal("cannot open port %d", port);
     }
     if (is_ssl && ctx->tls_context == nullptr) {
         (void)v6close(handle);
-        elog(elog_fatal, nullptr, "cannot add SSL socket, please specify certificate file");
-        return -1;
+        fatal("cannot add SSL socket, please specify certificate file");
     }
     auto* listener = new listener_record;
     listener->ctx = ctx;
@@ -347,7 +346,7 @@ void open_listening_ports(shttpd_ctx* ctx) {
         // A larger number would silently become another port.
         if (port.port < 0 || port.port > port_max ||
             shttpd_listen(ctx, port.port, port.is_ssl, port.u_flag) < 0) {
-            elog(elog_fatal, nullptr, "Cannot open socket on port %d", port.port);
+            fatal("Cannot open socket on port %d", port.port);
         }
     }
 }
@@ -390,6 +389,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     if (loop.accept_paused && monotonic_seconds > loop.accept_paused_at) {
         resume_accepting();
     }
+    tell_left_out_lines(ctx);
     const bool files_open = close_idle_files();
     // Each of them waits for a moment that no descriptor announces.
     const bool short_wait = loop.accept_paused || draining_connections() > 0 || files_open;
@@ -423,6 +423,7 @@ void shttpd_fini(shttpd_ctx* ctx) {
     ctx->ssi_funcs.free_all([](ssi_func* entry) { delete entry; });
     clean_poll_fd_set();
     drop_cached_files();
+    tell_left_out_lines(ctx, true);
     close_log(&ctx->access_log);
     close_log(&ctx->error_log);
     free_auth_info(ctx);
@@ -433,6 +434,7 @@ void shttpd_fini(shttpd_ctx* ctx) {
     if (ctx->service_credential != nullptr) {
         (void)molbAtFree(ctx->service_credential);
     }
+    offer_log_to_library(nullptr);
     (void)molbAtTerminate(ctx->at_handle);
     destroy_critical_section(&ctx->lock);
     delete ctx;

@@ -79,8 +79,7 @@ void become_user(const std::string& name) {
     const char* user = name.c_str();
     const passwd* entry = getpwnam(user);
     if (entry == nullptr) {
-        elog(elog_fatal, nullptr, "main: unknown user [%s]", user);
-        return;
+        fatal("main: unknown user [%s]", user);
     }
     // Root's supplementary groups must not stay with an unprivileged user. A process that already
     // is that user has none to lose. Without the right to drop them the daemon may not change its
@@ -88,13 +87,13 @@ void become_user(const std::string& name) {
     const bool keeps_groups = entry->pw_uid != geteuid() && setgroups(1, &entry->pw_gid) != 0;
     const int groups_error = errno;
     if (setgid(entry->pw_gid) != 0) {
-        elog(elog_fatal, nullptr, "main: setgid(%s): %s", user, std::strerror(errno));
+        fatal("main: setgid(%s): %s", user, std::strerror(errno));
     }
     if (setuid(entry->pw_uid) != 0) {
-        elog(elog_fatal, nullptr, "main: setuid(%s): %s", user, std::strerror(errno));
+        fatal("main: setuid(%s): %s", user, std::strerror(errno));
     }
     if (keeps_groups) {
-        elog(elog_fatal, nullptr, "main: setgroups(%s): %s", user, std::strerror(groups_error));
+        fatal("main: setgroups(%s): %s", user, std::strerror(groups_error));
     }
 }
 
@@ -148,9 +147,11 @@ void take_connections(shttpd_ctx* ctx) {
 void stop_server(shttpd_call_arg* arg) {
     static bool stopped = false;
     if (stopped) {
+        log_change(arg->connection, "ended the daemon");
         _exit(EXIT_SUCCESS);
     }
     (void)stop_cgi_services();
+    log_change(arg->connection, "stopped the companion service");
     (void)shttpd_printf(arg, "%s", "HTTP/1.1 200 OK\r\n\r\n");
     (void)shttpd_printf(arg, "%s", "Success");
     stopped = true;
@@ -176,8 +177,7 @@ int main(int argc, char** argv) {
     read_arguments(argc, argv);
     shttpd_ctx* ctx = init_from_argc_argv(config_file, argc, argv);
     if (ctx == nullptr) {
-        elog(elog_fatal, nullptr, "Out of memory");
-        return EXIT_FAILURE;
+        fatal("Out of memory");
     }
     become_user(ctx->runtime_uid);
     install_signal_handlers();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <ctime>
@@ -139,7 +140,7 @@ constinit const io_class io_dir = {
 void get_dir(conn* c, const std::string& path) {
     DIR* directory = opendir(path.c_str());
     if (directory == nullptr) {
-        send_server_error(c, 500, "Cannot open directory");
+        send_server_error(c, 500, "Cannot open directory", errno);
         return;
     }
     const char* uri = c->request.uri.c_str();

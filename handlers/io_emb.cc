@@ -9,6 +9,7 @@
 
 #include "core/connection.h"
 #include "core/globals.h"
+#include "core/log.h"
 #include "core/request.h"
 #include "core/string.h"
 #include "core/v6socket.h"
@@ -67,14 +68,15 @@ void fill_views(conn* c, shttpd_call_arg* arg) {
     }
 }
 
-// The status of a reply is read from its first bytes: "HTTP/1.x NNN ...".
+// The status of a reply is read from its first bytes: "HTTP/1.x NNN REASON".
 void note_status(conn* c, std::string_view reply) {
     if (c->local.total > 0 || !reply.starts_with("HTTP/1.")) {
         return;
     }
+    constexpr std::size_t status_digits = 3;
     const std::size_t blank = reply.find(' ');
     int status = 0;
-    for (std::size_t i = blank; i != std::string_view::npos && i < blank + 3; ++i) {
+    for (std::size_t i = blank; i != std::string_view::npos && i < blank + status_digits; ++i) {
         const char digit = i + 1 < reply.size() ? reply[i + 1] : '\0';
         if (digit < '0' || digit > '9') {
             return;
@@ -82,6 +84,7 @@ void note_status(conn* c, std::string_view reply) {
         status = status * 10 + (digit - '0');
     }
     c->request.status = status;
+    log_refusal(c, status, reply.substr(std::min(blank + status_digits + 2, reply.size())), 0);
 }
 
 void account_for(conn* c, const shttpd_call_arg& arg) {

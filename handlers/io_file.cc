@@ -15,6 +15,7 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/globals.h"
+#include "core/log.h"
 #include "core/mime_type.h"
 #include "core/route.h"
 #include "core/string.h"
@@ -59,6 +60,9 @@ ssize_t write_file(stream* s, const void* buffer, std::size_t length) {
     const ssize_t n = write_all(s->channel.fd, static_cast<const char*>(buffer), length);
     if (n > 0 && c->request.body_left > static_cast<std::uint64_t>(n)) {
         return n;
+    }
+    if (n < 0) {
+        log_trouble(c->ctx, c, "upload not written: %s", std::strerror(errno));
     }
     struct stat st {};
     (void)fstat(s->channel.fd, &st);
@@ -214,6 +218,7 @@ int open_regular_file(const char* path, struct stat* st) {
     const int fd = my_open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0);
     if (fd >= 0 && (fstat(fd, st) != 0 || !S_ISREG(st->st_mode))) {
         (void)close(fd);
+        errno = EINVAL;
         return -1;
     }
     return fd;
@@ -280,6 +285,7 @@ int put_dir(const char* path) {
     for (std::size_t at = text.find('/', std::min<std::size_t>(2, text.size()));
          at != std::string_view::npos; at = text.find('/', at + 1)) {
         if (at > directory_bytes_max) {
+            errno = ENAMETOOLONG;
             return -1;
         }
         const std::string prefix(text.substr(0, at));

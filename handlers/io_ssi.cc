@@ -447,7 +447,7 @@ void do_ssi(conn* c) {
     std::unique_ptr<ssi_descriptor> ssi(new (std::nothrow) ssi_descriptor);
     std::FILE* file = ssi != nullptr ? fdopen(c->local.channel.fd, "r") : nullptr;
     if (file == nullptr) {
-        send_server_error(c, 500, "Cannot allocate SSI descriptor");
+        send_server_error(c, 500, "Cannot allocate SSI descriptor", ENOMEM);
         return;
     }
     ssi->connection = c;

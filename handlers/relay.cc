@@ -52,6 +52,24 @@ ssize_t refuse_head(stream* s, std::size_t own_bytes) {
     return 0;
 }
 
+// Programs and targets refuse requests, too. What they say stands in a Status line, or else in the
+// first one.
+void log_relayed_refusal(stream* s) {
+    const std::string_view head(s->buffer, s->header_length);
+    std::string_view reason = head.substr(
+        std::min(status_offset + status_digits, std::min(head.find('\n'), head.size())));
+    std::string_view rest = head;
+    while (!rest.empty()) {
+        constexpr std::string_view name = "Status: ";
+        const std::string_view line = next_header_line(&rest);
+        if (starts_with_nocase(line, name) && line.size() > name.size() + status_digits) {
+            reason = line.substr(name.size() + status_digits);
+        }
+    }
+    reason.remove_prefix(std::min(reason.find_first_not_of(' '), reason.size()));
+    log_refusal(s->connection, status_of(head), reason, 0);
+}
+
 }  // namespace
 
 // Kept: of a longer number the first three digits, of a shorter one blanks in front.
@@ -81,6 +99,7 @@ ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules) {
     }
     s->header_length = static_cast<std::size_t>(block);
     rules.accept(s);
+    log_relayed_refusal(s);
     return 0;  // the bytes are counted already
 }
 

@@ -65,8 +65,8 @@ void build_environment(const shttpd_ctx* ctx, env_block* block) {
     (void)setsid();
     close_descriptors_from(0);
     if (open("/dev/null", O_RDWR) == 0) {  // the lowest number: everything has been closed
-        (void)dup(0);
-        (void)dup(0);
+        (void)!dup(0);
+        (void)!dup(0);
     }
     (void)umask(command_umask);
     if (start_groups.known) {

@@ -338,6 +338,12 @@ int molbat_negotiate(const molb_version* version, molb_version* used) {
     return row->highest_index;
 }
 
+// For commands to the library that was loaded first; loading and unloading are done above.
+std::uint32_t molbatLibraryControl(const char* command, void* arg) {
+    return state.autoloader != nullptr ? state.autoloader(command, arg)
+                                       : std::uint32_t{at_not_available};
+}
+
 void* molbatGetSymbol(int index, const char* name) {
     if (index < 0 || index > api_index_max) {
         return nullptr;

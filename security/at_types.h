@@ -81,6 +81,15 @@ struct molb_accept_params {
     void* user_data;
 };
 
+// Where a library puts what an administrator should know, one line a call: a handshake's failure, a
+// file that it refuses. Offered by the command "Log" below; may be called during any call of the
+// library, on the caller's thread. `text` has no line end and belongs to the library.
+using molb_log_function = void (*)(int level, const char* text);
+enum at_log_level : int {
+    at_log_error = 1,  // something was refused or failed
+    at_log_info = 2,
+};
+
 static_assert(sizeof(void*) == 8, "the records are defined for 64-bit hosts");
 static_assert(sizeof(molb_identity) == 32 && offsetof(molb_identity, password) == 24);
 static_assert(sizeof(molb_info) == 24 && offsetof(molb_info, name) == 16);
@@ -93,7 +102,9 @@ static_assert(sizeof(molb_accept_params) == 24 && offsetof(molb_accept_params, c
 extern "C" {
 
 // The loader entry of a library. `command` is "Load" (optionally "Load|HOME" or
-// "Load|HOME|LIBRARY_PATH") with `arg` the address of a handle, or "Unload" with the handle itself.
+// "Load|HOME|LIBRARY_PATH") with `arg` the address of a handle, "Unload" with the handle itself, or
+// "Log" with a molb_log_function, null for none any more. Towards the library the daemon calls it
+// for "Log" alone; at_not_available when none was loaded.
 std::uint32_t molbatLibraryControl(const char* command, void* arg);
 
 // Starts an instance. `version` may be null. *handle is null on failure.

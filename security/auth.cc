@@ -19,6 +19,7 @@
 #include "lib/qz_vector.h"
 #include "security/at_types.h"
 #include "security/authz.h"
+#include "security/library_log.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ bool log_in(conn* c, std::string_view login) {
     std::string password(login.substr(colon + 1));
     const exit_guard wipe([&] { explicit_bzero(password.data(), password.size()); });
     const molb_identity who{"localhost", domain.c_str(), name.c_str(), password.c_str()};
+    const library_subject subject(c);
     if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
         c->client_credential = nullptr;  // whatever the library left there is nobody's
         return false;

@@ -10,6 +10,7 @@
 #include "core/config.h"
 #include "core/connection.h"
 #include "core/endpoint.h"
+#include "core/log.h"
 #include "core/shttpd.h"
 #include "core/string.h"
 #include "lib/plat.h"
@@ -29,6 +30,10 @@ constexpr std::size_t longest_namespaces = 4091;
 template <std::size_t Size>
 void store_variable(std::string_view variables, const char* name, std::array<char, Size>* field) {
     my_strlcpy(field->data(), get_variable(variables, name, static_cast<int>(Size)).c_str(), Size);
+}
+
+const char* kind_name(int kind) {
+    return kind == kind_user ? "user" : "group";
 }
 
 // A name that would break its line of the access file, or end it early.
@@ -68,6 +73,8 @@ void add_to_role(conn* c, const az_params* params, int kind) {
     }
     add_principal(principals(&table[role], kind), params->user.data());
     sync_role(c, table, role);
+    log_change(c, "granted %s in %s to %s %s", table[role].directory, c->request.ns->name.c_str(),
+               kind_name(kind), params->user.data());
 }
 
 void az_grant(shttpd_call_arg* arg) {
@@ -172,6 +179,7 @@ void add_namespace(shttpd_call_arg* arg) {
         text.append(text.empty() ? "" : ",").append(name).append("=").append(root);
         set_namespaces(ctx, text);
         add_namespace_to_map(ctx, name, root);
+        log_change(arg->connection, "added namespace %s with root %s", name.c_str(), root.c_str());
         show_success(arg);
     }
 }
@@ -197,6 +205,7 @@ void remove_namespace(shttpd_call_arg* arg) {
     }
     set_namespaces(ctx, text);
     remove_namespace_from_map(ctx, name);
+    log_change(arg->connection, "removed namespace %s", name.c_str());
     show_success(arg);
 }
 
@@ -206,6 +215,7 @@ void remove_namespace(shttpd_call_arg* arg) {
 // with the context's own credential. A failure ends the process, as it does at the start.
 void at_switch(shttpd_call_arg* arg) {
     set_security_info(arg->connection->ctx);
+    log_change(arg->connection, "renewed the service's credential");
     show_success(arg);
 }
 
@@ -214,7 +224,10 @@ void at_switch(shttpd_call_arg* arg) {
 void at_cred_cleanup(shttpd_call_arg* arg) {
     const std::string uri = get_variable(request_body(arg), "sec_uri", sec_uri_bytes);
     if (qz_map* map = arg->connection->ctx->broker_credentials; map != nullptr) {
-        (void)qz_map_delete(map, uri.c_str());  // what is not cached needs no clean-up
+        // What is not cached needs no clean-up.
+        if (qz_map_delete(map, uri.c_str()) == 0) {
+            log_change(arg->connection, "dropped the credential of broker %s", uri.c_str());
+        }
     }
     show_success(arg);
 }
@@ -289,6 +302,8 @@ int deny_az(conn* c, const az_params* params, const char** error) {
         if (std::strcmp(at.data<const char>(), params->user.data()) == 0) {
             at.erase();
             sync_role(c, table, role);
+            log_change(c, "took %s in %s from %s %s", table[role].directory,
+                       c->request.ns->name.c_str(), kind_name(kind), params->user.data());
             break;
         }
     }

@@ -6,13 +6,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+#include <string>
 
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/io_class.h"
+#include "core/log.h"
 #include "core/stream.h"
 #include "security/api.h"
 #include "security/at_types.h"
+#include "security/library_log.h"
 
 namespace {
 
@@ -118,6 +121,8 @@ void molbat_handshake(stream* s) {
         c->server_credential = c->ctx->service_credential;
     }
     free_credential(c);  // of an attempt before this one
+    std::string reason;
+    const library_subject subject(c, &reason);
     const std::uint32_t result = molbAtSecConnAcceptWithCommExtn(
         c->ctx->at_handle, s->channel.fd, c->server_credential, accept_mode, &c->ctx->accept_params,
         accept_flags, 0, &c->client_channel, &c->client_credential);
@@ -133,6 +138,10 @@ void molbat_handshake(stream* s) {
         default:
             c->handshake = handshake_state::failed;
             break;
+    }
+    if (c->handshake == handshake_state::failed) {
+        log_trouble(c->ctx, c, "handshake failed: %s",
+                    reason.empty() ? ("code " + std::to_string(result)).c_str() : reason.c_str());
     }
     // The first request may have been decrypted along with the handshake; a failure is to be
     // noticed in the next pass, whatever the client sends.

@@ -88,7 +88,8 @@ class channel_test : public provider_test {
 
     // A connection from the first byte to the client's last.
     std::uint32_t meet(int version, const char* host = nullptr, SSL_SESSION* former = nullptr) {
-        EXPECT_EQ(molbAtSecConnClose(&channel), channel != nullptr ? at_ok : at_invalid_argument);
+        const bool open = channel != nullptr;
+        EXPECT_EQ(molbAtSecConnClose(&channel), open ? at_ok : at_invalid_argument);
         sockets.renew();
         SSL_CTX_set_max_proto_version(context.get(), version);
         start_client(host, former);

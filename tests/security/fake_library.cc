@@ -66,6 +66,11 @@ std::uint32_t molbAtSecConnClose(void** channel) {
     return at_ok;
 }
 
+std::uint32_t molbatLibraryControl(const char*, void* arg) {
+    fake.log = reinterpret_cast<molb_log_function>(arg);
+    return at_ok;
+}
+
 // What the rest of the engine links against and no test here reaches.
 std::uint32_t molbAtInit(const molb_version*, void**) {
     return at_not_available;
