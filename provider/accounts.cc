@@ -76,20 +76,21 @@ bool is_password_hash(const std::string& hash) {
            crypt_checksalt(hash.c_str()) == CRYPT_SALT_OK;
 }
 
-std::string make_password_setting() {
+std::string make_password_setting(const char* method) {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
     // Cost 0 is the library's default, and a null pointer has it draw the salt itself.
-    if (crypt_gensalt_rn("$y$", 0, nullptr, 0, setting, sizeof setting) == nullptr) {
+    if (crypt_gensalt_rn(method, 0, nullptr, 0, setting, sizeof setting) == nullptr) {
         return {};
     }
     return setting;
 }
 
 std::string make_password_hash(const char* password) {
-    const std::string setting = make_password_setting();
+    const std::string setting = make_password_setting("$y$");
     const std::unique_ptr<crypt_data, wiping_delete> data{new crypt_data{}};
-    // crypt_r reports failure with a text that begins with '*', older ones with null.
-    const char* hash = crypt_r(password, setting.c_str(), data.get());
+    // Not crypt_r: sanitizers put a function of their own in its place, which fails in a library
+    // that is loaded late. Failure is null, or a text that begins with '*'.
+    const char* hash = crypt_rn(password, setting.c_str(), data.get(), sizeof *data);
     if (hash == nullptr || hash[0] == '*') {
         return {};
     }

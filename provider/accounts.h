@@ -44,10 +44,11 @@ bool is_qualifier(std::string_view qualifier);
 // crypt_r would take almost any text for an old DES salt, hence the explicit list.
 bool is_password_hash(const std::string& hash);
 
-// A fresh yescrypt hash with the system's default cost; empty on failure. With no password the
-// result is only a setting, good for hashing against.
+// A fresh yescrypt hash with the system's default cost; empty on failure.
 std::string make_password_hash(const char* password);
-std::string make_password_setting();
+
+// Only the method and a salt, with the default cost of the method: something to hash against.
+std::string make_password_setting(const char* method);
 
 // Null for a line that does not obey the rules.
 std::optional<domain_entry> parse_domain(std::string_view line);

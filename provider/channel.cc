@@ -1,29 +1,26 @@
 #include "provider/channel.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "provider/clock.h"
-#include "provider/debug_log.h"
 #include "provider/library.h"
+#include "provider/report.h"
 
 namespace provider {
 namespace {
 
-constexpr std::int64_t connect_limit_ms = 4000;
-
 // --- The socket as OpenSSL sees it ---
 
-// Only the handshake must not wait on a blocking socket; later that is the caller's choice.
+// Only the server's handshake must not wait on a blocking socket; the rest is the caller's choice.
 int wait_flag(const channel* c) {
-    return c->state == channel_state::open ? 0 : MSG_DONTWAIT;
+    return c->state == channel_state::open || c->may_wait ? 0 : MSG_DONTWAIT;
 }
 
 // The errno is kept: OpenSSL makes system calls of its own before it reports a failure.
@@ -215,7 +212,7 @@ std::uint32_t finish_accept(channel* c) {
     }
     const std::optional<principal> client = c->owner->certificate_user(common_name(certificate));
     if (!client || SSL_get_verify_result(c->ssl.get()) != X509_V_OK) {
-        debug_log(2, "client certificate without a usable common name");
+        report(at_log_info, "client certificate without a usable common name");
         c->state = channel_state::broken;
         return at_channel_failed;
     }
@@ -311,42 +308,37 @@ std::uint32_t accept_step(channel* c) {
     if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
         return at_again;
     }
-    debug_log(2, "%s", failure_text(c).c_str());
+    report(at_log_info, "%s", failure_text(c).c_str());
     ERR_clear_error();
     c->state = channel_state::broken;
     return at_channel_failed;
 }
 
-std::uint32_t connect_now(channel* c, std::string* why) {
-    if (!make_ssl(c, c->owner->client_context().get())) {
-        *why = "TLS is not set up";
-        return at_channel_failed;
+std::uint32_t connect_step(channel* c, std::string* why) {
+    if (c->state == channel_state::open) {
+        return at_ok;
     }
-    SSL_set_connect_state(c->ssl.get());
-    const std::int64_t deadline_ms = monotonic_ms() + connect_limit_ms;
-    for (;;) {
-        ERR_clear_error();
-        const int result = SSL_do_handshake(c->ssl.get());
-        if (result == 1) {
-            c->state = channel_state::open;
-            return at_ok;
+    if (c->state == channel_state::waiting) {
+        const int flags = fcntl(c->fd, F_GETFL);
+        if (flags < 0 || !make_ssl(c, c->owner->client_context().get())) {
+            *why = flags < 0 ? strerror(errno) : "TLS is not set up";
+            return at_channel_failed;
         }
-        const int error = SSL_get_error(c->ssl.get(), result);
-        const std::int64_t left_ms = deadline_ms - monotonic_ms();
-        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
-            *why = failure_text(c);
-            break;
-        }
-        if (left_ms <= 0) {
-            *why = "TLS handshake failed: the peer did not answer in time";
-            break;
-        }
-        pollfd wait{c->fd, static_cast<short>(error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
-        if (poll(&wait, 1, static_cast<int>(left_ms)) < 0 && errno != EINTR) {
-            *why = strerror(errno);
-            break;
-        }
+        c->may_wait = (flags & O_NONBLOCK) == 0;
+        SSL_set_connect_state(c->ssl.get());
     }
+    ERR_clear_error();
+    const int result = SSL_do_handshake(c->ssl.get());
+    if (result == 1) {
+        c->state = channel_state::open;
+        return at_ok;
+    }
+    const int error = SSL_get_error(c->ssl.get(), result);
+    const bool later = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+    if (later && !c->may_wait) {
+        return at_again;
+    }
+    *why = later ? "TLS handshake failed: the peer did not answer in time" : failure_text(c);
     ERR_clear_error();
     c->state = channel_state::broken;
     return at_channel_failed;

@@ -23,7 +23,7 @@ namespace provider {
 
 enum class channel_state {
     waiting,    // for the client's first byte; no TLS state yet
-    handshake,  // accept_step goes on
+    handshake,  // accept_step or connect_step goes on
     open,       // bytes may be moved
     broken,     // nothing more can be moved, not even a goodbye
 };
@@ -33,6 +33,7 @@ struct channel {
 
     object_head head{object_magic, kind};
     int fd = -1;
+    bool may_wait = false;  // during the handshake
     channel_state state = channel_state::waiting;
     site_ref owner;                              // whose certificate is presented
     const molb_accept_params* params = nullptr;  // the caller's; outlives the handshake
@@ -59,9 +60,10 @@ void prepare_server_context(SSL_CTX* context, bool ask_for_certificate);
 // the answer stays the same.
 [[nodiscard]] std::uint32_t accept_step(channel* c);
 
-// The whole client handshake; waits for the peer, at most four seconds in all, also when the socket
-// does not block. Returns at_ok or at_channel_failed; then *why says what happened.
-[[nodiscard]] std::uint32_t connect_now(channel* c, std::string* why);
+// The client's side of the same: at_ok, at_again (when the socket is readable) or
+// at_channel_failed; then *why says what happened. On a blocking socket it waits for the peer, as
+// long as the socket's own time-outs say.
+[[nodiscard]] std::uint32_t connect_step(channel* c, std::string* why);
 
 // Both return how many bytes were moved, 0 for a peer that has ended its stream (reads only), or -1
 // with errno: EAGAIN (later), EPIPE (a write to a peer that is gone), EPROTO (what came is no TLS),

@@ -11,6 +11,7 @@
 #include "provider/channel.h"
 #include "provider/first_use.h"
 #include "provider/library.h"
+#include "provider/report.h"
 #include "security/at_types.h"
 
 using namespace provider;
@@ -95,6 +96,10 @@ std::uint32_t drop_channel(void** slot, channel* c) {
 }  // namespace
 
 std::uint32_t molbatLibraryControl(const char* command, void* arg) {
+    if (command != nullptr && strcmp(command, "Log") == 0) {
+        set_log(reinterpret_cast<molb_log_function>(arg));
+        return at_ok;
+    }
     if (command == nullptr || arg == nullptr) {
         return at_invalid_argument;
     }
@@ -278,24 +283,23 @@ std::uint32_t molbAtSecConnConnect(int fd, void* handle, std::uint32_t /*mode*/,
     if (result == nullptr) {
         return at_invalid_argument;
     }
-    *result = nullptr;
-    auto* opened = object_cast<instance>(handle);
-    if (opened == nullptr || fd < 0) {
-        return at_invalid_argument;
-    }
-    auto* c = new channel;
-    c->fd = fd;
-    c->owner = opened->owner;
-    std::string why;
-    if (connect_now(c, &why) != at_ok) {
-        if (error != nullptr) {
-            *error = error_block(why);
+    auto* c = object_cast<channel>(*result);
+    if (c == nullptr) {
+        auto* opened = object_cast<instance>(handle);
+        if (*result != nullptr || opened == nullptr || fd < 0) {
+            return at_invalid_argument;
         }
-        void* dropped = nullptr;
-        return drop_channel(&dropped, c);
+        c = new channel;
+        c->fd = fd;
+        c->owner = opened->owner;
+        *result = c;
     }
-    *result = c;
-    return at_ok;
+    std::string why;
+    const std::uint32_t step = connect_step(c, &why);
+    if (step == at_channel_failed && error != nullptr) {
+        *error = error_block(why);
+    }
+    return step == at_channel_failed ? drop_channel(result, c) : step;
 }
 
 std::uint32_t molbAtSecConnAcceptWithCommExtn(void* handle, int fd, void* server_credential,

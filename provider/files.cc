@@ -83,8 +83,11 @@ int fill_file(int fd, std::string_view text, mode_t mode, file_owner owner) {
 }  // namespace
 
 file_id id_of(const struct stat& status) {
-    return {status.st_dev, status.st_ino, status.st_size,
-            static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec};
+    const auto nanoseconds = [](const timespec& time) {
+        return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+    };
+    return {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
+            nanoseconds(status.st_ctim)};
 }
 
 int look_at(const std::string& path, file_id* id) {

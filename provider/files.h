@@ -12,12 +12,13 @@
 
 namespace provider {
 
-// Tells one content of a path from the next. All zero: there is no file.
+// Tells one content, owner and mode of a path from the next. All zero: there is no file.
 struct file_id {
     dev_t device = 0;
     ino_t inode = 0;
     off_t size = 0;
     std::int64_t modified_ns = 0;
+    std::int64_t changed_ns = 0;
 
     friend bool operator==(const file_id&, const file_id&) = default;
 };

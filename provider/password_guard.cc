@@ -19,11 +19,14 @@ namespace {
 // libxcrypt refuses more than 512 bytes; this is well above what a login can carry.
 constexpr std::size_t longest_password = 128;
 constexpr std::int64_t remembered_ms = 300'000;
+constexpr int doubts_before_forgetting = 20;
 constexpr int failures_before_lock = 5;
 constexpr std::int64_t longest_lock_ms = 30'000;
 // 20 hashes of 15 ms are at most 30 % of the daemon's thread.
 constexpr std::int64_t hashes_per_second = 20;
 constexpr std::int64_t fullest_budget = 20'000;
+// What invented names leave for the others.
+constexpr std::int64_t reserved_budget = 10'000;
 
 }  // namespace
 
@@ -31,7 +34,8 @@ constexpr std::int64_t fullest_budget = 20'000;
 struct password_guard::secrets {
     std::array<unsigned char, 32> key;
     std::array<remembered, 64> right;
-    std::array<failures, 256> wrong;
+    failure_slots wrong;  // of names that exist
+    failure_slots wrong_unknown;
     crypt_data work;
 };
 
@@ -56,10 +60,12 @@ bool password_guard::prepare() {
     const OSSL_PARAM parameters[] = {
         OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, name, 0),
         OSSL_PARAM_construct_end()};
-    stand_in_ = make_password_setting();
+    yescrypt_stand_in_ = make_password_setting("$y$");
+    sha512_stand_in_ = make_password_setting("$6$");
     budget_ = fullest_budget;
     budget_ms_ = monotonic_ms();
-    return mac_ && EVP_MAC_CTX_set_params(mac_.get(), parameters) == 1 && !stand_in_.empty() &&
+    return mac_ && EVP_MAC_CTX_set_params(mac_.get(), parameters) == 1 &&
+           !yescrypt_stand_in_.empty() && !sha512_stand_in_.empty() &&
            RAND_bytes(secrets_->key.data(), static_cast<int>(secrets_->key.size())) == 1;
 }
 
@@ -86,15 +92,24 @@ bool password_guard::is_remembered(const digest& key, std::int64_t now_ms) const
         [&](const remembered& entry) { return entry.until_ms > now_ms && entry.key == key; });
 }
 
-void password_guard::remember(const digest& key, std::int64_t now_ms) {
+void password_guard::remember(const digest& key, const digest& name, std::int64_t now_ms) {
     const auto oldest = std::min_element(
         secrets_->right.begin(), secrets_->right.end(),
         [](const remembered& a, const remembered& b) { return a.until_ms < b.until_ms; });
-    *oldest = {key, now_ms + remembered_ms};
+    *oldest = {key, name, now_ms + remembered_ms, 0};
 }
 
-password_guard::failures* password_guard::slot_of(const digest& key) {
-    for (failures& slot : secrets_->wrong) {
+// A wrong password, heard or not. Whoever really forgot his own is only hashed for again.
+void password_guard::doubt(const digest& name) {
+    for (remembered& entry : secrets_->right) {
+        if (entry.name == name && ++entry.doubts >= doubts_before_forgetting) {
+            entry = {};
+        }
+    }
+}
+
+password_guard::failures* password_guard::slot_of(failure_slots* slots, const digest& key) {
+    for (failures& slot : *slots) {
         if (slot.count > 0 && slot.key == key) {
             return &slot;
         }
@@ -103,14 +118,13 @@ password_guard::failures* password_guard::slot_of(const digest& key) {
 }
 
 // A new name takes a free slot, else that of the name that has been quiet longest.
-void password_guard::count_failure(const digest& key, std::int64_t now_ms) {
-    failures* slot = slot_of(key);
+void password_guard::count_failure(failure_slots* slots, const digest& key, std::int64_t now_ms) {
+    failures* slot = slot_of(slots, key);
     if (slot == nullptr) {
-        slot = &*std::min_element(secrets_->wrong.begin(), secrets_->wrong.end(),
-                                  [](const failures& a, const failures& b) {
-                                      return a.count == 0 || b.count == 0 ? a.count < b.count
-                                                                          : a.last_ms < b.last_ms;
-                                  });
+        slot = &*std::min_element(
+            slots->begin(), slots->end(), [](const failures& a, const failures& b) {
+                return a.count == 0 || b.count == 0 ? a.count < b.count : a.last_ms < b.last_ms;
+            });
         *slot = {key, now_ms, 0, 0};
     }
     slot->last_ms = now_ms;
@@ -121,28 +135,40 @@ void password_guard::count_failure(const digest& key, std::int64_t now_ms) {
     }
 }
 
-bool password_guard::take_from_budget(std::int64_t now_ms) {
+bool password_guard::take_from_budget(std::int64_t now_ms, bool exists) {
     // An integer of thousandths: time passes in milliseconds and nothing is lost in rounding.
     const std::int64_t earned = (now_ms - budget_ms_) * hashes_per_second;
     budget_ = std::min(budget_ + earned, fullest_budget);
     budget_ms_ = now_ms;
-    if (budget_ < 1000) {
+    if (budget_ < 1000 + (exists ? 0 : reserved_budget)) {
         return false;
     }
     budget_ -= 1000;
     return true;
 }
 
-// Hashes in any case, against the stand-in when there is no hash: how long a refusal takes does not
-// tell whether the user exists.
-bool password_guard::hash_fits(const char* password, const std::string& hash) {
-    const char* result =
-        crypt_r(password, hash.empty() ? stand_in_.c_str() : hash.c_str(), &secrets_->work);
-    const bool fits = !hash.empty() && result != nullptr && result[0] != '*' &&
-                      strlen(result) == hash.size() &&
+bool password_guard::has_hash(const char* password, const std::string& hash) {
+    // Not crypt_r: sanitizers put a function of their own in its place, which fails in a library
+    // that is loaded late.
+    const char* result = crypt_rn(password, hash.c_str(), &secrets_->work, sizeof secrets_->work);
+    const bool same = result != nullptr && result[0] != '*' && strlen(result) == hash.size() &&
                       CRYPTO_memcmp(result, hash.data(), hash.size()) == 0;
     explicit_bzero(&secrets_->work, sizeof secrets_->work);
-    return fits;
+    return same;
+}
+
+// How long a refusal takes does not tell whether the user exists, nor how his password is kept: the
+// methods that his own hash has not used are used on the stand-ins.
+bool password_guard::hash_fits(const char* password, const std::string& hash) {
+    if (!hash.empty() && has_hash(password, hash)) {
+        return true;
+    }
+    for (const std::string* stand_in : {&yescrypt_stand_in_, &sha512_stand_in_}) {
+        if (hash.compare(0, 3, *stand_in, 0, 3) != 0) {
+            (void)has_hash(password, *stand_in);
+        }
+    }
+    return false;
 }
 
 bool password_guard::check(const login& who, const std::string& hash) {
@@ -156,18 +182,22 @@ bool password_guard::check(const login& who, const std::string& hash) {
     if (!hash.empty() && is_remembered(whole, now_ms)) {
         return true;  // other people's failures do not hurt whoever knows the password
     }
-    failures* slot = slot_of(name);
-    if ((slot != nullptr && slot->locked_until_ms > now_ms) || !take_from_budget(now_ms)) {
-        return false;
-    }
-    if (!hash_fits(who.password, hash)) {
-        count_failure(name, now_ms);
+    const bool exists = !hash.empty();
+    failure_slots* slots = exists ? &secrets_->wrong : &secrets_->wrong_unknown;
+    failures* slot = slot_of(slots, name);
+    const bool heard =
+        (slot == nullptr || slot->locked_until_ms <= now_ms) && take_from_budget(now_ms, exists);
+    if (!heard || !hash_fits(who.password, hash)) {
+        doubt(name);
+        if (heard) {
+            count_failure(slots, name, now_ms);
+        }
         return false;
     }
     if (slot != nullptr) {
         slot->count = 0;
     }
-    remember(whole, now_ms);
+    remember(whole, name, now_ms);
     return true;
 }
 

@@ -1,9 +1,10 @@
 // Decides whether a password fits a hash, and how often anybody may try.
 //
 // The daemon has one thread and a hash costs about 15 ms, so guessing must not be able to stop it:
-// every name has its own lock-out, all names together share a budget, and a login that was right a
-// moment ago is answered from memory. Refusals never wait. Not safe for use from two threads; the
-// site that owns it holds the lock. What it remembers is kept out of core dumps.
+// every name has its own lock-out, all names together share a budget, half of which is for names
+// that exist, and a login that was right a moment ago is answered from memory. That memory is no
+// oracle: it ends with the twentieth wrong password. Refusals never wait. Not safe for use from two
+// threads; the site that owns it holds the lock. What it remembers is kept out of core dumps.
 #pragma once
 
 #include <array>
@@ -34,14 +35,16 @@ class password_guard {
     password_guard(password_guard&&) = delete;
     password_guard& operator=(password_guard&&) = delete;
 
-    // Draws the key and the stand-in hash; to be called once, before the first check. False: no
+    // Draws the key and the stand-in settings; to be called once, before the first check. False: no
     // memory or no randomness.
     [[nodiscard]] bool prepare();
 
     // Whether the login's password has `hash`; an empty hash is a user that does not exist or may
-    // not log in, and costs the caller the same time. False without hashing when the name (five
-    // failures in a row: 1 s, then 2, 4 and up to 30) or all names together (20 hashes per second)
-    // are over their limit. A login that was right is right without hashing for five minutes.
+    // not log in, and costs the caller the same time: every refusal that hashes does so once with
+    // each of the accepted methods. False without hashing when the name (five failures in a row:
+    // 1 s, then 2, 4 and up to 30) or all names together (20 checks per second) are over their
+    // limit. A login that was right is right without hashing for five minutes, or until its name
+    // has had 20 wrong passwords.
     [[nodiscard]] bool check(const login& who, const std::string& hash);
 
   private:
@@ -49,7 +52,9 @@ class password_guard {
     // A login that was right, with the hash that it was right for: a changed hash is another key.
     struct remembered {
         digest key;
+        digest name;
         std::int64_t until_ms;
+        int doubts;  // wrong passwords for the name since then
     };
     // Failures in a row of one name, existing or not. Count 0: a free slot.
     struct failures {
@@ -63,17 +68,23 @@ class password_guard {
     [[nodiscard]] bool make_digest(const login& who, std::string_view hash, bool whole,
                                    digest* result);
     [[nodiscard]] bool is_remembered(const digest& key, std::int64_t now_ms) const;
-    void remember(const digest& key, std::int64_t now_ms);
-    failures* slot_of(const digest& key);
-    void count_failure(const digest& key, std::int64_t now_ms);
-    [[nodiscard]] bool take_from_budget(std::int64_t now_ms);
+    void remember(const digest& key, const digest& name, std::int64_t now_ms);
+    void doubt(const digest& name);
+    // Names that exist have slots of their own: no number of invented ones pushes them out.
+    using failure_slots = std::array<failures, 256>;
+    static failures* slot_of(failure_slots* slots, const digest& key);
+    static void count_failure(failure_slots* slots, const digest& key, std::int64_t now_ms);
+    [[nodiscard]] bool take_from_budget(std::int64_t now_ms, bool exists);
+    [[nodiscard]] bool has_hash(const char* password, const std::string& hash);
     [[nodiscard]] bool hash_fits(const char* password, const std::string& hash);
 
     secrets* secrets_ = nullptr;    // pages of their own
     openssl_ptr<EVP_MAC_CTX> mac_;  // HMAC-SHA-256, begun anew with the key for each digest
-    std::string stand_in_;          // a setting to hash against for users that do not exist
-    std::int64_t budget_ = 0;       // in thousandths of a hash
-    std::int64_t budget_ms_ = 0;    // when it was last looked at
+    // To hash against where a user's own hash is of the other kind, or does not exist.
+    std::string yescrypt_stand_in_;
+    std::string sha512_stand_in_;
+    std::int64_t budget_ = 0;     // in thousandths of a hash
+    std::int64_t budget_ms_ = 0;  // when it was last looked at
 };
 
 }  // namespace provider

@@ -2,11 +2,13 @@
 
 #include <dirent.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
-#include "provider/debug_log.h"
+#include "provider/report.h"
 #include "provider/result.h"
 
 namespace provider {
@@ -15,6 +17,14 @@ namespace {
 struct directory_close {
     void operator()(DIR* directory) const { (void)closedir(directory); }
 };
+
+std::string strangers_text(uid_t owner, mode_t mode) {
+    char text[128];
+    (void)std::snprintf(text, sizeof text,
+                        "owner %u, mode %04o: only the daemon's user and root may write here",
+                        static_cast<unsigned>(owner), static_cast<unsigned>(mode) & 07777U);
+    return text;
+}
 
 }  // namespace
 
@@ -29,6 +39,35 @@ std::uint32_t site::open(const std::string& data_dir, bool whole, site_ref* out,
     return result;
 }
 
+// Whoever could write into one of these could give himself a user, or any password. What belongs to
+// the owner of the data directory is as good as the daemon's own: everything here is his to
+// replace.
+std::uint32_t site::check_places(bool whole) {
+    const std::string data_dir = directory_.substr(0, directory_.rfind('/'));
+    struct stat status {};
+    for (const std::string& path : {data_dir, directory_, users_directory_}) {
+        if (stat(path.c_str(), &status) != 0) {
+            if (!whole && path == users_directory_ && errno == ENOENT) {
+                break;
+            }
+            return complain(path, errno);
+        }
+        if (path == data_dir) {
+            owner_ = status.st_uid;
+        }
+        if (!is_ours(status.st_uid, status.st_mode)) {
+            problem_ = path + ": " + strangers_text(status.st_uid, status.st_mode);
+            return at_permission_denied;
+        }
+    }
+    return at_ok;
+}
+
+bool site::is_ours(uid_t owner, mode_t mode) const {
+    return (owner == 0 || owner == geteuid() || owner == owner_) &&
+           (mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 // Reads everything at once: after the process has given up its rights this may be all that it ever
 // knows. Only the daemon's own directory has to be complete; another one may have a certificate
 // without users, or users without a certificate.
@@ -37,15 +76,18 @@ std::uint32_t site::load(bool whole) {
     if (domains != at_ok) {
         return domains;
     }
+    if (whole && domains_.empty()) {
+        problem_ = directory_ + "/domains: no line names a domain";
+        return at_not_available;
+    }
     const std::uint32_t keys = tls_.refresh();
     if (keys != at_ok && (whole || keys != at_not_available)) {
         problem_ = tls_.problem();
         return keys;
     }
-    file_id users;
-    const int error = look_at(users_directory_, &users);
-    if (whole && (error != 0 || users == file_id{})) {
-        return complain(users_directory_, error == 0 ? ENOENT : error);
+    const std::uint32_t places = check_places(whole);
+    if (places != at_ok) {
+        return places;
     }
     if (!guard_.prepare()) {
         return complain(directory_, ENOMEM);
@@ -56,11 +98,21 @@ std::uint32_t site::load(bool whole) {
 
 std::uint32_t site::complain(const std::string& path, int error) {
     problem_ = path + ": " + strerror(error);
-    debug_log(1, "%s", problem_.c_str());
+    tell_once(path, strerror(error));
     return error == ENOENT ? std::uint32_t{at_not_available} : result_of(error);
 }
 
-// A list that cannot be read any more stays in use; one that was never read is an error.
+// What is wrong at every look is news at the first one only.
+void site::tell_once(const std::string& path, const std::string& what) {
+    std::string& told = told_[path];
+    if (told != what) {
+        told = what;
+        report(at_log_error, "%s: %s", path.c_str(), what.c_str());
+    }
+}
+
+// A list that cannot be read any more, or has no good line left, stays in use; one that was never
+// read is an error.
 std::uint32_t site::refresh_domains() {
     const std::string path = directory_ + "/domains";
     file_id now;
@@ -73,11 +125,17 @@ std::uint32_t site::refresh_domains() {
     if (error != 0) {
         return complain(path, error);
     }
-    std::vector<std::string> refused;
-    domains_ = parse_domains(content.text, &refused);
+    told_.erase(path);
     domains_id_ = content.id;
+    std::vector<std::string> refused;
+    std::vector<domain_entry> found = parse_domains(content.text, &refused);
     for (const std::string& line : refused) {
-        debug_log(1, "%s: bad line skipped: %s", path.c_str(), line.c_str());
+        report(at_log_error, "%s: bad line skipped: %s", path.c_str(), line.c_str());
+    }
+    if (!found.empty()) {
+        domains_ = std::move(found);
+    } else if (!domains_.empty()) {
+        report(at_log_error, "%s: no line names a domain; the former ones stay", path.c_str());
     }
     return at_ok;
 }
@@ -86,7 +144,9 @@ std::uint32_t site::refresh_domains() {
 void site::load_users() {
     const std::unique_ptr<DIR, directory_close> directory{opendir(users_directory_.c_str())};
     if (!directory) {
-        debug_log(1, "%s: %s", users_directory_.c_str(), strerror(errno));
+        if (errno != ENOENT) {
+            tell_once(users_directory_, strerror(errno));
+        }
         return;
     }
     while (const dirent* entry = readdir(directory.get())) {
@@ -102,7 +162,9 @@ void site::refresh_user(std::string_view name) {
     const std::string path = users_directory_ + "/" + std::string(name);
     const auto known = users_.find(name);
     file_id now;
-    if (look_at(path, &now) != 0) {
+    if (const int error = look_at(path, &now); error != 0) {
+        tell_once(users_directory_,
+                  std::string(strerror(error)) + ": users stay as they were read");
         return;
     }
     if (now == file_id{}) {
@@ -115,14 +177,18 @@ void site::refresh_user(std::string_view name) {
         return;
     }
     file_content content;
-    const int error = read_file(path, &content);
-    if (error != 0) {
-        debug_log(1, "%s: %s", path.c_str(), strerror(error));
+    if (const int error = read_file(path, &content); error != 0) {
+        tell_once(path, strerror(error));
         return;
     }
+    told_.erase(path);
     known_user fresh{content.id, find_user(content.text, name)};
-    if (!fresh.user) {
-        debug_log(1, "%s: no good line for this user", path.c_str());
+    if (!is_ours(content.owner, content.mode)) {
+        fresh.user.reset();
+        report(at_log_error, "%s: %s; nobody logs in by it", path.c_str(),
+               strangers_text(content.owner, content.mode).c_str());
+    } else if (!fresh.user) {
+        report(at_log_error, "%s: no good line for this user", path.c_str());
     }
     users_.insert_or_assign(std::string(name), std::move(fresh));
 }
@@ -137,9 +203,9 @@ void site::refresh_key_pair() {
     const std::lock_guard guard(lock_);
     const std::uint32_t result = tls_.refresh();
     if (result != at_ok) {
-        debug_log(1, "certificate files kept as they were: %s", tls_.problem().c_str());
+        report(at_log_error, "certificate files kept as they were: %s", tls_.problem().c_str());
     }
-    (void)refresh_domains();  // has logged
+    (void)refresh_domains();  // has reported
 }
 
 bool site::has_key_pair() {

@@ -79,14 +79,19 @@ class site {
     // Below here the lock is held, or nobody else knows the site yet.
     [[nodiscard]] std::uint32_t load(bool whole);
     [[nodiscard]] std::uint32_t refresh_domains();
+    [[nodiscard]] std::uint32_t check_places(bool whole);
+    [[nodiscard]] bool is_ours(uid_t owner, mode_t mode) const;
     [[nodiscard]] std::uint32_t complain(const std::string& path, int error);
+    void tell_once(const std::string& path, const std::string& what);
     void load_users();
     void refresh_user(std::string_view name);
     [[nodiscard]] const domain_entry* find_domain(std::string_view name) const;
 
     std::mutex lock_;
     const std::string directory_;
-    std::string problem_;  // why load failed
+    uid_t owner_ = 0;                          // of the data directory
+    std::string problem_;                      // why load failed
+    std::map<std::string, std::string> told_;  // by path: what was last reported of it
     tls_files tls_;
     std::vector<domain_entry> domains_;
     file_id domains_id_;  // of the content that domains_ came from

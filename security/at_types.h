@@ -86,8 +86,8 @@ struct molb_accept_params {
 // library, on the caller's thread. `text` has no line end and belongs to the library.
 using molb_log_function = void (*)(int level, const char* text);
 enum at_log_level : int {
-    at_log_error = 1,  // something was refused or failed
-    at_log_info = 2,
+    at_log_error = 1,  // a file, or a line of one, was refused, or something failed
+    at_log_info = 2,   // a peer was turned away
 };
 
 static_assert(sizeof(void*) == 8, "the records are defined for 64-bit hosts");
@@ -131,8 +131,12 @@ std::uint32_t molbAtGetDomainInfos(void* handle, std::uint32_t flags, molb_domai
 // Releases any block or credential that the library handed out. Null is allowed.
 std::uint32_t molbAtFree(void* block);
 
-// Client side of a secure channel on a connected socket. On failure *error may hold a text
-// (molbAtFree). The descriptor stays the caller's in every case.
+// Client side of a secure channel on a connected socket. *channel is null before the first call. On
+// a descriptor that does not block the answer is at_again until the handshake is over: call again,
+// with the same *channel, when the descriptor is readable; whoever gives up ends the channel with
+// molbAtSecConnClose. On one that blocks the call waits as long as the descriptor's own time-outs
+// let it. On failure *channel is null and *error may hold a text (molbAtFree). The descriptor stays
+// the caller's in every case.
 std::uint32_t molbAtSecConnConnect(int fd, void* handle, std::uint32_t mode, void** channel,
                                    char** error);
 

@@ -88,8 +88,8 @@ class channel_test : public provider_test {
 
     // A connection from the first byte to the client's last.
     std::uint32_t meet(int version, const char* host = nullptr, SSL_SESSION* former = nullptr) {
-        const bool open = channel != nullptr;
-        EXPECT_EQ(molbAtSecConnClose(&channel), open ? at_ok : at_invalid_argument);
+        const std::uint32_t closing = channel != nullptr ? at_ok : at_invalid_argument;
+        EXPECT_EQ(molbAtSecConnClose(&channel), closing);
         sockets.renew();
         SSL_CTX_set_max_proto_version(context.get(), version);
         start_client(host, former);
@@ -320,17 +320,90 @@ TEST_F(channel_test, speaking_to_nobody_is_an_error_and_no_signal) {
     }
 }
 
-TEST_F(channel_test, connecting_gives_a_silent_or_closing_peer_up) {
+TEST_F(channel_test, connecting_never_waits_for_the_target) {
+    const certified_key target = make_certificate({"target"});
+    write_file(site() / "peer_ca.pem", target.certificate_pem());
+    refresh();
+    const openssl_ptr<SSL_CTX> server{SSL_CTX_new(TLS_server_method())};
+    SSL_CTX_use_certificate(server.get(), target.certificate.get());
+    SSL_CTX_use_PrivateKey(server.get(), target.key.get());
+    const auto connect = [&](char** error) {
+        return molbAtSecConnConnect(sockets.ours(), handle, 1, &channel, error);
+    };
+    for (const int version : versions) {
+        SSL_CTX_set_max_proto_version(server.get(), version);
+        sockets.renew();
+        client.reset(SSL_new(server.get()));
+        SSL_set_fd(client.get(), sockets.theirs());
+        SSL_set_accept_state(client.get());
+        char* error = nullptr;
+        std::uint32_t result = at_again;
+        int answers = 0;
+        for (; result == at_again && answers < 10; ++answers) {
+            result = connect(&error);
+            EXPECT_EQ(error, nullptr);
+            EXPECT_NE(channel, nullptr);
+            EXPECT_EQ(read(10), -1);  // nothing yet, whatever the state
+            EXPECT_EQ(errno, EAGAIN);
+            (void)SSL_do_handshake(client.get());
+        }
+        EXPECT_EQ(result, at_ok);
+        EXPECT_GT(answers, 1);
+        EXPECT_EQ(connect(nullptr), at_ok);  // and stays so
+        EXPECT_EQ(write("question"), 8);
+        EXPECT_EQ(answer(), "question");
+        EXPECT_EQ(molbAtSecConnClose(&channel), at_ok);
+    }
     char* error = nullptr;
-    clock_step_ms = 3000;  // the second look at the clock is 3 s later, the third 6 s
-    EXPECT_EQ(molbAtSecConnConnect(sockets.ours(), handle, 1, &channel, &error), at_channel_failed);
+    sockets.renew();
+    EXPECT_EQ(connect(&error), at_again);
+    char hello[4096];
+    EXPECT_GT(recv(sockets.theirs(), hello, sizeof hello, 0), 0);
+    sockets.close_theirs();
+    EXPECT_EQ(connect(&error), at_channel_failed);
     EXPECT_EQ(channel, nullptr);
+    EXPECT_STREQ(error, "TLS handshake failed: the peer closed the connection");
+    EXPECT_EQ(molbAtFree(error), at_ok);
+
+    // A socket that blocks has time-outs of its own.
+    sockets.renew();
+    fcntl(sockets.ours(), F_SETFL, fcntl(sockets.ours(), F_GETFL) & ~O_NONBLOCK);
+    const timeval patience{0, 10'000};
+    setsockopt(sockets.ours(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    EXPECT_EQ(connect(&error), at_channel_failed);
     EXPECT_STREQ(error, "TLS handshake failed: the peer did not answer in time");
     EXPECT_EQ(molbAtFree(error), at_ok);
-    clock_step_ms = 0;
-    sockets.close_theirs();
-    EXPECT_EQ(molbAtSecConnConnect(sockets.ours(), handle, 1, &channel, nullptr),
-              at_channel_failed);
+}
+
+TEST_F(channel_test, tells_the_log_why_a_handshake_failed) {
+    static std::vector<std::string> lines;
+    lines.clear();
+    const molb_log_function take = [](int level, const char* text) {
+        lines.push_back(std::to_string(level) + " " + text);
+    };
+    const auto offer = [](molb_log_function function) {
+        return molbatLibraryControl("Log", reinterpret_cast<void*>(function));
+    };
+    ASSERT_EQ(offer(take), at_ok);
+    lines.clear();  // of tests before this one
+    write_file(site() / "client_ca.pem", make_authority().certificate_pem());
+    refresh();
+    present(make_certificate({"alice"}));
+    EXPECT_EQ(meet(TLS1_3_VERSION), at_channel_failed);
+    sockets.renew();
+    ASSERT_GT(send(sockets.theirs(), "GET / HTTP/1.1\r\n\r\n", 18, 0), 0);
+    EXPECT_EQ(accept(), at_channel_failed);
+    write_file(site() / "users" / "mallory", "bro\x1bken\n", 0600);
+    EXPECT_EQ(log_in("local", "mallory", "password"), refused);
+    const std::vector<std::string> expected = {
+        "2 TLS handshake failed: self-signed certificate",
+        "2 TLS handshake failed: http request",
+        "1 " + (site() / "users" / "mallory").string() + ": no good line for this user",
+    };
+    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(offer(nullptr), at_ok);
+    EXPECT_EQ(log_in("local", "mallory", "password"), refused);
+    EXPECT_EQ(lines.size(), 3U);
 }
 
 TEST_F(channel_test, outlives_its_instance) {

@@ -1,6 +1,8 @@
 // Who may log in with a password, and how often anybody may try.
 #include <crypt.h>
+#include <dlfcn.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/provider/provider_fixture.h"
@@ -8,6 +10,30 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// The methods of the hashes that the library has computed, in order: y or 6.
+std::string hashes;
+bool stand_ins_are_free = false;
+
+// Whether it is a method and a salt only.
+bool is_stand_in(std::string_view setting) {
+    return std::count(setting.begin(), setting.end(), '$') == (setting[1] == 'y' ? 3 : 2);
+}
+
+}  // namespace
+
+// Stands in front of the C library's function: counts, and saves the time of hashes that nobody
+// looks at.
+extern "C" char* crypt_rn(const char* phrase, const char* setting, void* data, int size) noexcept {
+    static const auto real = reinterpret_cast<decltype(&crypt_rn)>(dlsym(RTLD_NEXT, "crypt_rn"));
+    hashes += setting[1];
+    if (stand_ins_are_free && is_stand_in(setting)) {
+        return nullptr;
+    }
+    return real(phrase, setting, data, size);
+}
+
+namespace {
 
 // Cheap to compute, and made with the C library alone.
 std::string quick_hash(const char* password, const char* salt = "$6$rounds=1000$pepper$") {
@@ -26,6 +52,12 @@ class login_test : public provider_test {
         add_user("alice", quick_hash("wonder"));
         ASSERT_EQ(start_in(data_dir, &handle), at_ok);
         clock_ms += 3'600'000;
+        stand_ins_are_free = true;
+    }
+
+    void TearDown() override {
+        stand_ins_are_free = false;
+        provider_test::TearDown();
     }
 
     void add_user(const std::string& name, const std::string& hash, const char* options = "") {
@@ -135,31 +167,113 @@ TEST_F(login_test, failures_lock_a_name_for_longer_and_longer) {
     }
 }
 
-TEST_F(login_test, everybody_together_has_a_budget) {
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(log_in("local", ("guess" + std::to_string(i)).c_str(), "no"), refused);
+TEST_F(login_test, a_flood_of_unknown_names_shuts_nobody_out) {
+    add_user("bob", quick_hash("builder"));
+    const auto flood = [&](int guesses) {
+        hashes.clear();
+        for (int i = 0; i < guesses; ++i) {
+            EXPECT_EQ(log_in("local", ("guess" + std::to_string(i)).c_str(), "no"), refused);
+        }
+        return hashes.size() / 2;
+    };
+    EXPECT_EQ(flood(100), 10U);
+    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+    clock_ms += 50;
+    EXPECT_EQ(flood(100), 0U) << "what alice has used is given back first";
+    clock_ms += 50;
+    EXPECT_EQ(flood(100), 1U);
+    // Those who exist have 10 more together, and then what the time brings.
+    for (const char* password : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
+        add_user("alice", quick_hash(password));
+        EXPECT_EQ(log_in("local", "alice", password), alice);
     }
-    EXPECT_EQ(log_in("local", "alice", "wonder"), refused);
+    EXPECT_EQ(log_in("local", "bob", "builder"), refused);
+    EXPECT_EQ(log_in("local", "alice", "9"), alice) << "remembered";
     clock_ms += 49;
-    EXPECT_EQ(log_in("local", "alice", "wonder"), refused);
+    EXPECT_EQ(log_in("local", "bob", "builder"), refused);
     clock_ms += 1;
-    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
-    EXPECT_EQ(log_in("second", "alice", "wonder"), refused);  // spent
-    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);     // remembered
+    EXPECT_EQ(log_in("local", "bob", "builder"), "box/local/bob");
 }
 
-TEST_F(login_test, whoever_was_right_is_not_hurt_by_the_failures_of_others) {
+TEST_F(login_test, memory_answers_twenty_guesses_and_no_more) {
+    // Failures of others do not hurt whoever was right, but for a while only.
     EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
-    fail("alice", 8);
+    fail("alice", 19);
+    hashes.clear();
     EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
-    clock_ms += 299'000 - 8 * 50;
+    EXPECT_EQ(hashes, "");
+    fail("alice", 1);
+    EXPECT_EQ(log_in("local", "alice", "wonder"), refused);  // locked like everybody
+    clock_ms += 30'000;
+    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+    // Guesses for other names do not count, and the count begins anew with each real login.
+    fail("bob", 30);
+    fail("alice", 19);
+    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+    clock_ms += 300'000;
     fail("alice", 5);
-    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
-    clock_ms += 1'000 - 5 * 50;
-    EXPECT_EQ(log_in("local", "alice", "wonder"), refused);  // forgotten, and locked
+    EXPECT_EQ(log_in("local", "alice", "wonder"), refused);  // over after five minutes
 }
 
-TEST_F(login_test, domains_come_in_order_and_without_dangerous_ones) {
+TEST_F(login_test, refusals_cost_the_same_whoever_is_meant) {
+    add_user("yes", quick_hash("pw", "$y$j75$saltsaltsalt$"));
+    add_user("locked", quick_hash("pw"), ":off");
+    write_file(site() / "users" / "broken", "rubbish\n", 0600);
+    const struct {
+        const char *domain, *name, *methods;
+    } cases[] = {
+        {"local", "alice", "6y"},  {"local", "yes", "y6"},     {"local", "locked", "y6"},
+        {"local", "nobody", "y6"}, {"local", "broken", "y6"},  {"local", "no name", "y6"},
+        {"cert", "alice", "y6"},   {"nowhere", "alice", "y6"},
+    };
+    for (const auto& [domain, name, methods] : cases) {
+        hashes.clear();
+        EXPECT_EQ(log_in(domain, name, "wrong"), refused);
+        EXPECT_EQ(hashes, methods) << domain << " " << name;
+        clock_ms += 1000;
+    }
+    hashes.clear();
+    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+    EXPECT_EQ(hashes, "6");
+    // libxcrypt takes longer ones, but no login does.
+    const std::string longest(128, 'x');
+    add_user("alice", quick_hash(longest.c_str()));
+    EXPECT_EQ(log_in("local", "alice", longest.c_str()), alice);
+    add_user("alice", quick_hash((longest + "x").c_str()));
+    hashes.clear();
+    EXPECT_EQ(log_in("local", "alice", (longest + "x").c_str()), refused);
+    EXPECT_EQ(hashes, "");
+}
+
+TEST_F(login_test, other_names_do_not_push_a_failure_out) {
+    const auto fail_all = [&](const char* prefix, int names) {
+        for (int i = 0; i < names; ++i) {
+            fail((prefix + std::to_string(i)).c_str(), 1);
+            clock_ms += 50;
+        }
+    };
+    fail("alice", 5);
+    fail_all("guess", 300);
+    // Still in its place: the sixth failure locks for 2 s.
+    fail("alice", 1);
+    clock_ms += 1'900;
+    EXPECT_EQ(log_in("local", "alice", "wonder"), refused);
+    clock_ms += 100;
+    EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+    // Among unknown names the one that has been quiet longest goes.
+    fail("oldest", 5);
+    clock_ms += 1000;
+    fail("newest", 5);
+    fail_all("other", 255);
+    for (const auto& [name, hashed] : {std::pair("newest", "y6"), std::pair("oldest", "y6y6")}) {
+        fail(name, 1);
+        hashes.clear();
+        fail(name, 2);  // within the lock of 2 s, or the second and third of a new count
+        EXPECT_EQ(hashes, std::string_view(name) == "newest" ? "" : hashed) << name;
+    }
+}
+
+TEST_F(login_test, domains_come_in_order_and_the_good_ones_stay) {
     const auto listed = [&] {
         molb_domain_info* list = nullptr;
         std::int32_t count = 0;
@@ -176,6 +290,13 @@ TEST_F(login_test, domains_come_in_order_and_without_dangerous_ones) {
                "four:password:a.qz\nfive:other:box\nsix:password:\n:password:box\n"
                "a b:password:box\nseven:password:box:more\nlast:certificate:z\n");
     EXPECT_EQ(listed(), "0 certificate=last");
-    write_file(site() / "domains", "# nothing\n");
-    EXPECT_EQ(listed(), std::to_string(at_not_available));
+    // An editor has just emptied the file, or spoilt it; a list that was good stays.
+    for (const char* text : {"", "# nothing\n", "local:pass", "\x01\xff:password:box\n"}) {
+        write_file(site() / "domains", text);
+        EXPECT_EQ(listed(), "0 certificate=last") << text;
+    }
+    fs::remove(site() / "domains");
+    EXPECT_EQ(listed(), "0 certificate=last");
+    write_file(site() / "domains", "local:password:box\r\n");
+    EXPECT_EQ(listed(), "0 password=local");
 }

@@ -52,6 +52,10 @@ std::uint32_t molbatLibraryControl(const char* command, void* arg) {
         fake_on_control();
     }
     std::strncpy(fake_command, command, sizeof(fake_command) - 1);
+    if (std::strcmp(command, "Log") == 0) {
+        fake_last.arguments[0] = reinterpret_cast<word>(arg);
+        return 24578;
+    }
     if (std::strncmp(command, "Load", 4) != 0) {
         ++fake_unloads;
         return static_cast<std::uint32_t>(dlclose(arg));

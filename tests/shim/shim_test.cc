@@ -106,6 +106,20 @@ TEST_F(Shim, PassesWordsAndPointersUnchanged) {
     });
 }
 
+TEST_F(Shim, OffersTheLogAndSurvivesARefusal) {
+    in_child("libfake_full.so", [] {
+        const molb_log_function function = [](int, const char*) {};
+        const auto offer = [&] {
+            return molbatLibraryControl("Log", reinterpret_cast<void*>(function));
+        };
+        REQUIRE(offer() == at_not_available);  // nothing is loaded for it
+        (void)molbAtGetSecurityLevel();
+        REQUIRE(offer() == at_invalid_argument);
+        REQUIRE(fake<fake_call>("fake_last")->arguments[0] == reinterpret_cast<word>(function));
+        REQUIRE(molbat_status().loaded);
+    });
+}
+
 constexpr int locals_count = 16;
 volatile word* callers_locals = nullptr;
 
