@@ -2,37 +2,35 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "core/compat_unix.h"
 #include "core/string.h"
 #include "lib/alloc.h"
+#include "lib/file.h"
 #include "lib/plat.h"
 #include "lib/qz_iterator.h"
 #include "lib/rbtree.h"
-#include "lib/unique_fd.h"
 
 namespace {
 
 constexpr std::size_t line_bytes = 256;  // with the terminator; longer lines come in pieces
+constexpr std::size_t stray_bytes_max = 65536;
 constexpr std::string_view white_space = " \t\n\v\f\r";
-
-struct file_closer {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-};
-using owned_file = std::unique_ptr<std::FILE, file_closer>;
 
 // Kept: the type counts by its beginning and ends at white space, so "NAME:users and more" names a
 // user, while blanks in a name belong to it.
-void add_line(std::string_view line, role_entry* row) {
+bool add_line(std::string_view line, role_entry* row) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0) {
-        return;
+        return false;
     }
     std::string_view type = line.substr(colon + 1);
     type = type.substr(0, type.find_first_of(white_space));
@@ -40,25 +38,15 @@ void add_line(std::string_view line, role_entry* row) {
         add_principal(row->groups, line.substr(0, colon));
     } else if (starts_with_nocase(type, "user")) {
         add_principal(row->users, line.substr(0, colon));
+    } else {
+        return false;
     }
+    return true;
 }
 
-// Opens without waiting: a FIFO in the file's place must not stop the daemon.
-owned_file open_regular(const std::string& path) {
-    unique_fd fd(my_open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
-    struct stat st {};
-    if (!fd || fstat(fd.get(), &st) != 0) {
-        return nullptr;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    owned_file file(fdopen(fd.get(), "r"));
-    if (file != nullptr) {
-        (void)fd.release();
-    }
-    return file;
+bool is_blank_or_comment(std::string_view line) {
+    const std::size_t start = line.find_first_not_of(white_space);
+    return start == std::string_view::npos || line[start] == '#';
 }
 
 // The time as rows remember it: cut to 32 bits on both sides of the comparison, so 2038 changes
@@ -69,24 +57,28 @@ std::int32_t seconds(const struct stat& st) {
 
 // Reads the file into a row whose sets are empty. A file that is missing leaves them so; any other
 // trouble also keeps the file from being replaced by what little is known of it.
-// Kept: times are whole seconds, so a second change within one second goes unseen.
 void load(const std::string& path, role_entry* row) {
     row->modified = 0;
+    row->current = false;
     errno = ENOENT;
-    const owned_file file = path.empty() ? nullptr : open_regular(path);
+    const file_ptr file = path.empty() ? nullptr : stream_of(open_regular(path.c_str()), "r");
     if (file == nullptr) {
         row->unreadable = errno != ENOENT;
+        row->current = !row->unreadable;
         return;
     }
+    const std::time_t now = std::time(nullptr);
     row->unreadable = !read_access_file(file.get(), row);
-    if (row->unreadable) {  // without a time it is read again by the next check
-        return;
-    }
     // Of the opened file, not of the path: a file that replaced it meanwhile is still to be read.
     struct stat st {};
-    if (fstat(fileno(file.get()), &st) == 0) {
-        row->modified = seconds(st);
+    if (fstat(fileno(file.get()), &st) != 0) {
+        return;
     }
+    row->loaded_ns = std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec;
+    row->modified = seconds(st);
+    // What can't stand for the row is tried again by every check.
+    row->current = !row->unreadable && st.st_mtime < now;
+    row->reported = row->reported && row->unreadable;
 }
 
 void append_lines(std::string* text, const qz_map* set, std::string_view type,
@@ -130,10 +122,23 @@ qz_map* principals(const role_entry* row, int kind) {
 
 bool read_access_file(std::FILE* file, role_entry* row) {
     std::array<char, line_bytes> line{};
+    std::size_t number = 1;
+    std::size_t stray_bytes = 0;
+    bool named_somebody = false;
     while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-        add_line(line.data(), row);
+        std::string_view text = line.data();
+        const bool ends = text.ends_with('\n');
+        if (add_line(text, row)) {
+            named_somebody = true;
+        } else if (!is_blank_or_comment(text) && stray_bytes <= stray_bytes_max) {
+            text.remove_suffix(ends ? 1 : 0);
+            row->strays.push_back({.number = number, .text = std::string(text)});
+            stray_bytes += text.size() + 1;
+        }
+        number += ends ? 1 : 0;
     }
-    return std::ferror(file) == 0;
+    return std::ferror(file) == 0 && (row->strays.empty() || named_somebody) &&
+           stray_bytes <= stray_bytes_max;
 }
 
 bool refresh_row(const std::string& path, role_entry* row) {
@@ -143,7 +148,7 @@ bool refresh_row(const std::string& path, role_entry* row) {
     if (!present && errno == ENOENT) {
         row->unreadable = false;  // there is nothing left that a rewrite could lose
     }
-    if ((present ? seconds(st) : 0) == row->modified && row->groups != nullptr &&
+    if (row->current && (present ? seconds(st) : 0) == row->modified && row->groups != nullptr &&
         row->users != nullptr) {
         return false;
     }
@@ -163,9 +168,40 @@ std::string access_file_text(const role_entry* row) {
     return text;
 }
 
+std::string stray_text(const role_entry* row) {
+    std::string text;
+    for (const stray_line& line : row->strays) {
+        text.append(line.text).append("\n");
+    }
+    return text;
+}
+
+int append_lost_lines(const std::string& path, const std::string& lines) {
+    if (lines.empty()) {
+        return 0;
+    }
+    std::array<char, PATH_MAX> resolved{};
+    struct stat st {};
+    if (realpath(path.c_str(), resolved.data()) == nullptr || stat(resolved.data(), &st) != 0) {
+        return errno;
+    }
+    const std::string backup = std::string(resolved.data()) + ".bak";
+    // Not through a link: whoever owns the folder must not choose where this goes.
+    const unique_fd fd(::open(backup.c_str(),
+                              O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | open_at_once,
+                              st.st_mode & 0777));
+    if (!fd) {
+        return errno;
+    }
+    const int error = write_all(fd.get(), lines);
+    return error != 0 || fsync(fd.get()) == 0 ? error : errno;
+}
+
 void clear_row(role_entry* row) {
     qz_set_destroy(row->groups);
     qz_set_destroy(row->users);
     row->groups = nullptr;
     row->users = nullptr;
+    row->strays.clear();
+    row->current = false;
 }

@@ -5,15 +5,23 @@
 // the remembered one. Runs on the main loop's thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/fwd.h"
 
 // What a principal is; the values are those that callers of assert_role pass.
 enum principal_kind : int { kind_group = 0, kind_user = 1 };
+
+// A line that names nobody, and is no comment or blank.
+struct stray_line {
+    std::size_t number = 0;
+    std::string text;
+};
 
 // One role of one namespace. The sets own their texts and are null until the first load.
 struct role_entry {
@@ -21,8 +29,15 @@ struct role_entry {
     const char* directory = nullptr;  // the role's name; null in the row that ends a table
     qz_map* groups = nullptr;
     qz_map* users = nullptr;
+    bool current = false;     // until the file's time is another one; else it is read again
     bool unreadable = false;  // the file exists but was not loaded whole: it must not be replaced
     bool reported = false;    // and that was logged
+    bool owed = false;        // the sets have changed and the file could not be written
+    int writes = 0;           // under way; the file's time says nothing meanwhile
+    int told_error = 0;       // why it could not be written, as far as that was told
+    std::vector<stray_line> strays;  // of the loaded file; the next write drops them
+    std::int64_t loaded_ns = 0;      // the loaded file's time in nanoseconds
+    std::int64_t strays_told = 0;    // the one whose strays were told
 };
 
 // Orders a probe against a stored principal, ignoring case, over the length of the probe.
@@ -35,13 +50,16 @@ void add_principal(qz_map* set, std::string_view name);
 
 qz_map* principals(const role_entry* row, int kind);
 
-// Adds the principals of an open file to the row's sets. Lines without a name, without a type or of
-// another type are skipped; a line of 256 bytes or more counts as several. Returns false when
-// reading failed. Requires: both sets exist.
+// Adds the principals of an open file to the row's sets and its other lines to the strays. Lines
+// without a name, without a type or of another type name nobody; a line of 256 bytes or more counts
+// as several. Returns false when the file can't stand for the row: reading failed, or there are
+// stray lines without a single principal, or more than 64 KiB of them. Requires: both sets exist.
 bool read_access_file(std::FILE* file, role_entry* row);
 
 // Brings the row up to date with the file at `path`, which may be empty: no file. Returns true when
-// the sets were rebuilt from nothing and the file, and false when they were current.
+// the sets were rebuilt from nothing and the file, and false when they were current. A file that
+// was written in the second in which it was read may change again without its time changing, so it
+// is read again by the next call.
 bool refresh_row(const std::string& path, role_entry* row);
 
 // The file's content for the row's sets: users, then groups, in set order, without the built-in
@@ -49,5 +67,12 @@ bool refresh_row(const std::string& path, role_entry* row);
 // Kept: every name that begins with the administrator's is taken for a built-in one.
 std::string access_file_text(const role_entry* row);
 
-// Frees both sets.
+// The texts of the stray lines, each with a line feed.
+std::string stray_text(const role_entry* row);
+
+// Appends lines that a rewrite of the file drops to "NAME.bak" beside the file that `path` leads
+// to. What stands there stays. 0 or an errno value. Empty lines: nothing.
+[[nodiscard]] int append_lost_lines(const std::string& path, const std::string& lines);
+
+// Frees both sets and forgets the file.
 void clear_row(role_entry* row);

@@ -1,15 +1,11 @@
 #include "security/authz.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <initializer_list>
+#include <string>
+#include <vector>
 
-#include "core/compat_unix.h"
 #include "core/connection.h"
 #include "core/log.h"
-#include "core/string.h"
-#include "lib/plat.h"
 #include "lib/qz_iterator.h"
 #include "lib/qz_vector.h"
 #include "lib/rbtree.h"
@@ -17,13 +13,6 @@
 #include "security/authz_uris.h"
 
 namespace {
-
-constexpr std::size_t path_bytes = 2048;
-constexpr std::array<const char*, 4> role_directories = {"pub", "operator", "admin", "agent"};
-
-// In the order in which a shortened name is tried: "a" is admin, "ag" agent.
-constexpr std::array<role_number, 4> role_preference = {role_admin, role_operator, role_pub,
-                                                        role_agent};
 
 // --- Namespaces ---
 
@@ -35,21 +24,8 @@ int compare_namesp(const void* probe, const void* stored) {
     return as_view(probe).compare(as_view(stored));
 }
 
-// A table whose rows are loaded when they are first asked for. The row behind the last role keeps
-// its null name, which ends walks over the table.
-role_entry* init_new_authz() {
-    auto* table = new role_entry[role_rows];
-    for (std::size_t i = 0; i < role_directories.size(); i++) {
-        table[i].directory = role_directories[i];
-    }
-    return table;
-}
-
 void destroy_namespace(namespace_record* record) {
-    for (role_entry* row = record->roles; row->directory != nullptr; row++) {
-        clear_row(row);
-    }
-    delete[] record->roles;
+    delete_role_table(record->roles);
     delete record;
 }
 
@@ -57,26 +33,25 @@ void free_namespace(void* record) {
     namespace_release(qz_as<namespace_record>(record));
 }
 
-// --- Rows ---
+// --- The policy's outside: files are written and lines logged on behalf of a connection ---
 
-// Empty when there is no namespace or the path is too long, which counts as a missing file.
-std::string access_path(const conn* c, const role_entry* row) {
-    std::string path = c->request.ns->root;
-    path.append("/").append(row->directory).append("/.dovmaaccess");
-    return path.size() < path_bytes ? path : std::string();
-}
+class connection_rights : public rights_user {
+  public:
+    explicit connection_rights(conn* c, role_entry* table = nullptr)
+        : c_(c),
+          files_(c->request.ns->root, table != nullptr ? table : c->request.ns->roles, this) {}
 
-// Kept: the search follows the set's tree with a comparison that is no order, so a "*" among other
-// names is found by some probes only; which ones depends on the order of the lines in the file.
-bool listed(conn* c, int role, const char* principal, int kind) {
-    validate_access_information(c, role);
-    return qz_set_exists(principals(&c->request.ns->roles[role], kind), principal) != 0;
-}
+    role_files* operator->() { return &files_; }
 
-// The answers that a full or failing disk gives; a file that may not be written gives others.
-bool is_disk_trouble(int error) {
-    return error == ENOSPC || error == EDQUOT || error == EIO || error == EFBIG;
-}
+    int write(role_entry* /*row*/, const std::string& path, const std::string& text) override {
+        return replace_file(path.c_str(), text);
+    }
+    void tell(const std::string& line) override { elog(elog_info, c_, "%s", line.c_str()); }
+
+  private:
+    conn* c_;
+    role_files files_;
+};
 
 // --- Granted roles of a connection ---
 
@@ -95,18 +70,14 @@ bool was_granted(const conn* c, int role) {
     return std::find(words.begin(), words.end(), granted_word(c, role)) != words.end();
 }
 
-bool holds_through_group(conn* c, int role) {
-    // Names of the internal domain type never pass through groups of agent, nor where the role
-    // itself names no group. The row is fresh: the user's own membership was just looked up in it.
-    const bool groups_apply =
-        role != role_agent && qz_set_size(c->request.ns->roles[role].groups) > 0;
-    if (c->groups == nullptr || (!groups_apply && is_qz_domain(c->user_name.c_str()) != 0)) {
-        return false;
+std::vector<std::string> group_names(const conn* c) {
+    std::vector<std::string> names;
+    if (c->groups != nullptr) {
+        for (void* group : qz_each(c->groups)) {
+            names.emplace_back(qz_as<const char>(group));
+        }
     }
-    const auto groups = qz_each(c->groups);
-    return std::any_of(groups.begin(), groups.end(), [&](void* group) {
-        return assert_role(c, role, qz_as<const char>(group), kind_group) != 0;
-    });
+    return names;
 }
 
 }  // namespace
@@ -147,7 +118,7 @@ void add_namespace_to_map(shttpd_ctx* ctx, std::string_view name, std::string_vi
     // Never used twice: what was granted in a removed namespace is not held in its successor.
     static std::uint32_t last_serial = 0;
     auto* record = new namespace_record{
-        .root = std::string(path), .name = std::string(name), .roles = init_new_authz()};
+        .root = std::string(path), .name = std::string(name), .roles = new_role_table()};
     record->serial = ++last_serial;
     if (qz_map_insert(ctx->namespace_map, &record->name, record) != 0) {
         namespace_release(record);  // the first of a name stays, even as the default namespace
@@ -166,27 +137,6 @@ namespace_record* find_namespace(shttpd_ctx* ctx, std::string_view name) {
                : nullptr;
 }
 
-bool next_namespace_entry(std::string_view* rest, namespace_entry* entry) {
-    const std::string_view text = next_list_entry(*rest);
-    const std::size_t equals = text.find('=');
-    *entry = {.text = text, .name = text.substr(0, equals)};
-    if (equals != std::string_view::npos) {
-        entry->path = text.substr(equals + 1);
-        entry->has_path = true;
-    }
-    return !text.empty();
-}
-
-int get_role_number(std::string_view name) {
-    for (const role_number role : role_preference) {
-        const std::string_view full = role_directories[static_cast<std::size_t>(role)];
-        if (full.substr(0, name.size()) == name) {
-            return role;
-        }
-    }
-    return role_admin;
-}
-
 int is_authorized(conn* c) {
     if (c->request.ns == nullptr) {
         return 0;
@@ -195,8 +145,7 @@ int is_authorized(conn* c) {
     if (was_granted(c, role)) {
         return 1;
     }
-    if (assert_role(c, role, c->user_name.c_str(), kind_user) == 0 &&
-        !holds_through_group(c, role)) {
+    if (!connection_rights(c)->judge_user(role, c->user_name.c_str(), group_names(c)).held()) {
         return 0;
     }
     if (c->granted == nullptr) {
@@ -207,62 +156,42 @@ int is_authorized(conn* c) {
 }
 
 int assert_role(conn* c, int role, const char* principal, int kind) {
-    const auto held = [&](std::initializer_list<int> roles) {
-        return std::any_of(roles.begin(), roles.end(),
-                           [&](int r) { return listed(c, r, principal, kind); });
-    };
-    switch (role) {
-        case role_pub:  // every user holds pub, also when names in its file hide the "*"
-            return kind == kind_user || held({role_pub, role_operator, role_admin}) ? 1 : 0;
-        case role_operator:
-            return held({role_operator, role_admin}) ? 1 : 0;
-        case role_admin:
-            return held({role_admin}) ? 1 : 0;
-        case role_agent:
-            return held({role_agent, role_admin}) ? 1 : 0;
-        default:
-            return 0;
-    }
+    return connection_rights(c)->judge(role, principal, kind).held() ? 1 : 0;
 }
 
-// Built-in members are added to rows that were rebuilt only: nothing ever takes them out again.
 void validate_access_information(conn* c, int role) {
-    role_entry* row = &c->request.ns->roles[role];
-    if (!refresh_row(access_path(c, row), row)) {
-        return;
-    }
-    if (role == role_admin) {
-        const qz_owned<char> user(get_admin_user("root"));
-        const qz_owned<char> group(get_admin_group("root"));
-        add_principal(row->users, user.get());
-        add_principal(row->groups, group.get());
-    } else if (role == role_pub) {
-        add_principal(row->users, "*");
-    }
+    (void)connection_rights(c)->fresh(role);
 }
 
 void sync_role(conn* c, role_entry* table, int role) {
-    role_entry* row = &table[role];
-    const std::string path = access_path(c, row);
-    if (path.empty()) {
-        return;
-    }
-    if (row->unreadable) {
-        if (!row->reported) {
-            elog(elog_info, c, "%s could not be read and will not be replaced", path.c_str());
-            row->reported = true;
-        }
-        return;
-    }
-    // Kept: a file that may not be written is left alone and a grant still answers Success; it then
-    // holds until the file is read again.
-    const int error = replace_file(path.c_str(), access_file_text(row));
-    if (is_disk_trouble(error)) {
-        elog(elog_info, c, "Cannot replace %s: %s", path.c_str(), std::strerror(error));
+    (void)connection_rights(c, table)->save(role);
+}
+
+void grant_az(conn* c, std::string_view role, std::string_view principal, int kind) {
+    const int number = get_role_number(role);
+    const rights_change change = connection_rights(c)->grant(number, principal, kind);
+    if (change.changed) {
+        log_change(c, "granted %s in %s to %s %.*s%s%s", role_name(number),
+                   c->request.ns->name.c_str(), principal_kind_name(kind),
+                   static_cast<int>(principal.size()), principal.data(),
+                   change.replaced.empty() ? "" : ", in place of ", change.replaced.c_str());
     }
 }
 
-int is_qz_domain(const char* name) {
-    const std::string_view text(name);
-    return text.size() >= 3 && text.substr(text.size() - 3) == ".qz" ? 1 : 0;
+int deny_az(conn* c, const az_params* params, const char** error) {
+    const int role = get_role_number(params->role.data());
+    const int kind = get_principal_kind(params->type.data());
+    const std::string_view name = params->user.data();
+    if (kind < 0) {
+        *error = "Unknown Role";  // Kept: the text is that of another mistake.
+        return -1;
+    }
+    if (is_bad_principal(name)) {
+        return -1;
+    }
+    if (connection_rights(c)->deny(role, name, kind).changed) {
+        log_change(c, "took %s in %s from %s %s", role_name(role), c->request.ns->name.c_str(),
+                   principal_kind_name(kind), name.data());
+    }
+    return 0;
 }

@@ -1,4 +1,4 @@
-// Authorization: who may act in which role, per namespace.
+// Authorization: who may act in which role, per namespace. The policy itself is in rights.h.
 //
 // A namespace is a document root; below it, ROLE/.dovmaaccess lists who holds the role. The role
 // that a request needs is the first segment of its URI. Namespaces live in a map of the context and
@@ -13,13 +13,7 @@
 
 #include "core/context.h"
 #include "core/fwd.h"
-#include "security/access_file.h"
-
-enum role_number : int { role_pub = 0, role_operator = 1, role_admin = 2, role_agent = 3 };
-
-// Kept: "world" has no number. As a role to grant it is an unknown name, which is admin.
-inline constexpr int role_rows = 5;  // of a namespace's table; the last one ends it
-inline constexpr std::string_view default_namespace = "plx";
+#include "security/rights.h"
 
 // Builds the namespace map from the "namespaces" option and the document root, and registers the
 // administrative endpoints. Once, after the options were read.
@@ -37,21 +31,6 @@ void remove_namespace_from_map(shttpd_ctx* ctx, std::string_view name);
 // The namespace with exactly this name, or null. The caller does not own a reference.
 namespace_record* find_namespace(shttpd_ctx* ctx, std::string_view name);
 
-// Cuts the next NAME=PATH entry off the front of a "namespaces" text. False at its end, which an
-// empty entry is too. Entries without "=" have an empty path and has_path false.
-struct namespace_entry {
-    std::string_view text{};  // the whole entry
-    std::string_view name{};
-    std::string_view path{};
-    bool has_path = false;
-};
-bool next_namespace_entry(std::string_view* rest, namespace_entry* entry);
-
-// The number of a role name.
-// Kept: a prefix names a role ("op" is operator), and an empty or unknown name is admin, the most
-// demanding one.
-int get_role_number(std::string_view name);
-
 // Whether the user of the connection's request may act in the request's role: 1 or 0. A role once
 // granted in a namespace is remembered with the connection and not tested again on it.
 int is_authorized(conn* c);
@@ -65,12 +44,14 @@ int assert_role(conn* c, int role, const char* principal, int kind);
 // included: every user for pub, the administrator's user and group for admin.
 void validate_access_information(conn* c, int role);
 
-// Replaces a role's file by the content of its row. A file that cannot be opened for writing is
-// left alone silently; one that could not be read is never replaced, so that nothing in it is lost.
+// Replaces a role's file by the content of its row. What can't be written now is logged and written
+// by a later grant, deny or check; a file that could not be read is never replaced, so that nothing
+// in it is lost.
 void sync_role(conn* c, role_entry* table, int role);
 
-// 1 when `name` has at least three characters and ends in ".qz", else 0.
-int is_qz_domain(const char* name);
+// Gives a user or group a role in the request's namespace, unless it holds the role already.
+// Requires: a principal_kind, and a name that is_bad_principal accepts.
+void grant_az(conn* c, std::string_view role, std::string_view principal, int kind);
 
 // The parameters of grant and deny. Longer values are cut to fit.
 struct az_params {
@@ -82,9 +63,6 @@ struct az_params {
 // Reads the parameters from the query text, for POST from the body. 0, or -1 when there is nothing
 // more to do in this call: the body is still arriving, or an error has been answered.
 int get_az_params(shttpd_call_arg* arg, az_params* params);
-
-// The kind that a type text names, -1 for none. Only the beginning counts: "users" is a user.
-int get_principal_kind(std::string_view type);
 
 // Takes a principal off a role's list and rewrites its file. 0, also when it was not listed; -1
 // with *error set to a text for the caller, or left alone when the parameters are just not

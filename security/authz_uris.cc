@@ -32,51 +32,6 @@ void store_variable(std::string_view variables, const char* name, std::array<cha
     my_strlcpy(field->data(), get_variable(variables, name, static_cast<int>(Size)).c_str(), Size);
 }
 
-const char* kind_name(int kind) {
-    return kind == kind_user ? "user" : "group";
-}
-
-// A name that would break its line of the access file, or end it early.
-bool is_bad_name(std::string_view name) {
-    return name.find_first_of("\r\n:") != std::string_view::npos;
-}
-
-// Kept: every name that begins with "root" is taken for the administrator, who can neither be given
-// nor lose a role; such a request answers Success and changes nothing.
-bool is_built_in(const az_params* params) {
-    return starts_with_nocase(params->user.data(), "root");
-}
-
-// The roles below `role` that it includes, from which its new holder is removed.
-std::span<const role_number> included_roles(int role) {
-    static constexpr std::array<role_number, 3> below_admin = {role_agent, role_operator, role_pub};
-    switch (role) {
-        case role_admin:
-            return below_admin;
-        case role_operator:
-            return std::span(below_admin).last(1);
-        default:
-            return {};
-    }
-}
-
-// The lower roles go first: a kill in between leaves the principal with neither, never with both.
-// Requires: the role's row is fresh, as assert_role leaves it.
-void add_to_role(conn* c, const az_params* params, int kind) {
-    role_entry* table = c->request.ns->roles;
-    const int role = get_role_number(params->role.data());
-    for (const role_number lower : included_roles(role)) {
-        az_params copy = *params;
-        my_strlcpy(copy.role.data(), table[lower].directory, copy.role.size());
-        const char* ignored = nullptr;
-        (void)deny_az(c, &copy, &ignored);  // the parameters have been checked
-    }
-    add_principal(principals(&table[role], kind), params->user.data());
-    sync_role(c, table, role);
-    log_change(c, "granted %s in %s to %s %s", table[role].directory, c->request.ns->name.c_str(),
-               kind_name(kind), params->user.data());
-}
-
 void az_grant(shttpd_call_arg* arg) {
     az_params params;
     if (get_az_params(arg, &params) != 0) {
@@ -87,15 +42,12 @@ void az_grant(shttpd_call_arg* arg) {
         show_error(arg, "400", "Error: Unknown principal type");
         return;
     }
-    if (is_bad_name(params.user.data())) {
+    if (is_bad_principal(params.user.data())) {
         show_error(arg, "400", "Bad params");
         return;
     }
-    conn* c = arg->connection;
-    if (!is_built_in(&params) &&
-        assert_role(c, get_role_number(params.role.data()), params.user.data(), kind) == 0) {
-        add_to_role(c, &params, kind);
-    }
+    // Kept: a name that begins with "root", and one that holds the role already, changes nothing.
+    grant_az(arg->connection, params.role.data(), params.user.data(), kind);
     show_success(arg);
 }
 
@@ -259,13 +211,6 @@ void register_auth_uris(shttpd_ctx* ctx) {
     register_endpoints(ctx, endpoints);
 }
 
-int get_principal_kind(std::string_view type) {
-    if (starts_with_nocase(type, "group")) {
-        return kind_group;
-    }
-    return starts_with_nocase(type, "user") ? kind_user : -1;
-}
-
 int get_az_params(shttpd_call_arg* arg, az_params* params) {
     const bool is_post = method_is(arg, "POST");
     const std::string_view variables = is_post ? request_body(arg) : query_text(arg);
@@ -275,37 +220,6 @@ int get_az_params(shttpd_call_arg* arg, az_params* params) {
     if (params->user[0] == '\0' || params->type[0] == '\0' || params->role[0] == '\0') {
         show_error(arg, "400", "Error: User name and Type not specified");
         return -1;
-    }
-    return 0;
-}
-
-int deny_az(conn* c, const az_params* params, const char** error) {
-    const int role = get_role_number(params->role.data());
-    const int kind = get_principal_kind(params->type.data());
-    if (kind < 0) {
-        *error = "Unknown Role";  // Kept: the text is that of another mistake.
-        return -1;
-    }
-    if (is_bad_name(params->user.data())) {
-        return -1;
-    }
-    if (is_built_in(params)) {
-        return 0;
-    }
-    validate_access_information(c, role);
-    if (role == role_pub && params->user[0] == '*') {
-        return 0;
-    }
-    role_entry* table = c->request.ns->roles;
-    // By the exact text: a search would take the first name that begins with this one.
-    for (qz_cursor at(qz_set_open(principals(&table[role], kind))); !at.at_end(); at.next()) {
-        if (std::strcmp(at.data<const char>(), params->user.data()) == 0) {
-            at.erase();
-            sync_role(c, table, role);
-            log_change(c, "took %s in %s from %s %s", table[role].directory,
-                       c->request.ns->name.c_str(), kind_name(kind), params->user.data());
-            break;
-        }
     }
     return 0;
 }

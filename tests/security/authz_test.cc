@@ -12,24 +12,6 @@ namespace {
 
 using authz = rights_test;
 
-TEST_F(authz, qz_names_never_pass_through_groups_of_agent_or_of_an_empty_list) {
-    start();
-    put("admin", "chiefs:group\n");
-    caller("unit@x.qz", {"games", "chiefs"});
-    EXPECT_EQ(may("agent"), 0) << "agent never";
-    EXPECT_EQ(may("operator"), 0) << "operator's own list of groups is empty";
-    EXPECT_EQ(may("admin"), 1) << "admin's is not";
-    put("agent", "chiefs:group\n");
-    caller("unit@x.qz", {"chiefs"});
-    EXPECT_EQ(may("agent"), 0);
-    caller("unit@x.org", {"chiefs"});
-    EXPECT_EQ(may("agent"), 1);
-    for (const char* other : {"qz", "", "a.QZ"}) {
-        EXPECT_EQ(is_qz_domain(other), 0) << other;
-    }
-    EXPECT_EQ(is_qz_domain(".qz"), 1);
-}
-
 TEST_F(authz, namespaces_option_lists_names_and_roots) {
     ctx.namespaces = "one=/1,  ,,two=/2=b, nopath,one=/other,plx=/mine,,x=/not";
     init_auth_info(&ctx);
