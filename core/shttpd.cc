@@ -20,6 +20,7 @@
 #include "core/log.h"
 #include "core/mime_type.h"
 #include "core/poll_set.h"
+#include "core/state_writer.h"
 #include "core/string.h"
 #include "core/v6socket.h"
 #include "domain/domain.h"
@@ -408,6 +409,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
         resume_accepting();
     }
     run_scheduler(ctx);
+    start_state_writes();
 }
 
 void shttpd_fini(shttpd_ctx* ctx) {
@@ -415,6 +417,11 @@ void shttpd_fini(shttpd_ctx* ctx) {
     if (loop.accept_paused) {
         resume_accepting();  // the poll set closes only listeners whose descriptors it holds
     }
+    // What was changed is on the disk, and answered, before anything is taken down.
+    finish_state_writes();
+    collect_due(ctx, 0);
+    visit_connections();
+    finish_state_writes();
     close_all_connections(ctx);
     ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
     ctx->uri_auths.free_all([](uri_auth* entry) { delete entry; });

@@ -1,0 +1,198 @@
+#include "core/state_writer.h"
+
+#include <algorithm>
+#include <limits>
+#include <map>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "core/connection.h"
+#include "lib/file.h"
+#include "lib/replace_file.h"
+
+namespace {
+
+constexpr std::uint64_t none = std::numeric_limits<std::uint64_t>::max();
+
+// Writes are numbered in the order in which they were asked for. A write answers for every one of
+// its path since the last that began, of which it knows the first.
+struct file_record {
+    std::optional<state_write> wanted;  // asked for, not begun
+    std::uint64_t wanted_first = none;
+    std::uint64_t begun_first = none;  // handed to the thread, not ended
+    int begun = 0;
+    file_stamp stamp;  // of the file that was written last
+};
+
+}  // namespace
+
+struct state_writer {
+    std::map<std::string, file_record> files;
+    std::vector<write_wait*> waits;
+    std::uint64_t last_number = 0;
+    background_thread thread;
+
+    [[nodiscard]] std::uint64_t first_open() const {
+        std::uint64_t first = none;
+        for (const auto& [path, file] : files) {
+            first = std::min({first, file.wanted_first, file.begun_first});
+        }
+        return first;
+    }
+
+    void begin(const std::string& path, file_record* file);
+    void begin_all(bool also_busy);
+    void tell_waits();
+    void submit(std::unique_ptr<background_job> job);
+};
+
+namespace {
+
+state_writer& writer() {
+    static state_writer only;
+    return only;
+}
+
+// Whether the file is the one that was last written, with this content: then a new one would be no
+// better. What somebody else has written is replaced even so, for it may not be on the disk.
+bool stands_already(const std::string& path, const file_stamp& stamp, const std::string& content) {
+    if (stamp == file_stamp{} || stamp != stamp_of(path.c_str()) ||
+        stamp.size != static_cast<off_t>(content.size())) {
+        return false;
+    }
+    const unique_fd file = open_regular(path.c_str());
+    std::string found;
+    return file && read_all(file.get(), &found) == 0 && found == content;
+}
+
+struct write_job : background_job {
+    std::string path;
+    std::string content;
+    file_stamp stamp;
+    std::function<void(int)> written;
+    int error = 0;
+
+    void run() override {
+        if (!stands_already(path, stamp, content)) {
+            error = replace_file(path.c_str(), content, &stamp);
+        }
+        content = std::string();  // it can be long, and the result may wait for the loop
+    }
+
+    void finish() override {
+        file_record& file = writer().files[path];
+        file.stamp = error == 0 ? stamp : file_stamp{};
+        if (--file.begun == 0) {
+            file.begun_first = none;
+        }
+        if (written) {
+            written(error);
+        }
+        writer().tell_waits();
+    }
+};
+
+// Keeps a job at hand in case that there is no thread for it.
+struct shared_job : background_job {
+    std::shared_ptr<background_job> job;
+
+    explicit shared_job(std::shared_ptr<background_job> which) : job(std::move(which)) {}
+    void run() override { job->run(); }
+    void finish() override { job->finish(); }
+};
+
+}  // namespace
+
+void state_writer::submit(std::unique_ptr<background_job> job) {
+    const std::shared_ptr<background_job> shared(std::move(job));
+    if (!thread.submit(std::make_unique<shared_job>(shared))) {
+        shared->run();
+        shared->finish();
+    }
+}
+
+void state_writer::begin(const std::string& path, file_record* file) {
+    auto job = std::make_unique<write_job>();
+    job->path = path;
+    job->content = file->wanted->content();
+    job->stamp = file->stamp;
+    job->written = std::move(file->wanted->written);
+    file->wanted.reset();
+    file->begun_first = std::min(file->begun_first, std::exchange(file->wanted_first, none));
+    ++file->begun;
+    submit(std::move(job));
+}
+
+void state_writer::begin_all(bool also_busy) {
+    std::vector<std::pair<const std::string, file_record>*> ready;
+    for (auto& entry : files) {
+        if (entry.second.wanted && (also_busy || entry.second.begun == 0)) {
+            ready.push_back(&entry);
+        }
+    }
+    std::sort(ready.begin(), ready.end(), [](const auto* a, const auto* b) {
+        return a->second.wanted_first < b->second.wanted_first;
+    });
+    for (auto* entry : ready) {
+        begin(entry->first, &entry->second);
+    }
+}
+
+void state_writer::tell_waits() {
+    const std::uint64_t open = first_open();
+    const auto still = std::stable_partition(
+        waits.begin(), waits.end(), [open](const write_wait* wait) { return wait->last_ >= open; });
+    std::for_each(still, waits.end(), [](const write_wait* wait) { visit_soon(wait->waiter_); });
+    waits.erase(still, waits.end());
+}
+
+void write_state(state_write write) {
+    file_record& file = writer().files[write.path];
+    ++writer().last_number;
+    file.wanted_first = std::min(file.wanted_first, writer().last_number);
+    file.wanted = std::move(write);
+}
+
+void settle_state_writes() {
+    writer().begin_all(true);
+}
+
+bool state_write_pending(const std::string& path) {
+    const auto found = writer().files.find(path);
+    return found != writer().files.end() && (found->second.wanted || found->second.begun > 0);
+}
+
+bool state_file_is_ours(const std::string& path) {
+    const auto found = writer().files.find(path);
+    return found != writer().files.end() && found->second.stamp != file_stamp{} &&
+           found->second.stamp == stamp_of(path.c_str());
+}
+
+void run_behind_writes(std::unique_ptr<background_job> job) {
+    settle_state_writes();
+    writer().submit(std::move(job));
+}
+
+write_wait::write_wait(conn* waiter) : waiter_(waiter), last_(writer().last_number) {
+    if (!over()) {
+        writer().waits.push_back(this);
+    }
+}
+
+write_wait::~write_wait() {
+    std::erase(writer().waits, this);
+}
+
+bool write_wait::over() const {
+    return writer().first_open() > last_;
+}
+
+void start_state_writes() {
+    writer().begin_all(false);
+}
+
+void finish_state_writes() {
+    settle_state_writes();
+    writer().thread.drain();
+}
