@@ -54,7 +54,7 @@ bool has_input_room(const conn* c) {
     return c->remote.room() > 0 || (c->remote.tail > 0 && may_compact(c));
 }
 
-// More of the body is still to come, or its length is unknown.
+// Whether the announced body has been read; one without announced length never is.
 bool body_complete(const conn* c) {
     return c->remote.has(sf_parsed) && c->remote.content_length > 0 &&
            c->remote.total >= c->remote.content_length;
@@ -130,6 +130,12 @@ void reply_to_client(conn* c) {
     }
 }
 
+// Whether the handler needs no descriptor to go on.
+bool may_be_called(const stream& local) {
+    return local.io != nullptr && local.has(sf_always_ready) && local.has(sf_readable) &&
+           !local.has(sf_closed);
+}
+
 // --- Poll events, decided here and nowhere else ---
 
 short remote_events(const conn* c) {
@@ -140,9 +146,7 @@ short remote_events(const conn* c) {
     } else if (has_input_room(c)) {
         events |= POLLIN;
     }
-    const bool more_to_come = local.io != nullptr && local.has(sf_always_ready) &&
-                              local.has(sf_readable) && !local.has(sf_closed) && !c->idle_call;
-    if (local.pending() > 0 || more_to_come) {
+    if (local.pending() > 0 || (may_be_called(local) && !c->idle_call)) {
         events |= POLLOUT;
     }
     return events;
@@ -198,6 +202,8 @@ void reset_request(request_data* request) {
     request->headers = header_values();
     request->typed_user.clear();
     request->refusal_logged = false;
+    request->headers_scanned = 0;
+    request->is_last = false;
     request->body_left = 0;
     request->sent = 0;
 }
@@ -234,17 +240,19 @@ void free_connection(conn* c) {
     delete_conn(c);
 }
 
-// What follows a complete body is never asked for; it still lies in the socket.
-bool has_input_behind_body(const conn* c) {
+// Whether a byte lies in the socket that nobody has asked for.
+bool has_waiting_byte(int fd) {
     char byte = 0;
-    return body_complete(c) &&
-           recv(c->remote.channel.fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
+    return recv(fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
-bool has_unread_input(const conn* c) {
-    return c->remote.io != nullptr &&
-           (c->remote.pending() > 0 || c->request.body_left > 0 ||
-            c->remote.total < c->remote.content_length || has_input_behind_body(c));
+// Whether closing now could meet input that nobody has read. What a look finds is not all: it loses
+// the race with bytes on their way, so only a client's own word that nothing follows is trusted.
+bool may_have_unread_input(const conn* c) {
+    const stream& remote = c->remote;
+    return remote.io != nullptr &&
+           (!c->request.is_last || remote.pending() > 0 || c->request.body_left > 0 ||
+            remote.total < remote.content_length || has_waiting_byte(remote.channel.fd));
 }
 
 // Closing a socket with unread input resets it and may take the reply away from the client, so
@@ -267,7 +275,7 @@ void start_draining(conn* c) {
 // One connection, one life: drains what is still arriving, then ends the process.
 [[noreturn]] void end_inetd_process(conn* c, bool alive) {
     stop_stream(&c->local);
-    if (alive && has_unread_input(c)) {
+    if (alive && may_have_unread_input(c)) {
         (void)shutdown(c->remote.channel.fd, SHUT_WR);
         pollfd entry{.fd = c->remote.channel.fd, .events = POLLIN, .revents = 0};
         const std::int64_t deadline = monotonic_ms() + drain_limit_s * 1000;
@@ -461,7 +469,7 @@ bool disconnect(conn* c) {
     }
     stop_stream(&c->local);
     proxy_release(c);
-    if (has_unread_input(c)) {
+    if (may_have_unread_input(c)) {
         start_draining(c);
         return true;
     }
@@ -484,9 +492,11 @@ bool needs_visit(const conn* c) {
     if (c->state != conn_state::serving) {
         return c->remote_pending;
     }
-    const bool handler_waits = c->local.io != nullptr && c->local.has(sf_always_ready) &&
-                               c->local.has(sf_readable) && !c->local.has(sf_closed) && !c->held;
-    return handler_waits || has_hidden_input(c);
+    // A handler that had nothing to say is asked again; one whose bytes wait for the client is not:
+    // thousands of stalled readers must cost nothing.
+    const bool asked_again =
+        c->idle_call && !c->held && c->local.pending() == 0 && may_be_called(c->local);
+    return asked_again || has_hidden_input(c);
 }
 
 bool has_hidden_input(const conn* c) {

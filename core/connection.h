@@ -73,10 +73,12 @@ struct request_data {
     std::string role;                // the URI's role segment
     std::string recorded_role;       // the role that authorization granted; empty: none
     header_values headers;
-    std::string typed_user;       // of an Authorization value that has been wiped
-    bool refusal_logged = false;  // the error log has the line of this request's refusal
-    std::uint64_t body_left = 0;  // body bytes not yet handed to the handler
-    std::uint64_t sent = 0;       // reply bytes that have gone out
+    std::string typed_user;           // of an Authorization value that has been wiped
+    bool refusal_logged = false;      // the error log has the line of this request's refusal
+    std::size_t headers_scanned = 0;  // how much of an incomplete header block was looked at
+    bool is_last = false;             // the client has announced that nothing follows
+    std::uint64_t body_left = 0;      // body bytes not yet handed to the handler
+    std::uint64_t sent = 0;           // reply bytes that have gone out
 
     // The request line, terminated; "" before one was read.
     [[nodiscard]] const char* line() const { return text.c_str(); }

@@ -217,15 +217,28 @@ bool parse_request_line(conn* c) {
     return true;
 }
 
+// An alias' target and what stands behind its prefix. Cleaning removes only dots behind a slash: at
+// the joint "img../x" would become "/images/../x". Names with a leading dot are out of reach there
+// as they are elsewhere.
+std::string join_alias(std::string_view target, std::string_view rest) {
+    const bool at_start = target.empty() || target.ends_with('/');
+    std::string path(target);
+    path.append(rest);
+    const std::size_t start = path.rfind('/', target.size()) + 1;
+    const std::string_view joint =
+        std::string_view(path).substr(start, path.find('/', start) - start);
+    const bool climbs = rest.starts_with('.') && (at_start || joint == "..");
+    return climbs ? std::string() : path;
+}
+
 // What the headers decide about the connection and the body.
 void apply_headers(conn* c) {
     request_data& request = c->request;
     const std::string_view lines = request.header_block();
     parse_headers(lines.data(), lines.size(), &request.headers);
-    if (starts_with_nocase(request.headers.connection, "close") || request.major == 0 ||
-        request.minor == 0) {
-        c->close_after = true;
-    }
+    request.is_last = starts_with_nocase(request.headers.connection, "close") ||
+                      request.major == 0 || request.minor == 0;
+    c->close_after = c->close_after || request.is_last;
     // With both a length and a coding the length counts, and nothing behind the body is trusted to
     // be a request: the sender may have meant another end.
     const std::uint64_t length = request.headers.content_length;
@@ -238,7 +251,15 @@ void apply_headers(conn* c) {
 }  // namespace
 
 ssize_t get_headers_len(const char* buffer, std::size_t length) {
-    for (std::size_t i = 0; i + 1 < length; ++i) {
+    std::size_t scanned = 0;
+    return get_headers_len(buffer, length, &scanned);
+}
+
+ssize_t get_headers_len(const char* buffer, std::size_t length, std::size_t* scanned) {
+    constexpr std::size_t ending_max = 3;  // what came so far may be the beginning of "\n\r\n"
+    const std::size_t start = *scanned;
+    *scanned = std::max(start, length - std::min(length, ending_max));
+    for (std::size_t i = start; i + 1 < length; ++i) {
         const char c = buffer[i];
         if (!header_alphabet[static_cast<unsigned char>(c)]) {
             return -1;
@@ -391,7 +412,8 @@ std::string map_uri_to_path(const conn* c) {
         const std::string_view prefix = entry.substr(0, equals);
         // Kept: the prefix need not end at a slash, so "/i" also stands for "/index".
         if (uri.starts_with(prefix)) {
-            return std::string(entry.substr(equals + 1)).append(uri, prefix.size());
+            return join_alias(entry.substr(equals + 1),
+                              std::string_view(uri).substr(prefix.size()));
         }
     }
     std::string path;
@@ -406,7 +428,7 @@ std::string map_uri_to_path(const conn* c) {
 parse_result parse_request(conn* c) {
     stream& remote = c->remote;
     const std::string_view input(remote.buffer + remote.tail, remote.pending());
-    const ssize_t length = get_headers_len(input.data(), input.size());
+    const ssize_t length = get_headers_len(input.data(), input.size(), &c->request.headers_scanned);
     if (length == 0) {
         // A block that can never become complete gets no answer, like every other early error.
         return remote.pending() >= remote.size ? mute(c, "no header block")

@@ -17,6 +17,10 @@ inline constexpr std::array<std::string_view, 5> known_http_methods = {"GET", "P
 // not complete, -1 when it holds a byte that may not stand in headers.
 ssize_t get_headers_len(const char* buffer, std::size_t length);
 
+// The same for a block that arrives in pieces: `scanned` is 0 at first and remembers, between calls
+// with more of the same block, how far it was looked at, so that every byte is read once.
+ssize_t get_headers_len(const char* buffer, std::size_t length, std::size_t* scanned);
+
 // Fills `values` from header lines; texts keep pointing into them. Of repeated headers the last
 // one counts.
 void parse_headers(const char* start, std::size_t length, header_values* values);
@@ -45,7 +49,8 @@ std::string typed_user(std::string_view authorization);
 // Splits the query off a local URI and decodes the path; the query stays as received.
 void split_and_decode_uri(conn* c);
 
-// The file that a local URI names: namespace root and URI, or the target of an alias.
+// The file that a local URI names: namespace root and URI, or the target of an alias. Empty when
+// the URI's dots would lead out of the alias' target.
 std::string map_uri_to_path(const conn* c);
 
 // What parsing the buffered bytes led to.

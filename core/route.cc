@@ -2,11 +2,15 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "core/compat_unix.h"
 #include "core/connection.h"
@@ -78,6 +82,15 @@ bool serve_embedded(conn* c, request_target&) {
     return true;
 }
 
+// An alias leads nowhere when the dots behind it would climb out of its target.
+bool refuse_climb(conn* c, request_target& target) {
+    if (!target.path.empty()) {
+        return false;
+    }
+    send_server_error(c, 404, "Not Found");
+    return true;
+}
+
 // Access files are neither served nor written nor removed, whatever they are reached by.
 bool refuse_access_file(conn* c, request_target& target) {
     if (target.path.find(".dovmaaccess") == std::string::npos) {
@@ -104,7 +117,7 @@ bool serve_put(conn* c, request_target& target) {
     if (c->request.method != method_put) {
         return false;
     }
-    c->request.status = my_stat(target.path.c_str(), &target.st) == 0 ? 200 : 201;
+    const int status = my_stat(target.path.c_str(), &target.st) == 0 ? 200 : 201;
     if (!c->request.headers.range.empty()) {
         send_server_error(c, 501, "PUT Range Not Implemented");
         return true;
@@ -116,7 +129,7 @@ bool serve_put(conn* c, request_target& target) {
         send_server_error(c, 500, "PUT Directory Error", errno);
     } else if (c->request.headers.content_length == 0) {
         send_server_error(c, 411, "Length Required");
-    } else if (!receive_file(c, target.path.c_str())) {
+    } else if (!receive_file(c, target.path.c_str(), status)) {
         send_server_error(c, 500, "PUT Error", errno);
     }
     return true;
@@ -134,20 +147,40 @@ bool serve_delete(conn* c, request_target& target) {
     return true;
 }
 
-// A missing path may be a file with further components behind it.
+// The status of the path's first `length` bytes.
+bool stat_prefix(std::string* path, std::size_t length, struct stat* st) {
+    const char cut = std::exchange((*path)[length], '\0');
+    const bool found = my_stat(path->c_str(), st) == 0;
+    (*path)[length] = cut;
+    return found;
+}
+
+// A missing path may be a file with further components behind it. Whatever exists has parents that
+// exist, and nothing exists below a file: so the file, if there is one, is the longest prefix that
+// exists, and halving finds it in a dozen steps whatever a client has put behind it.
 bool split_path_info(conn* c, request_target& target) {
     // Kept: a file directly below the root needs a name of two letters to have a path behind it.
     const std::size_t lowest = c->request.ns->root.size() + 3;
-    for (std::size_t at = target.path.rfind('/'); at != std::string::npos && at >= lowest && at > 0;
-         at = target.path.rfind('/', at - 1)) {
-        const std::string part = target.path.substr(0, at);
-        if (my_stat(part.c_str(), &target.st) == 0 && !S_ISDIR(target.st.st_mode)) {
-            c->request.path_info = target.path.substr(at + 1);
-            target.path = part;
-            return true;
-        }
+    std::vector<std::size_t> ends;  // of the prefixes; the kernel takes no longer ones
+    for (std::size_t at = target.path.find('/', std::max<std::size_t>(lowest, 1));
+         at < PATH_MAX && at < target.path.size(); at = target.path.find('/', at + 1)) {
+        ends.push_back(at);
     }
-    return false;
+    struct stat st {};
+    std::size_t existing = 0;  // so many of the prefixes
+    for (std::size_t missing = ends.size() + 1; missing - existing > 1;) {
+        const std::size_t middle = existing + (missing - existing) / 2;
+        const bool found = stat_prefix(&target.path, ends[middle - 1], &st);
+        (found ? existing : missing) = middle;
+        target.st = found ? st : target.st;
+    }
+    if (existing == 0 || S_ISDIR(target.st.st_mode)) {
+        return false;
+    }
+    const std::size_t end = ends[existing - 1];
+    c->request.path_info = target.path.substr(end + 1);
+    target.path.resize(end);
+    return true;
 }
 
 // From here on the steps may rely on the status: whatever is missing has been answered.
@@ -248,10 +281,17 @@ using routing_step = bool (*)(conn*, request_target&);
 
 // The order matters: endpoints win over files of the same name, and nothing is written before the
 // access files and programs are out of reach.
-constexpr std::array<routing_step, 10> routing_steps = {
-    serve_embedded,  refuse_access_file, refuse_program_change,
-    serve_put,       serve_delete,       look_up,
-    serve_directory, serve_cgi,          serve_ssi,
+constexpr std::array<routing_step, 11> routing_steps = {
+    serve_embedded,
+    refuse_climb,
+    refuse_access_file,
+    refuse_program_change,
+    serve_put,
+    serve_delete,
+    look_up,
+    serve_directory,
+    serve_cgi,
+    serve_ssi,
     serve_file,
 };
 

@@ -155,7 +155,9 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
         return;
     }
     // The exit statistics call this number "requests", whatever a connection carries.
-    ++ctx->accepted_connections;
+    if (ctx->accepted_connections < INT_MAX) {
+        ++ctx->accepted_connections;
+    }
     c->serial = loop.next_serial++;
     c->peer_length = std::min(peer_length, static_cast<socklen_t>(sizeof(c->peer)));
     std::memcpy(&c->peer, &peer, c->peer_length);

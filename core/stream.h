@@ -27,6 +27,7 @@ enum stream_flag : std::uint32_t {
 struct stream_channel {
     int fd = -1;
     off_t offset = 0;       // io_file: where the next read begins
+    int put_status = 0;     // io_file: what a complete upload is answered with
     void* state = nullptr;  // io_embedded: the handler's word; io_cgi, io_proxy: scanners
     shttpd_handler handler = nullptr;  // the handler
     void* user_data = nullptr;         // and what it was registered with

@@ -143,18 +143,26 @@ void get_dir(conn* c, const std::string& path) {
         send_server_error(c, 500, "Cannot open directory", errno);
         return;
     }
-    const char* uri = c->request.uri.c_str();
+    c->request.status = 200;
+    c->close_after = true;
     stream& local = c->local;
-    local.head = static_cast<std::size_t>(my_snprintf(
+    const auto head = static_cast<std::size_t>(my_snprintf(
         local.buffer, local.size,
-        "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/html; charset=utf-8\r\n\r\n"
+        "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/html; charset=utf-8\r\n\r\n"));
+    local.head = head;
+    if (c->request.method == method_head) {
+        (void)closedir(directory);
+        stop_stream(&local);
+        return;
+    }
+    const char* uri = c->request.uri.c_str();
+    local.head += static_cast<std::size_t>(my_snprintf(
+        local.buffer + head, local.size - head,
         "<html><head><title>Index of %s</title><style>th {text-align: left;}</style></head>"
         "<body><h1>Index of %s</h1><pre><table cellpadding=\"0\">"
         "<tr><th>Name</th><th>Modified</th><th>Size</th></tr>"
         "<tr><td colspan=\"3\"><hr></td></tr>",
         uri, uri));
-    c->request.status = 200;
-    c->close_after = true;
     install_class(&local, &io_dir, -1,
                   sf_readable | sf_keep_open | sf_always_ready | sf_more_follows);
     local.channel.dir =

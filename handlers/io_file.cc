@@ -66,6 +66,7 @@ ssize_t write_file(stream* s, const void* buffer, std::size_t length) {
     }
     struct stat st {};
     (void)fstat(s->channel.fd, &st);
+    c->request.status = s->channel.put_status;
     const int written = my_snprintf(
         s->buffer, s->size, "HTTP/1.1 %d OK\r\nContent-Length: %lu\r\nConnection: close\r\n\r\n",
         c->request.status, static_cast<unsigned long>(st.st_size));
@@ -300,13 +301,14 @@ int put_dir(const char* path) {
     return 1;
 }
 
-bool receive_file(conn* c, const char* path) {
+bool receive_file(conn* c, const char* path, int status) {
     const int fd =
         my_open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, file_mode);
     if (fd < 0) {
         return false;
     }
     install_class(&c->local, &io_file, fd, sf_writable | sf_always_ready);
+    c->local.channel.put_status = status;
     c->close_after = true;
     return true;
 }

@@ -23,8 +23,9 @@ void get_file(conn* c, const struct stat* st);
 // ends in "/" and exists now, -1 when a directory can't be made or a prefix is over 2047 bytes.
 int put_dir(const char* path);
 
-// Opens (creating, truncating) the target of a PUT and lets the request's body flow into it.
-bool receive_file(conn* c, const char* path);
+// Opens (creating, truncating) the target of a PUT and lets the request's body flow into it. The
+// status becomes the request's when all of it has come: an upload that breaks off was no success.
+bool receive_file(conn* c, const char* path, int status);
 
 // Formats a time the way HTTP headers show dates here: English names, local time.
 // Kept: the text says GMT whatever the time zone is. `out` has room for 64 bytes.

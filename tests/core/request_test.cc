@@ -123,6 +123,30 @@ TEST(Uri, CleaningNeverLetsAPathClimb) {
     }
 }
 
+TEST(Headers, OfABlockInPiecesEveryByteIsReadOnce) {
+    const std::vector<std::string> blocks = {"GET / HTTP/1.1\r\nA: b\r\n\r\nrest",
+                                             "GET / HTTP/1.1\nA: b\n\nrest",
+                                             "GET /\r\nA:\tb\r\n\r\n",
+                                             "\n\n",
+                                             "\r\n\r\n",
+                                             std::string(300, 'a')};
+    for (const std::string& block : blocks) {
+        for (std::size_t step = 1; step < 5; ++step) {
+            std::size_t scanned = 0;
+            for (std::size_t n = 0; n <= block.size(); n += step) {
+                const std::size_t before = scanned;
+                const ssize_t found = get_headers_len(block.data(), n, &scanned);
+                ASSERT_EQ(found, get_headers_len(block.data(), n)) << block << n;
+                ASSERT_LE(before, scanned);
+                ASSERT_GE(scanned + 3, n);  // all but an ending that may have begun is done with
+                if (found != 0) {
+                    break;
+                }
+            }
+        }
+    }
+}
+
 TEST(Uri, RoleIsTheFirstSegmentOrBehindTheAuthority) {
     const std::vector<std::tuple<const char*, bool, const char*>> rows = {
         {"/admin/x", false, "admin"},
@@ -159,6 +183,24 @@ TEST(Uri, IsSplitDecodedAndMappedBelowTheRootOrToTheFirstAlias) {
     EXPECT_EQ(map_uri_to_path(&c), "/otherx");
     c.request.uri = "/broken";
     EXPECT_EQ(map_uri_to_path(&c), "/srv/root/broken");
+    // No rest of a URI leads out of the target that it is joined to.
+    ctx.aliases = "/w/img=/x/images/,/w/doc=/x/docs,/w/odd=/x/.,/w/up=/x/../y";
+    const std::vector<std::pair<const char*, const char*>> rows = {{"/w/img/a", "/x/images//a"},
+                                                                   {"/w/imga..", "/x/images/a.."},
+                                                                   {"/w/img", "/x/images/"},
+                                                                   {"/w/img../a", ""},
+                                                                   {"/w/img..", ""},
+                                                                   {"/w/img.../a", ""},
+                                                                   {"/w/img.a", ""},
+                                                                   {"/w/doc../a", "/x/docs../a"},
+                                                                   {"/w/doc.txt", "/x/docs.txt"},
+                                                                   {"/w/odd./a", ""},
+                                                                   {"/w/odd/a", "/x/./a"},
+                                                                   {"/w/up/a", "/x/../y/a"}};
+    for (const auto& [uri, path] : rows) {
+        c.request.uri = uri;
+        EXPECT_EQ(map_uri_to_path(&c), path) << uri;
+    }
     c.request.ns = nullptr;
 }
 

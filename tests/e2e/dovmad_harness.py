@@ -65,6 +65,33 @@ def eventually(check, seconds=30):
     return answer
 
 
+class Received(bytes):
+    """What came over a connection. `end` tells how that connection was then: "closed" by the other
+    side, "reset" by it, or "open" still."""
+
+    end = None
+
+
+def receive_until_end(sock, until=None):
+    """Everything until the connection ends, `until(received)` is true, or the socket's time-out
+    has passed without a byte; as `Received`."""
+    received, end = b"", "open"
+    try:
+        while not (until and until(received)):
+            chunk = sock.recv(1 << 16)
+            if not chunk:
+                end = "closed"
+                break
+            received += chunk
+    except TimeoutError:
+        pass
+    except (ConnectionError, ssl.SSLEOFError):  # the latter: the channel was cut, not closed
+        end = "reset"
+    reply = Received(received)
+    reply.end = end
+    return reply
+
+
 @dataclass
 class Response:
     status: int
@@ -72,6 +99,7 @@ class Response:
     headers: list
     body: bytes
     raw: bytes = field(repr=False)
+    end: str = None  # how the connection was when the reply was whole: "closed" or "open"
 
     def header(self, name, default=None):
         """The value of the first header of that name."""
@@ -192,20 +220,22 @@ class Daemon:
     def connect(self, port=None):
         return socket.create_connection(("127.0.0.1", port or self.port), 30)
 
-    def raw(self, data, port=None, timeout=10, until=None):
-        """Sends bytes (or a list of pieces) and returns everything until the daemon closes, until
-        `until(received)` is true, or until nothing has come for `timeout` seconds."""
+    def raw(self, data, port=None, timeout=10, until=None, end=None):
+        """Sends bytes (or a list of pieces) and returns, as `Received`, everything until the daemon
+        ends the connection, until `until(received)` is true, or until nothing has come for
+        `timeout` seconds. Fails unless the connection then is as `end` says: "closed" where the
+        caller names neither an end nor `until`; "any" asks for nothing."""
         pieces = [data] if isinstance(data, bytes) else data
-        received = b""
         with self.connect(port) as sock:
             sock.settimeout(timeout)
-            with contextlib.suppress(OSError):
+            with contextlib.suppress(ConnectionError):  # a refusal may come before the last piece
                 for piece in pieces:
                     sock.sendall(piece)
-            with contextlib.suppress(OSError):
-                while not (until and until(received)) and (chunk := sock.recv(1 << 16)):
-                    received += chunk
-        return received
+            reply = receive_until_end(sock, until)
+        expected = end or ("open" if until else "closed")
+        assert expected in ("any", reply.end), (
+            f"expected it {expected}, but it is {reply.end}: {reply[-300:]!r}")
+        return reply
 
     def request(self, method, path, body=None, headers=None, user=None, port=None, tls=False,
                 timeout=30):
@@ -227,27 +257,27 @@ class Daemon:
         with sock:
             sock.settimeout(timeout)
             sock.sendall(data)
-            return parse_response(self._receive(sock, method, path))
+            received = self._receive(sock, method, path)
+            reply = parse_response(received)
+            reply.end = received.end
+            return reply
 
     @staticmethod
     def _receive(sock, method, path):
-        received = b""
-        while True:
+        def is_whole(received):
             head, blank, body = received.partition(b"\r\n\r\n")
             length = re.search(rb"(?i)\r\ncontent-length: (\d+)", head)
             closes = re.search(rb"(?i)\r\nconnection: close", head)
             bodyless = method == "HEAD" or re.match(rb"\S+ (204|304) ", head)
-            if blank and length and not closes and (
-                    bodyless or len(body) >= int(length.group(1))):
-                return received
-            try:
-                chunk = sock.recv(1 << 16)
-            except (ConnectionResetError, ssl.SSLEOFError):
-                chunk = b""
-            if not chunk:
-                assert received, f"no reply to {method} {path}"
-                return received
-            received += chunk
+            return blank and length and not closes and (
+                bodyless or len(body) >= int(length.group(1)))
+
+        received = receive_until_end(sock, is_whole)
+        assert received, f"no reply to {method} {path}, and the connection is {received.end}"
+        assert received.end != "reset", f"{method} {path} was reset behind {received[:300]!r}"
+        assert received.end == "closed" or is_whole(received), (
+            f"the reply to {method} {path} never ended: {received[-300:]!r}")
+        return received
 
     def post(self, path, fields, **kwargs):
         """A POST of form variables."""

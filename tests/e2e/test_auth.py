@@ -121,7 +121,7 @@ def test_requests_in_one_record_are_served_whatever_the_buffer_holds(make_daemon
 # --- Secure channels that come to nothing ---
 
 def test_broken_handshakes_are_dropped_without_an_answer(daemon):
-    assert daemon.raw(b"GET / HTTP/1.1\r\n\r\n", port=daemon.tls_port) == b""
+    assert daemon.raw(b"GET / HTTP/1.1\r\n\r\n", port=daemon.tls_port, end="reset") == b""
     before = daemon.fd_count()
     for _ in range(20):
         with daemon.connect(daemon.tls_port) as sock:

@@ -204,7 +204,7 @@ def test_service_that_says_nothing_holds_only_its_own_clients(hob):
 
 def test_answer_without_length_closes_the_client(hob):
     daemon = hob()
-    received = daemon.raw(get("/hob://h:/nolength"), timeout=1)
+    received = daemon.raw(get("/hob://h:/nolength"), timeout=1, end="open")
     assert received == b"HTTP/1.1 200 OK\r\n\r\nstdio /nolength"
 
 

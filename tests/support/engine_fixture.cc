@@ -81,12 +81,18 @@ void test_engine::poll() {
 }
 
 std::string test_engine::exchange(std::string_view bytes, int quiet_passes) {
-    const unique_fd client = connect();
-    return exchange_on(client.get(), bytes, quiet_passes);
+    std::string reply;
+    {
+        const unique_fd client = connect();
+        reply = exchange_on(client.get(), bytes, quiet_passes);
+    }
+    poll();  // the engine notices that the client has gone
+    return reply;
 }
 
 std::string test_engine::exchange_on(int fd, std::string_view bytes, int quiet_passes) {
     std::string reply;
+    ended = connection_end::open;
     for (int quiet = 0; quiet < quiet_passes; ++quiet) {
         if (!bytes.empty()) {
             const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -102,6 +108,7 @@ std::string test_engine::exchange_on(int fd, std::string_view bytes, int quiet_p
             reply.append(buffer, static_cast<std::size_t>(got));
             quiet = 0;
         } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+            ended = got == 0 ? connection_end::closed : connection_end::reset;
             break;
         }
     }

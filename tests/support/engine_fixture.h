@@ -2,6 +2,7 @@
 // socket pairs, and passes of the main loop on demand. No authentication library is involved.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -26,6 +27,9 @@ class temporary_folder {
 
 std::string read_whole_file(const std::filesystem::path& path);
 
+// How a connection was when an exchange on it was over.
+enum class connection_end : std::uint8_t { open, closed, reset };
+
 class test_engine {
   public:
     // The option `noauth` is set; subsystems are initialised as at start-up unless `bare`.
@@ -36,6 +40,7 @@ class test_engine {
 
     shttpd_ctx* ctx = nullptr;
     temporary_folder root;
+    connection_end ended = connection_end::open;  // of the last exchange
 
     // A client whose other end is a connection of the engine (no handshake).
     unique_fd connect();

@@ -1,0 +1,314 @@
+// Proves how connections end, what they cost while nothing can move, and that nothing of one
+// request reaches the next.
+#include "core/connection.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/globals.h"
+#include "core/route.h"
+#include "core/shttpd.h"
+#include "handlers/io_emb.h"
+#include "handlers/io_file.h"
+#include "tests/support/engine_fixture.h"
+
+namespace {
+
+int stat_calls = 0;
+
+std::string get(std::string_view uri) {
+    return make_request("GET", uri);
+}
+
+std::size_t count(std::string_view text, std::string_view part) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(part); at != std::string_view::npos;
+         at = text.find(part, at + part.size())) {
+        ++n;
+    }
+    return n;
+}
+
+conn& only_connection(const test_engine& engine) {
+    return *engine.ctx->connections.first();
+}
+
+// Says nothing, ever; `user_data` counts the farewells.
+void says_nothing(shttpd_call_arg* arg) {
+    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
+        ++*static_cast<int*>(arg->user_data);
+    }
+}
+
+void tells_serial(shttpd_call_arg* arg) {
+    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
+        return;
+    }
+    static_cast<std::vector<std::uint64_t>*>(arg->user_data)->push_back(arg->connection->serial);
+    shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n");
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+void tells_user_data(shttpd_call_arg* arg) {
+    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
+        return;
+    }
+    shttpd_printf(arg, "%s", arg->user_data != nullptr ? "data" : "none");
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+TEST(Connections, EndAsTheirRequestsSay) {
+    test_engine engine;
+    engine.root.write("file", "content");
+    const std::string again = get("/file");
+    const std::string length = "Content-Length: " + std::to_string(again.size()) + "\r\n\r\n";
+    const std::vector<std::tuple<std::string, std::size_t, connection_end>> rows = {
+        {again + again, 2, connection_end::open},
+        {"GET /file HTTP/1.0\r\n\r\n" + again, 1, connection_end::closed},
+        {"GET /file HTTP/1.1\r\nConnection: close\r\n\r\n" + again, 1, connection_end::closed},
+        {"GET /file HTTP/1.1\r\n" + length + again, 1, connection_end::closed},
+        {"HEAD /file HTTP/1.1\r\n" + length + again, 1, connection_end::closed},
+        {get("/none") + again, 1, connection_end::closed},
+        {get("/world/ping") + std::string(40000, 'x'), 1, connection_end::closed},
+        {"GET /none HTTP/1.0\r\n\r\n", 1, connection_end::closed},
+        {"GET / HTTP/1.x\r\n\r\n" + again, 1, connection_end::closed},
+        {"FOO / HTTP/1.1\r\n\r\n" + again, 0, connection_end::open},
+    };
+    for (const auto& [bytes, replies, end] : rows) {
+        const std::string got = engine.exchange(bytes);
+        EXPECT_EQ(count(got, "HTTP/1.1 "), replies) << bytes.substr(0, 60) << got;
+        EXPECT_EQ(engine.ended, end) << bytes.substr(0, 60);
+    }
+}
+
+// A reply is not taken away by what the client sends after it, however late that is read.
+TEST(Connections, WhatFollowsARequestDoesNotTakeItsReplyAway) {
+    test_engine engine;
+    for (const char* uri : {"/none", "/world/ping"}) {
+        const unique_fd client = engine.connect();
+        std::string reply = engine.exchange_on(client.get(), get(uri), 1);
+        EXPECT_EQ(engine.ended, connection_end::open);
+        reply += engine.exchange_on(client.get(), get("/more"));
+        EXPECT_EQ(engine.ended, connection_end::closed);
+        EXPECT_EQ(count(reply, "HTTP/1.1 "), 1U);
+        EXPECT_EQ(shttpd_active(engine.ctx), 1) << "it waits for the client to close";
+    }
+    // Who has announced the end is believed, unless there is more.
+    for (const auto& [more, left] : {std::pair("", 0), std::pair("x", 1)}) {
+        engine.poll();  // the client before has gone
+        const unique_fd client = engine.connect();
+        engine.exchange_on(client.get(), std::string("GET /none HTTP/1.0\r\n\r\n") + more);
+        EXPECT_EQ(engine.ended, connection_end::closed);
+        EXPECT_EQ(draining_connections(), left) << more;
+    }
+}
+
+TEST(Connections, NothingOfARequestReachesTheNext) {
+    test_engine engine;
+    engine.root.write("sub/file", "content");
+    const unique_fd client = engine.connect();
+    EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/sub/file/a/b"))), "content");
+    conn& c = only_connection(engine);
+    EXPECT_EQ(c.request.path_info, "");
+    EXPECT_EQ(c.request.mime, nullptr);
+    c.birth_time = 1;
+    EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/sub/file"))), "content");
+    EXPECT_GT(c.birth_time, 1) << "an access line tells when its own request began";
+}
+
+TEST(Connections, TheOldestIsServedFirst) {
+    test_engine engine;
+    std::vector<std::uint64_t> served;
+    shttpd_register_uri(engine.ctx, "/serial", tells_serial, &served);
+    std::vector<unique_fd> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(engine.connect());
+    }
+    engine.poll();
+    for (auto client = clients.rbegin(); client != clients.rend(); ++client) {
+        const std::string request = get("/serial");
+        ASSERT_GT(send(client->get(), request.data(), request.size(), 0), 0);
+    }
+    engine.poll();
+    EXPECT_EQ(served.size(), 5U);
+    EXPECT_TRUE(std::is_sorted(served.begin(), served.end()));
+}
+
+TEST(Connections, AClientThatEndsItsSideHasGoneEvenWithAllOfItsBodyRead) {
+    test_engine engine;
+    int farewells = 0;
+    shttpd_register_uri(engine.ctx, "/silent", says_nothing, &farewells);
+    const unique_fd client = engine.connect();
+    EXPECT_EQ(engine.exchange_on(client.get(), make_request("POST", "/silent", "x=1")), "");
+    EXPECT_EQ(shttpd_active(engine.ctx), 1);
+    shutdown(client.get(), SHUT_WR);
+    engine.poll();
+    EXPECT_EQ(farewells, 1);
+    EXPECT_EQ(shttpd_active(engine.ctx), 0);
+}
+
+TEST(Connections, CallsThatMoveNothingKeepNoneAlive) {
+    test_engine engine;
+    int farewells = 0;
+    shttpd_register_uri(engine.ctx, "/silent", says_nothing, &farewells);
+    const unique_fd client = engine.connect();
+    EXPECT_EQ(engine.exchange_on(client.get(), get("/silent"), 3), "");
+    const std::time_t soon = only_connection(engine).expire_time - 10;
+    only_connection(engine).expire_time = soon;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(process_connection(&only_connection(engine)));
+    }
+    EXPECT_EQ(only_connection(engine).expire_time, soon);
+}
+
+TEST(Connections, AReaderThatStallsIsNotVisited) {
+    test_engine engine;
+    engine.root.write("big", std::string(4 << 20, 'b'));
+    for (int i = 0; i < 4000; ++i) {
+        engine.root.write("d/a-rather-long-name-" + std::to_string(i), "");
+    }
+    for (const char* uri : {"/big", "/d/"}) {
+        const unique_fd client = engine.connect();
+        const std::string request = get(uri);
+        ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+        for (int i = 0; i < 100; ++i) {
+            engine.poll();
+        }
+        EXPECT_FALSE(needs_visit(&only_connection(engine))) << uri;
+        EXPECT_GT(engine.exchange_on(client.get(), "").size(), 100000U);
+    }
+}
+
+TEST(Connections, AFileThatShrinksWhileItIsSentEndsItsReply) {
+    test_engine engine;
+    const auto file = engine.root.write("big", std::string(4 << 20, 'b'));
+    const unique_fd client = engine.connect();
+    const std::string request = get("/big");
+    ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+    for (int i = 0; i < 20; ++i) {
+        engine.poll();
+    }
+    ASSERT_EQ(truncate(file.c_str(), 10), 0);
+    const std::string reply = engine.exchange_on(client.get(), "");
+    EXPECT_LT(reply.size(), std::size_t{4} << 20);
+    EXPECT_EQ(engine.ended, connection_end::closed);
+}
+
+TEST(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
+    test_engine engine;
+    char data[] = "mine";
+    shttpd_handle_error(engine.ctx, 404, tells_user_data, data);
+    for (const auto& [with_header, said] : {std::pair(false, "data"), std::pair(true, "none")}) {
+        const unique_fd client = engine.connect();
+        engine.poll();
+        conn& c = only_connection(engine);
+        if (with_header) {
+            send_server_error_with_header(&c, 404, "Not Found", "page");
+        } else {
+            send_server_error(&c, 404, "Not Found");
+        }
+        c.remote.flags |= sf_parsed;
+        ASSERT_TRUE(process_connection(&c));
+        EXPECT_EQ(engine.exchange_on(client.get(), ""), said);
+        end_connection(&c);
+    }
+}
+
+TEST(Files, AreReleasedWhenDescriptorsRunOut) {
+    test_engine engine;
+    engine.root.write("one", "1");
+    engine.root.write("two", "2");
+    const unique_fd client = engine.connect();
+    EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/one"))), "1");  // stays open
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int next = dup(0);
+    ASSERT_EQ(close(next), 0);
+    const rlimit none{static_cast<rlim_t>(next), limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::string reply = engine.exchange_on(client.get(), get("/two"));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(body_of(reply), "2");
+}
+
+TEST(Files, AFullDiskIsLoggedAndAnAbortedUploadIsNoSuccess) {
+    test_engine engine;
+    std::filesystem::create_symlink("/dev/full", engine.root.path() / "full");
+    engine.ctx->error_log = std::fopen((engine.root.path() / "error.log").c_str(), "ae");
+    engine.ctx->access_log = std::fopen((engine.root.path() / "access.log").c_str(), "ae");
+    EXPECT_TRUE(engine.exchange(make_request("PUT", "/full", "x")).starts_with("HTTP/1.1 200 OK"));
+    std::fflush(engine.ctx->error_log);
+    EXPECT_NE(read_whole_file(engine.root.path() / "error.log")
+                  .find("upload not written: No space left on device"),
+              std::string::npos);
+    engine.exchange("PUT /half HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", 3);
+    EXPECT_EQ(shttpd_active(engine.ctx), 0);
+    std::fflush(engine.ctx->access_log);
+    const std::string lines = read_whole_file(engine.root.path() / "access.log");
+    EXPECT_NE(lines.find("PUT /full HTTP/1.1 op=unknown from=- namespace=plx\" 200 "),
+              std::string::npos)
+        << lines;
+    EXPECT_NE(lines.find("PUT /half HTTP/1.1 op=unknown from=- namespace=plx\" 0 "),
+              std::string::npos)
+        << lines;
+}
+
+TEST(Uris, AreBoundedTogetherWithTheirRoot) {
+    test_engine engine;
+    engine.ctx->io_buf_size = 65536;
+    const std::size_t most = 32767 - engine.root.path().string().size();
+    for (const auto& [length, said] :
+         {std::pair(most, "404 Not Found"), std::pair(most + 1, "400 URI is too long")}) {
+        EXPECT_EQ(body_of(engine.exchange(get("/" + std::string(length - 1, 'a')))), said);
+    }
+}
+
+// Whatever stands behind a file, finding it takes few looks at the file system.
+TEST(Uris, PathInformationIsFoundInFewSteps) {
+    test_engine engine;
+    engine.root.write("sub/file", "content");
+    engine.root.write("ab", "two letters");
+    engine.root.write("a", "one letter");
+    const std::string slashes(16000, '/');
+    std::string segments;
+    for (int i = 0; i < 8000; ++i) {
+        segments += "/s";
+    }
+    const std::vector<std::pair<std::string, const char*>> rows = {
+        {"/sub/file/x", "content"},
+        {"/sub/file/", "content"},
+        {"/sub/file//x/", "content"},
+        {"/ab/x", "two letters"},
+        {"/a/x", "404 Not Found"},
+        {"/sub/none/x", "404 Not Found"},
+        {"/sub/file" + slashes, "content"},
+        {"/sub/file" + segments, "content"},
+        {"/sub" + slashes + "x", "404 Not Found"},
+        {"/none" + segments, "404 Not Found"},
+    };
+    for (const auto& [uri, body] : rows) {
+        stat_calls = 0;
+        EXPECT_EQ(body_of(engine.exchange(get(uri))), body) << uri.substr(0, 40);
+        EXPECT_LE(stat_calls, 30) << uri.substr(0, 40);
+    }
+}
+
+}  // namespace
+
+// Counts what the engine asks of the file system.
+extern "C" int stat(const char* path, struct stat* status) {
+    ++stat_calls;
+    return fstatat(AT_FDCWD, path, status, 0);
+}
