@@ -26,6 +26,7 @@
 #include "sched/sched.h"
 #include "security/at_types.h"
 #include "security/authz.h"
+#include "security/data_directory.h"
 #include "security/library_log.h"
 #include "security/sec_uri.h"
 #include "security/tpk_make_path.h"
@@ -131,6 +132,7 @@ void start_library(shttpd_ctx* ctx) {
         std::abort();
     }
     export_directories(ctx);
+    prepare_data_directory(ctx->var_dir + "/sec", ctx->runtime_uid);
     const std::uint32_t code = molbAtInit(nullptr, &ctx->at_handle);
     if (code != at_ok) {
         (void)std::fprintf(stderr, "Error initializing MOLB AT%d\n", static_cast<int>(code));

@@ -3,7 +3,6 @@
 #include <openssl/crypto.h>
 #include <string.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -63,7 +62,7 @@ std::uint32_t open_instance(const molb_init* init, void** handle) {
     const std::uint32_t result = site::open(data_dir, own, &opened->owner, &why);
     if (result != at_ok) {
         if (own) {
-            (void)std::fprintf(stderr, "dovmad: authentication: %s\n", why.c_str());
+            print_at_start("authentication: %s", why.c_str());
         }
         return result;
     }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "lib/file.h"
 #include "lib/unique_fd.h"
 
 namespace provider {
@@ -18,8 +19,9 @@ namespace {
 // not take the daemon's memory.
 constexpr off_t longest_file_bytes = 1 << 20;
 
-// Fills `text` as far as the file goes: it may have become shorter since its size was asked for.
-int read_all(int fd, std::string* text) {
+// Fills `text` as far as the file goes: it may have become shorter since its size was asked for. It
+// does not grow, which would leave a part of a key behind.
+int fill_from(int fd, std::string* text) {
     std::size_t done = 0;
     while (done < text->size()) {
         const ssize_t n = read(fd, text->data() + done, text->size() - done);
@@ -35,20 +37,6 @@ int read_all(int fd, std::string* text) {
         done += static_cast<std::size_t>(n);
     }
     text->resize(done);
-    return 0;
-}
-
-int write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t n = write(fd, text.data(), text.size());
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        text.remove_prefix(static_cast<std::size_t>(n));
-    }
     return 0;
 }
 
@@ -106,14 +94,10 @@ file_content::~file_content() {
 }
 
 int read_file(const std::string& path, file_content* content) {
-    // A FIFO in the place of a file must not stop the one thread.
-    const unique_fd fd{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     struct stat status {};
-    if (!fd || fstat(fd.get(), &status) != 0) {
+    const unique_fd fd = open_regular(path.c_str(), &status);
+    if (!fd) {
         return errno;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return EINVAL;
     }
     if (status.st_size > longest_file_bytes) {
         return EFBIG;
@@ -123,7 +107,7 @@ int read_file(const std::string& path, file_content* content) {
     content->owner = status.st_uid;
     content->group = status.st_gid;
     content->text.assign(static_cast<std::size_t>(status.st_size), '\0');
-    return read_all(fd.get(), &content->text);
+    return fill_from(fd.get(), &content->text);
 }
 
 int create_file(int directory, const char* name, std::string_view text, mode_t mode,

@@ -45,8 +45,8 @@ struct file_content {
     ~file_content();  // wipes the text: it may be a key
 };
 
-// Reads a regular file of at most 1 MiB; never waits, whatever the path leads to. EINVAL: not a
-// regular file; EFBIG: too long. On failure the content is unspecified.
+// Reads a regular file of at most 1 MiB; never waits, whatever the path leads to. EISDIR or
+// EINVAL: not a regular file; EFBIG: too long. On failure the content is unspecified.
 [[nodiscard]] int read_file(const std::string& path, file_content* content);
 
 // Whom a new file is given to; only root may give files away.

@@ -1,5 +1,9 @@
 #include "provider/report.h"
 
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -62,6 +66,22 @@ std::string printable(const char* text) {
     return line;
 }
 
+// inetd makes one socket the standard input, output and error.
+bool stderr_is_a_client() {
+    struct stat error {};
+    struct stat input {};
+    sockaddr_storage own{};
+    socklen_t length = sizeof own;
+    if (fstat(STDERR_FILENO, &error) != 0 || !S_ISSOCK(error.st_mode)) {
+        return false;
+    }
+    const bool is_input = fstat(STDIN_FILENO, &input) == 0 && input.st_dev == error.st_dev &&
+                          input.st_ino == error.st_ino;
+    return is_input ||
+           getsockname(STDERR_FILENO, reinterpret_cast<sockaddr*>(&own), &length) != 0 ||
+           own.ss_family != AF_UNIX;  // that of a log service
+}
+
 }  // namespace
 
 // A line is formatted whole before it is written, so that lines of two threads do not mix.
@@ -84,6 +104,18 @@ void report(at_log_level level, const char* format, ...) {
     } else if (!log.offered && log.early.size() < most_early_lines) {
         log.early.emplace_back(level, std::move(line));
     }
+}
+
+void print_at_start(const char* format, ...) {
+    if (stderr_is_a_client()) {
+        return;
+    }
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    (void)std::fprintf(stderr, "dovmad: %s\n", text);
 }
 
 void set_log(molb_log_function function) {

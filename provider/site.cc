@@ -1,6 +1,5 @@
 #include "provider/site.h"
 
-#include <dirent.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -8,15 +7,12 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "lib/file.h"
 #include "provider/report.h"
 #include "provider/result.h"
 
 namespace provider {
 namespace {
-
-struct directory_close {
-    void operator()(DIR* directory) const { (void)closedir(directory); }
-};
 
 std::string strangers_text(uid_t owner, mode_t mode) {
     char text[128];
@@ -142,7 +138,7 @@ std::uint32_t site::refresh_domains() {
 
 // Everybody is read at the start: later the process may no longer be allowed to.
 void site::load_users() {
-    const std::unique_ptr<DIR, directory_close> directory{opendir(users_directory_.c_str())};
+    const directory_ptr directory{opendir(users_directory_.c_str())};
     if (!directory) {
         if (errno != ENOENT) {
             tell_once(users_directory_, strerror(errno));

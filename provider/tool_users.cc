@@ -1,5 +1,4 @@
 // dovmad-user: the users of the password domains.
-#include <dirent.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "lib/file.h"
 #include "provider/accounts.h"
 #include "provider/files.h"
 #include "provider/tool.h"
@@ -18,10 +18,6 @@
 using namespace provider;
 
 namespace {
-
-struct directory_close {
-    void operator()(DIR* directory) const { (void)closedir(directory); }
-};
 
 constexpr const char* name_rule =
     "a user name begins with a letter, a digit or '_' and goes on with letters, digits, '.', '_' "
@@ -107,7 +103,7 @@ int set_lock(const tool_options& options, const std::string& name, bool off) {
 // Sorted; names that the daemon would not look at are left out.
 std::vector<std::string> user_names(const account_store& store) {
     std::vector<std::string> names;
-    const std::unique_ptr<DIR, directory_close> directory{opendir(store.users_directory.c_str())};
+    const directory_ptr directory{opendir(store.users_directory.c_str())};
     while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
         if (is_user_name(entry->d_name)) {
             names.emplace_back(entry->d_name);

@@ -298,9 +298,7 @@ class Daemon:
     @property
     def password(self):
         """The password that first use gave to root."""
-        match = re.search(r"(?i)password:?\s+(\S+)", self.stderr_text())
-        assert match, self.stderr_text()
-        return match.group(1)
+        return (self.ca.parent / "initial-password").read_text().strip()
 
     def stderr_text(self):
         return self.stderr_file.read_text(errors="replace") if self.stderr_file.exists() else ""

@@ -97,7 +97,7 @@ std::uint32_t provider_test::start(void** started, std::string* log) {
 void provider_test::set_up() {
     std::string log;
     ASSERT_EQ(start(&handle, &log), at_ok) << log;
-    root_password = password_in(log);
+    root_password = first_password();
 }
 
 std::uint32_t provider_test::start_in(const std::filesystem::path& directory, void** started) {
@@ -105,10 +105,10 @@ std::uint32_t provider_test::start_in(const std::filesystem::path& directory, vo
     return molbAtInitEx(nullptr, started, &init, 0, 0, 0);
 }
 
-std::string provider_test::password_in(const std::string& log) {
-    constexpr std::string_view label = "password: ";
-    const std::size_t at = log.find(label);
-    return at == std::string::npos ? "" : log.substr(at + label.size(), 16);
+std::string provider_test::first_password() const {
+    std::string password;
+    std::getline(std::ifstream(site() / "initial-password"), password);
+    return password;
 }
 
 std::string provider_test::log_in(const char* domain, const char* name,

@@ -37,8 +37,8 @@ class provider_test : public testing::Test {
     void set_up();
     // Starts an instance on another directory that is no daemon's own.
     static std::uint32_t start_in(const std::filesystem::path& directory, void** handle);
-    // The password that first use printed in `log`; empty when there is none.
-    static std::string password_in(const std::string& log);
+    // What first use has left in its file; empty when there is none.
+    [[nodiscard]] std::string first_password() const;
 
     // Logs in; the credential is freed again. Returns who it is, or the result that was none.
     [[nodiscard]] std::string log_in(const char* domain, const char* name,

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <pty.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,18 +85,24 @@ TEST_F(set_up_test, first_use_happens_once) {
     fs::create_directories(unfinished / "users");
     std::ofstream(unfinished / "server.key") << "half a key";
     fs::permissions(data_dir, fs::perms::owner_all);
+    const mode_t usual = umask(0);
     std::string log;
     void* first = nullptr;
     ASSERT_EQ(start(&first, &log), at_ok) << log;
-    const std::string password = password_in(log);
-    EXPECT_EQ(password.size(), 16U) << log;
-    EXPECT_NE(log.find(site().string()), std::string::npos) << log;
-    EXPECT_EQ(mode_of(data_dir), 0700);
+    umask(usual);
+    // Not on a terminal, so the password is in its file, and nowhere else.
+    const std::string password = first_password();
+    EXPECT_EQ(password.size(), 16U);
+    EXPECT_EQ(log.find(password), std::string::npos) << log;
+    EXPECT_NE(log.find("the password is in " + (site() / "initial-password").string()),
+              std::string::npos)
+        << log;
     EXPECT_EQ(mode_of(site()), 0700);
-    EXPECT_EQ(mode_of(site() / "server.key"), 0600);
-    EXPECT_EQ(mode_of(site() / "users" / "root"), 0600);
+    EXPECT_EQ(mode_of(site() / "users"), 0700);
+    for (const char* name : {"server.key", "users/root", "initial-password"}) {
+        EXPECT_EQ(mode_of(site() / name), 0600) << name;
+    }
     EXPECT_EQ(text_of(site() / "peer_ca.pem"), text_of(site() / "server.crt"));
-    EXPECT_FALSE(fs::exists(site() / "initial-password"));
     const std::string certificate = text_of(site() / "server.crt");
 
     ASSERT_EQ(start(&handle, &log), at_ok);
@@ -139,23 +147,48 @@ TEST_F(set_up_test, processes_that_start_together_set_up_once) {
         EXPECT_TRUE(end(child));
     }
     const std::string logs = text_of(log_file);
-    EXPECT_EQ(logs.find("password: "), logs.rfind("password: ")) << logs;
+    EXPECT_EQ(logs.find("first start"), logs.rfind("first start")) << logs;
     EXPECT_EQ(std::distance(fs::directory_iterator(data_dir), {}), 1);
     set_up();
-    EXPECT_EQ(log_in_as_root(password_in(logs)), root);
+    EXPECT_EQ(log_in_as_root(root_password), root);
 }
 
-TEST_F(set_up_test, password_goes_to_a_file_when_nobody_reads_standard_error) {
-    ASSERT_TRUE(in_child([&] {
-        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-        void* own = nullptr;
-        return molbAtInit(nullptr, &own) == at_ok;
-    }));
-    EXPECT_EQ(mode_of(site() / "initial-password"), 0600);
-    const std::string text = text_of(site() / "initial-password");
-    ASSERT_EQ(text.size(), 17U);
+TEST_F(set_up_test, only_a_terminal_is_shown_the_password) {
+    std::array<int, 2> terminal{};
+    ASSERT_EQ(openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr), 0);
+    std::array<int, 2> client{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, client.data()), 0);
+    // What a child that sets up with this standard error, and input, has printed.
+    const auto printed = [&](int own, int theirs, bool also_input) {
+        fs::remove_all(data_dir);
+        EXPECT_TRUE(in_child([&] {
+            dup2(theirs, STDERR_FILENO);
+            dup2(also_input ? theirs : open("/dev/null", O_RDONLY), STDIN_FILENO);
+            void* started = nullptr;
+            return molbAtInit(nullptr, &started) == at_ok;
+        }));
+        std::string text(4096, '\0');
+        const ssize_t n = read(own, text.data(), text.size());
+        text.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        return text;
+    };
+    const std::string shown = printed(terminal[0], terminal[1], true);
+    const std::size_t at = shown.find("password: ");
+    ASSERT_NE(at, std::string::npos) << shown;
+    EXPECT_EQ(first_password(), "");
     set_up();
-    EXPECT_EQ(log_in_as_root(text.substr(0, 16)), root);
+    EXPECT_EQ(log_in_as_root(shown.substr(at + 10, 16)), root);
+    // A journal is told where it is, a client of inetd nothing.
+    const std::string journal = printed(client[0], client[1], false);
+    EXPECT_NE(journal.find("initial-password"), std::string::npos) << journal;
+    EXPECT_EQ(journal.find(first_password()), std::string::npos) << journal;
+    EXPECT_EQ(printed(client[0], client[1], true), "");
+    EXPECT_EQ(first_password().size(), 16U);
+    EXPECT_EQ(printed(client[0], open("/dev/full", O_WRONLY | O_CLOEXEC), false), "");
+    EXPECT_EQ(first_password().size(), 16U);
+    for (const int fd : {terminal[0], terminal[1], client[0], client[1]}) {
+        close(fd);
+    }
 }
 
 TEST_F(set_up_test, refuses_what_is_incomplete_and_generates_nothing) {
@@ -197,6 +230,17 @@ TEST_F(set_up_test, tells_when_it_may_not_write) {
     EXPECT_EQ(std::distance(fs::directory_iterator(data_dir), {}), 0);
 }
 
+// Everything below the data directory that belongs to somebody else than `owner`.
+static std::string strangers_below(const fs::path& folder, uid_t owner) {
+    std::string found;
+    struct stat status {};
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+        EXPECT_EQ(lstat(entry.path().c_str(), &status), 0);
+        found += status.st_uid == owner ? "" : entry.path().filename().string() + " ";
+    }
+    return found;
+}
+
 TEST_F(set_up_test, files_belong_to_the_owner_of_the_directory_and_are_kept_without_rights) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to give files, or rights, away";
@@ -205,16 +249,63 @@ TEST_F(set_up_test, files_belong_to_the_owner_of_the_directory_and_are_kept_with
     fs::create_directory(data_dir);
     ASSERT_EQ(chown(data_dir.c_str(), owner, owner), 0);
     set_up();
-    struct stat status {};
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(data_dir)) {
-        ASSERT_EQ(lstat(entry.path().c_str(), &status), 0);
-        EXPECT_EQ(status.st_uid, owner) << entry.path();
-    }
+    EXPECT_EQ(strangers_below(data_dir, owner), "");
     fs::permissions(base, fs::perms(0755));
     EXPECT_TRUE(in_child([&] {
         return setuid(nobody) == 0 && log_in_as_service() == the_service &&
                log_in_as_root(root_password) == root && log_in_as_root("wrong") == refused;
     }));
+}
+
+TEST_F(set_up_test, files_of_root_are_handed_over_but_not_those_of_others) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give files away";
+    }
+    set_up();
+    EXPECT_EQ(strangers_below(data_dir, 0), "");
+    // A file under a second name could be any file of root's.
+    std::ofstream(base / "shadow") << "secret";
+    fs::create_hard_link(base / "shadow", site() / "hard");
+    fs::create_symlink(base / "shadow", site() / "users" / "soft");
+    ASSERT_EQ(chown(data_dir.c_str(), nobody, nobody), 0);
+    for (const bool first : {true, false}) {
+        std::string log;
+        void* again = nullptr;
+        ASSERT_EQ(start(&again, &log), at_ok) << log;
+        EXPECT_EQ(log.find("now belong to user 65534") != std::string::npos, first) << log;
+        EXPECT_EQ(strangers_below(data_dir, nobody).size(), std::string("soft hard ").size());
+        EXPECT_EQ(molbAtTerminate(again), at_ok);
+    }
+    EXPECT_EQ(strangers_below(base, nobody).find("shadow") == std::string::npos, false);
+}
+
+TEST_F(set_up_test, what_others_may_write_is_not_believed) {
+    set_up();
+    std::string log;
+    void* none = nullptr;
+    for (const fs::path& folder : {data_dir, site(), site() / "users"}) {
+        for (const int mode : {0770, 0707}) {
+            fs::permissions(folder, fs::perms(mode));
+            EXPECT_EQ(start(&none, &log), at_permission_denied);
+            EXPECT_NE(log.find(folder.string() + ": owner"), std::string::npos) << log;
+            EXPECT_NE(log.find("mode 0" + std::string(mode == 0770 ? "770" : "707")),
+                      std::string::npos)
+                << log;
+        }
+        fs::permissions(folder, fs::perms(0755));
+    }
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown((site() / "users").c_str(), 1, 1), 0);
+        EXPECT_EQ(start(&none, &log), at_permission_denied) << log;
+        ASSERT_EQ(chown((site() / "users").c_str(), 0, 0), 0);
+    }
+    // A user's file refuses that user only.
+    for (const int mode : {0620, 0602, 0644}) {
+        fs::permissions(site() / "users" / "root", fs::perms(mode));
+        EXPECT_EQ(log_in_as_root(root_password), mode == 0644 ? root : refused) << mode;
+    }
+    EXPECT_EQ(start(&none, &log), at_ok) << log;
+    EXPECT_EQ(molbAtTerminate(none), at_ok);
 }
 
 TEST_F(set_up_test, out_arguments_are_cleared_and_strangers_refused) {
