@@ -9,6 +9,7 @@
 
 #include "core/connection.h"
 #include "lib/file.h"
+#include "lib/odd_lines.h"
 #include "lib/replace_file.h"
 
 namespace {
@@ -22,7 +23,8 @@ struct file_record {
     std::uint64_t wanted_first = none;
     std::uint64_t begun_first = none;  // handed to the thread, not ended
     int begun = 0;
-    file_stamp stamp;  // of the file that was written last
+    file_stamp stamp;     // of the file that was written last
+    std::string dropped;  // to be saved by the next write
 };
 
 }  // namespace
@@ -70,11 +72,16 @@ struct write_job : background_job {
     std::string path;
     std::string content;
     file_stamp stamp;
+    std::string dropped;
     std::function<void(int)> written;
     int error = 0;
 
     void run() override {
-        if (!stands_already(path, stamp, content)) {
+        error = dropped.empty() ? 0 : save_lines(path.c_str(), dropped);
+        if (error == 0) {
+            dropped.clear();
+        }
+        if (error == 0 && !stands_already(path, stamp, content)) {
             error = replace_file(path.c_str(), content, &stamp);
         }
         content = std::string();  // it can be long, and the result may wait for the loop
@@ -83,6 +90,7 @@ struct write_job : background_job {
     void finish() override {
         file_record& file = writer().files[path];
         file.stamp = error == 0 ? stamp : file_stamp{};
+        file.dropped.insert(0, dropped);
         if (--file.begun == 0) {
             file.begun_first = none;
         }
@@ -117,6 +125,7 @@ void state_writer::begin(const std::string& path, file_record* file) {
     job->path = path;
     job->content = file->wanted->content();
     job->stamp = file->stamp;
+    job->dropped = std::exchange(file->dropped, {});
     job->written = std::move(file->wanted->written);
     file->wanted.reset();
     file->begun_first = std::min(file->begun_first, std::exchange(file->wanted_first, none));
@@ -151,6 +160,7 @@ void write_state(state_write write) {
     file_record& file = writer().files[write.path];
     ++writer().last_number;
     file.wanted_first = std::min(file.wanted_first, writer().last_number);
+    file.dropped += write.dropped;
     file.wanted = std::move(write);
 }
 

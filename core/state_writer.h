@@ -27,6 +27,9 @@ struct state_write {
     // Makes the whole content, once. Called when the write begins, which may be in a later pass; by
     // settle_state_writes() at the latest.
     std::function<std::string()> content;
+    // Lines of the present file that the content leaves out and that somebody may miss. They are
+    // saved first (save_lines), or the write fails.
+    std::string dropped = {};
     // Hears how the write ended: 0 or the errno value of replace_file. May be empty.
     std::function<void(int)> written;
 };

@@ -191,6 +191,36 @@ TEST_F(state_writer_test, AFailureIsToldAndTheNextChangeTriesAgain) {
     EXPECT_EQ(read(below), "x");
 }
 
+TEST_F(state_writer_test, LinesThatWouldBeLostAreSavedFirst) {
+    const std::string backup = file() + ".bak";
+    const auto drop = [&](const std::string& lines) {
+        write_state({.path = file(),
+                     .content = [] { return "new"; },
+                     .dropped = lines,
+                     .written = [this](int error) { errors.push_back(error); }});
+    };
+    write(file(), "old");
+    write(backup, "somebody's");
+    drop("a\n");
+    drop("b\n");
+    finish_state_writes();
+    drop("");
+    finish_state_writes();
+    EXPECT_EQ(read(backup), "somebody's\na\nb\n") << "once each";
+    // Where they can't be saved, the file stays as it is, and the next write tries again.
+    write(file(), "old");
+    std::filesystem::remove(backup);
+    ASSERT_EQ(symlink("elsewhere", backup.c_str()), 0);
+    drop("c\n");
+    finish_state_writes();
+    EXPECT_EQ(read(file()), "old");
+    std::filesystem::remove(backup);
+    drop("d\n");
+    finish_state_writes();
+    EXPECT_EQ(read(backup), "c\nd\n");
+    EXPECT_EQ(errors, (std::vector{0, 0, ELOOP, 0}));
+}
+
 // Whatever was answered is in the file at that moment, while 16 requests at a time change it.
 TEST_F(state_writer_test, NoAnswerBeforeItsContentStands) {
     std::vector<std::pair<int, std::unique_ptr<write_wait>>> open;
