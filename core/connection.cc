@@ -206,6 +206,8 @@ void reset_request(request_data* request) {
     request->is_last = false;
     request->body_left = 0;
     request->sent = 0;
+    request->peer_lookup.reset();
+    request->own_lookup.reset();
 }
 
 void reset_local(conn* c) {
@@ -269,6 +271,7 @@ void start_draining(conn* c) {
     ++draining_count;
     c->remote_pending = false;
     c->expire_time = monotonic_seconds + drain_limit_s;
+    visit_at(c, expiry_ms(c));
     set_poll_events(c->remote.poll_index, c->remote.channel.fd, POLLIN);
 }
 
@@ -402,6 +405,10 @@ conn* new_conn(shttpd_ctx* ctx) {
     c->local.buffer[size] = '\0';
     c->remote.buffer[2 * size] = '\0';
     return c;
+}
+
+std::int64_t expiry_ms(const conn* c) {
+    return (c->expire_time + 1) * 1000;
 }
 
 void renew_expiry(conn* c) {

@@ -25,6 +25,7 @@
 
 #include "core/fwd.h"
 #include "core/list.h"
+#include "core/resolver.h"
 #include "core/stream.h"
 
 enum http_method : int {
@@ -79,6 +80,8 @@ struct request_data {
     bool is_last = false;             // the client has announced that nothing follows
     std::uint64_t body_left = 0;      // body bytes not yet handed to the handler
     std::uint64_t sent = 0;           // reply bytes that have gone out
+    lookup_ptr peer_lookup;           // see peer_name()
+    lookup_ptr own_lookup;
 
     // The request line, terminated; "" before one was read.
     [[nodiscard]] const char* line() const { return text.c_str(); }
@@ -117,6 +120,7 @@ struct conn : list_link {
     socklen_t peer_length = 0;
     std::time_t birth_time = 0;
     std::int64_t expire_time = 0;  // in monotonic seconds
+    std::int64_t visit_at_ms = 0;  // see visit_at(); 0: no such moment
     conn_state state = conn_state::serving;
     bool close_after = false;
     bool due = false;             // is to be visited in this pass
@@ -150,6 +154,9 @@ void delete_conn(conn* c);
 
 // A byte has moved: the connection may idle for the whole limit again, 300 seconds.
 void renew_expiry(conn* c);
+
+// The moment from which on a visit finds the connection expired, as monotonic_ms() counts.
+std::int64_t expiry_ms(const conn* c);
 
 // One visit of a connection: read, parse, route, move bytes, finish. May free the connection.
 // Returns false when it did.
@@ -187,5 +194,9 @@ void shttpd_wake();
 // waited for has come; it may die before.
 void visit_soon(conn* c);
 
-// Takes back what visit_soon() has asked for; the end of a connection does.
+// Has the connection visited once monotonic_ms() has reached the moment. There is one moment for
+// each connection, of which the earliest wins: who still waits when it is visited asks again.
+void visit_at(conn* c, std::int64_t moment_ms);
+
+// Takes back what visit_soon() and visit_at() have asked for; the end of a connection does.
 void forget_visit(conn* c);

@@ -11,6 +11,7 @@ struct shttpd_call_arg;
 struct namespace_record;
 struct role_entry;
 struct proxy_record;
+struct name_lookup;
 struct security_info;
 struct dir_listing;
 struct ssi_descriptor;

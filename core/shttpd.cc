@@ -9,6 +9,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "core/background.h"
@@ -20,6 +22,7 @@
 #include "core/log.h"
 #include "core/mime_type.h"
 #include "core/poll_set.h"
+#include "core/resolver.h"
 #include "core/state_writer.h"
 #include "core/string.h"
 #include "core/v6socket.h"
@@ -54,12 +57,14 @@ list_head<listener_record> listeners;
 
 // What the main loop remembers from one pass to the next.
 struct loop_state {
-    std::vector<conn*> due;              // to be visited in this pass
-    std::vector<conn*> next_due;         // to be visited in the next one whatever poll() says
-    std::int64_t last_expiry_check = 0;  // monotonic seconds, like the next two
-    bool wake = false;                   // the next pass must not wait
-    bool accept_paused = false;          // out of descriptors or memory: listeners are not polled
-    std::int64_t accept_paused_at = 0;
+    std::vector<conn*> due;       // to be visited in this pass
+    std::vector<conn*> next_due;  // to be visited in the next one whatever poll() says
+    // Who is to be visited when, in monotonic milliseconds. Every connection stands here, at the
+    // latest with its expiry; one that has moved bytes since is entered anew when it is visited.
+    std::set<std::pair<std::int64_t, conn*>> moments;
+    bool wake = false;                  // the next pass must not wait
+    bool accept_paused = false;         // out of descriptors or memory: listeners are not polled
+    std::int64_t accept_paused_at = 0;  // monotonic seconds, like the next one but one
     int sched_counter = 0;
     std::int64_t last_sched_check = 0;
     std::uint64_t next_serial = 1;
@@ -220,8 +225,15 @@ void mark_due(conn* c) {
     }
 }
 
-// Due are: who asked for it, whose descriptor has something to say, and who has expired.
-void collect_due(shttpd_ctx* ctx, int ready) {
+void forget_moment(conn* c) {
+    if (c->visit_at_ms != 0) {
+        loop.moments.erase({c->visit_at_ms, c});
+        c->visit_at_ms = 0;
+    }
+}
+
+// Due are: who asked for it, whose descriptor has something to say, and whose moment has come.
+void collect_due(int ready) {
     loop.due.clear();
     for (conn* c : loop.next_due) {
         c->visit_wanted = false;
@@ -236,13 +248,11 @@ void collect_due(shttpd_ctx* ctx, int ready) {
             }
         }
     }
-    if (loop.last_expiry_check != monotonic_seconds) {
-        loop.last_expiry_check = monotonic_seconds;
-        for (conn& c : ctx->connections) {
-            if (monotonic_seconds > c.expire_time) {
-                mark_due(&c);
-            }
-        }
+    const std::int64_t now = monotonic_ms();
+    while (!loop.moments.empty() && loop.moments.begin()->first <= now) {
+        conn* c = loop.moments.begin()->second;
+        forget_moment(c);
+        mark_due(c);
     }
 }
 
@@ -256,6 +266,9 @@ void visit_connections() {
         if (!process_connection(c)) {
             continue;
         }
+        if (c->visit_at_ms == 0) {
+            visit_at(c, expiry_ms(c));
+        }
         // Handlers without a descriptor are called in every pass; only hidden input keeps the pass
         // from waiting.
         if (needs_visit(c)) {
@@ -267,9 +280,15 @@ void visit_connections() {
 
 // The wish to go on at once is granted once.
 int wait_time(int timeout_ms) {
-    const bool at_once = loop.wake;
-    loop.wake = false;
-    return at_once ? 0 : timeout_ms;
+    if (std::exchange(loop.wake, false)) {
+        return 0;
+    }
+    if (loop.moments.empty()) {
+        return timeout_ms;
+    }
+    const std::int64_t left = loop.moments.begin()->first - monotonic_ms();
+    const std::int64_t limit = timeout_ms < 0 ? INT_MAX : timeout_ms;
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, limit));
 }
 
 void run_scheduler(shttpd_ctx* ctx) {
@@ -310,7 +329,17 @@ void visit_soon(conn* c) {
     loop.wake = true;
 }
 
+void visit_at(conn* c, std::int64_t moment_ms) {
+    if (c->visit_at_ms != 0 && c->visit_at_ms <= moment_ms) {
+        return;
+    }
+    forget_moment(c);
+    c->visit_at_ms = moment_ms;
+    loop.moments.insert({moment_ms, c});
+}
+
 void forget_visit(conn* c) {
+    forget_moment(c);
     if (c->visit_wanted) {
         c->visit_wanted = false;
         std::erase(loop.next_due, c);
@@ -394,8 +423,8 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     }
     tell_left_out_lines(ctx);
     const bool files_open = close_idle_files();
-    // Each of them waits for a moment that no descriptor announces.
-    const bool short_wait = loop.accept_paused || draining_connections() > 0 || files_open;
+    // Both wait for a moment that no descriptor announces.
+    const bool short_wait = loop.accept_paused || files_open;
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
     refresh_clocks();
@@ -404,7 +433,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
         accept_connections();
     }
     const int active_before = ctx->active_connections;
-    collect_due(ctx, ready);
+    collect_due(ready);
     visit_connections();
     // A connection has gone, and with it its descriptor.
     if (loop.accept_paused && ctx->active_connections < active_before) {
@@ -421,10 +450,11 @@ void shttpd_fini(shttpd_ctx* ctx) {
     }
     // What was changed is on the disk, and answered, before anything is taken down.
     finish_state_writes();
-    collect_due(ctx, 0);
+    collect_due(0);
     visit_connections();
     finish_state_writes();
     close_all_connections(ctx);
+    resolver_fini();
     ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
     ctx->uri_auths.free_all([](uri_auth* entry) { delete entry; });
     ctx->error_handlers.free_all([](error_handler* entry) { delete entry; });

@@ -5,7 +5,7 @@
 
 #include "core/connection.h"
 #include "core/endpoint.h"
-#include "core/peer_name.h"
+#include "core/resolver.h"
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
@@ -123,9 +123,14 @@ void domain_host_rename(shttpd_call_arg* arg) {
         show_error(arg, "400", "Not found");
         return;
     }
+    const name_answer* peer = peer_name(c);
+    if (peer == nullptr) {
+        not_yet(arg, nullptr);
+        return;
+    }
     replace_text(&host->hostname, name);
     // Kept: the host's reverse name becomes that of whoever renames it.
-    replace_text(&host->revhostname, storable_field(peer_host_name(c).name));
+    replace_text(&host->revhostname, storable_field(peer->name));
     sync_allow(c);
     show_success(arg);
 }

@@ -6,7 +6,7 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/endpoint.h"
-#include "core/peer_name.h"
+#include "core/resolver.h"
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
@@ -101,7 +101,12 @@ void domain_register(shttpd_call_arg* arg) {
         show_error(arg, "400", "Error: Missing information");
         return;
     }
-    host.remote_host = peer_host_name(c).name;  // empty when there is none: that is no refusal
+    const name_answer* peer = peer_name(c);
+    if (peer == nullptr) {
+        not_yet(arg, nullptr);
+        return;
+    }
+    host.remote_host = peer->name;  // empty when there is none: that is no refusal
     enrol(c->ctx, host, c->request.ns->name);
     sync_allow(c);
     answer_registration(arg, host);

@@ -16,7 +16,7 @@
 #include "core/endpoint.h"
 #include "core/globals.h"
 #include "core/paths.h"
-#include "core/peer_name.h"
+#include "core/resolver.h"
 #include "core/shttpd.h"
 #include "core/v6socket.h"
 #include "handlers/osuuid.h"
@@ -41,7 +41,7 @@ void print_field(shttpd_call_arg* arg, const char* name, const char* value) {
 
 // One end of the connection, `side` being LOCAL or PEER. Only a look-up that says that there is no
 // name prints "UNKNOWN"; after any other failure, and for a socket without a name, it is empty.
-void print_side(shttpd_call_arg* arg, const char* side, const host_name_result& host,
+void print_side(shttpd_call_arg* arg, const char* side, const name_answer& host,
                 const sockaddr_storage& address) {
     const char* name = host.code == EAI_NONAME ? unknown : host.name.c_str();
     std::array<char, INET6_ADDRSTRLEN> text{};
@@ -51,25 +51,22 @@ void print_side(shttpd_call_arg* arg, const char* side, const host_name_result& 
                   shown != nullptr ? shown : "");
 }
 
-void print_local_side(shttpd_call_arg* arg) {
+void print_local_side(shttpd_call_arg* arg, const name_answer& host) {
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    host_name_result host;
-    if (getsockname(arg->connection->remote.channel.fd, generic, &length) == 0) {
-        host = lookup_host_name(generic, length);
-    }
+    (void)getsockname(arg->connection->remote.channel.fd, reinterpret_cast<sockaddr*>(&address),
+                      &length);
     print_side(arg, "LOCAL", host, address);
 }
 
-void print_peer_side(shttpd_call_arg* arg) {
+void print_peer_side(shttpd_call_arg* arg, const name_answer& host) {
     const conn* c = arg->connection;
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
     if (getpeername(c->remote.channel.fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         address = c->peer;  // the peer has left; who it was is still known
     }
-    print_side(arg, "PEER", peer_host_name(c), address);
+    print_side(arg, "PEER", host, address);
 }
 
 const char* locale_name() {
@@ -144,11 +141,17 @@ void ping_call(shttpd_call_arg* arg) {
 }
 
 void vitals_call(shttpd_call_arg* arg) {
+    const name_answer* own = own_name(arg->connection);
+    const name_answer* peer = peer_name(arg->connection);
+    if (own == nullptr || peer == nullptr) {
+        not_yet(arg, nullptr);
+        return;
+    }
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n{\n");
     // Kept: two blanks follow the first colon, and one follows every other.
     shttpd_printf(arg, "\"DOVMAD_VERSION\" :  \"%s\",\n", daemon_version);
-    print_local_side(arg);
-    print_peer_side(arg);
+    print_local_side(arg, *own);
+    print_peer_side(arg, *peer);
     shttpd_printf(arg, "\"LOCAL_TIME\" : \"%ld\",\n", static_cast<long>(std::time(nullptr)));
     print_field(arg, "LOCALE", locale_name());
     print_field(arg, "DOMAIN_MODE", arg->connection->ctx->domain_file.empty() ? "FALSE" : "TRUE");

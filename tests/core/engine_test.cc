@@ -313,6 +313,7 @@ TEST(Engine, ConnectionsExpireOnlyWithoutProgress) {
     for (conn& c : engine.ctx->connections) {
         EXPECT_GE(c.expire_time, monotonic_seconds + 299);
         c.expire_time = monotonic_seconds - 1;
+        visit_at(&c, 1);
     }
     sleep(1);
     engine.poll();
