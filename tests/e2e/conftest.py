@@ -5,17 +5,24 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).parent))
 
-from dovmad_harness import Daemon  # noqa: E402
+from dovmad_harness import CHECKER, SANITIZED_BUILD, Daemon, checker  # noqa: E402
 
 
 @pytest.fixture(name="make_daemon")
 def make_daemon_fixture(tmp_path):
-    """Returns make(**options) -> a running Daemon; every one of them is checked at the end."""
+    """Returns make(**options) -> a running Daemon; every one of them is checked at the end, and its
+    set-up by dovmad-check at the start, unless slips=True says that there are some. Folders and
+    files that the test makes only later may be missing."""
     started = []
 
-    def make(start=True, **options):
+    def make(start=True, slips=False, **options):
         daemon = Daemon(tmp_path / f"d{len(started)}", **options)
         started.append(daemon)
+        if start and not slips and CHECKER and not SANITIZED_BUILD:
+            status, said = checker(daemon)
+            slips = [line for line in said.splitlines() if "warning: " not in line or
+                     "No such file" not in line and "grants are lost" not in line]
+            assert (status, slips) == (0, [])
         return daemon.start() if start else daemon
 
     yield make

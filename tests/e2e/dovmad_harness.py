@@ -22,6 +22,7 @@ from urllib.parse import urlencode
 BINARY = os.environ.get("DOVMAD_BINARY", "")
 PROVIDER = os.environ.get("DOVMAD_PROVIDER", "")
 USER_TOOL = os.environ.get("DOVMAD_USER_TOOL", "")
+CHECKER = os.environ.get("DOVMAD_CHECK", "")
 # A sanitizer keeps freed memory back on purpose: resident memory says nothing then.
 SANITIZED_BUILD = bool(BINARY) and b"__asan_init" in Path(BINARY).read_bytes()
 SANITIZED = re.compile(r"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanitizer")
@@ -108,6 +109,16 @@ class Response:
     @property
     def text(self):
         return self.body.decode()
+
+
+def checker(daemon, *args, env=None, **kwargs):
+    """Exit status and findings of dovmad-check about a daemon's set-up."""
+    path = f"{Path(USER_TOOL).parent}:{os.environ['PATH']}"
+    done = subprocess.run([CHECKER, *map(str, args), str(daemon.config)], capture_output=True,
+                          text=True, check=False, timeout=60,
+                          env={**daemon.env, "PATH": path, **(env or {})}, **kwargs)
+    assert not SANITIZED.search(done.stderr), done.stderr
+    return done.returncode, done.stdout
 
 
 def parse_response(raw):

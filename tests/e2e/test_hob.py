@@ -73,7 +73,7 @@ def make_hob(make_daemon, tmp_path):
         if service is not None:
             (folder / "hobintf").write_text(service)
             (folder / "hobintf").chmod(0o755)
-        daemon = make_daemon(start=start, auth=auth,
+        daemon = make_daemon(start=start, auth=auth, slips=service is None,
                              cgi_envvar=f"PERL5LIB=/p5,PLX_INSTALL_ROOT={tmp_path}/install,X=1",
                              **options)
         daemon.facts = folder / "facts"

@@ -52,7 +52,7 @@ def test_kickoff_and_shell_quoting(make_daemon, schedule, tmp_path):
         f"shell kickoff - - x x x /bin/sh -c printf '%s|' \"a  b\" 'c\"d' $((6*7)) > {out}/shell\n"
         f"other - - - x x x /usr/bin/touch {out}/never\n"
         f"paused pause,kickoff - - x x x /usr/bin/touch {out}/never\n")
-    daemon = make_daemon(scheduler_file=schedule)
+    daemon = make_daemon(slips=True, scheduler_file=schedule)
     wait_for(lambda: (out / "c").exists() and (out / "shell").exists()
              and (out / "shell").read_text().count("|") == 3, daemon)
     assert (out / "b\\").exists()  # made before "c"; words are cut at blanks, whatever quotes they hold
@@ -91,7 +91,7 @@ def test_surroundings_of_a_command(make_daemon, schedule, tmp_path):
     schedule.write_text(
         f"job kickoff - - x x x  \t/usr/bin/python3 -S {script} {out} 'a\tb'  \n"
         f"signals kickoff - - x x x /bin/sh -c grep SigIgn /proc/self/status > {ignored}\n")
-    daemon = make_daemon(scheduler_file=schedule,
+    daemon = make_daemon(slips=True, scheduler_file=schedule,
                          cgi_envvar="X=1,PLX_INSTALL_ROOT=/opt/plx",
                          env={"PATH": "/usr/bin:/bin", "SECRET": "1"})
     held = [daemon.connect() for _ in range(5)]  # sockets that a child must not see
@@ -116,7 +116,7 @@ def test_interval_and_time_entries(make_daemon, schedule, tmp_path):
         f"interval - 1 - x x x /bin/sh -c echo interval >> {out}\n"
         f"every - * * * * * /bin/sh -c echo every >> {out}\n"
         f"bad - 61 * * * * /bin/sh -c echo bad >> {out}\n")
-    daemon = make_daemon(scheduler_file=schedule)
+    daemon = make_daemon(slips=True, scheduler_file=schedule)
 
     def runs():
         return out.read_text().split() if out.exists() else []

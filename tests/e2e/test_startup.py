@@ -205,7 +205,7 @@ def test_runs_as_an_unprivileged_user(make_daemon):
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o777)
         pid_file = Path(folder) / "pid"
-        daemon = make_daemon(runtime_uid="nobody", pid_file=pid_file)
+        daemon = make_daemon(slips=True, runtime_uid="nobody", pid_file=pid_file)
         assert daemon.request("GET", "/world/ping").status == 200
         fields = status_of(daemon.pid)
         assert fields["Uid"].split() == [str(nobody.pw_uid)] * 4
