@@ -155,7 +155,8 @@ short remote_events(const conn* c) {
 short local_events(const conn* c) {
     const stream& local = c->local;
     short events = 0;
-    if (local.has(sf_readable) && local.room() > 0) {
+    // Of a reply that is complete nothing more is read, whatever its sender does.
+    if (local.has(sf_readable) && local.room() > 0 && !has_ended(local)) {
         events |= POLLIN;
     }
     if (local.has(sf_writable) && c->remote.pending() > 0 && c->request.body_left > 0) {
@@ -511,7 +512,7 @@ bool has_hidden_input(const conn* c) {
         return c->remote_pending;
     }
     return (c->remote_pending && has_input_room(c) && !body_complete(c)) ||
-           (c->proxy_pending && c->local.room() > 0);
+           (c->proxy_pending && c->local.room() > 0 && !has_ended(c->local));
 }
 
 void proxy_release(conn* c) {

@@ -103,6 +103,7 @@ struct proxy_record {
     int fd = -1;
     int poll_index = -1;
     bool secure = false;
+    bool reused = false;  // has served an earlier request
 };
 
 enum class conn_state : std::uint8_t {

@@ -86,9 +86,12 @@ std::uint64_t parse_number(std::string_view text) {
     return value;
 }
 
-// A value without sign, list or further blanks: whatever reads numbers from it, reads the same.
+// A value without sign, list or further blanks, and small enough for every counter: whatever reads
+// numbers from it, reads the same.
 bool is_plain_number(std::string_view colon_and_value) {
+    constexpr std::size_t digits_max = 18;
     return colon_and_value.starts_with(": ") && colon_and_value.size() > 2 &&
+           colon_and_value.size() <= 2 + digits_max &&
            colon_and_value.find_first_not_of("0123456789", 2) == std::string_view::npos;
 }
 

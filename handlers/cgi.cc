@@ -36,11 +36,20 @@ struct socket_address {
 
     // For calls that take or fill an address of any family.
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
-    // In network byte order: good for comparing, not for showing.
-    [[nodiscard]] int port() const {
-        return storage.ss_family == AF_INET6
-                   ? reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_port
-                   : reinterpret_cast<const sockaddr_in*>(&storage)->sin_port;
+    // The same address and port; what else a family has differs from call to call.
+    [[nodiscard]] bool equals(const socket_address& other) const {
+        if (storage.ss_family != other.storage.ss_family) {
+            return false;
+        }
+        if (storage.ss_family == AF_INET6) {
+            const auto* own = reinterpret_cast<const sockaddr_in6*>(&storage);
+            const auto* theirs = reinterpret_cast<const sockaddr_in6*>(&other.storage);
+            return own->sin6_port == theirs->sin6_port &&
+                   std::memcmp(&own->sin6_addr, &theirs->sin6_addr, sizeof own->sin6_addr) == 0;
+        }
+        const auto* own = reinterpret_cast<const sockaddr_in*>(&storage);
+        const auto* theirs = reinterpret_cast<const sockaddr_in*>(&other.storage);
+        return own->sin_port == theirs->sin_port && own->sin_addr.s_addr == theirs->sin_addr.s_addr;
     }
 };
 
@@ -108,14 +117,14 @@ bool connect_to(int fd, socket_address* address) {
     return error == 0;
 }
 
-// Accepts the connection that comes from `own_port`. Another local process may be quicker; it
+// Accepts the connection that comes from `own`. Another local process may be quicker; it
 // would receive the request's body and could forge the answer.
-int accept_own(int listener, int own_port) {
+int accept_own(int listener, const socket_address& own) {
     for (int strangers = 0; strangers < strangers_max;) {
         socket_address peer;
         peer.length = sizeof(peer.storage);
         unique_fd accepted(accept4(listener, peer.get(), &peer.length, SOCK_CLOEXEC));
-        if (accepted && peer.port() == own_port) {
+        if (accepted && peer.equals(own)) {
             return accepted.release();
         }
         if (accepted) {
@@ -326,7 +335,7 @@ int my_socketpair(conn* c, int sp[2]) {
     if (getsockname(ours.get(), own.get(), &own.length) != 0) {
         return fail_pair(c, "getsockname()");
     }
-    const int theirs = accept_own(listener.get(), own.port());
+    const int theirs = accept_own(listener.get(), own);
     if (theirs < 0) {
         return fail_pair(c, "accept()");
     }

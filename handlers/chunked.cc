@@ -52,8 +52,10 @@ chunk_scanner::state chunk_scanner::step(char c) {
             if (c == '\r') {
                 return state::last_end;
             }
+            name_length_ = 0;
             [[fallthrough]];
         case state::trailer_line:
+            note_trailer_byte(c);
             if (c == '\n') {
                 return state::broken;
             }
@@ -70,20 +72,50 @@ chunk_scanner::state chunk_scanner::step(char c) {
     return state_;
 }
 
+void chunk_scanner::note_trailer_byte(char c) {
+    constexpr std::array<std::string_view, 3> names = {"authorization", "plx-", "x-plx-"};
+    if (name_length_ == name_.size()) {
+        return;
+    }
+    name_[name_length_++] = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+    const std::string_view name(name_.data(), name_length_);
+    claims_identity_ =
+        claims_identity_ || std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// One step: a run of data, or one byte of anything else, or none when it breaks the body.
+std::size_t chunk_scanner::take(std::string_view bytes) {
+    if (state_ != state::data) {
+        state_ = step(bytes.front());
+        return failed() ? 0 : 1;  // the byte that breaks the body is none of it
+    }
+    const auto count = std::min<std::uint64_t>(left_, bytes.size());
+    left_ -= count;
+    if (left_ == 0) {
+        state_ = state::data_return;
+    }
+    return static_cast<std::size_t>(count);
+}
+
 std::size_t chunk_scanner::consume(std::string_view bytes) {
     std::size_t at = 0;
     while (at < bytes.size() && !complete() && !failed()) {
-        if (state_ == state::data) {
-            const auto run = std::min<std::uint64_t>(left_, bytes.size() - at);
-            left_ -= run;
-            at += static_cast<std::size_t>(run);
-            if (left_ == 0) {
-                state_ = state::data_return;
-            }
-        } else {
-            state_ = step(bytes[at]);
-            at += failed() ? 0 : 1;  // the byte that breaks the body is none of it
-        }
+        at += take(bytes.substr(at));
     }
     return at;
+}
+
+chunk_scanner::run chunk_scanner::next_run(std::string_view bytes) {
+    std::size_t at = 0;
+    bool trailer = false;
+    while (at < bytes.size() && !complete() && !failed()) {
+        const bool of_trailer = state_ == state::trailer_line || state_ == state::trailer_end ||
+                                (state_ == state::trailer_start && bytes[at] != '\r');
+        if (at > 0 && of_trailer != trailer) {
+            break;
+        }
+        trailer = of_trailer;
+        at += take(bytes.substr(at));
+    }
+    return {.length = at, .trailer = trailer};
 }

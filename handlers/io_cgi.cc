@@ -35,10 +35,6 @@ void accept_headers(stream* s) {
     parse_headers(s->buffer, s->header_length, &values);
     s->content_length = values.content_length;
     s->total -= s->header_length;
-    // More than was promised already: the client can't tell where the next reply would begin.
-    if (s->content_length == 0 || s->total > s->content_length) {
-        c->close_after = true;
-    }
     std::uint64_t status = values.status;
     if (!values.location.empty()) {
         status = 302;
@@ -47,6 +43,12 @@ void accept_headers(stream* s) {
     }
     write_status(s->buffer, status);
     c->request.status = static_cast<int>(status);
+    const std::string_view head(s->buffer, s->header_length);
+    // More than was promised already: the client can't tell where the next reply would begin.
+    if (s->content_length == 0 || s->total > s->content_length ||
+        blurs_next_reply(frame_reply(head.substr(placeholder.size()), c->request.method), status)) {
+        c->close_after = true;
+    }
     s->tail = 0;
     s->flags |= sf_parsed;
 }
@@ -63,31 +65,26 @@ ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
     return take_reply_head(s, n, head_rules);
 }
 
+// The program may have ended without reading: its answer is read all the same.
+ssize_t deliver(stream* s, const void* bytes, std::size_t length) {
+    return send(s->channel.fd, bytes, length, MSG_NOSIGNAL);
+}
+
 ssize_t write_cgi(stream* s, const void* buffer, std::size_t length) {
-    const body_allowance allowance = allowed_body(s, buffer, length);
-    // The program may have ended without reading: its answer is read all the same.
-    const ssize_t n =
-        allowance.bytes > 0 ? send(s->channel.fd, buffer, allowance.bytes, MSG_NOSIGNAL) : 0;
-    if (n < 0) {
-        if (errno != EAGAIN && errno != EINTR) {
-            s->flags &= ~static_cast<std::uint32_t>(sf_writable);
-        }
-        return n;
-    }
-    const auto sent = static_cast<std::size_t>(n);
-    note_body_sent(s, buffer, sent);
-    if (allowance.last && sent == allowance.bytes) {
-        end_input(s);
-    }
-    return n;
+    return relay_body(s, buffer, length, {.deliver = deliver, .finish = end_input});
 }
 
 void close_cgi(stream* s) {
-    release_scanners(s);
     if (s->channel.fd >= 0) {
+        if (body_is_cut(s)) {
+            // A plain end would look to the program like the end of a body without a length.
+            const linger reset = {.l_onoff = 1, .l_linger = 0};
+            (void)setsockopt(s->channel.fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        }
         (void)close(s->channel.fd);
         s->channel.fd = -1;
     }
+    release_scanners(s);
 }
 
 }  // namespace

@@ -13,16 +13,13 @@
 #include "core/io_class.h"
 #include "core/request.h"
 #include "core/string.h"
+#include "handlers/proxy.h"
 #include "handlers/relay.h"
 #include "handlers/service_exchange.h"
 
 namespace {
 
 constexpr std::size_t status_line_min = 12;
-
-bool would_block(int error) {
-    return error == EAGAIN || error == EINTR;
-}
 
 // --- Moving bytes ---
 
@@ -92,26 +89,31 @@ void end_reply(stream* s) {
 std::size_t scan_reply(stream* s, std::string_view bytes) {
     relay_scanners* scanners = scanners_of(s);
     const std::size_t own = scanners->reply.consume(bytes);
-    if (scanners->reply.failed()) {
-        scanners->scans_reply = false;  // the sender's close will have to tell
-        s->connection->close_after = true;
-        return bytes.size();
-    }
-    if (scanners->reply.complete()) {
+    const bool failed = scanners->reply.failed();
+    if (failed || scanners->reply.complete()) {
         end_reply(s);
-        if (own < bytes.size()) {
+        // What is left belongs to no reply; a broken body ends both sides, so that nobody takes a
+        // part of it for the whole.
+        if (failed || own < bytes.size()) {
             s->connection->close_after = true;
         }
     }
     return own;
 }
 
+// A target reached over its port never learns the method of a service request: its answer to a HEAD
+// has a body, which would be taken for the next answer.
+bool hides_body(const conn* c, std::string_view head) {
+    return c->request.method == method_head && c->proxy != nullptr &&
+           frame_reply(head, method_get).end != reply_end::at_once;
+}
+
 // Whether the client connection ends with this reply. Kept: all but the service's do, whatever
 // target and client say.
-bool must_close(const conn* c, const header_values& values, reply_end end) {
+bool must_close(const conn* c, const header_values& values, const reply_framing& framing) {
     return !c->request.uri.starts_with("/hob://") || c->request.major == 0 ||
            c->request.minor == 0 || starts_with_nocase(values.connection, "close") ||
-           end == reply_end::with_close;
+           framing.end == reply_end::with_close;
 }
 
 // Keeps `own` of the bytes behind the header block; the others are no part of this reply.
@@ -144,11 +146,12 @@ void accept_headers(stream* s) {
     const std::string_view head(s->buffer, s->header_length);
     header_values values;
     parse_headers(head.data(), head.size(), &values);
-    const reply_end end = find_reply_end(head, values, c->request.method);
-    s->content_length = end == reply_end::counted ? values.content_length : 0;
-    c->close_after = c->close_after || must_close(c, values, end);
+    const reply_framing framing = frame_reply(head, c->request.method);
+    s->content_length = framing.end == reply_end::counted ? framing.length : 0;
     const std::uint64_t status = values.location.empty() ? values.status : 302;
     c->request.status = static_cast<int>(status);
+    c->close_after = c->close_after || must_close(c, values, framing) || hides_body(c, head) ||
+                     blurs_next_reply(framing, status != 0 ? status : reply_status(head));
     // Kept: a Location makes any status 302, and the reason text stays the target's.
     if (status != 0 && head.starts_with("HTTP/") && head.size() >= status_line_min) {
         write_status(s->buffer, status);
@@ -156,11 +159,25 @@ void accept_headers(stream* s) {
     s->flags |= sf_parsed;
     s->total -= s->header_length;
     s->tail = 0;
-    judge_first_body_bytes(s, end);
+    judge_first_body_bytes(s, framing.end);
 }
 
 constexpr reply_head_rules head_rules = {
     .failure = "Error in proxy", .own_bytes = 0, .accept = accept_headers};
+
+// The answer without an end counts as whole.
+ssize_t end_endless(stream* s) {
+    end_reply(s);
+    s->connection->close_after = true;
+    errno = EAGAIN;
+    return -1;
+}
+
+// A kept target may close in the moment in which the next request goes out to it.
+bool ended_before_answer(const stream* s, ssize_t n, int error) {
+    const bool ended = n == 0 || (n < 0 && error != EAGAIN && error != EINTR);
+    return ended && !s->has(sf_parsed) && s->total == 0;
+}
 
 ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
     conn* c = s->connection;
@@ -172,8 +189,18 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
     s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
     const ssize_t n = receive(s, buffer, length);
     const int error = errno;  // of the read, whatever the tracking of answers does
+    if (ended_before_answer(s, n, error) && repeat_request(c)) {
+        errno = EAGAIN;
+        return -1;
+    }
     if (n > 0) {
         note_service_answer(c, {static_cast<const char*>(buffer), static_cast<std::size_t>(n)});
+    }
+    if (answer_has_no_end(c)) {
+        s->flags |= sf_always_ready;  // no descriptor tells that nothing has come for a while
+        if (n < 0 && error == EAGAIN && answer_is_over(c)) {
+            return end_endless(s);
+        }
     }
     errno = error;
     if (!s->has(sf_parsed)) {
@@ -193,22 +220,13 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
     return n;
 }
 
+// No shutdown: some servers take a half-closed connection for one that was given up.
+void finish_body(stream* s) {
+    s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+}
+
 ssize_t write_proxy(stream* s, const void* buffer, std::size_t length) {
-    const body_allowance allowance = allowed_body(s, buffer, length);
-    const ssize_t n = allowance.bytes > 0 ? deliver(s, buffer, allowance.bytes) : 0;
-    if (n < 0) {
-        if (!would_block(errno)) {
-            s->flags &= ~static_cast<std::uint32_t>(sf_writable);
-        }
-        return n;
-    }
-    const auto sent = static_cast<std::size_t>(n);
-    note_body_sent(s, buffer, sent);
-    if (allowance.last && sent == allowance.bytes) {
-        // No shutdown: some servers take a half-closed connection for one that was given up.
-        s->flags &= ~static_cast<std::uint32_t>(sf_writable);
-    }
-    return n;
+    return relay_body(s, buffer, length, {.deliver = deliver, .finish = finish_body});
 }
 
 // The record of a kept target is the engine's to free: it follows the poll slot.

@@ -3,6 +3,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <string_view>
@@ -131,6 +132,9 @@ void forward_to_service(conn* c, proxy_target* target) {
     target->host = isipv4() != 0 ? "127.0.0.1" : "::1";
     if (connect_unsecure(c, *target, false) < 0) {
         send_server_error(c, 500, no_service);
+    } else if (c->proxy->reused && c->remote.pending() >= c->request.body_left) {
+        obtain_scanners(&c->local)->repeatable.assign(c->remote.buffer + c->remote.tail,
+                                                      c->request.body_left);
     }
 }
 
@@ -181,4 +185,27 @@ void do_proxy(conn* c) {
     } else {
         forward(c, target);
     }
+}
+
+bool repeat_request(conn* c) {
+    relay_scanners* scanners = scanners_of(&c->local);
+    if (scanners == nullptr || scanners->repeatable.empty()) {
+        return false;
+    }
+    const std::string body = std::move(scanners->repeatable);
+    scanners->repeatable.clear();
+    const auto unsent = std::min<std::uint64_t>(c->remote.pending(), c->request.body_left);
+    c->remote.tail += static_cast<std::size_t>(unsent);
+    c->request.body_left -= unsent;
+    proxy_target target = parse_target(c);
+    target.host = c->proxy->host;
+    proxy_release(c);
+    c->local.poll_index = -1;
+    c->local.channel.fd = -1;
+    if (connect_unsecure(c, target, false) < 0 || safe_write_bytes(c, body) < 0) {
+        send_server_error(c, 500, no_service);
+    } else {
+        c->local.flags = sf_readable | sf_writable;
+    }
+    return true;
 }

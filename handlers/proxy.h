@@ -23,3 +23,8 @@ void adjust_uri(conn* c);
 // head in front of the body bytes that have arrived, or answers with an error. Connecting may
 // block for up to 4 seconds.
 void do_proxy(conn* c);
+
+// A kept target has ended before the first byte of its answer: connects anew and sends the request
+// once more, if that has not been done yet and all of it is still at hand. False when nothing was
+// done.
+bool repeat_request(conn* c);

@@ -173,6 +173,7 @@ int IsSktWriteable(int fd, int timeout_ms) {
 int connect_unsecure(conn* c, const proxy_target& target, bool secure) {
     if (c->proxy != nullptr && can_be_reused(*c->proxy, target, secure)) {
         share_with_local_stream(c, *c->proxy);
+        c->proxy->reused = true;
         return c->proxy->fd;
     }
     proxy_release(c);

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "core/connection.h"
@@ -30,19 +31,42 @@ struct reply_head_rules {
 
 // Takes the result of a read, and errno with it, while the headers are incomplete: `n` bytes stand
 // behind the buffer's head. Nothing can be sent before the blank line has come; headers that fill
-// the buffer or hold a forbidden byte are answered with 500. Returns what the class's read returns.
+// the buffer or hold a forbidden byte are answered with 500. Interim answers are dropped: they are
+// meant for the next hop. Returns what the class's read returns.
 ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules);
+
+// The status in a status line; 0 when the reply does not begin with one.
+std::uint64_t reply_status(std::string_view head);
+
+// Whether the header block is an interim answer: a status of 100 to 199, except 101, behind which
+// the answer follows.
+bool is_interim(std::string_view head);
+
+// Answers with this status have no body whatever length they announce.
+bool is_bodyless(std::uint64_t status);
 
 enum class reply_end : std::uint8_t {
     at_once,     // nothing follows the headers
-    counted,     // Content-Length says
+    counted,     // the announced length says
     chunked,     // the last chunk says
     with_close,  // the sender closes
 };
 
-// How the end of the reply with this header block (and these values) to a request of `method` is
-// recognised.
-reply_end find_reply_end(std::string_view head, const header_values& values, int method);
+// What a reply's header block says about where it ends.
+struct reply_framing {
+    reply_end end = reply_end::with_close;
+    std::uint64_t length = 0;  // as announced; 0: none, or none that can be read
+    bool chunked = false;      // the last coding is
+    bool clear = true;         // at most one announcement, and no two readers differ about it
+};
+
+// Blanks around values and a missing one behind the colon make no difference; of several codings
+// the last counts, of several lengths the last number. Only zeros are a length of 0.
+reply_framing frame_reply(std::string_view head, int method);
+
+// Whether what follows the reply can't be told from a part of it: by the client, or by the daemon
+// if its sender does not know that the request was a HEAD.
+bool blurs_next_reply(const reply_framing& framing, std::uint64_t status);
 
 // --- The scanners of one stream ---
 
@@ -52,6 +76,8 @@ struct relay_scanners {
     bool scans_request = false;
     std::size_t request_skip = 0;  // bytes that go out in front of the request's body
     bool scans_reply = false;
+    bool awaits_service = false;  // in line for the companion service
+    std::string repeatable;       // the whole body, when it may have to be sent once more
 };
 
 // The stream's scanners, made when there are none.
@@ -65,17 +91,20 @@ void release_scanners(stream* s);
 
 // --- Request bodies ---
 
-// A request body without announced length is delivered up to its last chunk and no further. Call
-// it once, after the class was installed.
+// A request body without announced length is delivered up to its last chunk and no further, without
+// its trailer. Call it once, after the class was installed.
 void watch_request_body(stream* s);
 
-struct body_allowance {
-    std::size_t bytes;  // how many of the offered bytes may be sent
-    bool last;          // nothing may be sent after them
+// How one kind of receiver takes bodies.
+struct body_receiver {
+    ssize_t (*deliver)(stream*, const void* bytes, std::size_t length);  // like a class's write
+    void (*finish)(stream*);  // called once, when the whole body has been delivered
 };
 
-// Judges the next `length` bytes of the body; nothing counts as sent yet.
-body_allowance allowed_body(const stream* s, const void* bytes, std::size_t length);
+// Delivers the next bytes of the request's body: a class's write. A chunked body that breaks, or
+// whose trailer names a caller, is answered with 400, or cut short together with a reply that has
+// begun.
+ssize_t relay_body(stream* s, const void* bytes, std::size_t length, const body_receiver& receiver);
 
-// Counts the first `sent` of the judged bytes as delivered.
-void note_body_sent(stream* s, const void* bytes, std::size_t sent);
+// Whether a chunked body is being delivered whose end has not come.
+bool body_is_cut(const stream* s);

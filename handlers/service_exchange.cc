@@ -26,56 +26,81 @@ constexpr const char* unreachable = "Internal server error. Could not connect to
 constexpr const char* no_slot = "Internal server error. Maximum connections reached.";
 constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
 constexpr std::int64_t stale_limit_s = 300;  // how long an answer that nobody reads holds others up
+constexpr std::int64_t quiet_s = 2;          // without a byte: an answer without an end is over
 
 // Follows an answer to its end. The service never learns the method: its answer has a body even
 // when the client asked for none.
 class answer_tracker {
   public:
-    [[nodiscard]] bool complete() const { return complete_; }
+    [[nodiscard]] bool complete() const { return state_ == state::complete; }
+    // Nobody can say where it ends: it has no length, can't be read, or is longer than announced.
+    [[nodiscard]] bool endless() const { return state_ == state::endless; }
 
     void feed(std::string_view bytes) {
-        if (head_done_) {
+        if (state_ == state::head) {
+            head_.append(bytes);
+            feed_head();
+        } else {
             feed_body(bytes);
-            return;
         }
-        head_.append(bytes);
-        const ssize_t block = get_headers_len(head_.data(), head_.size());
-        if (block == 0 && head_.size() < head_max) {
-            return;
-        }
-        head_done_ = true;
-        if (block <= 0) {
-            complete_ = true;  // nobody can say where it ends
-            return;
-        }
-        const auto length = static_cast<std::size_t>(block);
-        header_values values;
-        parse_headers(head_.data(), length, &values);
-        end_ = find_reply_end(std::string_view(head_).substr(0, length), values, method_get);
-        left_ = values.content_length;
-        complete_ = end_ == reply_end::at_once;
-        feed_body(std::string_view(head_).substr(length));
-        head_.clear();
     }
 
   private:
     // What is kept of a head that nobody reads any more; a relayed one ends with the buffer.
     static constexpr std::size_t head_max = std::size_t{1} << 20;
 
-    // A body that only its sender's close would end is never complete.
+    enum class state : std::uint8_t { head, body, complete, endless };
+
+    void feed_head() {
+        for (;;) {
+            const ssize_t block = get_headers_len(head_.data(), head_.size());
+            if (block == 0 && head_.size() < head_max) {
+                return;
+            }
+            if (block <= 0) {
+                state_ = state::endless;
+                return;
+            }
+            const std::string_view head(head_.data(), static_cast<std::size_t>(block));
+            if (!is_interim(head)) {
+                begin_body(frame_reply(head, method_get));
+                feed_body(std::string_view(head_).substr(head.size()));
+                head_.clear();
+                return;
+            }
+            head_.erase(0, head.size());
+        }
+    }
+
+    void begin_body(const reply_framing& framing) {
+        state_ = framing.clear ? state::body : state::endless;
+        end_ = framing.end;
+        left_ = framing.end == reply_end::counted ? framing.length : 0;
+        if (end_ == reply_end::with_close) {
+            state_ = state::endless;
+        } else if (end_ == reply_end::at_once && state_ == state::body) {
+            state_ = state::complete;
+        }
+    }
+
     void feed_body(std::string_view bytes) {
-        if (end_ == reply_end::counted) {
-            left_ -= std::min<std::uint64_t>(left_, bytes.size());
-            complete_ = left_ == 0;
-        } else if (end_ == reply_end::chunked && !complete_) {
-            (void)chunks_.consume(bytes);
-            complete_ = chunks_.complete() || chunks_.failed();
+        if (state_ == state::body && end_ == reply_end::counted) {
+            const auto own = std::min<std::uint64_t>(left_, bytes.size());
+            left_ -= own;
+            bytes.remove_prefix(static_cast<std::size_t>(own));
+            state_ = left_ == 0 ? state::complete : state::body;
+        } else if (state_ == state::body) {
+            bytes.remove_prefix(chunks_.consume(bytes));
+            state_ = chunks_.complete() ? state::complete : state::body;
+        }
+        // Behind a whole body comes nothing; what is left in it broke it.
+        if (!bytes.empty()) {
+            state_ = state::endless;
         }
     }
 
     std::string head_;
-    bool head_done_ = false;
-    bool complete_ = false;
+    state state_ = state::head;
     reply_end end_ = reply_end::with_close;
     std::uint64_t left_ = 0;
     chunk_scanner chunks_;
@@ -87,6 +112,7 @@ struct exchange {
     std::uint64_t request_bytes = 0;
     bool stale = false;  // `answer` belongs to a client that has gone
     std::int64_t stale_until = 0;
+    std::int64_t last_byte = 0;  // when the last one of `answer` came
     answer_tracker answer;
 };
 
@@ -110,6 +136,18 @@ bool take_service(conn* c) {
     return true;
 }
 
+void note_answer(std::string_view bytes) {
+    service.last_byte = monotonic_seconds;
+    service.answer.feed(bytes);
+}
+
+// An answer whose end nobody can tell is over when nothing has come for a while: a byte of it that
+// came later still would be taken for the next answer.
+bool is_over(const answer_tracker& answer) {
+    return answer.complete() ||
+           (answer.endless() && monotonic_seconds - service.last_byte > quiet_s);
+}
+
 // Drops what lies unread: whatever it is, it is no answer to the next request. False while there is
 // more of it than one visit may read, or an answer that nobody waits for is still to come.
 bool drop_old_answer(int fd) {
@@ -121,12 +159,11 @@ bool drop_old_answer(int fd) {
             continue;
         }
         if (n <= 0) {
-            service.stale = service.stale && n < 0 && errno == EAGAIN;
+            service.stale = service.stale && n < 0 && errno == EAGAIN && !is_over(service.answer);
             return !service.stale || monotonic_seconds > service.stale_until;
         }
         if (service.stale) {
-            service.answer.feed({buffer.data(), static_cast<std::size_t>(n)});
-            service.stale = !service.answer.complete();
+            note_answer({buffer.data(), static_cast<std::size_t>(n)});
         }
     }
     return false;
@@ -143,18 +180,21 @@ void start_exchange(conn* c) {
     service.started = true;
     service.request_bytes = target.path.size();
     service.answer = answer_tracker();
+    obtain_scanners(&c->local)->awaits_service = false;
     c->local.flags = sf_readable | sf_writable;
 }
 
 }  // namespace
 
 void join_service_exchange(conn* c) {
+    obtain_scanners(&c->local)->awaits_service = true;
     c->local.flags = waiting_flags;
     advance_service_exchange(c);
 }
 
 bool waits_for_service(const conn* c) {
-    return c->local.has(sf_always_ready);
+    const relay_scanners* scanners = scanners_of(&c->local);
+    return scanners != nullptr && scanners->awaits_service;
 }
 
 void advance_service_exchange(conn* c) {
@@ -168,8 +208,16 @@ void advance_service_exchange(conn* c) {
 
 void note_service_answer(const conn* c, std::string_view bytes) {
     if (service.owner == c) {
-        service.answer.feed(bytes);
+        note_answer(bytes);
     }
+}
+
+bool answer_has_no_end(const conn* c) {
+    return service.owner == c && service.started && service.answer.endless();
+}
+
+bool answer_is_over(const conn* c) {
+    return answer_has_no_end(c) && is_over(service.answer);
 }
 
 void leave_service_exchange(const conn* c) {

@@ -1,7 +1,8 @@
 // Requests without a body to the companion service, over its standard input and output.
 //
 // One socket serves everybody, so one exchange runs at a time: the others wait. When the client of
-// an exchange goes away, what the service still answers is discarded before the next one begins.
+// an exchange goes away, what the service still answers is discarded before the next one begins. An
+// answer that has no end of its own is over when nothing has come for two seconds.
 // Process-wide; main thread only.
 #pragma once
 
@@ -21,6 +22,13 @@ void advance_service_exchange(conn* c);
 
 // Bytes that a target has sent to the connection; ignored unless the target is the service.
 void note_service_answer(const conn* c, std::string_view bytes);
+
+// Whether nobody can say where the answer that the connection gets ends: it has no length, can't be
+// read, or is longer than announced.
+bool answer_has_no_end(const conn* c);
+
+// Whether such an answer counts as whole: two seconds have passed without a byte of it.
+bool answer_is_over(const conn* c);
 
 // The connection's relay is being closed: hands the service on if it held it.
 void leave_service_exchange(const conn* c);

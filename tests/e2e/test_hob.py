@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from relay_support import calms_down, eventually, get
+from relay_support import calms_down, eventually, get, until_close
 
 NO_SERVICE = (b"HTTP/1.1 500 Internal server error. Could not connect to hob server.\r\n\r\n"
               b"500 Internal server error. Could not connect to hob server.")
@@ -45,6 +45,16 @@ while data := os.read(0, 65536):
         os._exit(1)
     if b"silent" in data:
         continue
+    if b"wrong" in data:
+        # An answer that is longer than announced, unreadable or broken, and more of it later.
+        os.write(1, {b"e": b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nEXTRA",
+                     b"x": b"A: \1\r\n\r\n",
+                     b"k": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"}[data[-1:]])
+        time.sleep(0.7)
+        os.write(1, b"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nSECRET")
+        continue
+    if b"interim" in data:
+        os.write(1, b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\n\r\n")
     if b"large" in data:
         body += b"x" * 500000
     if b"nolength" in data:
@@ -204,8 +214,33 @@ def test_service_that_says_nothing_holds_only_its_own_clients(hob):
 
 def test_answer_without_length_closes_the_client(hob):
     daemon = hob()
-    received = daemon.raw(get("/hob://h:/nolength"), timeout=1, end="open")
-    assert received == b"HTTP/1.1 200 OK\r\n\r\nstdio /nolength"
+    assert until_close(daemon, get("/hob://h:/nolength")) == b"HTTP/1.1 200 OK\r\n\r\nstdio /nolength"
+    # Nor does one whose client has gone hold the others up.
+    leaver = Client(daemon)
+    leaver.sock.sendall(get("/hob://h:/nolength"))
+    leaver.sock.recv(1)
+    leaver.sock.close()
+    assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine"
+
+
+def test_late_bytes_of_a_wrong_answer_reach_nobody(hob):
+    daemon = hob()
+    for kind in ("wrong-more", "wrong-x", "wrong-chunk"):
+        first = until_close(daemon, get("/hob://h:/" + kind))
+        assert b"SECRET" not in first, kind
+        assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine", kind
+
+
+def test_interim_answers_of_the_service_are_dropped(hob):
+    daemon = hob()
+    client = Client(daemon)
+    for path in ("interim", "plain", "interim-chunked", "plain"):
+        assert b"stdio /" + path.encode() in client.ask(get("/hob://h:/" + path)), path
+    leaver = Client(daemon)
+    leaver.sock.sendall(get("/hob://h:/slow-interim"))
+    time.sleep(0.2)
+    leaver.sock.close()
+    assert client.ask(get("/hob://h:/mine")) == b"stdio /mine"
 
 
 def test_service_that_dies(hob):

@@ -53,7 +53,8 @@ class KeepAlive(http.server.BaseHTTPRequestHandler):
         elif self.path in ("/204", "/304"):
             self.answer(int(self.path[1:]), b"", {})
         else:
-            body = {"/empty": b"", "/large": b"L" * 2_000_000}.get(self.path, b"hello")
+            body = {"/empty": b"", "/large": b"L" * 2_000_000,
+                    "/huge": b"H" * 12_000_000}.get(self.path, b"hello")
             moved = {"Location": "/elsewhere"} if self.path == "/moved" else {}
             self.answer(200, body, {"Content-Length": len(body), **moved})
 
@@ -257,6 +258,20 @@ def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, auth
         bad.close()
 
 
+def test_client_that_takes_nothing_of_a_tls_answer_costs_nothing(make_daemon, authority):
+    # The last piece lies in the daemon's buffer: nothing more is to be read from the target.
+    daemon = make_daemon(io_buf_size=16 << 20)
+    (daemon.var / "sec" / "dovmad-at" / "peer_ca.pem").write_bytes(authority[0][0].read_bytes())
+    daemon.restart()
+    with contextlib.closing(Upstream(tls_server_context(authority[0]))) as target:
+        with socket.socket() as client:
+            client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            client.connect(("127.0.0.1", daemon.port))
+            client.sendall(get(f"/https://127.0.0.1:{target.port}/huge"))
+            assert client.recv(100)
+            assert calms_down(daemon)
+
+
 # --- Unix-domain services ---
 
 def test_unix_services_are_chosen_by_role(make_daemon, raw_target):
@@ -351,7 +366,8 @@ def test_targets_that_go_wrong(make_daemon, raw_target):
     daemon = make_daemon()
     error = b"HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy"
     bad = b"HTTP/1.1 500 Bad headers sent\r\n\r\n500 Bad headers sent"
-    expected = {**answers, b"none": error, b"half": error, b"bytes": bad, b"endless": bad}
+    expected = {**answers, b"none": error, b"half": error, b"bytes": bad, b"endless": bad,
+                b"chunk": answers[b"chunk"].partition(b"zz")[0]}
     for path, reply in expected.items():
         uri = f"/http://127.0.0.1:{port}/{path.decode()}"
         assert ask(daemon, uri, "Connection: keep-alive") == reply, path

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -22,6 +23,45 @@
 #include "lib/plat.h"
 #include "lib/qz_vector.h"
 #include "tests/handlers/relay_fixture.h"
+
+namespace {
+
+// Connects to a listener right before the daemon does; from another loopback address with the very
+// port that the daemon gets.
+struct {
+    const char* address = nullptr;
+    unique_fd socket;
+} stranger;
+
+int bound_socket(const char* address, in_port_t port, int fd) {
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_port = port;
+    inet_pton(AF_INET, address, &own.sin_addr);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
+    return fd;
+}
+
+void send_stranger_ahead(int fd, const sockaddr* to, socklen_t length) {
+    sockaddr_in own{};
+    socklen_t size = sizeof own;
+    bound_socket("127.0.0.1", 0, fd);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&own), &size);
+    const bool same = std::string_view(stranger.address) == "127.0.0.1";
+    stranger.socket.reset(bound_socket(stranger.address, same ? in_port_t{0} : own.sin_port,
+                                       socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+    stranger.address = nullptr;
+    EXPECT_EQ(connect(stranger.socket.get(), to, length), 0);
+}
+
+}  // namespace
+
+extern "C" int connect(int fd, const sockaddr* to, socklen_t length) {
+    if (stranger.address != nullptr) {
+        send_stranger_ahead(fd, to, length);
+    }
+    return static_cast<int>(syscall(SYS_connect, fd, to, length));
+}
 
 namespace {
 
@@ -232,11 +272,22 @@ TEST_F(cgi_relay_test, bodies_reach_the_program_and_nothing_else_does) {
     const std::string path = script("cat.cgi", "printf 'A: b\\n\\n'; cat");
     const std::string behind = "GET /cat.cgi HTTP/1.1\r\n\r\n";
     EXPECT_EQ(output_of(talk(make_request("POST", path, "hello") + behind)), "hello");
-    // A body without length goes up to its last chunk.
+    // A body without length goes up to its last chunk, without its trailer.
     const std::string chunked = "5\r\nhello\r\n0\r\n\r\n";
-    EXPECT_EQ(output_of(talk("POST " + path + " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" +
-                             chunked + behind)),
-              chunked);
+    const std::string post = "POST " + path + " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
+    EXPECT_EQ(output_of(talk(post + "5\r\nhello\r\n0\r\nA: b\r\n\r\n" + behind)), chunked);
+    // Programs that wait for the end of a broken one are told by a reset that it did not come.
+    const std::string mark = (engine.root.path() / "mark").string();
+    script("cat.cgi", "cat >/dev/null && echo whole >" + mark + " || echo cut >" + mark);
+    for (const char* broken : {"5\r\nhelloX", "5\r\nhello\r\n0\r\nAuthorization: x\r\n\r\n"}) {
+        EXPECT_EQ(talk(post + broken), "HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers");
+        std::string seen;
+        while (seen.empty()) {
+            seen = read_whole_file(mark);
+        }
+        EXPECT_EQ(seen, "cut\n");
+        std::filesystem::remove(mark);
+    }
 }
 
 TEST_F(cgi_relay_test, connection_stays_only_when_the_length_was_kept) {
@@ -250,6 +301,41 @@ TEST_F(cgi_relay_test, connection_stays_only_when_the_length_was_kept) {
     EXPECT_EQ(talk_on(client.get(), make_request("POST", right, "0123456789"), line + "right"),
               line + "right");
     EXPECT_EQ(talk_on(client.get(), make_request("GET", longer)), line + "longer") << "and closed";
+    // Nor where two readers find different ends.
+    for (const std::string headers :
+         {"Status: 304\r\nContent-Length: 5\r\n\r\n", "Status: 204\r\nContent-Length: 5\r\n\r\n",
+          "Content-Length: 5, 9\r\n\r\n", "Content-Length: 9\r\nContent-Length: 5\r\n\r\n",
+          "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n\r\n"}) {
+        engine.root.write("out", headers + "right");
+        const std::string reply = run("cat out");  // which fails unless the engine closes
+        EXPECT_TRUE(reply.ends_with(headers + "right")) << reply;
+    }
+}
+
+TEST_F(cgi_relay_test, interim_answers_are_dropped) {
+    EXPECT_EQ(run("printf 'Status: 103 Early Hints\\nLink: x\\n\\nHTTP/1.1 100 Continue\\n\\nA: "
+                  "b\\n\\n'"),
+              "HTTP/1.1 200 OK\r\nA: b\n\n");
+}
+
+// --- The connected pair ---
+
+TEST_F(cgi_relay_test, pair_belongs_to_nobody_else) {
+    for (const char* address : {"127.0.0.2", "127.0.0.1"}) {
+        stranger.address = address;
+        int sp[2] = {-1, -1};
+        conn c;
+        c.ctx = engine.ctx;
+        ASSERT_EQ(my_socketpair(&c, sp), 0);
+        EXPECT_TRUE(stranger.socket) << "the stranger came first";
+        const unique_fd ours(sp[0]);
+        const unique_fd theirs(sp[1]);
+        char byte = 0;
+        EXPECT_EQ(send(ours.get(), "x", 1, 0), 1);
+        EXPECT_EQ(recv(theirs.get(), &byte, 1, 0), 1);
+        EXPECT_EQ(byte, 'x');
+        stranger.socket.reset();
+    }
 }
 
 }  // namespace

@@ -188,6 +188,8 @@ TEST_F(head_test, body_must_have_one_end) {
         {"Content-Length:5\r\n", false},
         {"Content-Length: +5\r\n", false},
         {"Content-Length: 5, 6\r\n", false},
+        {"Content-Length: 999999999999999999\r\n", true},
+        {"Content-Length: 0000000000000000005\r\n", false},
         {"Content-Length: \r\n", false},
         {"Transfer-Encoding: gzip, chunked\r\n", false},
         {"Transfer-Encoding:chunked\r\n", false},
@@ -231,6 +233,15 @@ class hand_target {
         EXPECT_EQ(send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(text.size()));
     }
+    // Whether the daemon has closed its side.
+    bool has_ended() {
+        char buffer[65536];
+        ssize_t n = 1;
+        while (n > 0) {
+            n = recv(peer.get(), buffer, sizeof buffer, 0);
+        }
+        return n == 0 || errno == ECONNRESET;
+    }
     void forget() {
         peer.reset();
         received.clear();
@@ -273,17 +284,112 @@ class forward_test : public relay_fixture {
 
 // Every one of these answers is complete although the target keeps its connection open.
 TEST_F(forward_test, answers_end_where_they_say_however_they_are_cut) {
+    const std::string chunks = "\r\n\r\n5\r\nhello\r\n0\r\n\r\n";
     const std::vector<std::string> rows[] = {
         {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "he", "llo"},
         {"HTTP/1.1 200 OK\r\nContent-Le", "ngth: 5\r\n", "\r\nhello"},
+        {"HTTP/1.1 200 OK\r\ncontent-length:5 \r\n\r\nhello"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: identity\r\nContent-Length: 5\r\n\r\nhello"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 00\r\n\r\n"},
         {"HTTP/1.1 304 Not Modified\r\nContent-Length: 99\r\n\r\n"},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r", "\nhel", "lo\r\n",
          "0\r\nA: b\r\n", "\r\n"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding:chunked" + chunks},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: Chunked " + chunks},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked" + chunks},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\nTransfer-Encoding: chunked" + chunks},
     };
     for (const std::vector<std::string>& pieces : rows) {
         EXPECT_EQ(forward(request("Connection: keep-alive\r\n"), pieces, false),
                   std::accumulate(pieces.begin(), pieces.end(), std::string()));
     }
+}
+
+TEST_F(forward_test, answers_without_a_length_that_can_be_read_end_with_the_target) {
+    for (const char* value : {": undefined", ": +5", ": -5", ":", ": 5\r\nContent-Length: 0"}) {
+        const std::string answer =
+            "HTTP/1.1 200 OK\r\nContent-Length" + std::string(value) + "\r\n\r\nhello";
+        EXPECT_EQ(forward(request(), {answer}), answer);
+    }
+}
+
+TEST_F(forward_test, interim_answers_are_dropped) {
+    const std::string last = "HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n";
+    const std::vector<std::string> pieces = {
+        "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 1", "02 Processing\r\n\r",
+        "\nHTTP/1.1 103 Early Hints\r\nLocation: /x\r\n\r\n" + last};
+    for (const char* method : {"GET", "HEAD"}) {
+        EXPECT_EQ(forward(method + request().substr(3), pieces, false), last);
+    }
+    const std::string upgrade = "HTTP/1.1 101 Switching Protocols\r\n\r\nbytes";
+    EXPECT_EQ(forward(request(), {upgrade}), upgrade);
+    EXPECT_EQ(forward(request(), {"HTTP/1.1 100 Continue\r\n\r\n"}),
+              "HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy");
+}
+
+TEST_F(forward_test, broken_chunks_of_an_answer_end_both_sides) {
+    const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    EXPECT_EQ(forward(request(), {head, "5\r\nhello\r\n", "zz\r\nmore"}, false),
+              head + "5\r\nhello\r\n");
+    EXPECT_TRUE(target.has_ended());
+}
+
+// What the target has received behind the head of an upload with these bytes for a body.
+class upload_test : public forward_test {
+  protected:
+    std::string upload(const std::string& body) {
+        target.forget();
+        bool answered = false;
+        reply = talk("POST " + target.uri("http", "/x") +
+                         " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + body,
+                     [&] {
+                         if (target.has_received("0\r\n\r\n") && !answered) {
+                             answered = true;
+                             target.answer("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+                         }
+                     });
+        (void)target.has_received("");
+        return target.received.substr(target.received.find("\r\n\r\n") + 4);
+    }
+    const std::string bad = "HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers";
+    std::string reply;
+};
+
+TEST_F(upload_test, trailers_stay_here) {
+    EXPECT_EQ(upload("5;a=b\r\nhello\r\n0\r\nA: b\r\nPlx: c\r\n\r\nGET / HTTP/1.1\r\n\r\n"),
+              "5;a=b\r\nhello\r\n0\r\n\r\n");
+    EXPECT_TRUE(reply.starts_with("HTTP/1.1 200 OK")) << reply;
+    for (const char* name : {"Authorization", "aUTHORIZATION ", "PLX-Role", "plx-", "X-PLX-User"}) {
+        const std::string received =
+            upload("5\r\nhello\r\n0\r\nA: b\r\n" + std::string(name) + ": x\r\n\r\n");
+        EXPECT_EQ(reply, bad) << name;
+        EXPECT_FALSE(received.ends_with("\r\n\r\n")) << received;
+        EXPECT_TRUE(target.has_ended());
+    }
+}
+
+TEST_F(upload_test, broken_chunks_are_refused) {
+    for (const char* body : {"x", "5\r\nhelloX", "5\nhello\r\n0\r\n\r\n", "0\r\nA: b\nc\r\n\r\n"}) {
+        (void)upload(body);
+        EXPECT_EQ(reply, bad) << body;
+        EXPECT_TRUE(target.has_ended()) << body;
+    }
+    // Once the answer has begun nothing can be said any more: both sides end.
+    target.forget();
+    const unique_fd client = engine.connect();
+    const std::string begun = "HTTP/1.1 200 OK\r\n\r\nbegun";
+    const std::string request = "POST " + target.uri("http", "/x") +
+                                " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n";
+    EXPECT_EQ(talk_on(client.get(), request, begun,
+                      [&] {
+                          if (target.has_received("hello\r\n")) {
+                              target.received.clear();
+                              target.answer(begun);
+                          }
+                      }),
+              begun);
+    EXPECT_EQ(talk_on(client.get(), "broken"), "");
+    EXPECT_TRUE(target.has_ended());
 }
 
 TEST_F(forward_test, status_follows_status_and_location_lines) {
@@ -313,11 +419,12 @@ TEST_F(forward_test, head_larger_than_the_buffer_is_refused) {
 class kept_target_test : public forward_test {
   protected:
     // One request with a body to `to`, which answers with `reply`. Returns what the client gets.
-    std::string ask(hand_target* to, const std::string& reply) {
+    std::string ask(hand_target* to, const std::string& reply, const std::string& method = "POST") {
         const std::string request =
-            "POST " + to->uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
+            method + " " + to->uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
         to->received.clear();
-        return talk_on(client.get(), request, ok, [&] {
+        const std::string& enough = method == "HEAD" ? reply.substr(0, reply.size() - 2) : reply;
+        return talk_on(client.get(), request, enough, [&] {
             if (to->has_received("body")) {
                 to->received.clear();
                 to->answer(reply);
@@ -326,7 +433,7 @@ class kept_target_test : public forward_test {
     }
 
     const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-    const unique_fd client = engine.connect();
+    unique_fd client = engine.connect();
 };
 
 TEST_F(kept_target_test, serves_until_it_says_something) {
@@ -347,6 +454,53 @@ TEST_F(kept_target_test, serves_until_it_says_something) {
     // More than the announced length: the next reply would begin nobody knows where.
     EXPECT_TRUE(ask(&target, ok + "EXTRA").starts_with(ok));
     (void)talk_on(client.get(), "");  // which fails unless the engine closes
+}
+
+// It may close in the moment in which the next request goes out.
+TEST_F(kept_target_test, request_is_repeated_once_when_the_target_ends_before_its_answer) {
+    EXPECT_EQ(ask(&target, ok), ok);
+    const std::string request =
+        "POST " + target.uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
+    const std::string error = "HTTP/1.1 500 Error in proxy\r\n\r\n500 Error in proxy";
+    target.received.clear();
+    for (int ends : {1, 2}) {
+        const std::string& enough = ends == 1 ? ok : error;
+        EXPECT_EQ(talk_on(client.get(), request, enough,
+                          [&] {
+                              if (!target.has_received("body")) {
+                                  return;
+                              }
+                              EXPECT_EQ(target.received, "body");
+                              target.received.clear();
+                              if (ends-- > 0) {
+                                  target.peer.reset();
+                              } else {
+                                  target.answer(ok);
+                              }
+                          }),
+                  enough);
+    }
+    EXPECT_EQ(target.connections, 3);
+}
+
+// Where the client can't tell the end of an answer, it is told by the end of the connection.
+TEST_F(kept_target_test, doubtful_answers_end_the_client) {
+    for (const char* reply :
+         {"HTTP/1.1 304 No\r\nContent-Length: 2\r\n\r\n",
+          "HTTP/1.1 204 OK\r\nContent-Length: 2\r\n\r\n",
+          "HTTP/1.1 200 OK\r\nContent-Length: 2, 50\r\n\r\nok",
+          "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nContent-Length: 2\r\n\r\nok",
+          "HTTP/1.1 200 OK\r\nConnection: Close\r\nContent-Length: 2\r\n\r\nok"}) {
+        client = engine.connect();
+        EXPECT_EQ(ask(&target, reply), reply);
+        EXPECT_EQ(talk_on(client.get(), ""), "") << reply;
+        target.forget();
+    }
+    // The service can't know that the request was a HEAD.
+    client = engine.connect();
+    const std::string head = ok.substr(0, ok.size() - 2);
+    EXPECT_EQ(ask(&target, ok, "HEAD"), head);
+    EXPECT_EQ(talk_on(client.get(), ""), "");
 }
 
 TEST_F(kept_target_test, gives_way_to_another_one) {
