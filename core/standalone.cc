@@ -150,7 +150,7 @@ void stop_server(shttpd_call_arg* arg) {
         log_change(arg->connection, "ended the daemon");
         _exit(EXIT_SUCCESS);
     }
-    (void)stop_cgi_services();
+    end_cgi_services();
     log_change(arg->connection, "stopped the companion service");
     (void)shttpd_printf(arg, "%s", "HTTP/1.1 200 OK\r\n\r\n");
     (void)shttpd_printf(arg, "%s", "Success");
@@ -186,6 +186,8 @@ int main(int argc, char** argv) {
     elog(elog_info, nullptr, "dovmad %s started on port(s) %s, serving %s", daemon_version,
          ctx->listen_ports.c_str(), ctx->document_root.c_str());
     register_endpoints(ctx, endpoints);
+    // However the process ends: an inetd service does so behind its one connection.
+    (void)std::atexit([] { (void)stop_cgi_services(); });
     (void)run_cgi_as_service(ctx, "HOBINTF", "hobintf");  // on failure it has logged the reason
     while (exit_flag == 0) {
         shttpd_poll(ctx, pass_wait_ms);

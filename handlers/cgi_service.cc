@@ -4,12 +4,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "core/background.h"
 #include "core/compat_unix.h"
 #include "core/connection.h"
 #include "core/context.h"
@@ -33,6 +38,8 @@ constexpr std::size_t value_max = 2047;         // longer paths and items are cu
 constexpr std::size_t announcement_max = 4096;  // how far the port may stand in the output
 constexpr std::string_view announcement_mark = "PORT : ";
 constexpr int slice_ms = 1000;  // how long a signal to end may go unnoticed
+// How long the rest of an announcement may take: one that has begun to speak means to say it.
+constexpr std::int64_t announcement_limit_ms = 10000;
 constexpr int port_max = 65535;
 
 // The item of a comma-separated list that contains `name`, from the name on. Kept: the name is
@@ -90,13 +97,17 @@ int announced_port(std::string_view text, bool at_end) {
 }
 
 // Waits for the announcement, which may come in pieces. A pause behind a digit ends the number: a
-// service may say nothing more, not even a line feed. Returns 0 when there will be no port. The
-// ports are open meanwhile and nobody is served, so a service should announce itself first.
+// service may say nothing more, not even a line feed. Returns 0 when there will be no port, or when
+// it has not come ten seconds after the first byte. The ports are open meanwhile and nobody is
+// served, so a service should announce itself first.
 int read_port(int fd) {
     std::string text;
-    while (exit_flag == 0) {
+    std::int64_t deadline = INT64_MAX;
+    for (std::int64_t now = monotonic_ms(); exit_flag == 0 && now < deadline;
+         now = monotonic_ms()) {
         pollfd entry = {.fd = fd, .events = POLLIN, .revents = 0};
-        const int ready = poll(&entry, 1, slice_ms);
+        const std::int64_t wait_ms = std::min<std::int64_t>(slice_ms, deadline - now);
+        const int ready = poll(&entry, 1, static_cast<int>(wait_ms));
         if (ready == 0 && announced_port(text, true) > 0) {
             return announced_port(text, true);
         }
@@ -109,6 +120,7 @@ int read_port(int fd) {
             continue;
         }
         if (n > 0) {
+            deadline = text.empty() ? monotonic_ms() + announcement_limit_ms : deadline;
             text.append(buffer.data(), static_cast<std::size_t>(n));
         }
         const bool at_end = n <= 0 || text.size() >= announcement_max;
@@ -118,6 +130,29 @@ int read_port(int fd) {
         }
     }
     return 0;
+}
+
+// A service that does not end by itself is waited for and then killed, by a thread of its own.
+struct ending_service : background_job {
+    explicit ending_service(const process_record& ending) : process(ending) {}
+    void run() override { (void)stop_process(&process); }
+    void finish() override {}
+
+    process_record process;
+};
+
+std::unique_ptr<background_thread> endings;  // made at first need
+
+void end_in_background(const process_record& process) {
+    if (process.pid <= 0) {
+        return;
+    }
+    if (endings == nullptr) {
+        endings = std::make_unique<background_thread>();
+    }
+    if (!endings->submit(std::make_unique<ending_service>(process))) {
+        (void)kill(process.pid, SIGKILL);
+    }
 }
 
 }  // namespace
@@ -132,6 +167,9 @@ int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lowe
     const std::string directory = (root + "/bin").substr(0, value_max);
     const std::string program = (root + "/bin/" + lower_name).substr(0, value_max);
 
+    if (root_item.empty() && access(program.c_str(), F_OK) != 0) {
+        return -1;  // nobody has asked for one
+    }
     conn service;  // what starting a program and logging need of a connection: the context
     service.ctx = ctx;
     int sp[2] = {-1, -1};
@@ -153,20 +191,28 @@ int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lowe
             elog(elog_info, &service, "%s: no port announced by %s", upper_name, program.c_str());
         }
         ours.reset();
-        (void)stop_process(&process);
+        end_in_background(process);
         return -1;
     }
     hobintf = {.port = port, .stdio = ours.release(), .process = process};
     return 0;
 }
 
-int stop_cgi_services() {
+void end_cgi_services() {
     if (hobintf.stdio >= 0) {
         (void)close(hobintf.stdio);  // the end of its input asks it to end by itself
     }
-    (void)stop_process(&hobintf.process);
+    end_in_background(hobintf.process);
     hobintf = service_record();
     reset_service_exchange();
+}
+
+int stop_cgi_services() {
+    end_cgi_services();
+    if (endings != nullptr) {
+        endings->drain();
+        endings.reset();
+    }
     return 0;
 }
 

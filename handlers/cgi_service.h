@@ -11,7 +11,11 @@
 // `upper_name` names the service in log messages. Returns 0, or -1 with nothing left running.
 int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lower_name);
 
-// Closes the pair and ends the child. May be repeated, also without a service. Returns 0.
+// Closes the pair and ends the child, which has two seconds before it is killed, without waiting
+// for that. May be repeated, also without a service.
+void end_cgi_services();
+
+// The same, and waits until no child is left. Only for when nobody is served any more. Returns 0.
 int stop_cgi_services();
 
 // The announced TCP port, 0 without a service.

@@ -197,7 +197,8 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
         note_service_answer(c, {static_cast<const char*>(buffer), static_cast<std::size_t>(n)});
     }
     if (answer_has_no_end(c)) {
-        s->flags |= sf_always_ready;  // no descriptor tells that nothing has come for a while
+        s->flags |= sf_always_ready;  // no descriptor tells that nothing has come for a while:
+        c->held = true;               // a timer does
         if (n < 0 && error == EAGAIN && answer_is_over(c)) {
             return end_endless(s);
         }

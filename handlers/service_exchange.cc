@@ -8,12 +8,14 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <deque>
 #include <string>
 
 #include "core/connection.h"
 #include "core/globals.h"
 #include "core/request.h"
 #include "core/route.h"
+#include "core/visit_timer.h"
 #include "handlers/cgi_service.h"
 #include "handlers/proxy_head.h"
 #include "handlers/proxy_target.h"
@@ -25,8 +27,10 @@ namespace {
 constexpr const char* unreachable = "Internal server error. Could not connect to hob server.";
 constexpr const char* no_slot = "Internal server error. Maximum connections reached.";
 constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
-constexpr std::int64_t stale_limit_s = 300;  // how long an answer that nobody reads holds others up
-constexpr std::int64_t quiet_s = 2;          // without a byte: an answer without an end is over
+// How long an answer that nobody reads holds others up.
+constexpr std::int64_t stale_limit_ms = 300'000;
+// Without a byte for so long, an answer without an end is over.
+constexpr std::int64_t quiet_ms = 2'000;
 
 // Follows an answer to its end. The service never learns the method: its answer has a body even
 // when the client asked for none.
@@ -107,6 +111,7 @@ class answer_tracker {
 };
 
 struct exchange {
+    std::deque<conn*> line;       // who waits, the first come first
     const conn* owner = nullptr;  // holds the service; null: nobody does
     bool started = false;         // the owner's request is on its way
     std::uint64_t request_bytes = 0;
@@ -114,6 +119,7 @@ struct exchange {
     std::int64_t stale_until = 0;
     std::int64_t last_byte = 0;  // when the last one of `answer` came
     answer_tracker answer;
+    visit_timer timer;  // the owner's: when an answer counts as over
 };
 
 exchange service;
@@ -131,41 +137,51 @@ bool take_service(conn* c) {
         return false;
     }
     c->local.channel.fd = fd.release();  // non-blocking like the descriptor it copies
+    std::erase(service.line, c);
     service.owner = c;
     service.started = false;
     return true;
 }
 
 void note_answer(std::string_view bytes) {
-    service.last_byte = monotonic_seconds;
+    service.last_byte = monotonic_ms();
     service.answer.feed(bytes);
 }
 
 // An answer whose end nobody can tell is over when nothing has come for a while: a byte of it that
 // came later still would be taken for the next answer.
-bool is_over(const answer_tracker& answer) {
-    return answer.complete() ||
-           (answer.endless() && monotonic_seconds - service.last_byte > quiet_s);
+std::int64_t end_of_answer() {
+    return service.answer.endless() ? service.last_byte + quiet_ms : service.stale_until;
+}
+
+bool is_over(std::int64_t moment) {
+    return monotonic_ms() >= moment;
 }
 
 // Drops what lies unread: whatever it is, it is no answer to the next request. False while there is
 // more of it than one visit may read, or an answer that nobody waits for is still to come.
-bool drop_old_answer(int fd) {
+bool drop_old_answer(conn* c) {
     constexpr int reads_max = 64;
     std::array<char, 4096> buffer;  // NOLINT(*-member-init): filled by recv
     for (int i = 0; i < reads_max; ++i) {
-        const ssize_t n = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        const ssize_t n = recv(c->local.channel.fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
-            service.stale = service.stale && n < 0 && errno == EAGAIN && !is_over(service.answer);
-            return !service.stale || monotonic_seconds > service.stale_until;
+            const bool ended = n == 0 || errno != EAGAIN;
+            service.stale =
+                service.stale && !ended && !service.answer.complete() && !is_over(end_of_answer());
+            if (service.stale) {
+                service.timer.set(c, end_of_answer());
+            }
+            return !service.stale;
         }
         if (service.stale) {
             note_answer({buffer.data(), static_cast<std::size_t>(n)});
         }
     }
+    visit_soon(c);
     return false;
 }
 
@@ -180,6 +196,7 @@ void start_exchange(conn* c) {
     service.started = true;
     service.request_bytes = target.path.size();
     service.answer = answer_tracker();
+    service.timer.clear();
     obtain_scanners(&c->local)->awaits_service = false;
     c->local.flags = sf_readable | sf_writable;
 }
@@ -189,6 +206,7 @@ void start_exchange(conn* c) {
 void join_service_exchange(conn* c) {
     obtain_scanners(&c->local)->awaits_service = true;
     c->local.flags = waiting_flags;
+    service.line.push_back(c);
     advance_service_exchange(c);
 }
 
@@ -198,17 +216,23 @@ bool waits_for_service(const conn* c) {
 }
 
 void advance_service_exchange(conn* c) {
-    if (service.owner == nullptr && !take_service(c)) {
+    c->held = true;
+    if (service.owner == nullptr && service.line.front() == c && !take_service(c)) {
         return;
     }
-    if (service.owner == c && drop_old_answer(c->local.channel.fd)) {
+    if (service.owner == c && drop_old_answer(c)) {
+        c->held = false;
         start_exchange(c);
     }
 }
 
-void note_service_answer(const conn* c, std::string_view bytes) {
-    if (service.owner == c) {
-        note_answer(bytes);
+void note_service_answer(conn* c, std::string_view bytes) {
+    if (service.owner != c) {
+        return;
+    }
+    note_answer(bytes);
+    if (service.answer.endless()) {
+        service.timer.set(c, end_of_answer());
     }
 }
 
@@ -217,21 +241,24 @@ bool answer_has_no_end(const conn* c) {
 }
 
 bool answer_is_over(const conn* c) {
-    return answer_has_no_end(c) && is_over(service.answer);
+    return answer_has_no_end(c) && is_over(end_of_answer());
 }
 
 void leave_service_exchange(const conn* c) {
-    if (service.owner != c) {
-        return;
+    std::erase(service.line, c);
+    if (service.owner == c) {
+        if (service.started) {
+            // Not a byte of the path has left: then there is no answer to come.
+            const bool sent = c->request.body_left < service.request_bytes;
+            service.stale = sent && !service.answer.complete();
+            service.stale_until = monotonic_ms() + stale_limit_ms;
+        }
+        service.owner = nullptr;
+        service.timer.clear();
     }
-    if (service.started) {
-        // Not a byte of the path has left: then there is no answer to come.
-        const bool sent = c->request.body_left < service.request_bytes;
-        service.stale = sent && !service.answer.complete();
-        service.stale_until = monotonic_seconds + stale_limit_s;
+    if (service.owner == nullptr && !service.line.empty()) {
+        visit_soon(service.line.front());
     }
-    service.owner = nullptr;
-    shttpd_wake();
 }
 
 void reset_service_exchange() {

@@ -17,11 +17,12 @@ void join_service_exchange(conn* c);
 // Whether the connection has joined and its own answer can't be read yet.
 bool waits_for_service(const conn* c);
 
-// One step of a waiting connection. An error reply may be in place afterwards.
+// One step of a waiting connection, which is visited again when there is reason to. An error reply
+// may be in place afterwards.
 void advance_service_exchange(conn* c);
 
 // Bytes that a target has sent to the connection; ignored unless the target is the service.
-void note_service_answer(const conn* c, std::string_view bytes);
+void note_service_answer(conn* c, std::string_view bytes);
 
 // Whether nobody can say where the answer that the connection gets ends: it has no length, can't be
 // read, or is longer than announced.

@@ -195,7 +195,7 @@ def test_broken_programs(cgi):
     for path, reply in rows.items():
         assert until_close(daemon, get(path)) == reply, path
     log = daemon.error_log.read_text(errors="replace")
-    assert "CGI script sent invalid headers: [A: \033\n\nx]" in log
+    assert r"CGI script sent invalid headers: [A: \x1b\x0a\x0ax]" in log
     assert "redirect: exec(" + str(daemon.root / "text.cgi") in log
     for method in ("PUT", "DELETE", "HEAD"):
         assert until_close(daemon, get("/silent.cgi", "Content-Length: 0", method=method)) == (

@@ -286,7 +286,7 @@ def test_requests_of_unclear_length_are_refused(hob):
 def test_service_without_port_is_ended(hob, output):
     daemon = hob(f"#!/bin/sh\necho $$ >facts\nprintf '{output}'\n")
     pid = int(daemon.facts.read_text())
-    assert not alive(pid)
+    assert eventually(lambda: not alive(pid))
     assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
     assert daemon.raw(get("/hob://h:/x", method="POST", body=b"x")) == NO_SERVICE
     assert "HOBINTF: no port announced by " in daemon.error_log.read_text()
@@ -297,11 +297,25 @@ def test_port_at_the_end_of_what_a_service_says(hob):
     assert Client(daemon).ask(get("/hob://h:/x", method="POST", body=b"one")) == b"tcp 1 one"
 
 
-def test_missing_service_is_logged_once(hob):
+def test_missing_service(hob, make_daemon):
     daemon = hob(None)
     assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
-    assert re.fullmatch(r"redirect: exec\(.*/install/bin/hobintf\)\n", daemon.error_log.read_text())
+    first, refused = daemon.error_log.read_text().splitlines()
+    assert re.fullmatch(r"redirect: exec\(.*/install/bin/hobintf\)", first)
+    assert refused.endswith(" 500 Internal server error. Could not connect to hob server.")
     assert "HOBINTF" not in daemon.stderr_text()
+    # Where nobody has named one, nobody misses it.
+    daemon = make_daemon()
+    assert daemon.raw(get("/world/ping"), until=bool)
+    assert daemon.error_log.read_text() == "" and "hobintf" not in daemon.stderr_text()
+    assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
+
+
+def test_announcement_that_stays_away_is_given_up(hob):
+    daemon = hob("#!/bin/sh\necho $$ >facts\necho starting\nexec sleep 1000\n")
+    assert eventually(lambda: not alive(int(daemon.facts.read_text())))
+    assert "HOBINTF: no port announced by " in daemon.error_log.read_text()
+    assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
 
 
 def test_silent_service_does_not_keep_the_daemon_from_ending(hob):

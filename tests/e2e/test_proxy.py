@@ -371,8 +371,8 @@ def test_targets_that_go_wrong(make_daemon, raw_target):
     for path, reply in expected.items():
         uri = f"/http://127.0.0.1:{port}/{path.decode()}"
         assert ask(daemon, uri, "Connection: keep-alive") == reply, path
-    assert "CGI script sent invalid headers: [HTTP/1.1 200 OK\r\nA: \x01\r\n\r\n]" in (
-        daemon.error_log.read_bytes().decode())
+    assert (r"CGI script sent invalid headers: [HTTP/1.1 200 OK\x0d\x0aA: \x01\x0d\x0a\x0d\x0a]" in
+            daemon.error_log.read_text())
     # The target closes with most of an upload unread, which resets its connection.
     for _ in range(10):
         assert daemon.raw(get(f"/http://127.0.0.1:{port}/early", method="POST",
