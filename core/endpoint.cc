@@ -13,8 +13,15 @@ namespace {
 // the rest of its reply.
 struct endpoint_progress {
     std::unique_ptr<endpoint_wait> wait;
-    std::shared_ptr<const void> owner;  // null: there is no reply yet
-    std::string_view rest;
+    std::unique_ptr<endpoint_pieces> pieces;  // null: there is no reply yet
+    std::string_view rest;                    // of the present piece
+};
+
+// A reply of one piece.
+struct whole_reply : endpoint_pieces {
+    std::string_view bytes;
+    std::shared_ptr<const void> owner;
+    std::string_view next() override { return std::exchange(bytes, {}); }
 };
 
 endpoint_progress* progress_of(const shttpd_call_arg* arg) {
@@ -36,14 +43,24 @@ void end_reply(shttpd_call_arg* arg) {
 
 // Whatever does not fit is asked for again when the client has taken what did.
 void drain_reply(shttpd_call_arg* arg) {
-    std::string_view& rest = progress_of(arg)->rest;
-    const auto room = static_cast<std::size_t>(std::max(arg->out.len - arg->out.used, 0));
-    const std::size_t n = std::min(room, rest.size());
-    std::copy_n(rest.data(), n, arg->out.ptr + arg->out.used);
-    arg->out.used += static_cast<int>(n);
-    rest.remove_prefix(n);
-    if (rest.empty()) {
-        end_reply(arg);
+    endpoint_progress* progress = progress_of(arg);
+    std::string_view& rest = progress->rest;
+    for (;;) {
+        if (rest.empty()) {
+            rest = progress->pieces->next();
+        }
+        if (rest.empty()) {
+            end_reply(arg);
+            return;
+        }
+        const auto room = static_cast<std::size_t>(std::max(arg->out.len - arg->out.used, 0));
+        if (room == 0) {
+            return;
+        }
+        const std::size_t n = std::min(room, rest.size());
+        std::copy_n(rest.data(), n, arg->out.ptr + arg->out.used);
+        arg->out.used += static_cast<int>(n);
+        rest.remove_prefix(n);
     }
 }
 
@@ -102,13 +119,13 @@ void run_endpoint(shttpd_call_arg* arg) {
             return;
         }
     }
-    if (arg->state == nullptr || progress_of(arg)->owner == nullptr) {
+    if (arg->state == nullptr || progress_of(arg)->pieces == nullptr) {
         row.answer(arg);
         if (arg->connection->held) {
             return;
         }
     }
-    if (arg->state != nullptr && progress_of(arg)->owner != nullptr) {
+    if (arg->state != nullptr && progress_of(arg)->pieces != nullptr) {
         drain_reply(arg);
     } else {
         end_reply(arg);
@@ -140,9 +157,14 @@ void answer_text(shttpd_call_arg* arg, std::string text) {
 
 void answer_shared(shttpd_call_arg* arg, std::string_view bytes,
                    std::shared_ptr<const void> owner) {
-    endpoint_progress* progress = begin_progress(arg);
-    progress->owner = std::move(owner);
-    progress->rest = bytes;
+    auto reply = std::make_unique<whole_reply>();
+    reply->bytes = bytes;
+    reply->owner = std::move(owner);
+    answer_pieces(arg, std::move(reply));
+}
+
+void answer_pieces(shttpd_call_arg* arg, std::unique_ptr<endpoint_pieces> pieces) {
+    begin_progress(arg)->pieces = std::move(pieces);
 }
 
 void hold_reply(shttpd_call_arg* arg) {

@@ -53,6 +53,21 @@ void answer_text(shttpd_call_arg* arg, std::string text);
 // The same for bytes that `owner` keeps alive and unchanged: many replies can share them.
 void answer_shared(shttpd_call_arg* arg, std::string_view bytes, std::shared_ptr<const void> owner);
 
+// A reply that is made while the client reads it.
+struct endpoint_pieces {
+    endpoint_pieces() = default;
+    endpoint_pieces(const endpoint_pieces&) = delete;
+    endpoint_pieces& operator=(const endpoint_pieces&) = delete;
+    virtual ~endpoint_pieces() = default;
+
+    // The bytes that follow, valid until the next call; none: that was all.
+    virtual std::string_view next() = 0;
+};
+
+// Replies with all pieces, head included. They are freed behind the last one, and also when the
+// client has gone.
+void answer_pieces(shttpd_call_arg* arg, std::unique_ptr<endpoint_pieces> pieces);
+
 // --- Answers that wait ---
 
 // What an endpoint keeps between its calls. The driver frees it after the reply, and also when the

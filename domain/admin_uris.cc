@@ -5,11 +5,13 @@
 
 #include "core/connection.h"
 #include "core/endpoint.h"
+#include "core/log.h"
 #include "core/resolver.h"
+#include "core/state_writer.h"
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
-#include "lib/plat.h"
+#include "lib/qz_result.h"
 
 namespace {
 
@@ -17,11 +19,7 @@ namespace {
 // its rename is "Not found".
 constexpr int rename_id_bytes = 40;
 constexpr int host_bytes = 256;
-
-void replace_text(char** field, const std::string& text) {
-    qzfree(*field);
-    *field = copy_text(text);
-}
+constexpr std::size_t longest_logged = 256;  // bytes of the variables of a change
 
 // The variables of the endpoints that answer GET: those of the body, else of the query. Empty: the
 // request was refused for want of them.
@@ -108,37 +106,54 @@ domain_entry* find_or_add_domain(shttpd_ctx* ctx, const std::string& name) {
     return entry;
 }
 
-}  // namespace
+void log_settings(const shttpd_call_arg* arg, const std::string& whose,
+                  std::string_view variables) {
+    const std::string given(variables.substr(0, longest_logged));
+    log_change(arg->connection, "changed the settings of %s: %s%s", whose.c_str(), given.c_str(),
+               given.size() < variables.size() ? " ..." : "");
+}
 
-void domain_host_rename(shttpd_call_arg* arg) {
+// False when the request was refused or must wait.
+bool rename_registered(shttpd_call_arg* arg) {
     conn* c = arg->connection;
-    const std::string id = get_variable(request_body(arg), "id", rename_id_bytes);
-    const std::string name = get_variable(request_body(arg), "host", host_bytes);
+    const std::string id = text_variable(request_body(arg), "id", rename_id_bytes);
+    const std::string name = text_variable(request_body(arg), "host", host_bytes);
     if (id.empty() || name.empty() || !is_storable_hostname(name)) {
         show_error(arg, "400", "Invalid arguments");
-        return;
+        return false;
     }
     agent_host* host = find_host(c->ctx, id.c_str());
     if (host == nullptr) {
         show_error(arg, "400", "Not found");
-        return;
+        return false;
     }
     const name_answer* peer = peer_name(c);
     if (peer == nullptr) {
         not_yet(arg, nullptr);
-        return;
+        return false;
     }
-    replace_text(&host->hostname, name);
     // Kept: the host's reverse name becomes that of whoever renames it.
-    replace_text(&host->revhostname, storable_field(peer->name));
+    rename_host(host, name, storable_field(peer->name));
+    note_domain_change();
     sync_allow(c);
-    show_success(arg);
+    log_change(c, "renamed host %s to %s", id.c_str(), name.c_str());
+    return true;
+}
+
+}  // namespace
+
+void domain_host_rename(shttpd_call_arg* arg) {
+    const bool changed = kept_wait(arg) != nullptr || rename_registered(arg);
+    if (changed && files_stand(arg)) {
+        show_success(arg);
+    }
 }
 
 void domain_dhc(shttpd_call_arg* arg) {
     const std::string_view variables = required_variables(arg);
     if (!variables.empty()) {
         apply_settings(variables, false, domain_mode_config());
+        log_settings(arg, "the domain", variables);
         answer_empty(arg);
     }
 }
@@ -153,6 +168,7 @@ void domain_add(shttpd_call_arg* arg) {
     domain_entry* entry = find_or_add_domain(arg->connection->ctx, name);
     apply_settings(variables, true, &entry->config);
     add_to_blacklist(variables, entry);
+    log_settings(arg, name, variables);
     answer_empty(arg);
 }
 
@@ -163,6 +179,8 @@ void domain_remove(shttpd_call_arg* arg) {
         return;
     }
     // An unknown name changes nothing, and is a success.
-    (void)qz_map_delete(registry_domains(arg->connection->ctx), name.c_str());
+    if (qz_map_delete(registry_domains(arg->connection->ctx), name.c_str()) == qz_ok) {
+        log_change(arg->connection, "removed domain %s", name.c_str());
+    }
     answer_empty(arg);
 }

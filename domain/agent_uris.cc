@@ -7,10 +7,10 @@
 #include "core/context.h"
 #include "core/endpoint.h"
 #include "core/resolver.h"
+#include "core/state_writer.h"
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
-#include "lib/qz_result.h"
 
 namespace {
 
@@ -34,13 +34,13 @@ struct registration {
 };
 
 std::string variable_or_unknown(std::string_view variables, const char* name, int size) {
-    std::string value = get_variable(variables, name, size);
+    std::string value = text_variable(variables, name, size);
     return value.empty() ? "unknown" : value;
 }
 
 registration read_registration(std::string_view variables) {
-    return {.id = get_variable(variables, "id", register_id_bytes),
-            .host = get_variable(variables, "host", host_bytes),
+    return {.id = text_variable(variables, "id", register_id_bytes),
+            .host = text_variable(variables, "host", host_bytes),
             .remote_host = {},
             .osname = variable_or_unknown(variables, "osname", osname_bytes),
             .osrelease = variable_or_unknown(variables, "osrelease", osrelease_bytes),
@@ -60,23 +60,17 @@ std::string storable_cputype(const std::string& text) {
     return field;
 }
 
-void add_host(shttpd_ctx* ctx, const registration& from, const std::string& namespace_name) {
-    agent_host* host = make_host(
-        copy_text(from.host), copy_text(storable_field(from.remote_host)), copy_text(from.id),
-        copy_text(storable_field(from.osname)), copy_text(storable_field(from.osrelease)),
-        copy_text(storable_cputype(from.cputype)), copy_text(namespace_name));
-    if (qz_map_insert(registry_hosts(ctx), host->hostid, host) != qz_ok) {
-        free_agent_host(host);
-    }
-}
-
 // A host that is registered already gains the namespace and keeps everything else.
 void enrol(shttpd_ctx* ctx, const registration& from, const std::string& namespace_name) {
     agent_host* host = find_host(ctx, from.id.c_str());
     if (host == nullptr) {
-        add_host(ctx, from, namespace_name);
-    } else if (ns_exists(host->namespaces, namespace_name.c_str()) == 0) {
-        qz_vector_pushback(host->namespaces, copy_text(namespace_name));
+        registry_add_host(
+            ctx, make_host(copy_text(from.host), copy_text(storable_field(from.remote_host)),
+                           copy_text(from.id), copy_text(storable_field(from.osname)),
+                           copy_text(storable_field(from.osrelease)),
+                           copy_text(storable_cputype(from.cputype)), copy_text(namespace_name)));
+    } else if (join_namespace(host, namespace_name)) {
+        note_domain_change();
     }
 }
 
@@ -90,6 +84,30 @@ void answer_registration(shttpd_call_arg* arg, const registration& host) {
                         "\"OsRelease\" : \"%s\",\n\"CpuType\" : \"%s\"\n}\n",
                         host.host.c_str(), host.id.c_str(), host.remote_host.c_str(),
                         host.osname.c_str(), host.osrelease.c_str(), host.cputype.c_str());
+}
+
+// False when the request was refused.
+bool remove_host(shttpd_call_arg* arg) {
+    const conn* c = arg->connection;
+    const std::string id = get_variable(request_body(arg), "id", unregister_id_bytes);
+    if (id.empty()) {
+        show_error(arg, "400", "Error: Host Identifier not specified");
+        return false;
+    }
+    agent_host* host = find_host(c->ctx, id.c_str());
+    if (host == nullptr) {
+        answer_unknown_host(arg);
+        return false;
+    }
+    // Leaving a namespace that the host was never in is a success too.
+    if (leave_namespace(host, c->request.ns->name.c_str())) {
+        note_domain_change();
+    }
+    if (qz_vector_size(host->namespaces) == 0) {
+        registry_remove_host(c->ctx, id.c_str());
+    }
+    sync_allow(c);
+    return true;
 }
 
 }  // namespace
@@ -107,28 +125,18 @@ void domain_register(shttpd_call_arg* arg) {
         return;
     }
     host.remote_host = peer->name;  // empty when there is none: that is no refusal
-    enrol(c->ctx, host, c->request.ns->name);
-    sync_allow(c);
-    answer_registration(arg, host);
+    if (kept_wait(arg) == nullptr) {
+        enrol(c->ctx, host, c->request.ns->name);
+        sync_allow(c);
+    }
+    if (files_stand(arg)) {
+        answer_registration(arg, host);
+    }
 }
 
 void domain_unregister(shttpd_call_arg* arg) {
-    conn* c = arg->connection;
-    const std::string id = get_variable(request_body(arg), "id", unregister_id_bytes);
-    if (id.empty()) {
-        show_error(arg, "400", "Error: Host Identifier not specified");
-        return;
+    const bool changed = kept_wait(arg) != nullptr || remove_host(arg);
+    if (changed && files_stand(arg)) {
+        show_success(arg);
     }
-    agent_host* host = find_host(c->ctx, id.c_str());
-    if (host == nullptr) {
-        answer_unknown_host(arg);
-        return;
-    }
-    // Leaving a namespace that the host was never in is a success too.
-    (void)ns_remove(host->namespaces, c->request.ns->name.c_str());
-    if (qz_vector_size(host->namespaces) == 0) {
-        registry_remove_host(c->ctx, id.c_str());
-    }
-    sync_allow(c);
-    show_success(arg);
 }

@@ -1,13 +1,18 @@
 #include "domain/domain.h"
 
+#include <algorithm>
 #include <array>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/endpoint.h"
+#include "core/log.h"
 #include "core/paths.h"
+#include "core/state_writer.h"
 #include "domain/domain_file.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
@@ -65,12 +70,7 @@ constexpr std::array<endpoint, 9> endpoints = {{
 constexpr int mode_bytes = 32;
 constexpr int path_bytes = 1024;
 
-// `c` (null at the start) is for the log. Requires: ctx->domain_file is set, the registry is free.
-void set_domain_mode(shttpd_ctx* ctx, const conn* c) {
-    reset_domain_config(domain_mode_config());
-    ctx->registry = new_qz_map(compare_string, nullptr, free_agent_host);
-    load_domain_file(ctx, c);
-}
+constexpr std::int32_t small_registry = 1000;  // records that are freed at once
 
 // The result of reading the resolver file; without one, or with one that cannot be parsed, the
 // registry is empty. A domain that is listed twice is served once.
@@ -97,10 +97,102 @@ int set_standalone_domains(shttpd_ctx* ctx) {
     return qz_ok;
 }
 
+// Requires: the registry is free.
+void enter_domain_mode(shttpd_ctx* ctx, std::string path, const conn* c, loaded_domain domain) {
+    ctx->domain_file = std::move(path);
+    reset_domain_config(domain_mode_config());
+    take_over_domain(ctx, c, std::move(domain));
+}
+
 // --- Mode switch ---
 //
 // A switch changes nothing but the running daemon: its configuration decides at the next start. The
 // new path is taken as it is. One that cannot be read is told in the log and answered with success.
+//
+// The domain file is read behind the writes that are under way, by their thread, while the daemon
+// goes on in standalone mode. Further switches wait for that.
+
+struct switch_wait : endpoint_wait {
+    explicit switch_wait(conn* c);
+    ~switch_wait() override;
+    switch_wait(const switch_wait&) = delete;
+    switch_wait& operator=(const switch_wait&) = delete;
+
+    conn* waiter;
+    bool asked = false;  // its own switch is the one under way, or was
+};
+
+struct mode_switch {
+    bool under_way = false;
+    std::vector<switch_wait*> waits;
+
+    // The connection that asked, null when it has gone.
+    [[nodiscard]] conn* asker() const {
+        const auto found = std::find_if(waits.begin(), waits.end(),
+                                        [](const switch_wait* wait) { return wait->asked; });
+        return found != waits.end() ? (*found)->waiter : nullptr;
+    }
+};
+
+mode_switch& switching() {
+    static mode_switch only;
+    return only;
+}
+
+switch_wait::switch_wait(conn* c) : waiter(c) {
+    switching().waits.push_back(this);
+}
+
+switch_wait::~switch_wait() {
+    std::erase(switching().waits, this);
+}
+
+struct retire_job : background_job {
+    map_ptr registry;
+    void run() override { registry.reset(); }
+    void finish() override {}
+};
+
+// Frees the registry, a large one by and by: it is nobody's any more.
+void retire_registry(shttpd_ctx* ctx) {
+    settle_state_writes();
+    free_drlist(ctx);  // before the records that it shares
+    auto job = std::make_unique<retire_job>();
+    job->registry.reset(std::exchange(ctx->registry, nullptr));
+    ctx->domain_file.clear();
+    if (qz_map_size(job->registry.get()) > small_registry) {
+        run_behind_writes(std::move(job));
+    }
+}
+
+void log_switch(const shttpd_ctx* ctx, const conn* c) {
+    const std::string what = in_domain_mode(ctx)
+                                 ? "switched to domain mode with domain file " + ctx->domain_file
+                                 : "switched to standalone mode";
+    if (c != nullptr) {
+        log_change(c, "%s", what.c_str());
+    } else {
+        log_always(ctx, nullptr, "%s, for a client that has gone", what.c_str());
+    }
+}
+
+struct domain_load : background_job {
+    shttpd_ctx* ctx = nullptr;
+    std::string path;
+    loaded_domain domain;
+
+    void run() override { domain = read_domain_file(path.c_str()); }
+    void finish() override {
+        const conn* asker = switching().asker();
+        retire_registry(ctx);
+        enter_domain_mode(ctx, std::move(path), asker, std::move(domain));
+        log_switch(ctx, asker);
+        switching().under_way = false;
+        for (const switch_wait* wait : switching().waits) {
+            visit_soon(wait->waiter);
+        }
+    }
+};
 
 void switch_to_domain(shttpd_call_arg* arg) {
     shttpd_ctx* ctx = arg->connection->ctx;
@@ -113,10 +205,18 @@ void switch_to_domain(shttpd_call_arg* arg) {
         show_error(arg, "400", "Bad Params: domain_file");
         return;
     }
-    free_domain_info(ctx);
-    ctx->domain_file = std::move(path);
-    set_domain_mode(ctx, arg->connection);
-    show_success(arg);
+    auto job = std::make_unique<domain_load>();
+    job->ctx = ctx;
+    job->path = std::move(path);
+    auto wait = std::make_unique<switch_wait>(arg->connection);
+    wait->asked = true;
+    switching().under_way = true;
+    run_behind_writes(std::move(job));
+    if (switching().under_way) {
+        not_yet(arg, std::move(wait));
+    } else {
+        show_success(arg);  // there was no thread for it
+    }
 }
 
 void switch_to_standalone(shttpd_call_arg* arg) {
@@ -125,8 +225,9 @@ void switch_to_standalone(shttpd_call_arg* arg) {
         show_error(arg, "400", "Already in standalone mode");
         return;
     }
-    free_domain_info(ctx);
+    retire_registry(ctx);
     (void)set_standalone_domains(ctx);  // without the resolver file no domain is served
+    log_switch(ctx, arg->connection);
     show_success(arg);
 }
 
@@ -142,7 +243,8 @@ void init_domain_info(shttpd_ctx* ctx) {
         qz_map_clear(ctx->drlist);
     }
     if (in_domain_mode(ctx)) {
-        set_domain_mode(ctx, nullptr);
+        const std::string path = ctx->domain_file;
+        enter_domain_mode(ctx, path, nullptr, read_domain_file(path.c_str()));
     } else {
         (void)set_standalone_domains(ctx);  // without the resolver file no domain is served
     }
@@ -150,13 +252,23 @@ void init_domain_info(shttpd_ctx* ctx) {
 }
 
 void free_domain_info(shttpd_ctx* ctx) {
-    free_drlist(ctx);  // before the records that it shares
+    settle_state_writes();  // what they are made of goes
+    free_drlist(ctx);       // before the records that it shares
     qz_map_destroy(ctx->registry);
     ctx->registry = nullptr;
     ctx->domain_file.clear();
 }
 
 void set_dovmad_mode(shttpd_call_arg* arg) {
+    const auto* wait = waiting_for<switch_wait>(arg);
+    if (switching().under_way) {
+        not_yet(arg, wait != nullptr ? nullptr : std::make_unique<switch_wait>(arg->connection));
+        return;
+    }
+    if (wait != nullptr && wait->asked) {
+        show_success(arg);
+        return;
+    }
     const std::string mode = get_variable(request_body(arg), "mode", mode_bytes);
     if (mode == "domain") {
         switch_to_domain(arg);

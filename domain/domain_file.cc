@@ -4,15 +4,17 @@
 #include <string.h>
 
 #include <algorithm>
-#include <array>
+#include <cstdint>
+#include <utility>
 
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/log.h"
+#include "core/state_writer.h"
 #include "domain/registry.h"
 #include "lib/file.h"
 #include "lib/plat.h"
-#include "lib/replace_file.h"
+#include "lib/utf8.h"
 
 namespace {
 
@@ -20,11 +22,14 @@ constexpr std::size_t piece_bytes = 1023;  // of a line; what follows is taken a
 constexpr std::string_view default_namespace_name = "plx";
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
-// What the last load and the last write of the domain file have told.
+// What is known of the domain file that was loaded last.
 struct file_state {
+    std::uint64_t load = 0;   // grows with every load: a write that ends later is of another file
     bool unreadable = false;  // it exists and its hosts are unknown: never rewrite it
     bool unreadable_told = false;
     bool write_failed = false;
+    std::string dropped;        // its lines that are no hosts, which a rewrite leaves out
+    std::uint64_t written = 0;  // the generation of the content that was made last
 };
 
 file_state& state() {
@@ -102,106 +107,172 @@ bool parse_line(std::string_view line, host_line* host) {
 
 void add_host(qz_map* hosts, const host_line& line) {
     const qz_owned<char> id(copy_text(line.hostid));
-    qz_owned<char> name(copy_text(line.namespace_name));
     auto* known = static_cast<agent_host*>(qz_map_find(hosts, id.get()));
     if (known != nullptr) {
-        if (ns_exists(known->namespaces, name.get()) == 0) {
-            qz_vector_pushback(known->namespaces, name.release());
-        }
+        (void)join_namespace(known, line.namespace_name);
         return;
     }
-    agent_host* host = make_host(
-        copy_text(line.hostname), copy_text(line.revhostname), copy_text(line.hostid),
-        copy_text(line.osname), copy_text(line.osrelease), copy_text(line.cputype), name.release());
+    agent_host* host =
+        make_host(copy_text(line.hostname), copy_text(line.revhostname), copy_text(line.hostid),
+                  copy_text(line.osname), copy_text(line.osrelease), copy_text(line.cputype),
+                  copy_text(line.namespace_name));
     (void)qz_map_insert(hosts, host->hostid, host);  // looked up above: the id is new
 }
 
-// Reads a whole file; 0 or an errno value: only regular files can later be replaced.
-int read_file(const char* path, std::string* content) {
-    const unique_fd file = open_regular(path);
-    return file ? read_all(file.get(), content) : errno;
+// Takes the hosts of one line; false when the whole line, or a piece of it, is no host.
+bool add_line(qz_map* hosts, std::string_view line) {
+    bool understood = true;
+    do {
+        const std::string_view piece = line.substr(0, piece_bytes);
+        line.remove_prefix(piece.size());
+        const std::size_t zero = piece.find('\0');
+        host_line host;
+        if (parse_line(piece.substr(0, zero), &host)) {
+            add_host(hosts, host);
+            understood = understood && zero == std::string_view::npos;
+        } else {
+            understood = false;
+        }
+    } while (!line.empty());
+    return understood;
 }
 
-// --- Writing ---
+// --- Telling ---
 
-void append_line(std::string* out, const agent_host* host, const char* namespace_name) {
-    const bool in_brackets = strchr(host->hostname, ':') != nullptr;
-    out->append(in_brackets ? "[" : "").append(host->hostname).append(in_brackets ? "]" : "");
-    const std::array<const char*, 6> fields = {host->revhostname, host->hostid,  host->osname,
-                                               host->osrelease,   host->cputype, namespace_name};
-    for (const char* field : fields) {
-        out->append(":").append(field);
-    }
-    out->append("\n");
-}
-
-// The file's path as it is logged. It may have come with a request, and a line break in it would
-// let the caller write lines of the log.
-std::string loggable_path(const shttpd_ctx* ctx) {
-    std::string path = ctx->domain_file;
+// A line about the file, on standard error as well. Its path may have come with a request: a line
+// break in it would let the caller write lines of his own.
+void tell(const shttpd_ctx* ctx, const conn* c, const std::string& what) {
+    std::string text = "domain file " + ctx->domain_file + what;
     std::replace_if(
-        path.begin(), path.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-    return path;
+        text.begin(), text.end(), [](unsigned char ch) { return ch < 0x20 || ch == 0x7f; }, '?');
+    elog(elog_info, c, "%s", text.c_str());
+    if (c == nullptr) {
+        log_always(ctx, nullptr, "%s", text.c_str());
+    }
+}
+
+void tell_report(const shttpd_ctx* ctx, const conn* c, const domain_text_report& report) {
+    const auto tell_lines = [&](const line_numbers& lines, const char* what) {
+        if (lines.count() > 0) {
+            tell(ctx, c, ", " + lines.text() + ": " + what);
+        }
+    };
+    tell_lines(report.no_hosts, "no host, skipped");
+    tell_lines(report.returns, "the carriage return at the end belongs to the namespace");
+    tell_lines(report.no_utf8, "not in UTF-8");
+}
+
+void write_ended(const shttpd_ctx* ctx, std::uint64_t load, int error) {
+    file_state& file = state();
+    if (load != file.load) {
+        return;  // the daemon has another domain by now
+    }
+    if (error != 0) {
+        file.written = 0;  // the next change writes, whatever it changes
+        if (!file.write_failed) {
+            tell(ctx, nullptr, std::string(" is not written: ") + strerror(error));
+        }
+    } else if (file.write_failed) {
+        tell(ctx, nullptr, " is written again");
+    }
+    file.write_failed = error != 0;
 }
 
 }  // namespace
 
-void parse_domain_text(std::string_view text, qz_map* hosts) {
-    while (!text.empty()) {
-        std::string_view line = text.substr(0, piece_bytes);
-        line = line.substr(0, line.find('\n'));
-        text.remove_prefix(
-            std::min(text.size(), line.size() == piece_bytes ? piece_bytes : line.size() + 1));
-        host_line host;
-        if (parse_line(line.substr(0, line.find('\0')), &host)) {
-            add_host(hosts, host);
+domain_text_report parse_domain_text(std::string_view text, qz_map* hosts) {
+    domain_text_report report;
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
+        if (add_line(hosts, line)) {
+            ++report.host_lines;
+            if (line.ends_with('\r')) {
+                report.returns.add(number);
+            }
+            if (!is_utf8(line)) {
+                report.no_utf8.add(number);
+            }
+        } else if (!is_idle_line(line)) {
+            report.no_hosts.add(number);
+            report.dropped.append(line).append("\n");
         }
     }
+    return report;
 }
 
-// No field can break a line: they were read from one, or the registration refused or replaced the
-// characters that would.
 std::string format_domain_text(const qz_map* hosts) {
-    std::string out;
+    std::size_t size = 0;
     for (const qz_pair& pair : qz_each(hosts)) {
-        const auto* host = static_cast<const agent_host*>(pair.value);
-        for (const void* name : qz_each(host->namespaces)) {
-            append_line(&out, host, static_cast<const char*>(name));
-        }
+        size += static_cast<const agent_host*>(pair.value)->lines.file().size();
+    }
+    std::string out;
+    out.reserve(size);
+    for (const qz_pair& pair : qz_each(hosts)) {
+        out.append(static_cast<const agent_host*>(pair.value)->lines.file());
     }
     return out;
 }
 
-void load_domain_file(const shttpd_ctx* ctx, const conn* c) {
-    state() = file_state{};
+loaded_domain read_domain_file(const char* path) {
+    loaded_domain domain;
+    domain.hosts.reset(new_qz_map(compare_string, nullptr, free_agent_host));
     std::string content;
-    const int error = read_file(ctx->domain_file.c_str(), &content);
-    if (error == 0) {
-        parse_domain_text(content, registry_hosts(ctx));
-    } else if (error != ENOENT) {
-        state().unreadable = true;
-        elog(elog_info, c, "domain file %s cannot be read: %s", loggable_path(ctx).c_str(),
-             error == EISDIR || error == EINVAL ? "not a regular file" : strerror(error));
+    const unique_fd file = open_regular(path);
+    domain.error = file ? read_all(file.get(), &content) : errno;
+    if (domain.error == 0) {
+        domain.report = parse_domain_text(content, domain.hosts.get());
+    } else if (domain.error == ENOENT) {
+        domain.error = 0;  // an empty domain
+    }
+    return domain;
+}
+
+void take_over_domain(shttpd_ctx* ctx, const conn* c, loaded_domain domain) {
+    file_state& file = state();
+    const std::uint64_t load = file.load + 1;
+    file = file_state();
+    file.load = load;
+    ctx->registry = domain.hosts.release();
+    note_domain_change();
+    const domain_text_report& report = domain.report;
+    if (domain.error != 0) {
+        const bool odd = domain.error == EISDIR || domain.error == EINVAL;
+        file.unreadable = true;
+        tell(ctx, c,
+             std::string(" cannot be read: ") +
+                 (odd ? "not a regular file" : strerror(domain.error)));
+    } else if (report.host_lines == 0 && report.no_hosts.count() > 0) {
+        file.unreadable = true;
+        tell(ctx, c, " cannot be read: none of its lines is a host: " + report.no_hosts.text());
+    } else {
+        tell_report(ctx, c, report);
+        file.dropped = std::move(domain.report.dropped);
     }
 }
 
 void sync_allow(const conn* c) {
-    const std::string path = loggable_path(c->ctx);
-    if (state().unreadable) {
-        if (!state().unreadable_told) {
-            elog(elog_info, c, "domain file %s is not written: its old hosts could not be read",
-                 path.c_str());
+    const shttpd_ctx* ctx = c->ctx;
+    file_state& file = state();
+    if (file.unreadable) {
+        if (!file.unreadable_told) {
+            tell(ctx, c, " is not written: its old hosts could not be read");
         }
-        state().unreadable_told = true;
+        file.unreadable_told = true;
         return;
     }
-    const int error =
-        replace_file(c->ctx->domain_file.c_str(), format_domain_text(registry_hosts(c->ctx)));
-    if (error != 0 && !state().write_failed) {
-        elog(elog_info, c, "domain file %s is not written: %s", path.c_str(), strerror(error));
+    const std::string& path = ctx->domain_file;
+    if (file.written == domain_file_generation() &&
+        (state_write_pending(path) || state_file_is_ours(path))) {
+        return;
     }
-    if (error == 0 && state().write_failed) {
-        elog(elog_info, c, "domain file %s is written again", path.c_str());
-    }
-    state().write_failed = error != 0;
+    const auto content = [ctx] {
+        state().written = domain_file_generation();
+        return format_domain_text(registry_hosts(ctx));
+    };
+    const auto written = [ctx, load = file.load](int error) { write_ended(ctx, load, error); };
+    write_state({.path = path,
+                 .content = content,
+                 .dropped = std::exchange(file.dropped, {}),
+                 .written = written});
 }

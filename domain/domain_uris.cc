@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "core/endpoint.h"
+#include "lib/utf8.h"
 
 namespace {
 
@@ -21,8 +22,8 @@ bool is_unsafe(char c) {
     return is_control(c) || c == '"' || c == '\\';
 }
 
-bool has_unsafe(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), is_unsafe);
+bool is_clean(std::string_view text) {
+    return std::none_of(text.begin(), text.end(), is_unsafe) && is_utf8(text);
 }
 
 }  // namespace
@@ -48,13 +49,21 @@ std::optional<std::uint32_t> number_variable(std::string_view variables, const c
     return static_cast<std::uint32_t>(number);
 }
 
+std::string text_variable(std::string_view variables, const char* name, int size) {
+    std::string value = get_variable(variables, name, size);
+    if (value.size() + 1 == static_cast<std::size_t>(size)) {
+        value.resize(without_cut_character(value).size());
+    }
+    return value;
+}
+
 bool is_storable_id(std::string_view id) {
-    return !has_unsafe(id) && id.find(':') == std::string_view::npos;
+    return is_clean(id) && id.find(':') == std::string_view::npos;
 }
 
 // A ":" is fine, the file puts such names in brackets. Brackets of its own would not be read back.
 bool is_storable_hostname(std::string_view name) {
-    return !has_unsafe(name) && name.find_first_of("[]") == std::string_view::npos;
+    return is_clean(name) && name.find_first_of("[]") == std::string_view::npos;
 }
 
 bool is_storable_namespace(std::string_view name) {
@@ -62,9 +71,13 @@ bool is_storable_namespace(std::string_view name) {
 }
 
 std::string storable_field(std::string_view text) {
-    std::string field(text);
-    std::replace_if(
-        field.begin(), field.end(), [](char c) { return is_unsafe(c) || c == ':'; }, '_');
+    std::string field;
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        const bool kept = length > 1 || (length == 1 && !is_unsafe(text[0]) && text[0] != ':');
+        field.append(kept ? text.substr(0, length) : "_");
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
     return field;
 }
 

@@ -29,18 +29,24 @@ std::string_view raw_variable(std::string_view variables, const char* name);
 // none). Nothing when the variable is absent or empty or the number is outside 0 to 2147483647.
 std::optional<std::uint32_t> number_variable(std::string_view variables, const char* name);
 
+// The decoded value of a variable, cut so that a buffer of `size` bytes (terminator included) holds
+// it, and not inside a character.
+std::string text_variable(std::string_view variables, const char* name, int size);
+
 // --- Texts that go into the domain file and into JSON ---
 
-// Whether a host id can be stored and listed: no control character, quote, backslash or ":".
+// Whether a host id can be stored and listed: UTF-8 without control character, quote, backslash and
+// ":".
 bool is_storable_id(std::string_view id);
 
-// Whether a host name can be stored: no control character, quote, backslash or bracket.
+// Whether a host name can be stored: UTF-8 without control character, quote, backslash and bracket.
 bool is_storable_hostname(std::string_view name);
 
 // Whether a namespace name can be stored: no control character.
 bool is_storable_namespace(std::string_view name);
 
-// The text with "_" in place of every character that a field of the domain file can't hold.
+// The text with "_" in place of every character that a field of the domain file can't hold, and of
+// every byte that is no UTF-8.
 std::string storable_field(std::string_view text);
 
 // --- Answers ---

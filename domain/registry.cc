@@ -4,7 +4,6 @@
 #include <sys/time.h>
 
 #include <algorithm>
-#include <initializer_list>
 #include <string>
 
 #include "core/context.h"
@@ -13,16 +12,14 @@
 
 namespace {
 
-// Records are put together here and not by the stream's printf, which is slower and damages a text
-// of exactly 1024 characters.
-void append(std::string* out, std::initializer_list<std::string_view> pieces) {
-    for (const std::string_view piece : pieces) {
-        out->append(piece);
-    }
-}
+struct registry_versions {
+    std::uint64_t file = 1;
+    std::uint64_t listing = 1;
+};
 
-std::string_view text_or(const char* text, const char* fallback) {
-    return text != nullptr ? text : fallback;
+registry_versions& versions() {
+    static registry_versions only;
+    return only;
 }
 
 // --- Pings ---
@@ -75,55 +72,6 @@ std::uint32_t ping_list(const shttpd_ctx* ctx, host_id_list* list, ping_times ti
     return known;
 }
 
-// --- Presentation ---
-
-// A number of seconds as it is shown: never negative, even when the clock was set back.
-std::string seconds_text(std::int64_t seconds) {
-    return std::to_string(std::max<std::int64_t>(seconds, 0));
-}
-
-struct host_view {
-    std::string age;      // seconds since the last ping
-    std::string to_next;  // seconds until the next one is due
-    const char* status;
-};
-
-host_view view_host(const agent_host* host, std::int64_t now) {
-    return {.age = seconds_text(host->last_ping == 0 ? 0 : now - host->last_ping),
-            .to_next = seconds_text(host->next_due == 0 ? 0 : host->next_due - now),
-            .status = host->next_due < now ? "DN" : "UP"};
-}
-
-void append_text(std::string* out, const agent_host* host, const host_view& view) {
-    append(out, {text_or(host->hostname, ""), ",", text_or(host->revhostname, ""), ",",
-                 text_or(host->hostid, ""), ",", text_or(host->osname, "unknown"), ",",
-                 text_or(host->osrelease, "unknown"), ",", text_or(host->cputype, "unknown"), ",",
-                 view.age, " seconds,", view.to_next, " seconds,", view.status, "\n"});
-}
-
-void append_namespaces(std::string* out, const qz_vector* namespaces) {
-    if (namespaces == nullptr) {
-        return;
-    }
-    const char* separator = "";
-    for (const void* name : qz_each(namespaces)) {
-        append(out, {separator, "\"", static_cast<const char*>(name), "\""});
-        separator = ", ";
-    }
-}
-
-void append_json(std::string* out, const agent_host* host, const host_view& view) {
-    append(out, {"\n   \"hostname\":\"", text_or(host->hostname, ""), "\",\n   \"revhostname\":\"",
-                 text_or(host->revhostname, ""), "\",\n   \"hostid\":\"", text_or(host->hostid, ""),
-                 "\",\n   \"namespaces\": ["});
-    append_namespaces(out, host->namespaces);
-    append(out, {"],\n   \"osname\":\"", text_or(host->osname, "unknown"),
-                 "\",\n   \"osrelease\":\"", text_or(host->osrelease, "unknown"),
-                 "\",\n   \"cputype\":\"", text_or(host->cputype, "unknown"),
-                 "\",\n   \"pingtime\":\"", view.age, " seconds\",\n   \"nexttime\":\"",
-                 view.to_next, " seconds\",\n   \"status\":\"", view.status, "\"\n}"});
-}
-
 }  // namespace
 
 void reset_domain_config(domain_config* config) {
@@ -151,6 +99,7 @@ agent_host* make_host(char* hostname, char* revhostname, char* hostid, char* osn
         host->namespaces = new_qz_vector(1, ns_free);
         qz_vector_pushback(host->namespaces, namespace_name);
     }
+    host->lines = host_lines(*host);
     return host;
 }
 
@@ -165,6 +114,35 @@ void free_agent_host(void* word) {
     }
     qz_vector_destroy(host->namespaces);
     delete host;
+}
+
+bool join_namespace(agent_host* host, std::string_view name) {
+    qz_owned<char> copy(copy_text(name));
+    if (ns_exists(host->namespaces, copy.get()) != 0) {
+        return false;
+    }
+    if (host->namespaces == nullptr) {
+        host->namespaces = new_qz_vector(1, ns_free);
+    }
+    qz_vector_pushback(host->namespaces, copy.release());
+    host->lines = host_lines(*host);
+    return true;
+}
+
+bool leave_namespace(agent_host* host, const char* name) {
+    if (ns_remove(host->namespaces, name) == 0) {
+        return false;
+    }
+    host->lines = host_lines(*host);
+    return true;
+}
+
+void rename_host(agent_host* host, std::string_view hostname, std::string_view revhostname) {
+    qzfree(host->hostname);
+    host->hostname = copy_text(hostname);
+    qzfree(host->revhostname);
+    host->revhostname = copy_text(revhostname);
+    host->lines = host_lines(*host);
 }
 
 void ns_free(void* name) {
@@ -250,7 +228,13 @@ domain_entry* find_domain(const shttpd_ctx* ctx, const char* name) {
     return domains != nullptr ? static_cast<domain_entry*>(qz_map_find(domains, name)) : nullptr;
 }
 
+void registry_add_host(shttpd_ctx* ctx, agent_host* host) {
+    (void)qz_map_insert(registry_hosts(ctx), host->hostid, host);  // the id is new
+    note_domain_change();
+}
+
 void registry_remove_host(shttpd_ctx* ctx, const char* id) {
+    note_domain_change();
     if (ctx->drlist != nullptr) {
         (void)qz_map_delete(ctx->drlist, id);  // most hosts are not in it
     }
@@ -276,6 +260,19 @@ void drlist_add(shttpd_ctx* ctx, agent_host* host, std::uint32_t limit) {
     }
 }
 
+std::uint64_t domain_file_generation() {
+    return versions().file;
+}
+
+std::uint64_t listing_generation() {
+    return versions().listing;
+}
+
+void note_domain_change() {
+    ++versions().file;
+    ++versions().listing;
+}
+
 // --- Pings ---
 
 std::int64_t get_current_time() {
@@ -298,26 +295,26 @@ void update_ping_time(shttpd_ctx* ctx, const domain_config& config, agent_host* 
     host->last_ping = times.last_ping;
     host->next_due = times.next_due;
     host->reported = list != nullptr ? ping_list(ctx, list, times) : 0;
+    ++versions().listing;
 }
 
 // --- Presentation ---
 
+listing_row row_of(const agent_host* host) {
+    return {.lines = host->lines, .last_ping = host->last_ping, .next_due = host->next_due};
+}
+
+listing_form form_of(bool json, bool short_form) {
+    if (short_form) {
+        return json ? listing_form::json_ids : listing_form::ids;
+    }
+    return json ? listing_form::json : listing_form::text;
+}
+
 void print_domain_record(const agent_host* host, qz_stream* stream, bool json, std::int64_t now,
                          bool short_form, bool /*all*/, bool* first) {
     std::string out;
-    if (json) {
-        out = *first ? "{" : ",\n{";
-        *first = false;
-    }
-    const std::string_view id = text_or(host->hostid, "");
-    if (short_form && json) {
-        append(&out, {"\n\"hostid\":\"", id, "\"}"});
-    } else if (short_form) {
-        append(&out, {id, "\n"});
-    } else if (json) {
-        append_json(&out, host, view_host(host, now));
-    } else {
-        append_text(&out, host, view_host(host, now));
-    }
+    append_row(&out, row_of(host), form_of(json, short_form), now, *first);
+    *first = *first && !json;
     (void)qz_write_stream(stream, out.data(), static_cast<std::uint32_t>(out.size()));
 }

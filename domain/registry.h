@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "core/fwd.h"
+#include "domain/host_lines.h"
 #include "lib/qzstream.h"
 #include "lib/rbtree.h"
 
@@ -48,6 +49,7 @@ struct agent_host {
     char* osrelease = nullptr;
     char* cputype = nullptr;
     qz_vector* namespaces = nullptr;  // owned texts; null: made without one
+    host_lines lines;                 // made anew by whatever changes a field above
     std::uint32_t reported = 0;       // hosts of its last ping's list that were known
     std::int64_t last_ping = 0;       // 0: never
     std::int64_t next_due = 0;        // 0: never pinged
@@ -58,6 +60,13 @@ struct agent_host {
 [[nodiscard]] agent_host* make_host(char* hostname, char* revhostname, char* hostid, char* osname,
                                     char* osrelease, char* cputype, char* namespace_name);
 void free_agent_host(void* host);
+
+// Adds a namespace, or takes it away; false when nothing had to change. They and rename_host make
+// the record's lines anew; none touches the registry, so a record that is not in it may be changed
+// on any thread.
+bool join_namespace(agent_host* host, std::string_view name);
+bool leave_namespace(agent_host* host, const char* name);
+void rename_host(agent_host* host, std::string_view hostname, std::string_view revhostname);
 
 // Frees a namespace name.
 void ns_free(void* name);
@@ -97,6 +106,9 @@ bool blacklist_add(domain_entry* entry, std::string_view id);
 [[nodiscard]] qz_map* registry_domains(const shttpd_ctx* ctx);
 [[nodiscard]] domain_entry* find_domain(const shttpd_ctx* ctx, const char* name);
 
+// Inserts a record whose id is not registered.
+void registry_add_host(shttpd_ctx* ctx, agent_host* host);
+
 // Takes a host out of the DR list and deletes it. Requires: `id` is not the record's own text.
 void registry_remove_host(shttpd_ctx* ctx, const char* id);
 
@@ -106,6 +118,13 @@ void free_drlist(shttpd_ctx* ctx);
 
 // Adds a registered host unless it is listed already or the list holds `limit` hosts.
 void drlist_add(shttpd_ctx* ctx, agent_host* host, std::uint32_t limit);
+
+// Numbers that grow: with every change of what the domain file holds, and with every change of what
+// listings show, pings included. Whoever changes a registered record or the registry itself says
+// so.
+std::uint64_t domain_file_generation();
+std::uint64_t listing_generation();
+void note_domain_change();
 
 // --- Pings ---
 
@@ -128,6 +147,9 @@ void update_ping_time(shttpd_ctx* ctx, const domain_config& config, agent_host* 
                       std::uint32_t frequency, host_id_list* list);
 
 // --- Presentation ---
+
+listing_row row_of(const agent_host* host);
+listing_form form_of(bool json, bool short_form);
 
 // Appends one record, in full or only its id, as text or as a JSON object; `first` is cleared by
 // the first JSON object, later ones begin with a comma. `all` asks for all namespaces of the host,

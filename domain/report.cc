@@ -33,7 +33,7 @@ struct report {
 
 report read_report(std::string_view variables) {
     report from;
-    from.id = get_variable(variables, "id", static_cast<int>(host_id_bytes));
+    from.id = text_variable(variables, "id", static_cast<int>(host_id_bytes));
     const long frequency =
         strtol(get_variable(variables, "freq", frequency_bytes).c_str(), nullptr, 10);
     from.frequency = static_cast<std::uint32_t>(std::clamp(frequency, 0L, longest_frequency));

@@ -146,7 +146,7 @@ TEST(Record, PrintedForms) {
     agent_host* host =
         make_host(copy_text("fe80::1"), copy_text("rev"), copy_text("id"), copy_text("Linux"),
                   copy_text("6.1"), copy_text("x86"), copy_text("a"));
-    qz_vector_pushback(host->namespaces, copy_text("b"));
+    EXPECT_TRUE(join_namespace(host, "b"));
     host->last_ping = 990;
     host->next_due = 1050;
     bool first = true;

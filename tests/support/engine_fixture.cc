@@ -11,6 +11,7 @@
 
 #include "core/globals.h"
 #include "core/shttpd.h"
+#include "core/state_writer.h"
 #include "domain/domain.h"
 #include "handlers/uri_handlers.h"
 #include "lib/ini.h"
@@ -102,6 +103,7 @@ std::string test_engine::exchange_on(int fd, std::string_view bytes, int quiet_p
             }
         }
         poll();
+        finish_state_writes();  // a reply that waits for a file goes out in the next pass
         char buffer[65536];
         const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
         if (got > 0) {
