@@ -10,27 +10,33 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <span>
 #include <vector>
 
 #include "core/globals.h"
 #include "core/log.h"
+#include "core/wait_backend.h"
 
 namespace {
 
-constexpr int free_slot = -1;    // also what poll() skips
-constexpr int parked_slot = -2;  // taken, but skipped by poll() as well
+constexpr int free_slot = -1;    // also what a wait skips
+constexpr int parked_slot = -2;  // taken, but skipped as well
 constexpr int end_of_list = -1;
 constexpr std::size_t slot_step = 32;
 constexpr std::size_t listener_step = 4;
 // Long enough to keep a processor free, short enough to notice that things are better.
 constexpr int failed_wait_ms = 100;
 
-// What the engine waits on. The pollfd array is handed to the kernel as it is; what only the
-// engine needs stands beside it, so that a pass over the events touches eight bytes per slot.
+// What the engine waits on. The pollfd array is what poll() takes; what only the engine needs
+// stands beside it.
 struct poll_fd_set {
-    std::vector<pollfd> fds;  // one more than there are slots, see wait_unless_ending
+    const wait_backend* backend = nullptr;
+    std::vector<pollfd> fds;  // one more than there are slots, see wait_backend::wait
     std::vector<conn*> owners;
     std::vector<int> next_free;
+    std::vector<bool> is_changed;  // for each slot whether it stands in the next list
+    std::vector<int> changed;      // of these the backend has not heard yet
+    std::vector<int> ready;        // the slots that the last wait returned, lowest first
     std::vector<listener_position> lp;
     int first_free = end_of_list;
     int high_water = 0;
@@ -39,6 +45,8 @@ struct poll_fd_set {
 };
 
 poll_fd_set set;
+
+wait_source preferred = wait_source::epoll;
 
 // Written to by the signal handler.
 std::atomic<int> wake_fd = -1;
@@ -62,6 +70,7 @@ void grow() {
     set.fds.resize(new_count + 1, pollfd{.fd = free_slot, .events = 0, .revents = 0});
     set.owners.resize(new_count, nullptr);
     set.next_free.resize(new_count, end_of_list);
+    set.is_changed.resize(new_count, false);
     for (int i = old_count; i < slot_count() - 1; ++i) {
         set.next_free[static_cast<std::size_t>(i)] = i + 1;
     }
@@ -79,27 +88,75 @@ void note_failure(int error) {
     (void)nanosleep(&pause, nullptr);  // a signal may end it early
 }
 
+void note_change(int index) {
+    const auto position = static_cast<std::size_t>(index);
+    if (!set.is_changed[position]) {
+        set.is_changed[position] = true;
+        set.changed.push_back(index);
+    }
+}
+
+// The slots are the same for both.
+void turn_to_poll(int error) {
+    elog(elog_info, nullptr, "epoll: %s, waiting with poll", std::strerror(error));
+    set.backend->close();
+    set.backend = &poll_backend;
+    (void)set.backend->open(wake_fd);
+}
+
+void tell_changes() {
+    for (const int index : set.changed) {
+        set.is_changed[static_cast<std::size_t>(index)] = false;
+        if (in_use(index) && !set.backend->watch(index, slot(index))) {
+            turn_to_poll(errno);
+        }
+    }
+    set.changed.clear();
+}
+
+void forget_events() {
+    for (const int index : set.ready) {
+        slot(index).revents = 0;
+    }
+    set.ready.clear();
+}
+
 // A signal that arrives between the test of exit_flag and the wait must not be missed. The handler
-// writes to a descriptor that takes the free entry behind the slots in use during the call, which
-// costs no change of the signal mask on every pass.
+// writes to a descriptor that is waited for, too, which costs no change of the signal mask on every
+// pass.
 int wait_unless_ending(int timeout_ms) {
+    forget_events();
     if (exit_flag != 0) {
         errno = EINTR;
         return -1;
     }
-    pollfd& wake = slot(set.high_water);
-    wake = {.fd = wake_fd, .events = POLLIN, .revents = 0};
-    int result = poll(set.fds.data(), static_cast<nfds_t>(set.high_water) + 1, timeout_ms);
-    if (result > 0 && wake.revents != 0) {
-        --result;
+    tell_changes();
+    bool woken = false;
+    const std::span slots(set.fds.data(), static_cast<std::size_t>(set.high_water) + 1);
+    if (!set.backend->wait(slots, timeout_ms, &set.ready, &woken)) {
+        const int error = errno;
+        forget_events();
+        errno = error;
+        return -1;
+    }
+    if (woken) {
         std::uint64_t count = 0;
         (void)!read(wake_fd, &count, sizeof count);  // a child that was signalled wrote it, too
     }
-    wake = {.fd = free_slot, .events = 0, .revents = 0};
-    return result;
+    std::sort(set.ready.begin(), set.ready.end());
+    return static_cast<int>(set.ready.size());
 }
 
 }  // namespace
+
+void prefer_wait_source(wait_source source) {
+    preferred = source;
+}
+
+wait_source current_wait_source() {
+    init_poll_fd_set();
+    return set.backend == &epoll_backend ? wait_source::epoll : wait_source::poll;
+}
 
 void init_poll_fd_set() {
     if (set.initialised) {
@@ -111,6 +168,10 @@ void init_poll_fd_set() {
     }
     grow();
     set.lp.resize(listener_step);
+    set.backend = preferred == wait_source::epoll ? &epoll_backend : &poll_backend;
+    if (!set.backend->open(wake_fd)) {
+        turn_to_poll(errno);
+    }
 }
 
 void clean_poll_fd_set() {
@@ -122,6 +183,9 @@ void clean_poll_fd_set() {
         if (in_use(position.poll_index) && slot(position.poll_index).fd >= 0) {
             (void)close(slot(position.poll_index).fd);
         }
+    }
+    if (set.backend != nullptr) {
+        set.backend->close();
     }
     set = poll_fd_set();
     if (wake_fd >= 0) {
@@ -152,6 +216,7 @@ int get_poll_index(int fd) {
     // A slot that changes hands within a pass must not show its last owner's events or be his.
     set.owners[position] = nullptr;
     slot(index) = pollfd{.fd = fd, .events = POLLIN, .revents = 0};
+    note_change(index);
     // Kept: the mark sinks only here. Free slots below it cost poll() a look each until then.
     if (index >= set.high_water) {
         set.high_water = index + 1;
@@ -176,6 +241,7 @@ void put_poll_index(int index) {
     set.owners[position] = nullptr;
     set.next_free[position] = set.first_free;
     set.first_free = index;
+    set.backend->forget(index);
 }
 
 void set_poll_owner(int index, conn* owner) {
@@ -189,15 +255,17 @@ conn* poll_owner(int index) {
 }
 
 void set_poll_events(int index, int fd, short events) {
-    if (in_use(index)) {
+    if (in_use(index) && (slot(index).fd != fd || slot(index).events != events)) {
         slot(index).fd = fd;
         slot(index).events = events;
+        note_change(index);
     }
 }
 
 void park_poll_index(int index) {
-    if (in_use(index)) {
+    if (in_use(index) && slot(index).fd != parked_slot) {
         slot(index).fd = parked_slot;
+        note_change(index);
     }
 }
 
@@ -212,10 +280,11 @@ void clear_poll_revents(int index) {
 }
 
 int next_ready_slot(int from) {
-    const auto start = set.fds.begin() + std::clamp(from, 0, set.high_water);
-    const auto end = set.fds.begin() + set.high_water;
-    const auto found = std::find_if(start, end, [](const pollfd& s) { return s.revents != 0; });
-    return found == end ? -1 : static_cast<int>(found - set.fds.begin());
+    // Events that were taken back, with their slot or alone, leave their index behind.
+    const auto found =
+        std::find_if(std::lower_bound(set.ready.begin(), set.ready.end(), from), set.ready.end(),
+                     [](int index) { return slot(index).revents != 0; });
+    return found == set.ready.end() ? -1 : *found;
 }
 
 int wait_for_events(int timeout_ms) {

@@ -1,16 +1,31 @@
-// Every descriptor that the daemon waits on: the array handed to poll(), with reused slots.
+// Every descriptor that the daemon waits on, each in a slot of its own that is used again.
 //
-// Entries are addressed by index, never by a pointer kept across a call: the array moves when it
-// grows. A parked slot is kept but not polled. Not thread-safe.
+// Two sources of events stand behind the same functions: epoll, whose passes cost what is ready,
+// and poll(), whose passes cost what is open, for where the first can't be had. A descriptor has
+// one slot at most and stays open while its slot is neither parked nor given back; the daemon
+// closes a descriptor and then gives its slot back, or the other way round, within one pass. A
+// descriptor that can't be waited for (a regular file) is ready at once. Entries are addressed by
+// index, never by a pointer kept across a call: the array moves when it grows. A parked slot is
+// kept but not waited for. Not thread-safe, wake_poll_set() excepted.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/fwd.h"
 
 struct listener_record;
 
 inline constexpr int max_poll_slots = 32768;
+
+enum class wait_source : std::uint8_t { epoll, poll };
+
+// What the next set waits with; epoll unless this says otherwise. A set that is in use keeps its
+// source. For tests: the results are the same.
+void prefer_wait_source(wait_source source);
+// What the set waits with. A set whose epoll can't be made, or that outgrows what the system
+// allows, waits with poll().
+wait_source current_wait_source();
 
 void init_poll_fd_set();
 void clean_poll_fd_set();
@@ -25,10 +40,11 @@ void put_poll_index(int index);
 void set_poll_owner(int index, conn* owner);
 conn* poll_owner(int index);
 
-// Requests events (POLLIN, POLLOUT, ...) on a slot of `fd`.
+// Requests events (POLLIN, POLLOUT, ...) on a slot of `fd`. The kernel hears of it before the next
+// wait, and only when something differs from what it knows.
 void set_poll_events(int index, int fd, short events);
 
-// Keeps a slot without polling it.
+// Keeps a slot without waiting for it.
 void park_poll_index(int index);
 
 // The events that the last wait returned for a slot; 0 for index -1.
@@ -43,7 +59,7 @@ int next_ready_slot(int from);
 // also when they came just before. A failure other than EINTR is logged once and takes 0.1 s.
 int wait_for_events(int timeout_ms);
 
-// Ends the current or the next wait at once. Async-signal-safe.
+// Ends the current or the next wait at once. Async-signal-safe, and safe from any thread.
 void wake_poll_set();
 
 // One more than the highest slot in use.

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -23,14 +24,24 @@
 
 namespace {
 
-class PollSet : public testing::Test {
+class PollSet : public testing::TestWithParam<wait_source> {
   protected:
     PollSet() {
         clean_poll_fd_set();
+        prefer_wait_source(GetParam());
         exit_flag = 0;
     }
-    ~PollSet() override { clean_poll_fd_set(); }
+    ~PollSet() override {
+        clean_poll_fd_set();
+        prefer_wait_source(wait_source::epoll);
+    }
 };
+
+INSTANTIATE_TEST_SUITE_P(BothSources, PollSet,
+                         testing::Values(wait_source::epoll, wait_source::poll),
+                         [](const auto& source) {
+                             return source.param == wait_source::epoll ? "Epoll" : "Poll";
+                         });
 
 struct pipe_pair {
     unique_fd out;
@@ -61,7 +72,7 @@ std::set<int> ready_slots() {
     return ready;
 }
 
-TEST_F(PollSet, SlotsAreOwnedOnceUnderRandomUse) {
+TEST_P(PollSet, SlotsAreOwnedOnceUnderRandomUse) {
     std::mt19937 random(42);
     std::map<int, conn*> model;
     int highest_ever = -1;
@@ -96,7 +107,7 @@ TEST_F(PollSet, SlotsAreOwnedOnceUnderRandomUse) {
     }
 }
 
-TEST_F(PollSet, HoldsExactlyItsLimitAndSinksWhenASlotIsTakenAgain) {
+TEST_P(PollSet, HoldsExactlyItsLimitAndSinksWhenASlotIsTakenAgain) {
     for (int i = 0; i < max_poll_slots; ++i) {
         ASSERT_EQ(get_poll_index(5), i);
     }
@@ -125,7 +136,7 @@ TEST_F(PollSet, HoldsExactlyItsLimitAndSinksWhenASlotIsTakenAgain) {
     EXPECT_EQ(poll_high_water(), 10);
 }
 
-TEST_F(PollSet, ReportsReadySlotsAndSkipsParkedOnes) {
+TEST_P(PollSet, ReportsReadySlotsAndSkipsParkedOnes) {
     const std::array<pipe_pair, 70> pipes;
     std::vector<int> slots;
     for (const pipe_pair& p : pipes) {
@@ -149,7 +160,7 @@ TEST_F(PollSet, ReportsReadySlotsAndSkipsParkedOnes) {
     EXPECT_EQ(poll_revents(get_poll_index(5)), 0);  // the slot of 69, without its events
 }
 
-TEST_F(PollSet, ListenerPositionsAreReusedAndClosedUpToTheFirstFreeOne) {
+TEST_P(PollSet, ListenerPositionsAreReusedAndClosedUpToTheFirstFreeOne) {
     std::array<pipe_pair, 6> pipes;
     for (std::size_t i = 0; i < pipes.size(); ++i) {
         set_lp_poll_position(get_poll_index(pipes[i].out.get()), fake_listener(i + 1));
@@ -173,7 +184,7 @@ TEST_F(PollSet, ListenerPositionsAreReusedAndClosedUpToTheFirstFreeOne) {
 }
 
 // A missed signal hangs these waits for ever.
-TEST_F(PollSet, AnEndingSignalBeforeTheWaitOrBehindItsTestEndsIt) {
+TEST_P(PollSet, AnEndingSignalBeforeTheWaitOrBehindItsTestEndsIt) {
     init_poll_fd_set();
     signal_handler(SIGTERM);
     EXPECT_EQ(wait_for_events(-1), -1);
@@ -189,7 +200,128 @@ TEST_F(PollSet, AnEndingSignalBeforeTheWaitOrBehindItsTestEndsIt) {
     EXPECT_EQ(ready_slots(), std::set<int>{index});
 }
 
-TEST_F(PollSet, AWaitThatTheKernelRefusesIsLoggedOnce) {
+// Slots come and go, their descriptors before or after them or not at all; parked ones and those
+// that want something else. Whatever happens between two waits, the next says what poll() says.
+TEST_P(PollSet, AgreesWithPollOverDescriptorsThatComeAndGo) {
+    struct watched {
+        unique_fd ours;
+        unique_fd theirs;
+        short events = POLLIN;
+        bool parked = false;
+    };
+    std::mt19937 random(7);
+    std::map<int, watched> model;
+    std::vector<unique_fd> left_open;  // descriptors without a slot
+    const auto pick = [&] {
+        return std::next(model.begin(), static_cast<std::ptrdiff_t>(random() % model.size()));
+    };
+    for (int round = 0; round < 1500; ++round) {
+        for (auto step = random() % 6; step > 0; --step) {
+            const auto action = model.size() < 3 ? 0 : random() % 8;
+            if (action <= 1 && model.size() < 100) {
+                int ends[2] = {-1, -1};
+                ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+                const int index = get_poll_index(ends[0]);
+                model[index] = {.ours = unique_fd(ends[0]), .theirs = unique_fd(ends[1])};
+            } else if (action == 2) {
+                const auto gone = pick();
+                if (random() % 3 == 0) {
+                    put_poll_index(gone->first);
+                    left_open.push_back(std::move(gone->second.ours));
+                } else if (random() % 2 == 0) {
+                    put_poll_index(gone->first);
+                } else {
+                    gone->second.ours.reset();
+                    put_poll_index(gone->first);
+                }
+                model.erase(gone);
+            } else if (action == 3 && !left_open.empty()) {
+                const int fd = left_open.back().get();  // finds a slot again
+                model[get_poll_index(fd)] = {.ours = std::move(left_open.back()),
+                                             .theirs = unique_fd()};
+                left_open.pop_back();
+            } else if (action == 4) {
+                const auto changed = pick();
+                changed->second.events = static_cast<short>(random() % 2 == 0 ? POLLIN : POLLOUT);
+                changed->second.parked = false;
+                set_poll_events(changed->first, changed->second.ours.get(), changed->second.events);
+            } else if (action == 5) {
+                const auto parked = pick();
+                parked->second.parked = true;
+                park_poll_index(parked->first);
+            } else if (action == 6) {
+                pick()->second.theirs.reset();
+            } else if (const auto fed = pick(); fed->second.theirs) {
+                (void)!send(fed->second.theirs.get(), "x", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+            }
+        }
+        std::map<int, short> expected;
+        for (const auto& [index, slot] : model) {
+            pollfd entry = {.fd = slot.ours.get(), .events = slot.events, .revents = 0};
+            if (!slot.parked && poll(&entry, 1, 0) > 0) {
+                expected[index] = entry.revents;
+            }
+        }
+        std::map<int, short> returned;
+        ASSERT_EQ(wait_for_events(0), static_cast<int>(expected.size())) << round;
+        for (const int index : ready_slots()) {
+            returned[index] = poll_revents(index);
+        }
+        ASSERT_EQ(returned, expected) << round;
+    }
+    EXPECT_EQ(current_wait_source(), GetParam());
+}
+
+TEST_P(PollSet, WhatCannotBeWaitedForIsReadyAtOnce) {
+    const unique_fd file(open("/proc/self/exe", O_RDONLY));
+    const int index = get_poll_index(file.get());
+    const int closed = get_poll_index(1000000);
+    EXPECT_EQ(wait_for_events(-1), 2);
+    EXPECT_EQ(poll_revents(index), POLLIN);
+    EXPECT_EQ(poll_revents(closed), POLLNVAL);
+    put_poll_index(closed);
+    set_poll_events(index, file.get(), POLLIN | POLLOUT);
+    EXPECT_EQ(wait_for_events(-1), 1);
+    EXPECT_EQ(poll_revents(index), POLLIN | POLLOUT);
+    set_poll_events(index, file.get(), 0);
+    EXPECT_EQ(wait_for_events(0), 0);
+    set_poll_events(index, file.get(), POLLIN);
+    park_poll_index(index);
+    EXPECT_EQ(wait_for_events(0), 0);
+    const pipe_pair ready;
+    set_poll_events(index, ready.out.get(), POLLIN);
+    EXPECT_EQ(wait_for_events(0), 0);
+    ready.feed();
+    EXPECT_EQ(wait_for_events(-1), 1);
+    EXPECT_EQ(current_wait_source(), GetParam());
+}
+
+TEST_P(PollSet, WaitsWithPollWhereEpollCannotBeMade) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const unique_fd next(dup(0));
+    // One descriptor is left, for waking.
+    const rlimit tight = {.rlim_cur = static_cast<rlim_t>(next.get()) + 2,
+                          .rlim_max = before.rlim_max};
+    testing::internal::CaptureStderr();
+    setrlimit(RLIMIT_NOFILE, &tight);
+    init_poll_fd_set();
+    setrlimit(RLIMIT_NOFILE, &before);
+    const bool said =
+        testing::internal::GetCapturedStderr() == "epoll: Too many open files, waiting with poll\n";
+    EXPECT_EQ(said, GetParam() == wait_source::epoll);
+    EXPECT_EQ(current_wait_source(), wait_source::poll);
+    const pipe_pair ready;
+    const int index = get_poll_index(ready.out.get());
+    ready.feed();
+    EXPECT_EQ(wait_for_events(-1), 1);
+    EXPECT_EQ(poll_revents(index), POLLIN);
+}
+
+TEST_P(PollSet, AWaitThatTheKernelRefusesIsLoggedOnce) {
+    if (GetParam() == wait_source::epoll) {
+        GTEST_SKIP() << "it has no limit that a test could lower";
+    }
     for (int i = 0; i < 64; ++i) {
         (void)get_poll_index(0);
     }

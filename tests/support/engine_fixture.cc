@@ -18,6 +18,7 @@
 #include "lib/plat.h"
 #include "sched/sched.h"
 #include "security/authz.h"
+#include "tests/support/wait_choice.h"
 
 temporary_folder::temporary_folder() {
     std::string name = std::filesystem::temp_directory_path() / "dovmad.XXXXXX";
@@ -43,6 +44,7 @@ std::string read_whole_file(const std::filesystem::path& path) {
 }
 
 test_engine::test_engine(bool bare) : ctx(new shttpd_ctx) {
+    choose_wait_source();
     refresh_clocks();
     conf_parse_init();
     init_critical_section(&ctx->lock);

@@ -7,8 +7,11 @@
 
 #include "core/globals.h"
 #include "core/paths.h"
+#include "tests/support/wait_choice.h"
 
 namespace {
+
+const bool wait_is_chosen = (choose_wait_source(), true);
 
 std::string below_root(const char* path) {
     const char* root = std::getenv("DOVMAD_TEST_ROOT");
