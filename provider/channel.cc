@@ -168,7 +168,8 @@ int choose_credential(SSL* ssl, int*, void*) {
         return SSL_TLSEXT_ERR_NOACK;
     }
     // The connection keeps the mode that it was made with unless it is told.
-    SSL_set_verify(ssl, SSL_CTX_get_verify_mode(context.get()), nullptr);
+    SSL_set_verify(ssl, SSL_CTX_get_verify_mode(context.get()),
+                   SSL_CTX_get_verify_callback(context.get()));
     c->owner = service->owner;
     return SSL_TLSEXT_ERR_OK;
 }
@@ -210,9 +211,12 @@ std::uint32_t finish_accept(channel* c) {
         c->state = channel_state::open;
         return at_no_credential;
     }
-    const std::optional<principal> client = c->owner->certificate_user(common_name(certificate));
-    if (!client || SSL_get_verify_result(c->ssl.get()) != X509_V_OK) {
-        report(at_log_info, "client certificate without a usable common name");
+    const std::string name = common_name(certificate);
+    const std::optional<principal> client = c->owner->certificate_user(name);
+    const bool locked = client && c->owner->is_locked(certificate, name);
+    if (!client || locked || SSL_get_verify_result(c->ssl.get()) != X509_V_OK) {
+        report(at_log_info, "client certificate %s",
+               locked ? ("of " + name + " is locked").c_str() : "without a usable common name");
         c->state = channel_state::broken;
         return at_channel_failed;
     }
@@ -275,11 +279,10 @@ std::int32_t not_open(const channel* c) {
 
 }  // namespace
 
-void prepare_server_context(SSL_CTX* context, bool ask_for_certificate) {
+void prepare_server_context(SSL_CTX* context) {
     SSL_CTX_set_alpn_select_cb(context, choose_protocol, nullptr);
     SSL_CTX_callback_ctrl(context, SSL_CTRL_SET_TLSEXT_SERVERNAME_CB,
                           reinterpret_cast<void (*)()>(choose_credential));
-    SSL_CTX_set_verify(context, ask_for_certificate ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
 }
 
 std::uint32_t accept_step(channel* c) {

@@ -50,9 +50,9 @@ struct channel {
     std::array<unsigned char, 1024> raw{};  // received, not yet given to OpenSSL
 };
 
-// Finishes a server context: "http/1.1" is agreed on when offered, the credential-selection
-// callback is asked, and clients are asked for a certificate when `ask_for_certificate`.
-void prepare_server_context(SSL_CTX* context, bool ask_for_certificate);
+// Finishes a server context: "http/1.1" is agreed on when offered, and the credential-selection
+// callback is asked.
+void prepare_server_context(SSL_CTX* context);
 
 // One step of the server's handshake, as far as the bytes that are there take it. Returns at_ok
 // (the client is known), at_no_credential (done, it is not), at_again (call again when the socket

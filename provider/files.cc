@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +17,7 @@ namespace {
 // Nothing here is longer than a few certificate chains; a path that leads to something huge must
 // not take the daemon's memory.
 constexpr off_t longest_file_bytes = 1 << 20;
+constexpr const char* temporary_name = ".dovmad-user.new";
 
 // Fills `text` as far as the file goes: it may have become shorter since its size was asked for. It
 // does not grow, which would leave a part of a key behind.
@@ -38,20 +38,6 @@ int fill_from(int fd, std::string* text) {
     }
     text->resize(done);
     return 0;
-}
-
-// Six letters that nobody can foresee.
-std::string random_suffix() {
-    constexpr std::string_view letters = "abcdefghijkmnpqrstuvwxyz23456789";
-    unsigned char bytes[6] = {};
-    // Fails only when a signal interrupts it.
-    while (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
-    }
-    std::string suffix;
-    for (const unsigned char byte : bytes) {
-        suffix += letters[byte % letters.size()];
-    }
-    return suffix;
 }
 
 // The mode comes last but for the disk: until then nobody else can open the file, whoever owns it.
@@ -124,26 +110,42 @@ int create_file(int directory, const char* name, std::string_view text, mode_t m
     return error;
 }
 
+// Earlier versions gave every file a temporary name of its own: .NAME. and six letters.
+bool is_leftover(std::string_view name) {
+    if (name == temporary_name) {
+        return true;
+    }
+    const std::size_t dot = name.rfind('.');
+    return name.size() > 8 && name[0] == '.' && dot == name.size() - 7 &&
+           name.find_first_not_of("abcdefghijkmnpqrstuvwxyz23456789", dot + 1) ==
+               std::string_view::npos;
+}
+
 // The temporary file begins with a dot, which no user name does: whoever lists users skips it, also
-// when a kill has left it behind.
+// when a kill has left it behind. The lock makes one name enough for all.
 int replace_file_in(const std::string& directory, const std::string& name, std::string_view text,
                     mode_t mode, file_owner owner) {
-    const unique_fd folder{open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (!folder) {
+    const directory_ptr folder{opendir(directory.c_str())};
+    if (folder == nullptr) {
         return errno;
     }
-    const std::string temporary = "." + name + "." + random_suffix();
-    int error = create_file(folder.get(), temporary.c_str(), text, mode, owner);
+    const int fd = dirfd(folder.get());
+    while (const dirent* entry = readdir(folder.get())) {
+        if (is_leftover(entry->d_name)) {
+            (void)unlinkat(fd, entry->d_name, 0);
+        }
+    }
+    int error = create_file(fd, temporary_name, text, mode, owner);
     if (error != 0) {
         return error;
     }
-    if (renameat(folder.get(), temporary.c_str(), folder.get(), name.c_str()) != 0) {
+    if (renameat(fd, temporary_name, fd, name.c_str()) != 0) {
         error = errno;
-        (void)unlinkat(folder.get(), temporary.c_str(), 0);
+        (void)unlinkat(fd, temporary_name, 0);
         return error;
     }
     // The rename itself is on the disk only with its directory.
-    return fsync(folder.get()) == 0 ? 0 : errno;
+    return fsync(fd) == 0 ? 0 : errno;
 }
 
 }  // namespace provider

@@ -61,8 +61,12 @@ struct file_owner {
                               file_owner owner);
 
 // Replaces (or creates) DIRECTORY/NAME in one step: readers and a crash find the old content or the
-// new one. A symbolic link of that name is replaced, not followed.
+// new one. A symbolic link of that name is replaced, not followed. Requires: the caller has locked
+// the directory (flock). What a process that was killed has left there is removed.
 [[nodiscard]] int replace_file_in(const std::string& directory, const std::string& name,
                                   std::string_view text, mode_t mode, file_owner owner);
+
+// Whether a file of this name is what a process that was killed has left.
+[[nodiscard]] bool is_leftover(std::string_view name);
 
 }  // namespace provider

@@ -23,6 +23,7 @@ struct openssl_delete {
     void operator()(SSL* object) const { SSL_free(object); }
     void operator()(SSL_CTX* object) const { SSL_CTX_free(object); }
     void operator()(X509* object) const { X509_free(object); }
+    void operator()(X509_CRL* object) const { X509_CRL_free(object); }
     void operator()(X509_EXTENSION* object) const { X509_EXTENSION_free(object); }
 };
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "lib/file.h"
+#include "provider/channel.h"
 #include "provider/report.h"
 #include "provider/result.h"
 
@@ -23,6 +24,11 @@ std::string strangers_text(uid_t owner, mode_t mode) {
 }
 
 }  // namespace
+
+site::site(std::string directory)
+    : directory_(std::move(directory)),
+      tls_(directory_, prepare_server_context),
+      users_directory_(directory_ + "/users") {}
 
 std::uint32_t site::open(const std::string& data_dir, bool whole, site_ref* out, std::string* why) {
     const site_ref opened{new site(data_dir + "/" + std::string(site_directory_name))};
@@ -201,6 +207,13 @@ void site::refresh_key_pair() {
     if (result != at_ok) {
         report(at_log_error, "certificate files kept as they were: %s", tls_.problem().c_str());
     }
+    std::vector<std::string> warnings = tls_.warnings();
+    if (warnings != warnings_) {
+        warnings_ = std::move(warnings);
+        for (const std::string& warning : warnings_) {
+            report(at_log_error, "%s", warning.c_str());
+        }
+    }
     (void)refresh_domains();  // has reported
 }
 
@@ -258,6 +271,11 @@ std::optional<principal> site::certificate_user(std::string_view common_name) {
         return std::nullopt;
     }
     return principal{domain->qualifier, domain->name, std::string(common_name)};
+}
+
+bool site::is_locked(const X509* certificate, std::string_view common_name) {
+    const std::lock_guard guard(lock_);
+    return tls_.is_locked(certificate, common_name);
 }
 
 }  // namespace provider

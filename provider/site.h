@@ -65,16 +65,16 @@ class site {
     // certificate domain. Nothing when there is none, or when the name is not that of a user.
     [[nodiscard]] std::optional<principal> certificate_user(std::string_view common_name);
 
+    // Whether the holder of this certificate, whose common name it is, may not log in any more.
+    [[nodiscard]] bool is_locked(const X509* certificate, std::string_view common_name);
+
   private:
     struct known_user {
         file_id id;
         std::optional<user_entry> user;  // nothing: the file holds no good line
     };
 
-    explicit site(std::string directory)
-        : directory_(std::move(directory)),
-          tls_(directory_),
-          users_directory_(directory_ + "/users") {}
+    explicit site(std::string directory);
 
     // Below here the lock is held, or nobody else knows the site yet.
     [[nodiscard]] std::uint32_t load(bool whole);
@@ -93,6 +93,7 @@ class site {
     std::string problem_;                      // why load failed
     std::map<std::string, std::string> told_;  // by path: what was last reported of it
     tls_files tls_;
+    std::vector<std::string> warnings_;  // about the certificates, as last reported
     std::vector<domain_entry> domains_;
     file_id domains_id_;  // of the content that domains_ came from
     const std::string users_directory_;

@@ -2,17 +2,25 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/sha.h>
 #include <string.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <utility>
 
-#include "provider/channel.h"
+#include "provider/accounts.h"
 #include "provider/result.h"
 
 namespace provider {
 namespace {
 
-constexpr std::array file_names = {"server.crt", "server.key", "client_ca.pem", "peer_ca.pem"};
+constexpr std::array file_names = {"tls",           "server.crt",     "server.key",
+                                   "client_ca.pem", "client_crl.pem", "locked_certificates",
+                                   "peer_ca.pem"};
 constexpr mode_t owner_only = 077;
 
 // Keys without a passphrase only: nobody sits in front of a daemon.
@@ -33,8 +41,9 @@ openssl_ptr<X509> next_certificate(BIO* reader) {
 
 // What both directions share. Renegotiation, compression, tickets and session storage are off:
 // every connection proves anew who it is. A peer that closes without saying so has closed all the
-// same, and may still be sent the rest of its answer.
-openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method) {
+// same, and may still be sent the rest of its answer. What was decrypted, logins among it, does not
+// stay behind in OpenSSL's buffers.
+openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method, int minimum) {
     openssl_ptr<SSL_CTX> context{SSL_CTX_new(method)};
     if (!context) {
         return nullptr;
@@ -42,15 +51,14 @@ openssl_ptr<SSL_CTX> new_context(const SSL_METHOD* method) {
     SSL_CTX* c = context.get();
     SSL_CTX_set_options(c, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET |
                                SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_PRIORITIZE_CHACHA |
-                               SSL_OP_IGNORE_UNEXPECTED_EOF);
+                               SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
     SSL_CTX_set_session_cache_mode(c, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_mode(c, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                             SSL_MODE_RELEASE_BUFFERS);
     // The channel reads ahead itself and knows what it has; OpenSSL would hide it.
     SSL_CTX_set_read_ahead(c, 0);
-    const bool set = SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) == 1 &&
+    const bool set = SSL_CTX_set_min_proto_version(c, minimum) == 1 &&
                      SSL_CTX_set_num_tickets(c, 0) == 1 &&
-                     SSL_CTX_set1_groups_list(c, "X25519:P-256:P-384") == 1 &&
                      SSL_CTX_set_ciphersuites(c,
                                               "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:"
                                               "TLS_CHACHA20_POLY1305_SHA256") == 1 &&
@@ -65,7 +73,132 @@ openssl_ptr<SSL_CTX> share(const openssl_ptr<SSL_CTX>& context) {
     return openssl_ptr<SSL_CTX>{context.get()};
 }
 
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t";
+    const std::size_t first = text.find_first_not_of(blanks);
+    return first == std::string_view::npos
+               ? std::string_view()
+               : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// Hands every line that says something to `take`, until one is refused. What is wrong with that one
+// begins with its number.
+template <class Take>
+std::string for_each_line(std::string_view text, Take take) {
+    for (int number = 1; !text.empty(); ++number) {
+        const std::string_view line = next_line(&text);
+        const std::string_view said = trimmed(line.substr(0, line.find('#')));
+        const std::string problem = said.empty() ? std::string() : take(said);
+        if (!problem.empty()) {
+            return "line " + std::to_string(number) + ": " + problem;
+        }
+    }
+    return {};
+}
+
+// Empty for what is no SHA-256 fingerprint.
+std::string fingerprint_text(std::string_view text) {
+    std::string digits;
+    for (const char c : text) {
+        if (c != ':') {
+            digits += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+    }
+    const bool good = digits.size() == 2 * SHA256_DIGEST_LENGTH &&
+                      digits.find_first_not_of("0123456789abcdef") == std::string::npos;
+    return good ? digits : std::string();
+}
+
+std::string fingerprint_of(const X509* certificate) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    std::string text;
+    if (X509_digest(certificate, EVP_sha256(), digest.data(), &length) == 1) {
+        for (unsigned int i = 0; i < length; ++i) {
+            char digits[3];
+            (void)std::snprintf(digits, sizeof digits, "%02x", digest[i]);
+            text += digits;
+        }
+    }
+    return text;
+}
+
+// An authority without a revocation list here has revoked nobody; one whose list is too old may
+// have, so its clients are refused.
+int accept_without_list(int good, X509_STORE_CTX* context) {
+    if (good == 0 && X509_STORE_CTX_get_error(context) == X509_V_ERR_UNABLE_TO_GET_CRL) {
+        X509_STORE_CTX_set_error(context, X509_V_OK);
+        return 1;
+    }
+    return good;
+}
+
+std::string date_text(const ASN1_TIME* time) {
+    std::tm parts{};
+    char text[32] = "?";
+    if (ASN1_TIME_to_tm(time, &parts) == 1) {
+        (void)std::strftime(text, sizeof text, "%Y-%m-%d %H:%M UTC", &parts);
+    }
+    return text;
+}
+
+// Empty while the two dates are on either side of now.
+std::string date_problem(const ASN1_TIME* from, const ASN1_TIME* until) {
+    if (X509_cmp_current_time(from) > 0) {
+        return "is not valid before " + date_text(from);
+    }
+    return until != nullptr && X509_cmp_current_time(until) < 0
+               ? "has expired on " + date_text(until)
+               : std::string();
+}
+
 }  // namespace
+
+std::string parse_tls_limits(std::string_view text, tls_limits* limits) {
+    return for_each_line(text, [&](std::string_view line) -> std::string {
+        const std::size_t equals = std::min(line.find('='), line.size());
+        const std::string_view key = trimmed(line.substr(0, equals));
+        const std::string_view value = trimmed(line.substr(std::min(equals + 1, line.size())));
+        if (key == "minimum" && (value == "1.2" || value == "1.3")) {
+            limits->minimum = value == "1.2" ? TLS1_2_VERSION : TLS1_3_VERSION;
+            return {};
+        }
+        if (key == "groups" && !value.empty()) {
+            limits->groups = value;
+            return {};
+        }
+        return "neither \"minimum = 1.2\", \"minimum = 1.3\" nor \"groups = NAME:...\"";
+    });
+}
+
+std::string parse_locked(std::string_view text, std::set<std::string, std::less<>>* locked) {
+    return for_each_line(text, [&](std::string_view line) -> std::string {
+        const std::string fingerprint = fingerprint_text(line);
+        if (fingerprint.empty() && !is_user_name(line)) {
+            return "neither a common name nor a SHA-256 fingerprint";
+        }
+        locked->insert(fingerprint.empty() ? std::string(line) : fingerprint);
+        return {};
+    });
+}
+
+pair_problem check_key_pair(const file_content& chain, const file_content& key) {
+    const openssl_ptr<X509> leaf = next_certificate(reader_of(chain).get());
+    const openssl_ptr<EVP_PKEY> pair{
+        PEM_read_bio_PrivateKey(reader_of(key).get(), nullptr, no_passphrase, nullptr)};
+    pair_problem problem;
+    if (!leaf) {
+        problem.what = "no usable certificate";
+    } else if (!pair || X509_check_private_key(leaf.get(), pair.get()) != 1) {
+        problem = {true, "no private key that fits the certificate"};
+    }
+    const char* reason = ERR_reason_error_string(ERR_peek_last_error());
+    if (!problem.what.empty() && reason != nullptr) {
+        problem.what += std::string(" (") + reason + ")";
+    }
+    ERR_clear_error();
+    return problem;
+}
 
 std::string tls_files::path_of(int index) const {
     return directory_ + "/" + file_names[static_cast<std::size_t>(index)];
@@ -105,11 +238,19 @@ std::uint32_t tls_files::load(int index, file_content* content) {
 }
 
 // The first certificate is the host's, those behind it lead to its authority.
-bool tls_files::use_key_pair(SSL_CTX* context, const file_content& certificate,
-                             const file_content& key) {
-    const openssl_ptr<BIO> chain = reader_of(certificate);
+bool tls_files::use_key_pair(SSL_CTX* context, const file_set& files) {
+    const file_content& key = files[key_file];
+    const pair_problem problem = check_key_pair(files[certificate_file], key);
+    if (!problem.what.empty()) {
+        note(problem.is_key ? key_file : certificate_file, problem.what.c_str());
+        return false;
+    }
+    const openssl_ptr<BIO> chain = reader_of(files[certificate_file]);
     const openssl_ptr<X509> leaf = next_certificate(chain.get());
-    if (!leaf || SSL_CTX_use_certificate(context, leaf.get()) != 1) {
+    const openssl_ptr<EVP_PKEY> pair{
+        PEM_read_bio_PrivateKey(reader_of(key).get(), nullptr, no_passphrase, nullptr)};
+    if (SSL_CTX_use_certificate(context, leaf.get()) != 1 ||
+        SSL_CTX_use_PrivateKey(context, pair.get()) != 1) {
         return complain(certificate_file, "no usable certificate");
     }
     for (;;) {
@@ -121,13 +262,6 @@ bool tls_files::use_key_pair(SSL_CTX* context, const file_content& certificate,
             return complain(certificate_file, "certificate chain");
         }
         (void)issuer.release();  // the context's now
-    }
-    const openssl_ptr<BIO> text = reader_of(key);
-    const openssl_ptr<EVP_PKEY> pair{
-        PEM_read_bio_PrivateKey(text.get(), nullptr, no_passphrase, nullptr)};
-    if (!pair || SSL_CTX_use_PrivateKey(context, pair.get()) != 1 ||
-        SSL_CTX_check_private_key(context) != 1) {
-        return complain(key_file, "no private key that fits the certificate");
     }
     ERR_clear_error();  // the end of a PEM file counts as an error
     return true;
@@ -156,33 +290,81 @@ bool tls_files::trust(SSL_CTX* context, int index, const file_content& anchors, 
     return true;
 }
 
+bool tls_files::revoke(SSL_CTX* context, const file_content& lists) {
+    X509_STORE* store = SSL_CTX_get_cert_store(context);
+    X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK);
+    const openssl_ptr<BIO> reader = reader_of(lists);
+    int count = 0;
+    for (;; ++count) {
+        const openssl_ptr<X509_CRL> list{
+            PEM_read_bio_X509_CRL(reader.get(), nullptr, no_passphrase, nullptr)};
+        if (!list) {
+            break;
+        }
+        if (X509_STORE_add_crl(store, list.get()) != 1) {
+            return complain(client_crl_file, "revocation list not accepted");
+        }
+    }
+    if (count == 0) {
+        return complain(client_crl_file, "no revocation list");
+    }
+    ERR_clear_error();
+    return true;
+}
+
+bool tls_files::fill(SSL_CTX* server, SSL_CTX* client, const file_set& files) {
+    const auto has = [&](file_index index) { return files[index].id != file_id{}; };
+    if (!use_key_pair(server, files) || !use_key_pair(client, files) ||
+        (has(client_ca_file) && !trust(server, client_ca_file, files[client_ca_file], true)) ||
+        (has(client_crl_file) && !revoke(server, files[client_crl_file])) ||
+        (has(peer_ca_file) && !trust(client, peer_ca_file, files[peer_ca_file], false))) {
+        return false;
+    }
+    SSL_CTX_set_verify(server, has(client_ca_file) ? SSL_VERIFY_PEER : SSL_VERIFY_NONE,
+                       accept_without_list);
+    SSL_CTX_set_verify(client, SSL_VERIFY_PEER, nullptr);
+    if (finish_ != nullptr) {
+        finish_(server);
+    }
+    return true;
+}
+
 // Makes both contexts anew and keeps them only when everything fits: connections take a reference
 // when they begin, so the former ones end with the last of those.
 std::uint32_t tls_files::build() {
-    std::array<file_content, file_count> files;
+    file_set files;
     for (int index = 0; index < file_count; ++index) {
         const std::uint32_t result = load(index, &files[static_cast<std::size_t>(index)]);
         if (result != at_ok) {
             return result;
         }
     }
-    openssl_ptr<SSL_CTX> server = new_context(TLS_server_method());
-    openssl_ptr<SSL_CTX> client = new_context(TLS_client_method());
+    tls_limits limits;
+    std::set<std::string, std::less<>> locked;
+    for (const auto& [index, problem] :
+         {std::pair{limits_file, parse_tls_limits(files[limits_file].text, &limits)},
+          std::pair{locked_file, parse_locked(files[locked_file].text, &locked)}}) {
+        if (!problem.empty()) {
+            note(index, problem.c_str());
+            return at_file_error;
+        }
+    }
+    openssl_ptr<SSL_CTX> server = new_context(TLS_server_method(), limits.minimum);
+    openssl_ptr<SSL_CTX> client = new_context(TLS_client_method(), limits.minimum);
     if (!server || !client) {
         problem_ = directory_ + ": OpenSSL, as it is configured, has no TLS that fits";
         ERR_clear_error();
         return at_no_memory;
     }
-    const file_content& clients = files[client_ca_file];
-    const file_content& peers = files[peer_ca_file];
-    if (!use_key_pair(server.get(), files[certificate_file], files[key_file]) ||
-        !use_key_pair(client.get(), files[certificate_file], files[key_file]) ||
-        (clients.id != file_id{} && !trust(server.get(), client_ca_file, clients, true)) ||
-        (peers.id != file_id{} && !trust(client.get(), peer_ca_file, peers, false))) {
+    for (SSL_CTX* context : {server.get(), client.get()}) {
+        if (SSL_CTX_set1_groups_list(context, limits.groups.c_str()) != 1) {
+            (void)complain(limits_file, ("unknown group in " + limits.groups).c_str());
+            return at_file_error;
+        }
+    }
+    if (!fill(server.get(), client.get(), files)) {
         return at_file_error;
     }
-    prepare_server_context(server.get(), clients.id != file_id{});
-    SSL_CTX_set_verify(client.get(), SSL_VERIFY_PEER, nullptr);
     // What was read counts, not what was there before: a file that changed in between differs from
     // it at the next look.
     for (std::size_t index = 0; index < files.size(); ++index) {
@@ -190,6 +372,7 @@ std::uint32_t tls_files::build() {
     }
     server_ = std::move(server);
     client_ = std::move(client);
+    locked_ = std::move(locked);
     return at_ok;
 }
 
@@ -204,6 +387,48 @@ std::uint32_t tls_files::refresh() {
         }
     }
     return server_ && now == seen_ ? std::uint32_t{at_ok} : build();
+}
+
+// Read again, and not asked of the contexts: a store does not tell which file something came from.
+std::vector<std::string> tls_files::warnings() const {
+    std::vector<std::string> found;
+    const auto add = [&](file_index index, const std::string& what) {
+        if (!what.empty()) {
+            found.push_back(path_of(index) + ": " + what);
+        }
+    };
+    for (const file_index index :
+         {certificate_file, client_ca_file, client_crl_file, peer_ca_file}) {
+        file_content content;
+        if (read_file(path_of(index), &content) != 0) {
+            continue;
+        }
+        const openssl_ptr<BIO> reader = reader_of(content);
+        while (index != client_crl_file) {
+            const openssl_ptr<X509> certificate = next_certificate(reader.get());
+            if (!certificate) {
+                break;
+            }
+            add(index, date_problem(X509_get0_notBefore(certificate.get()),
+                                    X509_get0_notAfter(certificate.get())));
+        }
+        while (index == client_crl_file) {
+            const openssl_ptr<X509_CRL> list{
+                PEM_read_bio_X509_CRL(reader.get(), nullptr, no_passphrase, nullptr)};
+            if (!list) {
+                break;
+            }
+            add(index, date_problem(X509_CRL_get0_lastUpdate(list.get()),
+                                    X509_CRL_get0_nextUpdate(list.get())));
+        }
+    }
+    ERR_clear_error();
+    return found;
+}
+
+bool tls_files::is_locked(const X509* certificate, std::string_view common_name) const {
+    return !locked_.empty() &&
+           (locked_.contains(common_name) || locked_.contains(fingerprint_of(certificate)));
 }
 
 openssl_ptr<SSL_CTX> tls_files::server() const {

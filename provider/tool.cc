@@ -10,25 +10,33 @@
 namespace {
 
 constexpr const char* usage_text =
-    "usage: dovmad-user [-c FILE] [-d DIR] [-u USER] [-g] COMMAND [ARGUMENT]...\n"
+    "usage: dovmad-user [-c FILE] [-d DIR] [-u USER] [-gjow] COMMAND [ARGUMENT]...\n"
     "\n"
     "Users (files below DIR/dovmad-at):\n"
-    "  add [-o] NAME                 create a user and ask for a password\n"
-    "  passwd NAME                   change a password\n"
-    "  del NAME                      delete a user\n"
+    "  add [-ow] NAME                create a user and ask for a password\n"
+    "  passwd [-w] NAME              change a password\n"
+    "  del NAME                      delete a user and the roles of the name\n"
     "  list                          print every user: name, name for grants, state\n"
     "  lock NAME, unlock NAME        refuse, or allow again, a user's logins\n"
     "Rights (through the running daemon, else in the access files):\n"
-    "  grant USER ROLE [NAMESPACE]   give a role: pub, operator, admin or agent\n"
-    "  deny USER ROLE [NAMESPACE]    take a role away\n"
-    "  rights USER                   print what the user may do\n"
+    "  grant [-g] USER ROLE [NAMESPACE]\n"
+    "                                give a role: pub, operator, admin or agent\n"
+    "  deny [-g] USER ROLE [NAMESPACE]\n"
+    "                                take a role away\n"
+    "  rights [-gj] USER, rights -j  print what the user may do, or who may do what\n"
+    "Set-up:\n"
+    "  check                         print what is wrong with the files of DIR/dovmad-at\n"
+    "  renew CERTIFICATE KEY         replace the key pair, also that of the running daemon\n"
+    "  reset                         have the running daemon read its files again\n"
     "\n"
     "  -c, --config FILE    the daemon's configuration file (default %s)\n"
     "  -d, --data DIR       the data directory (default $ZEL_DATA_DIR, else var_dir/sec)\n"
     "  -u, --user USER      log in to the daemon as USER (default $DOVMAD_USER, else root);\n"
     "                       the password is asked for, or taken from $DOVMAD_PASSWORD\n"
-    "  -g, --group          grant and deny: USER is a group\n"
-    "  -o, --os             add: known to the daemon by the plain name, like root\n"
+    "  -g, --group          USER is a group\n"
+    "  -j, --json           print JSON\n"
+    "  -o, --os             known to the daemon by the plain name, like root\n"
+    "  -w, --weak           take a password of fewer than 8 characters\n"
     "  -h, --help           print this text\n"
     "\n"
     "A password is asked for on the terminal; when standard input is none, it is its first line.\n"
@@ -47,7 +55,8 @@ constexpr command commands[] = {
     {"del", 1, 1, command_del},       {"list", 0, 0, command_list},
     {"lock", 1, 1, command_lock},     {"unlock", 1, 1, command_unlock},
     {"grant", 2, 3, command_grant},   {"deny", 2, 3, command_deny},
-    {"rights", 1, 1, command_rights},
+    {"rights", 0, 1, command_rights}, {"check", 0, 0, command_check},
+    {"renew", 2, 2, command_renew},   {"reset", 0, 0, command_reset},
 };
 
 constexpr option long_options[] = {
@@ -55,7 +64,9 @@ constexpr option long_options[] = {
     {"data", required_argument, nullptr, 'd'},
     {"user", required_argument, nullptr, 'u'},
     {"group", no_argument, nullptr, 'g'},
+    {"json", no_argument, nullptr, 'j'},
     {"os", no_argument, nullptr, 'o'},
+    {"weak", no_argument, nullptr, 'w'},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
@@ -66,7 +77,7 @@ enum class parsed { run, help, wrong };
 parsed parse_options(int argc, char** argv, tool_options* options) {
     options->config_file = paths.config_file;
     for (;;) {
-        const int letter = getopt_long(argc, argv, "c:d:u:goh", long_options, nullptr);
+        const int letter = getopt_long(argc, argv, "c:d:u:gjowh", long_options, nullptr);
         switch (letter) {
             case -1:
                 return parsed::run;
@@ -85,6 +96,12 @@ parsed parse_options(int argc, char** argv, tool_options* options) {
                 break;
             case 'o':
                 options->os_user = true;
+                break;
+            case 'j':
+                options->json = true;
+                break;
+            case 'w':
+                options->weak = true;
                 break;
             case 'h':
                 return parsed::help;

@@ -22,6 +22,8 @@ struct tool_options {
     std::string login;             // -u: who speaks to a running daemon
     bool group = false;            // -g: the principal is a group
     bool os_user = false;          // -o: a user of the operating system
+    bool weak = false;             // -w: any password will do
+    bool json = false;             // -j: print JSON
 };
 
 // The configuration file's values by keyword; of several lines with one keyword the last counts.
@@ -38,9 +40,16 @@ using tool_arguments = std::vector<std::string>;
 // Writes "dovmad-user: " and the message to standard error. Returns exit_failed.
 [[gnu::format(printf, 1, 2)]] int fail(const char* format, ...);
 
+// The same for what is done all the same.
+[[gnu::format(printf, 1, 2)]] void warn(const char* format, ...);
+
+// A JSON string: bytes that are no UTF-8 become U+FFFD.
+std::string json_text(std::string_view text);
+
 // Reads the daemon's configuration file the way the daemon does; a missing file is an empty one
-// unless -c named it. False: the failure has been reported.
-[[nodiscard]] bool read_config(const tool_options& options, daemon_config* config);
+// unless it is `needed` or -c named it. False: the failure has been reported.
+[[nodiscard]] bool read_config(const tool_options& options, daemon_config* config,
+                               bool needed = false);
 
 // The directory that the daemon gives to the library: -d, else ZEL_DATA_DIR, else what the
 // configuration says. Empty: the failure has been reported.
@@ -78,3 +87,9 @@ int command_unlock(const tool_options& options, const tool_arguments& arguments)
 int command_grant(const tool_options& options, const tool_arguments& arguments);
 int command_deny(const tool_options& options, const tool_arguments& arguments);
 int command_rights(const tool_options& options, const tool_arguments& arguments);
+
+// The set-up: check looks at the files of the data directory as the daemon would; renew replaces
+// the key pair and has a running daemon take it over; reset does the latter alone.
+int command_check(const tool_options& options, const tool_arguments& arguments);
+int command_renew(const tool_options& options, const tool_arguments& arguments);
+int command_reset(const tool_options& options, const tool_arguments& arguments);

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "provider/accounts.h"
 #include "provider/tool.h"
@@ -26,6 +27,9 @@ struct account_store {
 // Nothing when there is no such user or the daemon would not accept the file.
 [[nodiscard]] std::optional<provider::user_entry> look_up_user(const account_store& store,
                                                                const std::string& name);
+
+// Sorted; names that the daemon would not look at are left out.
+[[nodiscard]] std::vector<std::string> user_names(const account_store& store);
 
 // The name under which the daemon knows the user, and under which rights are granted: the plain
 // name for users of the system, else the full one in the first password domain.

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <string.h>
@@ -33,21 +34,11 @@ struct daemon_port {
     bool tls = false;
 };
 
-struct connection {
+struct daemon_place {
     unique_fd fd;
     openssl_ptr<SSL> ssl;
     std::string place;  // for messages
 };
-
-// A process that may not be signalled (EPERM) is alive all the same.
-bool daemon_is_alive(const daemon_config& config) {
-    file_content content;
-    if (read_file(config.get("pid_file", paths.pid_file), &content) != 0) {
-        return false;
-    }
-    const long pid = std::strtol(content.text.c_str(), nullptr, 10);
-    return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
-}
 
 // A port with the suffix "s" is never opened by the daemon. Where the daemon can be recognised, its
 // TLS ports are enough: it opens all of its ports or none, so whoever listens on the others alone
@@ -100,32 +91,54 @@ unique_fd connect_to_loopback(unsigned short port) {
     return fd;
 }
 
+// The first certificate of a file; null when there is none.
+openssl_ptr<X509> first_certificate(const std::string& path) {
+    file_content content;
+    if (read_file(path, &content) != 0) {
+        return nullptr;
+    }
+    const openssl_ptr<BIO> reader{
+        BIO_new_mem_buf(content.text.data(), static_cast<int>(content.text.size()))};
+    return openssl_ptr<X509>{PEM_read_bio_X509(reader.get(), nullptr, nullptr, nullptr)};
+}
+
+// Whoever else has a certificate of the same authority is not the daemon.
+int is_the_daemons(X509_STORE_CTX* peer, void* own) {
+    const X509* shown = X509_STORE_CTX_get0_cert(peer);
+    const bool same = shown != nullptr && X509_cmp(shown, static_cast<const X509*>(own)) == 0;
+    X509_STORE_CTX_set_error(peer, same ? X509_V_OK : X509_V_ERR_CERT_REJECTED);
+    return same ? 1 : 0;
+}
+
 // The daemon is known by its certificate, not by a name: it is the one of this data directory.
-bool start_tls(const std::string& anchor, connection* c) {
+bool start_tls(const std::string& anchor, daemon_place* c) {
     const openssl_ptr<SSL_CTX> context{SSL_CTX_new(TLS_client_method())};
-    if (!context) {
-        (void)fail("TLS: out of memory");
+    const openssl_ptr<X509> own = first_certificate(anchor);
+    if (!context || !own) {
+        (void)fail("%s: holds no certificate, so the daemon on %s cannot be recognised",
+                   anchor.c_str(), c->place.c_str());
         return false;
     }
-    if (SSL_CTX_load_verify_locations(context.get(), anchor.c_str(), nullptr) != 1) {
-        (void)fail("%s: cannot be read, so the daemon on %s cannot be recognised", anchor.c_str(),
-                   c->place.c_str());
-        return false;
-    }
-    X509_STORE_set_flags(SSL_CTX_get_cert_store(context.get()), X509_V_FLAG_PARTIAL_CHAIN);
+    SSL_CTX_set_cert_verify_callback(context.get(), is_the_daemons, own.get());
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
     c->ssl.reset(SSL_new(context.get()));
     if (!c->ssl || SSL_set_fd(c->ssl.get(), c->fd.get()) != 1 || SSL_connect(c->ssl.get()) != 1) {
         const char* reason = ERR_reason_error_string(ERR_peek_error());
-        (void)fail("%s: TLS: %s", c->place.c_str(), reason == nullptr ? strerror(errno) : reason);
+        const bool stranger =
+            c->ssl && SSL_get_verify_result(c->ssl.get()) == X509_V_ERR_CERT_REJECTED;
+        (void)fail("%s: TLS: %s%s", c->place.c_str(),
+                   stranger            ? "the certificate shown is not the first one of "
+                   : reason == nullptr ? strerror(errno)
+                                       : reason,
+                   stranger ? anchor.c_str() : "");
         return false;
     }
     return true;
 }
 
 // False with errno set; the time-out on the socket ends a wait for a daemon that has stopped.
-bool send_all(connection* c, std::string_view data) {
+bool send_all(daemon_place* c, std::string_view data) {
     while (!data.empty()) {
         const ssize_t n = c->ssl
                               ? SSL_write(c->ssl.get(), data.data(), static_cast<int>(data.size()))
@@ -139,7 +152,7 @@ bool send_all(connection* c, std::string_view data) {
 }
 
 // Up to the end of the connection: the request has asked for it to be closed.
-std::string receive_all(connection* c) {
+std::string receive_all(daemon_place* c) {
     std::string answer;
     std::array<char, 4096> piece{};
     while (answer.size() < longest_answer) {
@@ -151,37 +164,6 @@ std::string receive_all(connection* c) {
         answer.append(piece.data(), static_cast<std::size_t>(n));
     }
     return answer;
-}
-
-// "user:password" for the Basic header, in base64.
-bool make_login(const tool_options& options, std::string* user, secret* header) {
-    const char* from_environment = std::getenv("DOVMAD_USER");
-    *user = !options.login.empty()        ? options.login
-            : from_environment != nullptr ? from_environment
-                                          : "root";
-    secret password;
-    const char* known = std::getenv("DOVMAD_PASSWORD");
-    if (known != nullptr) {
-        password.text = known;
-    } else if (!read_secret("Password of " + *user, false, &password)) {
-        return false;
-    }
-    secret both;
-    both.text.reserve(user->size() + 1 + password.text.size());
-    both.text.append(*user).append(":").append(password.text);
-    if (both.text.size() > longest_login_bytes) {
-        (void)fail("the daemon never accepts a login of %zu bytes (user:password, %zu at most)",
-                   both.text.size(), longest_login_bytes);
-        return false;
-    }
-    std::array<unsigned char, 64> encoded{};
-    const int length =
-        EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(both.text.data()),
-                        static_cast<int>(both.text.size()));
-    header->text.assign(reinterpret_cast<const char*>(encoded.data()),
-                        static_cast<std::size_t>(length));
-    explicit_bzero(encoded.data(), encoded.size());
-    return true;
 }
 
 // Reports everything but success.
@@ -215,7 +197,7 @@ daemon_answer judge(const std::string& answer, const std::string& user, const st
     return daemon_answer::failure;
 }
 
-bool open_connection(const daemon_config& config, const std::string& anchor, connection* c,
+bool open_connection(const daemon_config& config, const std::string& anchor, daemon_place* c,
                      bool* tls) {
     const bool recognisable = access(anchor.c_str(), R_OK) == 0;
     for (const daemon_port& port : daemon_ports(config, recognisable)) {
@@ -249,36 +231,89 @@ std::string url_encoded(std::string_view text) {
     return encoded;
 }
 
-daemon_answer post_to_daemon(const tool_options& options, const daemon_config& config,
-                             const std::string& uri, const std::string& name_space,
-                             const std::string& variables) {
-    connection c;
+// A process that may not be signalled (EPERM) is alive all the same.
+bool daemon_runs(const daemon_config& config) {
+    file_content content;
+    if (read_file(config.get("pid_file", paths.pid_file), &content) != 0) {
+        return false;
+    }
+    const long pid = std::strtol(content.text.c_str(), nullptr, 10);
+    return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+}
+
+bool ask_login(const tool_options& options, daemon_login* login) {
+    const char* from_environment = std::getenv("DOVMAD_USER");
+    login->user = !options.login.empty()        ? options.login
+                  : from_environment != nullptr ? from_environment
+                                                : "root";
+    secret password;
+    const char* known = std::getenv("DOVMAD_PASSWORD");
+    if (known != nullptr) {
+        password.text = known;
+    } else if (!read_secret("Password of " + login->user, false, &password)) {
+        return false;
+    }
+    secret both;
+    both.text.reserve(login->user.size() + 1 + password.text.size());
+    both.text.append(login->user).append(":").append(password.text);
+    if (both.text.size() > longest_login_bytes) {
+        (void)fail("the daemon never accepts a login of %zu bytes (user:password, %zu at most)",
+                   both.text.size(), longest_login_bytes);
+        return false;
+    }
+    std::array<unsigned char, 64> encoded{};
+    const int length =
+        EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(both.text.data()),
+                        static_cast<int>(both.text.size()));
+    login->header.text.assign(reinterpret_cast<const char*>(encoded.data()),
+                              static_cast<std::size_t>(length));
+    explicit_bzero(encoded.data(), encoded.size());
+    return true;
+}
+
+struct daemon_session::connection : daemon_place {};
+
+daemon_session::daemon_session() : connection_(std::make_unique<connection>()) {}
+daemon_session::~daemon_session() = default;
+
+daemon_answer daemon_session::open(const tool_options& options, const daemon_config& config) {
     bool tls = false;
     const std::string anchor = find_data_dir(options) + "/dovmad-at/server.crt";
-    if (!daemon_is_alive(config) || !open_connection(config, anchor, &c, &tls)) {
+    if (!daemon_runs(config) || !open_connection(config, anchor, connection_.get(), &tls)) {
         return daemon_answer::none;
     }
-    std::string user;
-    secret login;
-    if (!make_login(options, &user, &login)) {
-        return daemon_answer::failure;
-    }
     (void)signal(SIGPIPE, SIG_IGN);  // a daemon that goes away is reported, not died of
-    if (tls && !start_tls(anchor, &c)) {
-        return daemon_answer::failure;
-    }
+    return tls && !start_tls(anchor, connection_.get()) ? daemon_answer::failure
+                                                        : daemon_answer::success;
+}
+
+daemon_answer daemon_session::post(const daemon_login& login, const std::string& uri,
+                                   const std::string& name_space, const std::string& variables) {
     secret request;
     request.text.reserve(1024 + variables.size());
     request.text.append("POST ").append(uri).append(" HTTP/1.1\r\nHost: localhost\r\n");
-    request.text.append("Authorization: Basic ").append(login.text).append("\r\n");
+    request.text.append("Authorization: Basic ").append(login.header.text).append("\r\n");
     request.text.append("X-PLX-Namespace: ").append(name_space).append("\r\n");
     request.text.append("Content-Type: application/x-www-form-urlencoded\r\nContent-Length: ")
         .append(std::to_string(variables.size()))
         .append("\r\nConnection: close\r\n\r\n")
         .append(variables);
-    if (!send_all(&c, request.text)) {
-        (void)fail("%s: %s", c.place.c_str(), strerror(errno));
+    if (!send_all(connection_.get(), request.text)) {
+        (void)fail("%s: %s", connection_->place.c_str(), strerror(errno));
         return daemon_answer::failure;
     }
-    return judge(receive_all(&c), user, c.place);
+    return judge(receive_all(connection_.get()), login.user, connection_->place);
+}
+
+daemon_answer post_to_daemon(const tool_options& options, const daemon_config& config,
+                             const std::string& uri, const std::string& name_space,
+                             const std::string& variables) {
+    daemon_session session;
+    const daemon_answer opened = session.open(options, config);
+    if (opened != daemon_answer::success) {
+        return opened;
+    }
+    daemon_login login;
+    return ask_login(options, &login) ? session.post(login, uri, name_space, variables)
+                                      : daemon_answer::failure;
 }

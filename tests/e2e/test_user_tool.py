@@ -25,7 +25,8 @@ def run_tool(config, *args, input=None, **env):
 
 
 def good(done):
-    assert (done.returncode, done.stderr) == (0, ""), done
+    assert done.returncode == 0, done
+    assert all(line.startswith("dovmad-user: warning: ") for line in done.stderr.splitlines()), done
     return done.stdout
 
 
@@ -83,18 +84,18 @@ def fits(password, hashed):
 
 
 def test_life_of_a_user(site):
-    site.good("add", "alice", input="wonder\n")
+    site.good("add", "alice", input="wonderland\n")
     path = site.at / "users" / "alice"
     name, hashed = path.read_text().rstrip("\n").split(":")
     assert name == "alice" and hashed.startswith("$y$")
-    assert fits("wonder", hashed)
+    assert fits("wonderland", hashed)
     assert path.stat().st_mode & 0o7777 == 0o600
     site.good("add", "-o", "bob", input="no line end")
     assert site.good("list") == "alice\talice@local.box\tactive\nbob\tbob\tactive\n"
 
-    site.good("passwd", "bob", input="changed\r\nmore\n")
+    site.good("passwd", "bob", input="was-changed\r\nmore\n")
     name, hashed, options = site.user("bob").rstrip("\n").split(":")
-    assert fits("changed", hashed) and options == "os"
+    assert fits("was-changed", hashed) and options == "os"
     site.good("lock", "bob")
     assert site.user("bob") == f"bob:{hashed}:os,off\n"
     assert site.good("list").endswith("bob\tbob\tlocked\n")
@@ -111,14 +112,14 @@ def test_refuses_what_could_never_log_in(site):
     assert "empty" in site.bad("add", "alice", input="\n")
     assert "no password" in site.bad("add", "alice", input="")
     for name in ("a:b", "", "-a", "a b", "a/b", "..", "a\nb", "ä", "x" * 33):
-        assert "a user name begins" in site.bad("add", "--", name, input="pw\n"), name
+        assert "a user name begins" in site.bad("add", "--", name, input="password\n"), name
     for name in ("r", "roo", "Root", "RO"):
-        assert "for root" in site.bad("add", "-o", name, input="pw\n")
+        assert "for root" in site.bad("add", "-o", name, input="password\n")
     assert list((site.at / "users").iterdir()) == []
     site.good("add", "alice", input="x" * longest)
-    assert "exists" in site.bad("add", "alice", input="pw\n")
+    assert "exists" in site.bad("add", "alice", input="password\n")
     for command in ("passwd", "del", "lock", "unlock"):
-        assert "no such user" in site.bad(command, "carol", input="pw\n")
+        assert "no such user" in site.bad(command, "carol", input="password\n")
     (site.at / "users" / "dave").write_text("dave:nonsense\n")
     assert "no line" in site.bad("lock", "dave")
     assert site.good("list").endswith("dave\t-\tunusable\n")
@@ -146,15 +147,69 @@ def test_finds_the_data_directory(site, tmp_path):
     assert "missing.conf" in site.bad("-c", tmp_path / "missing.conf", "list")
 
 
-@pytest.mark.skipif(os.geteuid() != 0, reason="only root makes files for others")
-def test_keeps_owners(site):
-    os.chown(site.at / "users", 65534, 65534)
-    site.good("add", "alice", input="pw\n")
+# --- Files of others ---
+
+ROOT_ONLY = pytest.mark.skipif(os.geteuid() != 0, reason="only root can be somebody else")
+NOBODY = 65534
+
+
+@pytest.fixture(name="their_site")
+def their_site_fixture():
+    """Everything belongs to the daemon's user, who can reach it."""
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
+        site = Site(Path(folder) / "s")
+        for path in (site.base, *site.base.rglob("*")):
+            os.chown(path, NOBODY, NOBODY)
+        yield site
+
+
+@ROOT_ONLY
+def test_files_belong_to_the_owner_of_their_folder(their_site, site):
+    their_site.good("add", "alice", input="password\n")
+    their_site.good("passwd", "alice", input="another-one\n")
+    their_site.good("grant", "alice", "agent")
+    for path in (their_site.at / "users" / "alice", their_site.root / "agent" / ".dovmaaccess"):
+        status = path.stat()
+        assert (status.st_uid, status.st_gid) == (NOBODY, NOBODY)
+    assert (their_site.at / "users" / "alice").stat().st_mode & 0o777 == 0o600
+    # In a folder of root's a file keeps the owner that it has.
+    site.good("add", "alice", input="password\n")
     path = site.at / "users" / "alice"
-    assert path.stat().st_uid == 65534
     os.chown(path, 1, 1)
-    site.good("passwd", "alice", input="other\n")
+    site.good("passwd", "alice", input="another-one\n")
     assert (path.stat().st_uid, path.stat().st_gid, path.stat().st_mode & 0o777) == (1, 1, 0o600)
+
+
+@ROOT_ONLY
+@pytest.mark.parametrize("where", ["users", "dovmad-at", "sec", "role", "file", "outer"])
+def test_root_follows_no_link_of_somebody_else(their_site, tmp_path, where):
+    """The daemon's user has laid a link where root is going to write."""
+    target = tmp_path / "of-root"
+    (target / "dovmad-at" / "users").mkdir(parents=True)
+    (target / "users").mkdir()
+    for folder in (target, target / "dovmad-at"):
+        (folder / "domains").write_text("local:password:box\n")
+    victim = target / "victim"
+    victim.write_text("precious\n")
+    before = {path: path.stat() for path in (target, *target.rglob("*"))}
+    place = {"users": their_site.at / "users", "dovmad-at": their_site.at, "sec": their_site.data,
+             "role": their_site.root / "agent", "file": their_site.root / "agent" / ".dovmaaccess",
+             "outer": their_site.data.parent}[where]
+    os.rename(place, str(place) + ".moved") if place.exists() else None
+    place.symlink_to({"users": target / "users", "file": victim}.get(where, target))
+    os.chown(place, NOBODY, NOBODY, follow_symlinks=False)
+    os.chmod(tmp_path, 0o755)
+    if where in ("role", "file"):
+        bad(run_tool(their_site.config, "grant", "mallory", "agent"))
+        bad(run_tool(their_site.config, "-g", "grant", "mallory", "agent"))
+    else:
+        done = run_tool(their_site.config, "add", "mallory", input="password\n")
+        assert done.returncode == 1, done
+    after = {path: path.stat() for path in (target, *target.rglob("*"))}
+    assert {p: (s.st_ino, s.st_mtime_ns) for p, s in after.items()} == \
+        {p: (s.st_ino, s.st_mtime_ns) for p, s in before.items()}
+    assert victim.read_text() == "precious\n"
 
 
 def on_terminal(site, answers, *args):
@@ -179,13 +234,13 @@ def on_terminal(site, answers, *args):
 
 
 def test_asks_twice_without_echo(site):
-    status, shown = on_terminal(site, [b"wonder\n", b"wonder\n"], "add", "alice")
+    status, shown = on_terminal(site, [b"wonderland\n", b"wonderland\n"], "add", "alice")
     assert status == 0, shown
-    assert "wonder" not in shown and shown.count("|") == 2
+    assert "wonderland" not in shown and shown.count("|") == 2
     before = site.user("alice")
-    assert fits("wonder", before.rstrip("\n").split(":")[1])
-    for second, problem in ((b"another\n", "differ"), (b"\x03", "no password")):
-        status, shown = on_terminal(site, [b"other\n", second], "passwd", "alice")
+    assert fits("wonderland", before.rstrip("\n").split(":")[1])
+    for second, problem in ((b"something-else\n", "differ"), (b"\x03", "no password")):
+        status, shown = on_terminal(site, [b"another-one\n", second], "passwd", "alice")
         assert status == 1 and problem in shown
     assert site.user("alice") == before
 
@@ -194,7 +249,7 @@ def test_asks_twice_without_echo(site):
 
 
 def test_changes_access_files(site):
-    site.good("add", "alice", input="pw\n")
+    site.good("add", "alice", input="password\n")
     alice = "alice@local.box"
     assert site.good("grant", "alice", "operator") == \
         f"{alice}: granted operator in namespace plx\n"
@@ -266,11 +321,11 @@ def test_asks_a_running_daemon(make_daemon, tmp_path, tls):
         daemon.config.write_text(re.sub("listen_ports .*", f"listen_ports {daemon.port}u",
                                         daemon.config.read_text()))
     daemon.start()
-    add_user(daemon, "alice", "wonder")
+    add_user(daemon, "alice", "wonderland")
     alice = full_name(daemon, "alice")
 
     def may(role, prefix=""):
-        reply = daemon.request("GET", f"{prefix}/{role}/f.txt", user="alice:wonder", tls=tls)
+        reply = daemon.request("GET", f"{prefix}/{role}/f.txt", user="alice:wonderland", tls=tls)
         return reply.status == 200
 
     assert not may("operator")
@@ -299,7 +354,7 @@ def test_asks_a_running_daemon(make_daemon, tmp_path, tls):
     assert "does not accept" in bad(as_root(daemon, "grant", "alice", "admin",
                                             DOVMAD_PASSWORD="wrong"))
     assert "no administrator" in bad(as_root(daemon, "-u", "alice", "grant", "alice", "admin",
-                                             DOVMAD_PASSWORD="wonder"))
+                                             DOVMAD_PASSWORD="wonderland"))
     assert not may("admin")
     good(run_tool(daemon.config, "-u", "root", "grant", "alice", "admin",
                   input=daemon.password + "\n"))
@@ -318,12 +373,13 @@ def test_will_not_send_a_password_to_a_stranger(make_daemon, tmp_path):
     daemon.pid_file.write_text(f"{os.getpid()}\n")
     with socket.create_server(("127.0.0.1", daemon.port)) as stranger:
         stranger.setblocking(False)
-        assert ".dovmaaccess" in bad(as_root(daemon, "grant", "bob", "agent"))
+        good(as_root(daemon, "grant", "bob", "agent"))
+        assert (daemon.root / "agent" / ".dovmaaccess").read_text() == "bob:user\n"
         with pytest.raises(BlockingIOError):
             stranger.accept()
 
 
-@pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
+@ROOT_ONLY
 def test_tells_of_changes_that_were_not_written(make_daemon):
     """The daemon may read its access files but not write them."""
     with tempfile.TemporaryDirectory() as folder:
@@ -364,11 +420,11 @@ def test_accounts_of_a_running_daemon(make_daemon):
     make_role_folders(daemon.root)
     longest = "x" * (42 - len("local\\alice:"))
     for command, password, works, refused in (
-            ("add", "wonder", "alice:wonder", None),
-            ("passwd", "other", "alice:other", "alice:wonder"),
-            ("lock", None, None, "alice:other"),
-            ("unlock", None, "alice:other", None),
-            ("passwd", longest, f"local\\alice:{longest}", "alice:other"),
+            ("add", "wonderland", "alice:wonderland", None),
+            ("passwd", "another-one", "alice:another-one", "alice:wonderland"),
+            ("lock", None, None, "alice:another-one"),
+            ("unlock", None, "alice:another-one", None),
+            ("passwd", longest, f"local\\alice:{longest}", "alice:another-one"),
             ("del", None, None, f"alice:{longest}")):
         good(run_tool(daemon.config, command, "alice", input=password))
         for login, status in ((works, 200), (refused, 401)):
