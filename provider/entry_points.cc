@@ -85,6 +85,9 @@ char* error_block(std::string_view text) {
     return block == nullptr ? nullptr : text_appender(block).append(text);
 }
 
+// On whose behalf this thread asks about logins.
+thread_local std::string current_peer;
+
 // Drops the channel behind *slot after a failure.
 std::uint32_t drop_channel(void** slot, channel* c) {
     close_channel(c);
@@ -97,6 +100,10 @@ std::uint32_t drop_channel(void** slot, channel* c) {
 std::uint32_t molbatLibraryControl(const char* command, void* arg) {
     if (command != nullptr && strcmp(command, "Log") == 0) {
         set_log(reinterpret_cast<molb_log_function>(arg));
+        return at_ok;
+    }
+    if (command != nullptr && strcmp(command, "Peer") == 0) {
+        current_peer = arg != nullptr ? static_cast<const char*>(arg) : "";
         return at_ok;
     }
     if (command == nullptr || arg == nullptr) {
@@ -164,7 +171,7 @@ std::uint32_t molbAtAuthenticate(void* handle, const molb_identity* who, std::ui
         return at_refused;
     }
     const std::optional<principal> user =
-        opened->owner->check_login({who->domain, who->name, who->password});
+        opened->owner->check_login({who->domain, who->name, who->password, current_peer});
     if (!user) {
         return at_refused;
     }

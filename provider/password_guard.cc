@@ -69,20 +69,21 @@ bool password_guard::prepare() {
            RAND_bytes(secrets_->key.data(), static_cast<int>(secrets_->key.size())) == 1;
 }
 
-// The digest of the name, or of the whole login with the hash that it was right for. Each text goes
-// in with its terminator, so that no two logins run together.
-bool password_guard::make_digest(const login& who, std::string_view hash, bool whole,
-                                 digest* result) {
-    const auto add = [this](std::string_view text) {
+// Each text goes in with its terminator, so that no two lists run together.
+bool password_guard::make_digest(std::initializer_list<std::string_view> texts, digest* result) {
+    if (EVP_MAC_init(mac_.get(), secrets_->key.data(), secrets_->key.size(), nullptr) != 1) {
+        return false;
+    }
+    for (const std::string_view text : texts) {
         const unsigned char end = 0;
-        return EVP_MAC_update(mac_.get(), reinterpret_cast<const unsigned char*>(text.data()),
-                              text.size()) == 1 &&
-               EVP_MAC_update(mac_.get(), &end, 1) == 1;
-    };
+        if (EVP_MAC_update(mac_.get(), reinterpret_cast<const unsigned char*>(text.data()),
+                           text.size()) != 1 ||
+            EVP_MAC_update(mac_.get(), &end, 1) != 1) {
+            return false;
+        }
+    }
     std::size_t length = 0;
-    return EVP_MAC_init(mac_.get(), secrets_->key.data(), secrets_->key.size(), nullptr) == 1 &&
-           add(who.domain) && add(who.name) && (!whole || (add(who.password) && add(hash))) &&
-           EVP_MAC_final(mac_.get(), result->data(), &length, result->size()) == 1;
+    return EVP_MAC_final(mac_.get(), result->data(), &length, result->size()) == 1;
 }
 
 // Keys are digests under a key that nobody outside knows, so comparing them may stop early.
@@ -173,9 +174,11 @@ bool password_guard::hash_fits(const char* password, const std::string& hash) {
 
 bool password_guard::check(const login& who, const std::string& hash) {
     digest name{};
+    digest attempt{};
     digest whole{};
-    if (strlen(who.password) > longest_password || !make_digest(who, hash, false, &name) ||
-        !make_digest(who, hash, true, &whole)) {
+    if (strlen(who.password) > longest_password || !make_digest({who.domain, who.name}, &name) ||
+        !make_digest({who.domain, who.name, who.peer}, &attempt) ||
+        !make_digest({who.domain, who.name, who.password, hash}, &whole)) {
         return false;
     }
     const std::int64_t now_ms = monotonic_ms();
@@ -184,13 +187,13 @@ bool password_guard::check(const login& who, const std::string& hash) {
     }
     const bool exists = !hash.empty();
     failure_slots* slots = exists ? &secrets_->wrong : &secrets_->wrong_unknown;
-    failures* slot = slot_of(slots, name);
+    failures* slot = slot_of(slots, attempt);
     const bool heard =
         (slot == nullptr || slot->locked_until_ms <= now_ms) && take_from_budget(now_ms, exists);
     if (!heard || !hash_fits(who.password, hash)) {
         doubt(name);
         if (heard) {
-            count_failure(slots, name, now_ms);
+            count_failure(slots, attempt, now_ms);
         }
         return false;
     }

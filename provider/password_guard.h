@@ -1,7 +1,8 @@
 // Decides whether a password fits a hash, and how often anybody may try.
 //
 // The daemon has one thread and a hash costs about 15 ms, so guessing must not be able to stop it:
-// every name has its own lock-out, all names together share a budget, half of which is for names
+// every name has its own lock-out, for each peer apart, so that nobody can keep somebody else out;
+// all names together share a budget, half of which is for names
 // that exist, and a login that was right a moment ago is answered from memory. That memory is no
 // oracle: it ends with the twentieth wrong password. Refusals never wait. Not safe for use from two
 // threads; the site that owns it holds the lock. What it remembers is kept out of core dumps.
@@ -10,6 +11,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -23,7 +25,8 @@ namespace provider {
 struct login {
     std::string_view domain;
     std::string_view name;
-    const char* password;  // ends with a zero byte; never copied
+    const char* password;        // ends with a zero byte; never copied
+    std::string_view peer = {};  // whence, as far as known: failures there are counted apart
 };
 
 class password_guard {
@@ -41,10 +44,10 @@ class password_guard {
 
     // Whether the login's password has `hash`; an empty hash is a user that does not exist or may
     // not log in, and costs the caller the same time: every refusal that hashes does so once with
-    // each of the accepted methods. False without hashing when the name (five failures in a row:
-    // 1 s, then 2, 4 and up to 30) or all names together (20 checks per second) are over their
-    // limit. A login that was right is right without hashing for five minutes, or until its name
-    // has had 20 wrong passwords.
+    // each of the accepted methods. False without hashing when the name (five failures in a row
+    // from one peer: 1 s, then 2, 4 and up to 30) or all names together (20 checks per second) are
+    // over their limit. A login that was right is right without hashing for five minutes, or until
+    // its name has had 20 wrong passwords.
     [[nodiscard]] bool check(const login& who, const std::string& hash);
 
   private:
@@ -56,7 +59,7 @@ class password_guard {
         std::int64_t until_ms;
         int doubts;  // wrong passwords for the name since then
     };
-    // Failures in a row of one name, existing or not. Count 0: a free slot.
+    // Failures in a row of one name from one peer, existing or not. Count 0: a free slot.
     struct failures {
         digest key;
         std::int64_t last_ms;
@@ -65,8 +68,7 @@ class password_guard {
     };
     struct secrets;
 
-    [[nodiscard]] bool make_digest(const login& who, std::string_view hash, bool whole,
-                                   digest* result);
+    [[nodiscard]] bool make_digest(std::initializer_list<std::string_view> texts, digest* result);
     [[nodiscard]] bool is_remembered(const digest& key, std::int64_t now_ms) const;
     void remember(const digest& key, const digest& name, std::int64_t now_ms);
     void doubt(const digest& name);

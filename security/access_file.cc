@@ -2,13 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 
 #include "core/compat_unix.h"
@@ -42,11 +38,6 @@ bool add_line(std::string_view line, role_entry* row) {
         return false;
     }
     return true;
-}
-
-bool is_blank_or_comment(std::string_view line) {
-    const std::size_t start = line.find_first_not_of(white_space);
-    return start == std::string_view::npos || line[start] == '#';
 }
 
 // The time as rows remember it: cut to 32 bits on both sides of the comparison, so 2038 changes
@@ -123,22 +114,21 @@ qz_map* principals(const role_entry* row, int kind) {
 bool read_access_file(std::FILE* file, role_entry* row) {
     std::array<char, line_bytes> line{};
     std::size_t number = 1;
-    std::size_t stray_bytes = 0;
-    bool named_somebody = false;
+    bool names_somebody = false;
     while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
         std::string_view text = line.data();
         const bool ends = text.ends_with('\n');
+        text.remove_suffix(ends ? 1 : 0);
         if (add_line(text, row)) {
-            named_somebody = true;
-        } else if (!is_blank_or_comment(text) && stray_bytes <= stray_bytes_max) {
-            text.remove_suffix(ends ? 1 : 0);
-            row->strays.push_back({.number = number, .text = std::string(text)});
-            stray_bytes += text.size() + 1;
+            names_somebody = true;
+        } else if (!is_idle_line(text) && row->strays.size() <= stray_bytes_max) {
+            row->stray_numbers.add(number);
+            row->strays.append(text).append("\n");
         }
         number += ends ? 1 : 0;
     }
-    return std::ferror(file) == 0 && (row->strays.empty() || named_somebody) &&
-           stray_bytes <= stray_bytes_max;
+    return std::ferror(file) == 0 && (row->strays.empty() || names_somebody) &&
+           row->strays.size() <= stray_bytes_max;
 }
 
 bool refresh_row(const std::string& path, role_entry* row) {
@@ -168,40 +158,12 @@ std::string access_file_text(const role_entry* row) {
     return text;
 }
 
-std::string stray_text(const role_entry* row) {
-    std::string text;
-    for (const stray_line& line : row->strays) {
-        text.append(line.text).append("\n");
-    }
-    return text;
-}
-
-int append_lost_lines(const std::string& path, const std::string& lines) {
-    if (lines.empty()) {
-        return 0;
-    }
-    std::array<char, PATH_MAX> resolved{};
-    struct stat st {};
-    if (realpath(path.c_str(), resolved.data()) == nullptr || stat(resolved.data(), &st) != 0) {
-        return errno;
-    }
-    const std::string backup = std::string(resolved.data()) + ".bak";
-    // Not through a link: whoever owns the folder must not choose where this goes.
-    const unique_fd fd(::open(backup.c_str(),
-                              O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | open_at_once,
-                              st.st_mode & 0777));
-    if (!fd) {
-        return errno;
-    }
-    const int error = write_all(fd.get(), lines);
-    return error != 0 || fsync(fd.get()) == 0 ? error : errno;
-}
-
 void clear_row(role_entry* row) {
     qz_set_destroy(row->groups);
     qz_set_destroy(row->users);
     row->groups = nullptr;
     row->users = nullptr;
     row->strays.clear();
+    row->stray_numbers = line_numbers();
     row->current = false;
 }

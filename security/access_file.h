@@ -5,23 +5,16 @@
 // the remembered one. Runs on the main loop's thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "core/fwd.h"
+#include "lib/odd_lines.h"
 
 // What a principal is; the values are those that callers of assert_role pass.
 enum principal_kind : int { kind_group = 0, kind_user = 1 };
-
-// A line that names nobody, and is no comment or blank.
-struct stray_line {
-    std::size_t number = 0;
-    std::string text;
-};
 
 // One role of one namespace. The sets own their texts and are null until the first load.
 struct role_entry {
@@ -33,11 +26,11 @@ struct role_entry {
     bool unreadable = false;  // the file exists but was not loaded whole: it must not be replaced
     bool reported = false;    // and that was logged
     bool owed = false;        // the sets have changed and the file could not be written
-    int writes = 0;           // under way; the file's time says nothing meanwhile
     int told_error = 0;       // why it could not be written, as far as that was told
-    std::vector<stray_line> strays;  // of the loaded file; the next write drops them
-    std::int64_t loaded_ns = 0;      // the loaded file's time in nanoseconds
-    std::int64_t strays_told = 0;    // the one whose strays were told
+    std::string strays;       // lines of the loaded file that the next write drops
+    line_numbers stray_numbers;    // where they stand
+    std::int64_t loaded_ns = 0;    // the loaded file's time in nanoseconds
+    std::int64_t strays_told = 0;  // the one whose strays were told
 };
 
 // Orders a probe against a stored principal, ignoring case, over the length of the probe.
@@ -66,13 +59,6 @@ bool refresh_row(const std::string& path, role_entry* row);
 // administrators.
 // Kept: every name that begins with the administrator's is taken for a built-in one.
 std::string access_file_text(const role_entry* row);
-
-// The texts of the stray lines, each with a line feed.
-std::string stray_text(const role_entry* row);
-
-// Appends lines that a rewrite of the file drops to "NAME.bak" beside the file that `path` leads
-// to. What stands there stays. 0 or an errno value. Empty lines: nothing.
-[[nodiscard]] int append_lost_lines(const std::string& path, const std::string& lines);
 
 // Frees both sets and forgets the file.
 void clear_row(role_entry* row);

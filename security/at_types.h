@@ -103,8 +103,10 @@ extern "C" {
 
 // The loader entry of a library. `command` is "Load" (optionally "Load|HOME" or
 // "Load|HOME|LIBRARY_PATH") with `arg` the address of a handle, "Unload" with the handle itself, or
-// "Log" with a molb_log_function, null for none any more. Towards the library the daemon calls it
-// for "Log" alone; at_not_available when none was loaded.
+// "Log" with a molb_log_function, null for none any more, or "Peer" with the address, as text, from
+// which the logins come that the calling thread asks about next; null: unknown. A library may use
+// it to count failures for each address apart. The daemon calls this for "Log" and "Peer" alone,
+// once a library was loaded (else at_not_available), and does without where they are not known.
 std::uint32_t molbatLibraryControl(const char* command, void* arg);
 
 // Starts an instance. `version` may be null. *handle is null on failure.

@@ -1,15 +1,14 @@
 #include "security/auth.h"
 
-#include <grp.h>
-#include <pwd.h>
-
 #include <array>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/connection.h"
 #include "core/context.h"
+#include "core/globals.h"
 #include "core/route.h"
 #include "core/string.h"
 #include "lib/alloc.h"
@@ -20,6 +19,7 @@
 #include "security/at_types.h"
 #include "security/authz.h"
 #include "security/library_log.h"
+#include "security/login_guard.h"
 
 namespace {
 
@@ -28,7 +28,6 @@ constexpr std::string_view basic_scheme = "Basic ";
 // Of the whole header value. What is left for "DOMAIN\name:password" is 42 bytes.
 constexpr std::size_t longest_authorization = 64;
 constexpr std::size_t shortest_authorization = 10;
-constexpr int most_groups = 1024;
 
 constexpr const char* login_page =
     "<html><head> <title>401 Authorization Required</title> </head><body> "
@@ -36,6 +35,11 @@ constexpr const char* login_page =
     "access the document requested.  Either you supplied the wrong credentials (e.g., bad "
     "password), or your browser doesn't understand how to supply the credentials required.</p> "
     "</body></html>\r\n";
+
+login_guard& guard() {
+    static login_guard only;
+    return only;
+}
 
 // Asks the library about "DOMAIN\NAME:PASSWORD" or "NAME:PASSWORD". The password may hold colons,
 // the name backslashes; an empty domain in front of one is not the default domain.
@@ -59,11 +63,19 @@ bool log_in(conn* c, std::string_view login) {
     std::string password(login.substr(colon + 1));
     const exit_guard wipe([&] { explicit_bzero(password.data(), password.size()); });
     const molb_identity who{"localhost", domain.c_str(), name.c_str(), password.c_str()};
-    const library_subject subject(c);
-    if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
-        c->client_credential = nullptr;  // whatever the library left there is nobody's
+    const std::string user_key = domain + "\\" + name;
+    const std::int64_t now_ms = login_clock();
+    if (!guard().may_ask(c->peer, user_key, now_ms)) {
         return false;
     }
+    const library_subject subject(c);
+    tell_peer_to_library(c);
+    if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
+        c->client_credential = nullptr;  // whatever the library left there is nobody's
+        guard().note_refused(c->peer, user_key, now_ms);
+        return false;
+    }
+    guard().note_accepted(c->peer, user_key, now_ms);
     return true;
 }
 
@@ -99,25 +111,16 @@ std::string user_name_of(const molb_info* info) {
     return name;
 }
 
-// The names of a system user's groups, null when the system does not know the user or it belongs to
-// more groups than fit. The process itself joins none of them, so this works without privileges and
-// what one caller may do never reaches another.
+// The names of a system user's groups, null when the system knows none. The process itself joins
+// none of them, so this works without privileges and what one caller may do never reaches another.
 qz_vector* groups_of(const std::string& user_name) {
-    const passwd* user = getpwnam(user_name.c_str());
-    if (user == nullptr) {
+    std::vector<std::string> names;
+    if (!system_groups(user_name.c_str(), &names)) {
         return nullptr;
     }
-    std::array<gid_t, most_groups> ids{};
-    int count = most_groups;
-    if (getgrouplist(user_name.c_str(), user->pw_gid, ids.data(), &count) < 0) {
-        return nullptr;
-    }
-    qz_vector* groups = new_qz_vector(count, qzfree);
-    for (int i = 0; i < count; i++) {
-        const group* entry = getgrgid(ids[static_cast<std::size_t>(i)]);
-        if (entry != nullptr && *or_empty(entry->gr_name) != '\0') {
-            qz_vector_pushback(groups, qz_need(qzstrdup(entry->gr_name)));
-        }
+    qz_vector* groups = new_qz_vector(static_cast<int>(names.size()), qzfree);
+    for (const std::string& name : names) {
+        qz_vector_pushback(groups, qz_need(qzstrdup(name.c_str())));
     }
     return groups;
 }
@@ -141,6 +144,8 @@ bool identify(conn* c) {
 }
 
 }  // namespace
+
+std::int64_t (*login_clock)() = monotonic_ms;
 
 int check_authorization(conn* c) {
     const std::string& role = c->request.role;

@@ -6,7 +6,12 @@
 // not ask the library again. Runs on the main loop's thread.
 #pragma once
 
+#include <cstdint>
+
 #include "core/fwd.h"
+
+// The milliseconds by which refused logins are counted; tests bring their own.
+extern std::int64_t (*login_clock)();
 
 // Decides about the connection's current request: 1 when it may proceed, 0 when the caller must
 // authenticate (answer 401), 2 when the caller is known and not allowed (answer 403). On 1 the

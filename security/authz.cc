@@ -1,15 +1,16 @@
 #include "security/authz.h"
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "core/connection.h"
 #include "core/log.h"
+#include "core/state_writer.h"
 #include "lib/qz_iterator.h"
 #include "lib/qz_vector.h"
 #include "lib/rbtree.h"
-#include "lib/replace_file.h"
 #include "security/authz_uris.h"
 
 namespace {
@@ -43,15 +44,42 @@ class connection_rights : public rights_user {
 
     role_files* operator->() { return &files_; }
 
-    int write(role_entry* /*row*/, const std::string& path, const std::string& text) override {
-        return replace_file(path.c_str(), text);
-    }
+    int write(role_entry* row, const std::string& path, const std::string& lost) override;
+    bool is_writing(const std::string& path) const override { return state_write_pending(path); }
     void tell(const std::string& line) override { elog(elog_info, c_, "%s", line.c_str()); }
 
   private:
     conn* c_;
     role_files files_;
 };
+
+// For writes that end when their connection may have gone.
+class log_teller : public rights_user {
+  public:
+    explicit log_teller(const shttpd_ctx* ctx) : ctx_(ctx) {}
+    int write(role_entry*, const std::string&, const std::string&) override { return 0; }
+    void tell(const std::string& line) override { log_always(ctx_, nullptr, "%s", line.c_str()); }
+
+  private:
+    const shttpd_ctx* ctx_;
+};
+
+// The row lives as long as the write: its namespace may be removed meanwhile.
+int connection_rights::write(role_entry* row, const std::string& path, const std::string& lost) {
+    namespace_record* ns = c_->request.ns;
+    namespace_retain(ns);
+    const std::shared_ptr<namespace_record> held(ns, namespace_release);
+    const shttpd_ctx* ctx = c_->ctx;
+    write_state({.path = path,
+                 .content = [held, row] { return access_file_text(row); },
+                 .dropped = lost,
+                 .written =
+                     [held, row, path, ctx](int error) {
+                         log_teller teller(ctx);
+                         finish_write(row, path, error, &teller);
+                     }});
+    return write_pending;
+}
 
 // --- Granted roles of a connection ---
 

@@ -44,9 +44,9 @@ int assert_role(conn* c, int role, const char* principal, int kind);
 // included: every user for pub, the administrator's user and group for admin.
 void validate_access_information(conn* c, int role);
 
-// Replaces a role's file by the content of its row. What can't be written now is logged and written
-// by a later grant, deny or check; a file that could not be read is never replaced, so that nothing
-// in it is lost.
+// Has a role's file replaced by the content of its row (core/state_writer.h). What can't be written
+// now is logged and written by a later grant, deny or check; a file that could not be read is never
+// replaced, so that nothing in it is lost.
 void sync_role(conn* c, role_entry* table, int role);
 
 // Gives a user or group a role in the request's namespace, unless it holds the role already.

@@ -12,6 +12,7 @@
 #include "core/endpoint.h"
 #include "core/log.h"
 #include "core/shttpd.h"
+#include "core/state_writer.h"
 #include "core/string.h"
 #include "lib/plat.h"
 #include "lib/qz_iterator.h"
@@ -32,7 +33,19 @@ void store_variable(std::string_view variables, const char* name, std::array<cha
     my_strlcpy(field->data(), get_variable(variables, name, static_cast<int>(Size)).c_str(), Size);
 }
 
+// Kept: the answer is the same when a file could not be written. That is logged, and the change is
+// written by a later grant, deny or check.
+void succeed_when_written(shttpd_call_arg* arg) {
+    if (files_stand(arg)) {
+        show_success(arg);
+    }
+}
+
 void az_grant(shttpd_call_arg* arg) {
+    if (kept_wait(arg) != nullptr) {
+        succeed_when_written(arg);
+        return;
+    }
     az_params params;
     if (get_az_params(arg, &params) != 0) {
         return;
@@ -48,10 +61,14 @@ void az_grant(shttpd_call_arg* arg) {
     }
     // Kept: a name that begins with "root", and one that holds the role already, changes nothing.
     grant_az(arg->connection, params.role.data(), params.user.data(), kind);
-    show_success(arg);
+    succeed_when_written(arg);
 }
 
 void az_deny(shttpd_call_arg* arg) {
+    if (kept_wait(arg) != nullptr) {
+        succeed_when_written(arg);
+        return;
+    }
     az_params params;
     if (get_az_params(arg, &params) != 0) {
         return;
@@ -61,7 +78,7 @@ void az_deny(shttpd_call_arg* arg) {
         show_error(arg, "400", error);
         return;
     }
-    show_success(arg);
+    succeed_when_written(arg);
 }
 
 // --- Namespaces ---

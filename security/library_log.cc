@@ -1,7 +1,13 @@
 #include "security/library_log.h"
 
+#include <netinet/in.h>
+
+#include <array>
+
+#include "core/connection.h"
 #include "core/context.h"
 #include "core/log.h"
+#include "core/v6socket.h"
 #include "security/at_types.h"
 
 namespace {
@@ -35,6 +41,13 @@ void offer_log_to_library(const shttpd_ctx* ctx) {
     }
     const molb_log_function function = note_message;
     (void)molbatLibraryControl("Log", reinterpret_cast<void*>(function));
+}
+
+void tell_peer_to_library(const conn* c) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    const char* address =
+        v6inet_ntop(reinterpret_cast<const sockaddr*>(&c->peer), text.data(), text.size());
+    (void)molbatLibraryControl("Peer", const_cast<char*>(address));
 }
 
 library_subject::library_subject(const conn* c, std::string* kept) {

@@ -12,6 +12,9 @@
 // library's use; null: none from now on.
 void offer_log_to_library(const shttpd_ctx* ctx);
 
+// Tells the library where the logins come from that it is asked about next.
+void tell_peer_to_library(const conn* c);
+
 // While one lives, what the library says concerns this connection, counts among the lines that
 // clients cause, and is kept here instead of being logged when `kept` is not null.
 class library_subject {

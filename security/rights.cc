@@ -17,7 +17,6 @@ namespace {
 
 constexpr std::size_t path_bytes = 2048;
 constexpr int most_groups = 1024;
-constexpr std::size_t strays_told_max = 20;  // of one file
 constexpr std::string_view administrator = "root";
 constexpr std::array<const char*, 4> role_names = {"pub", "operator", "admin", "agent"};
 
@@ -44,16 +43,9 @@ void add_built_ins(int role, role_entry* row) {
 
 // Each version of a file is told about once, however often it is read.
 void tell_strays(role_entry* row, const std::string& path, rights_user* user) {
-    if (row->strays.empty() || row->strays_told == row->loaded_ns) {
-        return;
-    }
-    row->strays_told = row->loaded_ns;
-    const std::size_t count = std::min(row->strays.size(), strays_told_max);
-    for (const stray_line& line : std::span(row->strays).first(count)) {
-        user->tell(path + ":" + std::to_string(line.number) + ": no entry: " + line.text);
-    }
-    if (row->strays.size() > count) {
-        user->tell(path + ": " + std::to_string(row->strays.size() - count) + " more such lines");
+    if (row->stray_numbers.count() > 0 && row->strays_told != row->loaded_ns) {
+        row->strays_told = row->loaded_ns;
+        user->tell(path + ": no entry in " + row->stray_numbers.text());
     }
 }
 
@@ -188,14 +180,11 @@ std::string in_words(const standing& found) {
 
 role_entry* role_files::fresh(int role) {
     role_entry* row = &table_[role];
-    if (row->owed && row->writes == 0) {
+    const std::string path = access_path(root_, role);
+    if (row->owed && !user_->is_writing(path)) {
         (void)save(role);
     }
-    if (row->owed || row->writes > 0) {
-        return row;  // the file is behind
-    }
-    const std::string path = access_path(root_, role);
-    if (refresh_row(path, row)) {
+    if (!row->owed && !user_->is_writing(path) && refresh_row(path, row)) {
         add_built_ins(role, row);
         tell_strays(row, path, user_);
     }
@@ -316,11 +305,9 @@ int role_files::save(int role) {
         }
         return EUCLEAN;
     }
-    ++row->writes;
-    int error = append_lost_lines(path, stray_text(row));
-    if (error == 0) {
+    const int error = user_->write(row, path, row->strays);
+    if (error <= 0) {
         row->strays.clear();
-        error = user_->write(row, path, access_file_text(row));
     }
     if (error != rights_user::write_pending) {
         finish_write(row, path, error, user_);
@@ -329,7 +316,6 @@ int role_files::save(int role) {
 }
 
 void finish_write(role_entry* row, const std::string& path, int error, rights_user* user) {
-    --row->writes;
     row->owed = error != 0;
     if (error == 0) {
         row->current = false;

@@ -86,9 +86,12 @@ struct rights_user {
 
     static constexpr int write_pending = -1;
 
-    // Replaces the row's file by the text. 0, an errno value, or write_pending when finish_write
-    // will be called with one of them.
-    virtual int write(role_entry* row, const std::string& path, const std::string& text) = 0;
+    // Replaces the row's file by access_file_text(row), after saving the lines that are lost by it
+    // (save_lines). 0, an errno value, or write_pending when finish_write will be called with one
+    // of them.
+    virtual int write(role_entry* row, const std::string& path, const std::string& lost) = 0;
+    // Whether such a write is still to end: memory is ahead of the file.
+    [[nodiscard]] virtual bool is_writing(const std::string& /*path*/) const { return false; }
     // One line that an administrator should see.
     virtual void tell(const std::string& line) = 0;
 };

@@ -110,6 +110,23 @@ TEST_F(login_test, users_are_told_apart_by_domain_and_option) {
     EXPECT_EQ(molbAtAuthenticate(handle, nullptr, 0, &credential), at_invalid_argument);
 }
 
+TEST_F(login_test, failures_of_one_peer_lock_out_that_peer_alone) {
+    const auto peer_is = [](const char* text) {
+        EXPECT_EQ(molbatLibraryControl("Peer", const_cast<char*>(text)), at_ok);
+    };
+    peer_is("192.0.2.1");
+    fail("alice", 7);
+    EXPECT_EQ(log_in("local", "alice", "wonder"), refused) << "locked there";
+    for (const char* other : {"192.0.2.2", static_cast<const char*>(nullptr)}) {
+        peer_is(other);
+        EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(log_in("local", "alice", "no"), refused);  // until memory forgets him
+        }
+        clock_ms += 60'000;
+    }
+}
+
 TEST_F(login_test, only_strong_hashes_and_known_options_count) {
     struct {
         std::string name, line;

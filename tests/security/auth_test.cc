@@ -1,12 +1,15 @@
 #include "security/auth.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
 #include <array>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/context.h"
+#include "core/globals.h"
 #include "lib/base64.h"
 #include "tests/security/fake_library.h"
 #include "tests/security/rights_fixture.h"
@@ -57,6 +60,22 @@ TEST_F(auth, splits_the_login_into_domain_name_and_password) {
         EXPECT_EQ(c.client_credential, nullptr) << "a refused login leaves nothing behind";
         fake.asked.clear();
     }
+}
+
+TEST_F(auth, an_address_that_was_refused_often_is_not_asked_about) {
+    static std::int64_t now = 0;
+    now = 1'000'000'000;
+    login_clock = [] { return now; };
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = htonl(0xC0000201);
+    std::memcpy(&c.peer, &peer, sizeof peer);
+    for (int i = 0; i < 1000; ++i, now += 20) {
+        EXPECT_EQ(ask(basic("u" + std::to_string(i) + ":pw")), 0);
+    }
+    EXPECT_EQ(fake.peer, "192.0.2.1");
+    EXPECT_EQ(fake.asked.size(), 13U) << "ten at once, then after 2, 6 and 14 seconds";
+    login_clock = monotonic_ms;
 }
 
 TEST_F(auth, unacceptable_headers_do_not_reach_the_library) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 
+#include "core/state_writer.h"
 #include "tests/security/rights_fixture.h"
 
 namespace {
@@ -57,16 +58,19 @@ TEST_F(authz, a_file_that_could_not_be_read_is_never_replaced) {
     std::filesystem::remove(path);
     std::filesystem::create_symlink(list, path);
     sync_role(&c, table, role_operator);
+    finish_state_writes();
     EXPECT_EQ(read_whole_file(list), "ann:user\n");
 
     caller("ann");
     EXPECT_EQ(may("operator"), 1) << "and it is read as soon as that is possible";
     add_principal(table[role_operator].users, "zoe");
     sync_role(&c, table, role_operator);
+    finish_state_writes();
     EXPECT_EQ(read_whole_file(list), "ann:user\nzoe:user\n");
 
     std::filesystem::remove_all(folder.path() / "plx");
     sync_role(&c, table, role_operator);
+    finish_state_writes();
     EXPECT_FALSE(std::filesystem::exists(folder.path() / "plx")) << "no folders are made";
 
     add_namespace_to_map(&ctx, "long", "/" + std::string(2040, 'x'));

@@ -66,8 +66,12 @@ std::uint32_t molbAtSecConnClose(void** channel) {
     return at_ok;
 }
 
-std::uint32_t molbatLibraryControl(const char*, void* arg) {
-    fake.log = reinterpret_cast<molb_log_function>(arg);
+std::uint32_t molbatLibraryControl(const char* command, void* arg) {
+    if (std::string(command) == "Log") {
+        fake.log = reinterpret_cast<molb_log_function>(arg);
+    } else if (std::string(command) == "Peer") {
+        fake.peer = arg != nullptr ? static_cast<const char*>(arg) : "";
+    }
     return at_ok;
 }
 

@@ -22,6 +22,7 @@ struct fake_library {
     std::vector<const void*> freed;
     void* server_credential = nullptr;
     void* accept_params = nullptr;
+    std::string peer;
     molb_log_function log = nullptr;  // what was offered
     std::uint32_t accept_mode = 0;
     std::uint32_t accept_flags = 0;
