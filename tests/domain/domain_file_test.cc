@@ -77,6 +77,38 @@ TEST(DomainFile, EveryKindOfLine) {
     }
 }
 
+// "HOSTS: NO HOSTS; RETURNS; NO UTF-8 | DROPPED"
+std::string report_on(std::string_view text) {
+    const map_ptr hosts(new_qz_map(compare_string, nullptr, free_agent_host));
+    const domain_text_report report = parse_domain_text(text, hosts.get());
+    const auto numbers = [](const line_numbers& lines) {
+        return lines.count() == 0 ? "-" : lines.text();
+    };
+    return std::to_string(report.host_lines) + ": " + numbers(report.no_hosts) + "; " +
+           numbers(report.returns) + "; " + numbers(report.no_utf8) + " | " + report.dropped;
+}
+
+TEST(DomainFile, OddLinesAreTold) {
+    using namespace std::string_literals;
+    const std::string host = "h:r:id:os:1:x:ns";
+    EXPECT_EQ(report_on(""), "0: -; -; - | ");
+    EXPECT_EQ(report_on("# c\n\r\n \t\n#\n" + host), "1: -; -; - | ");
+    EXPECT_EQ(report_on("x\n" + host + "\r\n:\n" + host + "\xff\n" + host),
+              "3: lines 1 and 3; line 2; line 4 | x\n:\n");
+    EXPECT_EQ(report_on(host + "\0tail\n"s), "0: line 1; -; - | " + host + "\0tail\n"s)
+        << "a part of it would be lost";
+    const std::string endless(1'000'000, 'x');
+    EXPECT_EQ(report_on(endless), "0: line 1; -; - | " + endless + "\n");
+    std::string many;
+    for (int i = 0; i < 100'000; ++i) {
+        many += "x\n";
+    }
+    EXPECT_EQ(report_on(many),
+              "0: 100000 lines, the first of them 1, 2, 3, 4, 5, 6, 7 and 8; -; - "
+              "| " +
+                  many);
+}
+
 TEST(DomainFile, LongLinesAreReadInPieces) {
     const std::string head = "h:r:id:os:1:x:";
     const auto with_namespace = [&](std::size_t length, const std::string& rest) {

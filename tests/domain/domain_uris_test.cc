@@ -4,12 +4,16 @@
 #include "domain/domain_uris.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "core/resolver.h"
+#include "core/shttpd.h"
 #include "domain/domain.h"
 #include "domain/registry.h"
 #include "security/authz.h"
@@ -61,6 +65,10 @@ class domain_server : public testing::Test {
         return body_of(post(prefix + "/agent/domain/unregister", "id=" + id));
     }
     std::string report(const std::string& body) { return post("/agent/domain/report", body); }
+    std::int64_t interval(const char* id) {
+        const agent_host* host = find_host(engine.ctx, id);
+        return host->next_due - host->last_ping;
+    }
     void be_standalone() {
         EXPECT_EQ(body_of(post("/admin/dovmad/config", "mode=standalone")), "Success\n");
     }
@@ -162,6 +170,58 @@ TEST_F(domain_server, RegisterAnswersWhatItReceivedAndStoresWhatTheFileCanHold) 
     EXPECT_EQ(file(), line + "plx\n" + line + "two\n");
 }
 
+TEST_F(domain_server, TextIsUtf8) {
+    for (const char* body : {"id=%ff&host=h", "id=i&host=%c3", "id=i&host=%ed%a0%80"}) {
+        EXPECT_EQ(body_of(post("/agent/domain/register", body)), "Error: Missing information");
+    }
+    // A value that is too long is not cut inside a character.
+    const std::string id(62, 'i');
+    const std::string os(30, 'o');
+    EXPECT_EQ(status_line(post("/agent/domain/register",
+                               "host=%c3%a9&id=" + id + "%c3%a9&osname=" + os +
+                                   "%e2%82%ac&osrelease=a%ffb%e2%82&cputype=%c3%a9%3a")),
+              "HTTP/1.1 200 OK");
+    EXPECT_EQ(file(), "\xc3\xa9:" + rev + ":" + id + ":" + os + ":a_b__:\xc3\xa9_:plx\n");
+    EXPECT_EQ(body_of(report("id=" + id + "%c3%a9")), "Success\n");
+    EXPECT_EQ(body_of(post("/admin/domain/host_rename", "id=x&host=%ff")), "Invalid arguments");
+    // What stands in a file that somebody else wrote is shown as JSON that everybody can read.
+    reload(engine.root.write("foreign", "a\"\\\x01:\xff:id1:o:1:x:p\"\r\n"));
+    EXPECT_NE(list("?format=json&scope=all")
+                  .find("\"hostname\":\"a\\\"\\\\\\u0001\",\n   \"revhostname\":\"\\ufffd\",\n"
+                        "   \"hostid\":\"id1\",\n   \"namespaces\": [\"p\\\"\\u000d\"],"),
+              std::string::npos);
+}
+
+// What comes from elsewhere than the form can break the file as well.
+TEST_F(domain_server, NoNameBreaksALine) {
+    EXPECT_FALSE(is_storable_namespace("a\nb"));
+    const std::string form = "id=i&host=h";
+    set_resolver_backend({.addresses = [](const std::string&) { return name_answer(); },
+                          .name =
+                              [](const host_address&) {
+                                  name_answer answer;
+                                  answer.name = "a:b\nc\xff";
+                                  return answer;
+                              },
+                          .name_servers = [] { return 1; }});
+    const unique_fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(listener.get(), any, length) + listen(listener.get(), 1), 0);
+    ASSERT_EQ(getsockname(listener.get(), any, &length), 0);
+    ASSERT_EQ(connect(client.get(), any, length), 0);
+    shttpd_add_socket(engine.ctx, accept(listener.get(), nullptr, nullptr), false, true);
+    EXPECT_EQ(status_line(engine.exchange_on(
+                  client.get(), make_request("POST", "/agent/domain/register", form), 1'000'000)),
+              "HTTP/1.1 200 OK");
+    EXPECT_EQ(file(), "h:a_b_c_:i:unknown:unknown:unknown:plx\n");
+    resolver_fini();
+}
+
 TEST_F(domain_server, RenameTakesTheReverseNameOfTheCaller) {
     reload(engine.root.write("old", "h:rev:id1:os:1:x:plx\nh:rev:id1:os:1:x:two\n"));
     EXPECT_EQ(body_of(post("/admin/domain/host_rename", "id=id1&host=::2")), "Success\n");
@@ -218,7 +278,10 @@ TEST_F(domain_server, ReportsAndTheDrList) {
 
     (void)get("/admin/domain/dhc?enable=1&max_report_per_dhc=3&max_report_per_dc=2");
     EXPECT_EQ(body_of(report("id=id1&dhc=1&list=id2:nope:id3")), "Success\nnope\n");
-    EXPECT_NE(find_host(engine.ctx, "id3")->last_ping, 0);
+    EXPECT_EQ(interval("id3"), 330) << "the server's frequency and a tenth of it";
+    EXPECT_EQ(body_of(report("id=id1&freq=99999999")), "Success\n");
+    EXPECT_EQ(interval("id1"), 604860) << "a week and the fudge";
+    (void)list("?dronly=1");
     EXPECT_EQ(list("?dronly=1"), "") << "a collector is no direct reporter";
     EXPECT_EQ(status_line(report("id=id1&dhc=1&list=id1:id2:id3:a")),
               "HTTP/1.1 403 Too many reports");
@@ -289,7 +352,9 @@ TEST_F(collector, ABlacklistLastsForItsCycles) {
     EXPECT_EQ(ping("a"), "Success\n");
     // The counter stays up, so what a report adds later goes with the next enumeration,
     EXPECT_EQ(ping("b"), "Success\n");
-    EXPECT_EQ(body_of(report("domain=d&id=x&dhc=1&list=a:a:c")), "Success\n");
+    const std::string long_id(64, 'l');  // could not be looked up
+    EXPECT_EQ(body_of(report("domain=d&id=x&dhc=1&list=a:a:c:" + long_id)), "Success\n");
+    EXPECT_EQ(qz_set_exists(find_domain(engine.ctx, "d")->blacklist, long_id.c_str()), 0);
     EXPECT_EQ(ping("a"), "Host blacklisted");
     EXPECT_EQ(list("?domain=d"), "b\n") << "what is blacklisted is no longer collected, nor is x";
     EXPECT_EQ(ping("a"), "Success\n");
@@ -370,9 +435,35 @@ TEST_F(domain_server, WhatWasNotReadIsNotRewritten) {
         EXPECT_EQ(count_of(list(), "\n"), 2U) << "the registry goes on in memory";
         EXPECT_FALSE(std::filesystem::is_regular_file(engine.root.path() / name));
     }
+    // So does a file that is none of ours.
+    const std::string hosts = "127.0.0.1 localhost\n::1 ip6-localhost\n";
+    reload(engine.root.write("hosts", hosts));
+    enrol("id1");
+    EXPECT_EQ(read_whole_file(engine.root.path() / "hosts"), hosts);
     reload(path);
     enrol("id1");
     EXPECT_EQ(count_of(file(), "\n"), 1U) << "a good load ends it";
+}
+
+TEST_F(domain_server, WhatSomebodyWroteIsToldAndSaved) {
+    testing::internal::CaptureStderr();
+    const std::string bad = "b.example:r:idb:Linux::x86:plx\n";
+    reload(engine.root.write(
+        "mine", "# ours\n\na:r:ida:o:1:x:plx\n" + bad + "c:r:idc:o:1:x:plx\r\nno host\n"));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("mine, lines 4 and 6: no host, skipped\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("mine, line 5: the carriage return"), std::string::npos) << log;
+    const std::filesystem::path mine = engine.root.path() / "mine";
+    EXPECT_FALSE(std::filesystem::exists(mine.string() + ".bak")) << "nothing is lost yet";
+    enrol("idd");
+    enrol("ide");
+    EXPECT_EQ(read_whole_file(mine.string() + ".bak"), bad + "no host\n");
+    EXPECT_EQ(count_of(read_whole_file(mine), "\n"), 4U);
+    // Comments alone are an empty domain.
+    reload(engine.root.write("comments", "# one\n\n"));
+    enrol("ida");
+    EXPECT_EQ(count_of(read_whole_file(engine.root.path() / "comments"), "\n"), 1U);
+    EXPECT_FALSE(std::filesystem::exists(engine.root.path() / "comments.bak"));
 }
 
 TEST_F(domain_server, AFailedWriteIsToldOnceAndMadeUpFor) {
