@@ -21,6 +21,8 @@ namespace {
 
 constexpr int port_max = 65535;
 constexpr int first_free_port = 1024;
+constexpr long smallest_buffer = 1024;
+constexpr long largest_buffer = 16777216;
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t';
@@ -87,7 +89,8 @@ void check_number(const settings& conf, const option_row& row, const std::string
         error(where, "%s is 0 or 1, not \"%s\"", row.keyword, value.c_str());
     } else if ((row.flags & option_number) != 0 && !good) {
         error(where, "%s is not a number: \"%s\"", row.keyword, value.c_str());
-    } else if ((row.flags & option_number) != 0 && (number < 1024 || number > 16 * 1024 * 1024)) {
+    } else if ((row.flags & option_number) != 0 &&
+               (number < smallest_buffer || number > largest_buffer)) {
         error(where, "%s is not between 1024 and 16777216: %ld", row.keyword, number);
     }
 }

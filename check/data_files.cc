@@ -306,7 +306,7 @@ void check_data_files(const settings& conf) {
 
 // The engine itself is driven through the hours to come, at most a year of them.
 void print_next_runs(const settings& conf, int count) {
-    constexpr std::time_t a_year = 366 * 24 * 3600;
+    constexpr std::time_t a_year = std::time_t{366} * 24 * 3600;
     scheduler_state* state = new_scheduler_state(print_run);
     const std::time_t start = std::time(nullptr);
     upcoming() = {.now = start, .wanted = count};

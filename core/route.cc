@@ -336,8 +336,9 @@ const error_handler* find_error_handler(conn* c, int status) {
 // reply has gone out.
 bool clear_reply(conn* c, int status, const char* reason, std::string_view why) {
     if (c->request.sent > 0) {
-        log_trouble(c->ctx, c, "reply broken off: %s%s%.*s", reason, why.empty() ? "" : ": ",
-                    static_cast<int>(why.size()), why.data());
+        const std::string told(why);  // an empty view may have no text at all
+        log_trouble(c->ctx, c, "reply broken off: %s%s%s", reason, told.empty() ? "" : ": ",
+                    told.c_str());
     } else {
         log_refusal(c, status, reason, why);
     }

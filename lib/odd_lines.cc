@@ -34,7 +34,7 @@ int append_durably(int fd, std::string_view lines) {
         error = errno;
     }
     if (error != 0) {
-        (void)::ftruncate(fd, before.st_size);
+        (void)!::ftruncate(fd, before.st_size);
     }
     return error;
 }

@@ -228,7 +228,7 @@ void hand_over_site(const std::string& data_dir) {
     for (const int directory : {users.get(), site.get()}) {
         if (directory >= 0) {
             hand_over_files(directory, owner);
-            (void)fchown(directory, owner.user, owner.group);  // else the next start tries again
+            (void)!fchown(directory, owner.user, owner.group);  // else the next start tries again
         }
     }
     const std::string path = data_dir + "/" + std::string(site_directory_name);

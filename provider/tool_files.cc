@@ -79,7 +79,7 @@ borrowed_ids::borrowed_ids(const std::vector<std::string>& paths) {
     const gid_t group = known != nullptr ? known->pw_gid : other->group;
     group_ = getegid();
     groups_.resize(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
-    (void)getgroups(static_cast<int>(groups_.size()), groups_.data());
+    (void)!getgroups(static_cast<int>(groups_.size()), groups_.data());
     if (setgroups(1, &group) != 0 || setegid(group) != 0 || seteuid(other->user) != 0) {
         (void)fail("cannot become user %u: %s", static_cast<unsigned>(other->user),
                    strerror(errno));
