@@ -1,0 +1,196 @@
+"""Attacks on logins and rights that once worked, and what an administrator changes meanwhile."""
+
+import contextlib
+import os
+import re
+import socket
+import threading
+import time
+from pathlib import Path
+
+import pytest
+
+from dovmad_harness import eventually
+from rights_support import (ROLES, add_user, basic, full_name, grant, make_role_folders,
+                            root_login)
+
+ALICE = "alice:wonder"
+
+
+@pytest.fixture(name="daemon")
+def make_guarded_daemon(make_daemon):
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+    add_user(daemon, "alice", "wonder")
+    return daemon
+
+
+def ask(daemon, login, source="127.0.0.1", path="/pub/f.txt"):
+    """The status of one request from a loopback address."""
+    with socket.create_connection(("127.0.0.1", daemon.port), 30, (source, 0)) as sock:
+        sock.sendall(f"GET {path} HTTP/1.1\r\nAuthorization: {basic(login)}\r\n\r\n".encode())
+        return int(sock.recv(100)[9:12])
+
+
+@contextlib.contextmanager
+def attack(daemon, source, logins, a_second):
+    """Tries logins from an address until the block ends; yields the list of their statuses."""
+    statuses, over = [], threading.Event()
+
+    def run():
+        for login in logins:
+            statuses.append(ask(daemon, login, source))
+            if over.wait(1 / a_second):
+                return
+    thread = threading.Thread(target=run)
+    thread.start()
+    yield statuses
+    over.set()
+    thread.join()
+
+
+def endless(make):
+    number = 0
+    while True:
+        number += 1
+        yield make(number)
+
+
+# --- Logins ---
+
+@pytest.mark.parametrize("source", ["127.0.0.1", "127.0.0.2"])
+def test_guesses_after_a_real_login_find_nothing(daemon, source):
+    assert ask(daemon, ALICE, source) == 200
+    words = [f"word{i}" for i in range(2500)] + ["wonder"]
+    assert {ask(daemon, f"alice:{word}", source) for word in words} == {401}
+    assert ask(daemon, ALICE, "127.0.0.9") == 200, "elsewhere she is welcome"
+
+
+def test_an_attack_on_root_keeps_nobody_else_out(daemon):
+    root = root_login(daemon)
+    with attack(daemon, "127.0.0.2", endless(lambda n: f"root:no{n}"), 50) as statuses:
+        assert eventually(lambda: len(statuses) > 20)
+        rounds = 0
+        deadline = time.monotonic() + 8
+        while time.monotonic() < deadline:
+            for source in ("127.0.0.3", "127.0.0.1"):
+                assert ask(daemon, root, source, "/admin/f.txt") == 200, (source, rounds)
+            rounds += 1
+            time.sleep(0.2)
+        assert rounds > 5
+    assert len(statuses) > 100 and set(statuses) == {401}
+    assert ask(daemon, root, "127.0.0.2") == 401, "from there nobody is listened to"
+
+
+def test_a_flood_of_unknown_names_keeps_nobody_out(daemon):
+    with contextlib.ExitStack() as stack:
+        for source in ("127.0.0.2", "127.0.0.3", "127.0.0.4"):
+            stack.enter_context(
+                attack(daemon, source, endless(lambda n: f"u{n}:no"), 10000))
+        for n in range(40):
+            assert ask(daemon, ALICE, f"127.0.1.{n + 1}") == 200
+            time.sleep(0.05)
+
+
+def test_users_who_logged_in_outlive_a_wrong_program_at_their_address(daemon):
+    assert ask(daemon, ALICE, "127.0.0.2") == 200
+    for n in range(40):
+        assert ask(daemon, f"agent:no{n}", "127.0.0.2") == 401
+    assert ask(daemon, ALICE, "127.0.0.2") == 200
+    assert ask(daemon, root_login(daemon), "127.0.0.2") == 401, "a stranger there"
+
+
+# --- Rights ---
+
+def test_who_is_taken_off_in_the_second_of_the_reading_is_out(daemon):
+    path = daemon.root / "operator" / ".dovmaaccess"
+    for _ in range(3):
+        path.write_text(f"{full_name(daemon, 'alice')}:user\n")
+        assert ask(daemon, ALICE, path="/operator/f.txt") == 200
+        path.write_text("")
+        assert ask(daemon, ALICE, path="/operator/f.txt") == 403
+
+
+def test_grants_through_links_into_the_state_last(make_daemon, tmp_path):
+    """The set-up of script/server and of the package: the root is nothing that the daemon writes."""
+    daemon = make_daemon(start=False, auth=True)
+    make_role_folders(daemon.root)
+    state = tmp_path / "rights"
+    state.mkdir()
+    for role in ROLES:
+        (daemon.root / role / ".dovmaaccess").symlink_to(state / role)
+    daemon.start()
+    add_user(daemon, "alice", "wonder")
+    alice = full_name(daemon, "alice")
+    for role in ("operator", "agent"):
+        grant(daemon, alice, role)
+        assert (state / role).read_text() == f"{alice}:user\n", "on the disk with the answer"
+        daemon.restart()
+        assert ask(daemon, ALICE, path=f"/{role}/f.txt") == 200
+        assert (daemon.root / role / ".dovmaaccess").is_symlink()
+    grant(daemon, alice, "admin")
+    daemon.stop(9)
+    daemon.start()
+    assert [(state / role).read_text() for role in ("operator", "agent", "admin")] == \
+        ["", "", f"{alice}:user\n"]
+    assert ask(daemon, ALICE, path="/admin/f.txt") == 200
+    assert daemon.error_log.read_text().count("granted") == 3
+
+
+@pytest.mark.parametrize("again", ["grant", "deny", "check"])
+def test_a_grant_that_could_not_be_stored_is_stored_later(make_daemon, again):
+    daemon = make_daemon(auth=True, slips=True)
+    path = daemon.root / "operator" / ".dovmaaccess"
+    grant(daemon, "bob", "operator")
+    assert not path.exists()
+    (line,) = [m for m in daemon.error_log.read_text().splitlines() if "Cannot replace" in m]
+    assert str(path) in line and line.endswith("No such file or directory")
+    path.parent.mkdir()
+    if again == "check":
+        daemon.request("GET", "/operator/x", user=root_login(daemon))
+    else:
+        body = "user=zoe&role=agent&type=user"
+        daemon.request("POST", f"/admin/security/{again}", body=body, user=root_login(daemon))
+    assert eventually(path.exists)
+    assert eventually(lambda: path.read_text() == "bob:user\n")
+    assert f"{path} is written again" in daemon.error_log.read_text()
+
+
+def test_lines_that_name_nobody_are_kept_beside_the_file(daemon):
+    path = daemon.root / "operator" / ".dovmaaccess"
+    path.write_text("# hand-made\nann:user\nwhat is this\n")
+    os.utime(path, (1e9, 1e9))
+    grant(daemon, "bob", "operator")
+    assert path.read_text() == "ann:user\nbob:user\n"
+    assert Path(f"{path}.bak").read_text() == "what is this\n"
+    assert f"{path}: no entry in line 3\n" in daemon.error_log.read_text()
+    assert daemon.request("GET", "/operator/.dovmaaccess.bak", user=root_login(daemon)).status == 404
+    path.write_text("what is this\n")
+    grant(daemon, "cy", "operator")
+    assert path.read_text() == "what is this\n"
+
+
+def test_access_files_stay_out_of_reach_through_aliases(make_daemon, tmp_path):
+    """The folder's own name would lead there; only an alias meets the file itself."""
+    daemon = make_daemon(start=False, auth=True,
+                         aliases=f"/world/keys={tmp_path}/d0/root/operator/.dovmaaccess")
+    make_role_folders(daemon.root)
+    path = daemon.root / "operator" / ".dovmaaccess"
+    path.write_text("ann:user\n")
+    daemon.start()
+    for method in ("GET", "PUT", "DELETE", "HEAD"):
+        for suffix in ("", ".bak", "/x"):
+            body = b"eve:user\n" if method == "PUT" else None
+            assert daemon.request(method, f"/world/keys{suffix}", body=body).status == 403
+    assert path.read_text() == "ann:user\n"
+
+
+def test_request_lines_forge_no_lines(daemon):
+    daemon.raw(b'PUT /world/\r[x] [error] [client 6.6.6.6] "GET / HTTP/1.1\r\n\r\n')
+    daemon.raw(b"PUT /world/\r\x85injected HTTP/1.1\r\n\r\n")
+    for log, start in ((daemon.error_log, b"["), (daemon.access_log, b"127.0.0.1 ")):
+        lines = log.read_bytes().splitlines(keepends=True)
+        assert len(lines) == 2
+        for line in lines:
+            assert line.startswith(start) and re.fullmatch(rb"[^\x00-\x1f\x7f\x85]*\n", line)
+            assert rb"/world/\x0d" in line
