@@ -28,8 +28,9 @@ struct file_state {
     bool unreadable = false;  // it exists and its hosts are unknown: never rewrite it
     bool unreadable_told = false;
     bool write_failed = false;
-    std::string dropped;        // its lines that are no hosts, which a rewrite leaves out
-    std::uint64_t written = 0;  // the generation of the content that was made last
+    std::string dropped;             // its lines that are no hosts, which a rewrite leaves out
+    std::uint64_t written = 0;       // the generation of the content that was made last
+    std::size_t expected_bytes = 0;  // of the next content
 };
 
 file_state& state() {
@@ -201,13 +202,9 @@ domain_text_report parse_domain_text(std::string_view text, qz_map* hosts) {
     return report;
 }
 
-std::string format_domain_text(const qz_map* hosts) {
-    std::size_t size = 0;
-    for (const qz_pair& pair : qz_each(hosts)) {
-        size += static_cast<const agent_host*>(pair.value)->lines.file().size();
-    }
+std::string format_domain_text(const qz_map* hosts, std::size_t expected) {
     std::string out;
-    out.reserve(size);
+    out.reserve(expected);
     for (const qz_pair& pair : qz_each(hosts)) {
         out.append(static_cast<const agent_host*>(pair.value)->lines.file());
     }
@@ -267,8 +264,11 @@ void sync_allow(const conn* c) {
         return;
     }
     const auto content = [ctx] {
-        state().written = domain_file_generation();
-        return format_domain_text(registry_hosts(ctx));
+        file_state& now = state();
+        now.written = domain_file_generation();
+        std::string text = format_domain_text(registry_hosts(ctx), now.expected_bytes);
+        now.expected_bytes = text.size() + text.size() / 16;
+        return text;
     };
     const auto written = [ctx, load = file.load](int error) { write_ended(ctx, load, error); };
     write_state({.path = path,

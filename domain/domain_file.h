@@ -28,8 +28,9 @@ struct domain_text_report {
 // about its fields, later ones add their namespace. A line over 1023 bytes counts as several.
 domain_text_report parse_domain_text(std::string_view text, qz_map* hosts);
 
-// The content of a domain file for these hosts, in the order of the map.
-[[nodiscard]] std::string format_domain_text(const qz_map* hosts);
+// The content of a domain file for these hosts, in the order of the map. `expected` bytes are
+// reserved for it.
+[[nodiscard]] std::string format_domain_text(const qz_map* hosts, std::size_t expected = 0);
 
 // A domain file that has been read into records of its own, on any thread.
 struct loaded_domain {

@@ -7,7 +7,8 @@ import re
 import kill_support
 
 KEPT = {f"keeper{i:03}" for i in range(300)}
-MOVING = [f"mover{i}" for i in range(12)]
+WRITERS = 32
+MOVING = [f"mover{i}" for i in range(4 * WRITERS)]
 LINE = re.compile(r"host-(\w+):[^:]*:(\w+):Linux:6\.1:x86_64:plx")
 
 
@@ -38,7 +39,7 @@ def kill_during_enrolments(make_daemon, folder, kills, seed):
         assert {host["hostid"] for host in hosts} == KEPT | held, "read back by the restart"
 
     return kill_support.kill_repeatedly(daemon, kills, seed, MOVING, change=change,
-                                        present=present, look=look)
+                                        present=present, look=look, writers=WRITERS)
 
 
 if __name__ == "__main__":

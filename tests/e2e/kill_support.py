@@ -1,6 +1,7 @@
 """Kills a daemon at random moments while it rewrites a file, and looks at what is left.
 
-Every answered change must be in the file, no line may be lost or cut. The tests do it with a few
+Every answered change must be in the file, no line may be lost or cut, and whoever reads the file
+while it is rewritten never misses what was answered before he looked. The tests do it with a few
 kills; for many, by hand:
 
     DOVMAD_BINARY=... DOVMAD_PROVIDER=... python3 tests/e2e/kill_rights.py [KILLS] [SEED]
@@ -12,6 +13,7 @@ import signal
 import sys
 import tempfile
 import threading
+import time
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -23,18 +25,25 @@ class Report:
     kills: int = 0
     rewrites: int = 0  # answered
     cut_short: int = 0  # changes that a kill left without an answer
+    looks: int = 0  # answered changes that a reader of the file looked for meanwhile
 
 
 class Writer(threading.Thread):
-    """Adds names and takes them away until the daemon is gone. `held` is what answers confirmed;
-    `pending` the name whose change was asked for and not answered."""
+    """Adds names of its own and takes them away until the daemon is gone. `held` is what answers
+    confirmed; `pending` the name whose change was asked for and not answered."""
 
-    def __init__(self, change, held, names, rng):
+    def __init__(self, change, held, names, seed):
         super().__init__(daemon=True)
-        self.change, self.held, self.names, self.rng = change, held, names, rng
+        self.change, self.held, self.names = change, held, names
+        self.rng = random.Random(seed)
         self.answered = 0
         self.pending = None
         self.refused = None
+
+    def certain(self):
+        """What the file must hold at this moment."""
+        held, pending = set(self.held), self.pending
+        return held - {pending}
 
     def run(self):
         while True:
@@ -66,26 +75,47 @@ def whole_lines(path):
     return lines
 
 
-def kill_repeatedly(daemon, kills, seed, names, *, change, present, look=lambda held: None):
+def follow(writers, present, seconds):
+    """Reads the file again and again; how often something that must be in it was asked for."""
+    looks, deadline = 0, time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        before = [writer.certain() for writer in writers]
+        found = present()
+        for writer, certain in zip(writers, before):
+            # A change that has begun meanwhile may show already.
+            missing = (certain & writer.certain()) - found
+            assert not missing, f"answered, and not in the file: {sorted(missing)}"
+            looks += len(certain)
+    return looks
+
+
+def kill_repeatedly(daemon, kills, seed, names, *, change, present, look=lambda held: None,
+                    writers=1):
     """`change(name, joins)` asks for one change and returns the reply; `present()` is what the file
     holds of `names`; `look(held)` checks a daemon that has just started."""
     rng = random.Random(seed)
-    report, held = Report(), set()
+    report, helds = Report(), [set() for _ in range(writers)]
     for _ in range(kills):
         daemon.start()
-        look(held)
-        writer = Writer(change, held, names, rng)
-        writer.start()
-        writer.join(rng.uniform(0, 0.1))
+        look(set().union(*helds))
+        team = [Writer(change, held, names[i::writers], rng.random())
+                for i, held in enumerate(helds)]
+        for writer in team:
+            writer.start()
+        report.looks += follow(team, present, rng.uniform(0, 0.1))
         daemon.stop(signal.SIGKILL)
-        writer.join(30)
-        assert not writer.is_alive() and writer.refused is None, writer.refused
+        found = None
+        for writer in team:
+            writer.join(30)
+            assert not writer.is_alive() and writer.refused is None, writer.refused
+            report.rewrites += writer.answered
+            found = present() if found is None else found
+            if writer.pending:
+                report.cut_short += 1
+                (writer.held.add if writer.pending in found else writer.held.discard)(
+                    writer.pending)
         report.kills += 1
-        report.rewrites += writer.answered
-        found = present()
-        if writer.pending:
-            report.cut_short += 1
-            (held.add if writer.pending in found else held.discard)(writer.pending)
+        held = set().union(*helds)
         assert found == held, f"answered: {sorted(held)}, in the file: {sorted(found)}"
     return report
 

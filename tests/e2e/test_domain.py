@@ -239,4 +239,4 @@ def test_a_full_disk_keeps_the_good_file(make_daemon, small_disk):
 
 def test_kills_lose_no_host(make_daemon, tmp_path):
     report = kill_during_enrolments(partial(make_daemon, start=False), tmp_path, kills=25, seed=20)
-    assert report.kills == 25 and report.rewrites > 0 and report.cut_short > 0
+    assert report.kills == 25 and min(report.rewrites, report.cut_short, report.looks) > 0, report
