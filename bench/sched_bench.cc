@@ -9,13 +9,14 @@
 #include <string>
 
 #include "sched/sched_engine.h"
+#include "sched/sched_file.h"
 
 namespace {
 
 constexpr std::time_t start = 1750068000;  // 10:00:00 UTC
 
-pid_t no_start(const schedule_entry* /*entry*/, const shttpd_ctx* /*ctx*/) {
-    return 1;
+child_start no_start(const schedule_entry* /*entry*/, const shttpd_ctx* /*ctx*/) {
+    return {.pid = 1};
 }
 
 // A file of entries that all run in this hour, half of them at minute 30 and half at minute 59.
@@ -60,7 +61,7 @@ void check_with_nothing_due(benchmark::State& bench) {
     const schedule_file file(bench.range(0));
     const state_ptr state = load(file);
     for ([[maybe_unused]] auto _ : bench) {
-        sched_check(state.get(), nullptr, start + 60);
+        (void)sched_check(state.get(), start + 60);
         benchmark::DoNotOptimize(calc_next_wakeup(state.get(), start + 60));
     }
 }
@@ -72,7 +73,7 @@ void plan_everything(benchmark::State& bench) {
     std::time_t now = start;
     for ([[maybe_unused]] auto _ : bench) {
         now -= 3600;
-        sched_check(state.get(), nullptr, now);
+        (void)sched_check(state.get(), now);
     }
     bench.SetItemsProcessed(bench.iterations() * bench.range(0));
 }
@@ -85,8 +86,17 @@ void read_file(benchmark::State& bench) {
     bench.SetItemsProcessed(bench.iterations() * bench.range(0));
 }
 
+void dump(benchmark::State& bench) {
+    const schedule_file file(bench.range(0));
+    const state_ptr state = load(file);
+    for ([[maybe_unused]] auto _ : bench) {
+        benchmark::DoNotOptimize(dump_schedules(state.get(), start).data());
+    }
+}
+
 BENCHMARK(check_with_nothing_due)->Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(plan_everything)->Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(dump)->Arg(10)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(read_file)->Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

@@ -5,14 +5,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "core/connection.h"
+#include "core/child.h"
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
@@ -44,65 +46,30 @@ const char* base_name(const char* path) {
     return slash != nullptr ? slash + 1 : path;
 }
 
-// --- The child side of spawn_process: what is needed is prepared before the fork ---
-
-struct child_plan {
-    const char* program;
-    const char* base;
-    const char* interpreter;  // null: the program runs itself
-    const char* directory;
-    char* const* envp;
-    int fd;
-    int error_fd;  // -1: standard error stays
-};
-
-// The error log has become standard error, so that is where the message belongs. Leaving through
-// exit() would flush copies of the daemon's own buffers.
-[[noreturn]] [[gnu::format(printf, 1, 2)]] void fail_child(const char* format, ...) {
+// To standard error and to the error log: somebody waits for the program's reply.
+[[gnu::format(printf, 2, 3)]] void log_start(const process_start& start, const char* format, ...) {
+    char message[2 * PATH_MAX + 64];
     va_list arguments;
     va_start(arguments, format);
-    (void)vdprintf(STDERR_FILENO, format, arguments);
+    (void)std::vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    _exit(EXIT_FAILURE);
+    elog(elog_info, start.client, "%s", message);
+    if (start.client == nullptr) {
+        log_always(start.ctx, nullptr, "%s", message);
+    }
 }
 
-[[noreturn]] void run_child(const child_plan& plan) {
-    reset_child_signals();
-    // Out of the way of the three descriptors that are about to be replaced.
-    const int fd = plan.fd > STDERR_FILENO ? plan.fd : fcntl(plan.fd, F_DUPFD, STDERR_FILENO + 1);
-    if (plan.error_fd >= 0) {
-        (void)dup2(plan.error_fd, STDERR_FILENO);
+void log_failed_child(const process_start& start, const child_start& child) {
+    const char* interpreter = start.ctx->cgi_interpreter.c_str();
+    if (child.failed == child_step::fork) {
+        log_start(start, "redirect: fork: %s", std::strerror(child.error));
+    } else if (child.failed == child_step::directory) {
+        log_start(start, "redirect: chdir(%s): %s", start.directory, std::strerror(child.error));
+    } else if (*interpreter != '\0') {
+        log_start(start, "redirect: exec(%s %s)", interpreter, start.program);
+    } else {
+        log_start(start, "redirect: exec(%s)", start.program);
     }
-    if (chdir(plan.directory) != 0) {
-        fail_child("redirect: chdir(%s): %s\n", plan.directory, std::strerror(errno));
-    }
-    (void)dup2(fd, STDIN_FILENO);
-    (void)dup2(fd, STDOUT_FILENO);
-    // Libraries of the daemon may have opened descriptors without close-on-exec.
-    close_descriptors_from(STDERR_FILENO + 1);
-    if (plan.interpreter != nullptr) {
-        char* const arguments[] = {const_cast<char*>(plan.interpreter),
-                                   const_cast<char*>(plan.base), nullptr};
-        (void)execve(plan.interpreter, arguments, plan.envp);
-        fail_child("redirect: exec(%s %s)\n", plan.interpreter, plan.program);
-    }
-    char* const arguments[] = {const_cast<char*>(plan.base), nullptr};
-    (void)execve(plan.base, arguments, plan.envp);
-    fail_child("redirect: exec(%s)\n", plan.program);
-}
-
-child_plan plan_child(const conn* c, const char* program, char* const* envp, int fd,
-                      const char* directory) {
-    const shttpd_ctx* ctx = c->ctx;
-    const bool interpreted = ctx != nullptr && !ctx->cgi_interpreter.empty();
-    const bool logged = ctx != nullptr && ctx->error_log != nullptr;
-    return {.program = program,
-            .base = base_name(program),
-            .interpreter = interpreted ? ctx->cgi_interpreter.c_str() : nullptr,
-            .directory = directory,
-            .envp = envp,
-            .fd = fd,
-            .error_fd = logged ? fileno(ctx->error_log) : -1};
 }
 
 }  // namespace
@@ -157,23 +124,31 @@ void signal_handler(int signal_number) {
     }
 }
 
-int spawn_process(conn* c, const char* program, const void* /*ignored*/, char* const* envp, int fd,
-                  const char* directory, process_record* record) {
-    const child_plan plan = plan_child(c, program, envp, fd, directory);
-    // Everything is laid out before: the child only makes system calls on its way to the program,
-    // so it may borrow the daemon's memory instead of copying its page tables.
-    const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
-    if (child < 0) {
-        elog(elog_info, c, "redirect: fork: %s", std::strerror(errno));
+int spawn_process(const process_start& start) {
+    const shttpd_ctx* ctx = start.ctx;
+    const char* base = base_name(start.program);
+    const bool interpreted = !ctx->cgi_interpreter.empty();
+    const char* program = interpreted ? ctx->cgi_interpreter.c_str() : base;
+    const std::array<char*, 3> arguments = {
+        const_cast<char*>(program), interpreted ? const_cast<char*>(base) : nullptr, nullptr};
+    const child_start child =
+        start_child({.program = program,
+                     .arguments = arguments.data(),
+                     .environment = start.environment,
+                     .directory = start.directory,
+                     .input = start.fd,
+                     .output = start.fd,
+                     .error = ctx->error_log != nullptr ? fileno(ctx->error_log) : STDERR_FILENO});
+    if (child.failed != child_step::none) {
+        log_failed_child(start, child);
+    }
+    if (child.pid < 0) {
         return -1;
     }
-    if (child == 0) {
-        run_child(plan);  // NOLINT(clang-analyzer-unix.Vfork)
-    }
-    (void)close(fd);
-    if (record != nullptr) {
-        record->pid = child;
-        (void)my_strlcpy(record->name, plan.base, sizeof record->name);
+    (void)close(start.fd);
+    if (start.record != nullptr) {
+        start.record->pid = child.pid;
+        (void)my_strlcpy(start.record->name, base, sizeof start.record->name);
     }
     return 0;
 }
@@ -195,30 +170,6 @@ long stop_process(const process_record* record) {
         }
         const timespec pause = {.tv_sec = 0, .tv_nsec = stop_poll_ns};
         (void)nanosleep(&pause, nullptr);
-    }
-}
-
-void reset_child_signals() {
-    struct sigaction action {};
-    sigemptyset(&action.sa_mask);
-    action.sa_handler = SIG_DFL;
-    for (const int number :
-         {SIGPIPE, SIGXFSZ, SIGTERM, SIGINT, SIGCHLD, SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU}) {
-        (void)sigaction(number, &action, nullptr);
-    }
-    // The mask is inherited over exec as well; a program must not start with signals blocked.
-    sigset_t none;
-    sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-void close_descriptors_from(int lowest) {
-    // The limit may be a billion, so a loop over all possible descriptors can take minutes.
-    if (close_range(static_cast<unsigned>(lowest), ~0U, 0) == 0) {
-        return;
-    }
-    for (int fd = getdtablesize() - 1; fd >= lowest; --fd) {
-        (void)close(fd);
     }
 }
 

@@ -25,23 +25,26 @@ void daemon_signal_handler(int signal_number);
 // The daemon's handler: reaps children on SIGCHLD, else stores the number in exit_flag.
 void signal_handler(int signal_number);
 
-// Starts `program` in `directory` with the environment `envp` and with `fd` as its standard input
-// and output; with the option cgi_interpreter set, the interpreter runs it. The error log becomes
-// its standard error; every other descriptor above 2 is closed and signal dispositions are reset.
-// Returns 0 (the parent's `fd` is closed, `record`, when given, is filled) or -1 (fork failed;
-// `fd` stays open). `c` needs only its context. `ignored` takes no part.
-int spawn_process(conn* c, const char* program, const void* ignored, char* const* envp, int fd,
-                  const char* directory, process_record* record);
+// What a program of a client or of the daemon is started with.
+struct process_start {
+    const shttpd_ctx* ctx = nullptr;     // cgi_interpreter, error_log
+    const char* program = nullptr;       // a path, of which the base name is executed
+    char* const* environment = nullptr;  // ends in null
+    int fd = -1;                         // becomes standard input and output
+    const char* directory = nullptr;     // where the program is started, and found
+    const conn* client = nullptr;        // whose request it answers: for the log
+    process_record* record = nullptr;    // may be null
+};
+
+// Starts a program; with the option cgi_interpreter set, the interpreter runs it. The error log
+// becomes its standard error; every other descriptor above 2 is closed and signal dispositions are
+// reset. Returns 0 (the parent's `fd` is closed, the record is filled) or -1 (there is no process;
+// `fd` stays open). A program that can't be executed is told in the log, and has ended with 1.
+int spawn_process(const process_start& start);
 
 // Waits up to 2 seconds for a child to end by itself, then kills it. Returns the result of the
 // waitpid that saw it end; the current time when there is no child (null record, pid below 1).
 long stop_process(const process_record* record);
-
-// Child side of every fork: signal dispositions and mask back to their defaults.
-void reset_child_signals();
-
-// Closes every descriptor from `lowest` upwards, quickly whatever the limit is. Async-signal-safe.
-void close_descriptors_from(int lowest);
 
 // 0, or -1 with errno set.
 int set_non_blocking_mode(int fd);

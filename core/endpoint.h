@@ -28,10 +28,10 @@ enum class endpoint_method {
 enum class endpoint_body { ignored, awaited, awaited_with_post, awaited_with_get };
 
 struct endpoint {
-    const char* uri;
-    endpoint_method method;
-    endpoint_body body;
-    void (*answer)(shttpd_call_arg* arg);
+    const char* uri = nullptr;
+    endpoint_method method = endpoint_method::any;
+    endpoint_body body = endpoint_body::ignored;
+    void (*answer)(shttpd_call_arg* arg) = nullptr;
     // Null, or what is judged before the method: false when it has refused the request itself.
     bool (*admit)(shttpd_call_arg* arg) = nullptr;
 };
@@ -73,9 +73,6 @@ void answer_pieces(shttpd_call_arg* arg, std::unique_ptr<endpoint_pieces> pieces
 // What an endpoint keeps between its calls. The driver frees it after the reply, and also when the
 // client has gone: the destructor withdraws it from whatever would have called visit_soon().
 struct endpoint_wait {
-    endpoint_wait() = default;
-    endpoint_wait(const endpoint_wait&) = delete;
-    endpoint_wait& operator=(const endpoint_wait&) = delete;
     virtual ~endpoint_wait() = default;
 };
 

@@ -294,10 +294,11 @@ int wait_time(int timeout_ms) {
 
 void run_scheduler(shttpd_ctx* ctx) {
     const bool overdue = monotonic_seconds - loop.last_sched_check >= check_interval_max_s;
-    if (--loop.sched_counter < 0 || overdue) {
+    if (--loop.sched_counter < 0 || overdue || sched_is_behind()) {
         loop.last_sched_check = monotonic_seconds;
         loop.sched_counter = passes_between_checks;
         (void)sched_check_run(ctx);
+        loop.wake = loop.wake || sched_is_behind();
     }
 }
 

@@ -33,8 +33,8 @@ void check_next(const schedule_entry* entry, std::time_t asked) {
             entry->month_mask[local.tm_mon] == '1');
 }
 
-pid_t no_start(const schedule_entry* /*entry*/, const shttpd_ctx* /*ctx*/) {
-    return -1;
+child_start no_start(const schedule_entry* /*entry*/, const shttpd_ctx* /*ctx*/) {
+    return {.pid = -1, .failed = child_step::fork, .error = 11};
 }
 
 }  // namespace
@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (std::time_t now = first; now < first + 86400; now += 1799) {
             (void)calc_next_wakeup(state, now);
             check_next(entry, state->floor - 3600);
-            sched_check(state, nullptr, now);
+            (void)sched_check(state, now);
         }
         (void)dump_schedules(state, first);
     } else {

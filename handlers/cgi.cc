@@ -368,8 +368,12 @@ int run_cgi(conn* c, const char* prog) {
     }
     unique_fd ours(sp[0]);
     unique_fd theirs(sp[1]);
-    if (spawn_process(c, prog, nullptr, block.pointers, theirs.get(), directory.c_str(), nullptr) !=
-        0) {
+    if (spawn_process({.ctx = c->ctx,
+                       .program = prog,
+                       .environment = block.pointers,
+                       .fd = theirs.get(),
+                       .directory = directory.c_str(),
+                       .client = c}) != 0) {
         return -1;
     }
     (void)theirs.release();  // closed by spawn_process

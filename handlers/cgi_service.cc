@@ -179,8 +179,12 @@ int run_cgi_as_service(shttpd_ctx* ctx, const char* upper_name, const char* lowe
     unique_fd ours(sp[0]);
     unique_fd theirs(sp[1]);
     process_record process;
-    if (spawn_process(&service, program.c_str(), nullptr, block.pointers, theirs.get(),
-                      directory.c_str(), &process) != 0) {
+    if (spawn_process({.ctx = ctx,
+                       .program = program.c_str(),
+                       .environment = block.pointers,
+                       .fd = theirs.get(),
+                       .directory = directory.c_str(),
+                       .record = &process}) != 0) {
         return -1;
     }
     (void)theirs.release();  // closed by spawn_process

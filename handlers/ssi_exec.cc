@@ -3,25 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
+#include "core/child.h"
 #include "core/compat_unix.h"
-
-namespace {
-
-// Between fork and exec: system calls only.
-[[noreturn]] void run_child(int output, const char* command) {
-    reset_child_signals();
-    const int input = open("/dev/null", O_RDONLY);
-    if (dup2(output, STDOUT_FILENO) < 0 || input < 0 || dup2(input, STDIN_FILENO) < 0) {
-        _exit(1);
-    }
-    close_descriptors_from(STDERR_FILENO + 1);
-    (void)execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
-    _exit(1);
-}
-
-}  // namespace
 
 unique_fd start_shell_command(const char* command) {
     int ends[2];
@@ -34,9 +20,15 @@ unique_fd start_shell_command(const char* command) {
     if (set_non_blocking_mode(output.get()) != 0) {
         return unique_fd();
     }
-    const pid_t pid = fork();
-    if (pid == 0) {
-        run_child(input.get(), command);
+    const std::array<const char*, 4> arguments = {"sh", "-c", command, nullptr};
+    const child_start child = start_child({.program = "/bin/sh",
+                                           .arguments = const_cast<char**>(arguments.data()),
+                                           .environment = environ,
+                                           .output = input.get(),
+                                           .error = STDERR_FILENO});
+    if (child.pid < 0) {
+        errno = child.error;
+        return unique_fd();
     }
-    return pid < 0 ? unique_fd() : std::move(output);
+    return output;
 }

@@ -1,15 +1,20 @@
 #include "sched/sched.h"
 
 #include <array>
+#include <chrono>
 #include <ctime>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/endpoint.h"
+#include "core/log.h"
 #include "core/shttpd.h"
 #include "sched/sched_command.h"
 #include "sched/sched_engine.h"
+#include "sched/sched_file.h"
 
 namespace {
 
@@ -22,17 +27,50 @@ const char* schedule_path(const shttpd_ctx* ctx) {
     return ctx->scheduler_file.empty() ? nullptr : ctx->scheduler_file.c_str();
 }
 
+std::int64_t clock_us() {
+    const auto since_boot = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(since_boot).count();
+}
+
+// Without an error log the line goes to standard error.
+void log_to_file(const shttpd_ctx* ctx, const char* line) {
+    if (ctx->error_log != nullptr) {
+        log_always(ctx, nullptr, "%s", line);
+    } else {
+        elog(elog_info, nullptr, "%s", line);
+    }
+}
+
+// --- Endpoints ---
+
+struct rescan_wait : endpoint_wait {
+    explicit rescan_wait(std::string id, const char* path)
+        : rescan(scheduler, std::move(id), path, std::time(nullptr)) {}
+
+    schedule_rescan rescan;
+};
+
 // Reads the schedule file again: the entry of the query's "id", or everything. Any method will do.
 // Kept: a body is waited for and not read, so an id in it counts as none.
 void uri_sched_rescan(shttpd_call_arg* arg) {
-    const std::string id = get_variable(query_text(arg), "id", id_bytes);
-    rescan_schedules(scheduler, id, schedule_path(arg->connection->ctx), std::time(nullptr));
-    show_success(arg);
+    std::unique_ptr<rescan_wait> begun;
+    auto* wait = waiting_for<rescan_wait>(arg);
+    if (wait == nullptr) {
+        begun = std::make_unique<rescan_wait>(get_variable(query_text(arg), "id", id_bytes),
+                                              schedule_path(arg->connection->ctx));
+        wait = begun.get();
+    }
+    if (wait->rescan.go_on(std::time(nullptr))) {
+        show_success(arg);
+        return;
+    }
+    not_yet(arg, std::move(begun));
+    visit_soon(arg->connection);
 }
 
 void uri_sched_dump(shttpd_call_arg* arg) {
-    answer_text(arg, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" +
-                         dump_schedules(scheduler, std::time(nullptr)));
+    answer_text(arg, dump_schedules(scheduler, std::time(nullptr),
+                                    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n"));
 }
 
 constexpr std::array<endpoint, 2> endpoints = {{
@@ -44,8 +82,10 @@ constexpr std::array<endpoint, 2> endpoints = {{
 
 void scheduler_init(shttpd_ctx* ctx) {
     sched_fini();
-    remember_groups();
     scheduler = new_scheduler_state(spawn_command);
+    scheduler->ctx = ctx;
+    scheduler->log = log_to_file;
+    scheduler->clock_us = clock_us;
     const std::time_t now = std::time(nullptr);
     read_schedules(scheduler, nullptr, schedule_path(ctx), now);
     scheduler->floor = now;  // reached: the hour of `now` is planned by the next line
@@ -53,13 +93,20 @@ void scheduler_init(shttpd_ctx* ctx) {
     register_endpoints(ctx, endpoints);
 }
 
-int sched_check_run(shttpd_ctx* ctx) {
+int sched_check_run(shttpd_ctx* /*ctx*/) {
     if (scheduler == nullptr) {
         return 0;
     }
-    sched_check(scheduler, ctx, std::time(nullptr));
+    tzset();  // the zone may have been changed: the C library asks for it here alone
+    if (!sched_check(scheduler, std::time(nullptr))) {
+        return 0;
+    }
     const std::time_t now = std::time(nullptr);  // starting commands takes time
-    return static_cast<int>(calc_next_wakeup(scheduler, now) - now);
+    return static_cast<int>(next_wakeup(scheduler) - now);
+}
+
+bool sched_is_behind() {
+    return scheduler != nullptr && scheduler->check_time != 0;
 }
 
 void sched_fini() {

@@ -1,19 +1,10 @@
 #include "sched/sched_command.h"
 
-#include <fcntl.h>
-#include <grp.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "core/cgi_env.h"
-#include "core/compat_unix.h"
 #include "core/context.h"
-#include "core/log.h"
 #include "core/string.h"
 
 namespace {
@@ -21,16 +12,6 @@ namespace {
 constexpr std::string_view shell_prefix = "/bin/sh -c";
 constexpr std::string_view install_root_item = "PLX_INSTALL_ROOT=";
 constexpr std::size_t max_words = 1023;  // the program's path among them
-constexpr mode_t command_umask = 027;
-
-// The groups that the process had when the scheduler came up: commands get these, whatever happens
-// to the process's own later.
-struct group_list {
-    std::vector<gid_t> ids;
-    bool known = false;
-};
-
-group_list start_groups;
 
 // The value of PLX_INSTALL_ROOT in the option cgi_envvar; empty when it names none.
 std::string_view install_root(const shttpd_ctx* ctx) {
@@ -59,24 +40,6 @@ void build_environment(const shttpd_ctx* ctx, env_block* block) {
     addenv(block, "LC_TIME=%s", "C");
 }
 
-// The child's side. Between fork and exec only async-signal-safe calls are allowed, so everything
-// is built before.
-[[noreturn]] void run_child(char* const* arguments, char* const* environment) {
-    (void)setsid();
-    close_descriptors_from(0);
-    if (open("/dev/null", O_RDWR) == 0) {  // the lowest number: everything has been closed
-        (void)!dup(0);
-        (void)!dup(0);
-    }
-    (void)umask(command_umask);
-    if (start_groups.known) {
-        (void)setgroups(start_groups.ids.size(), start_groups.ids.data());  // needs privileges
-    }
-    reset_child_signals();
-    (void)execve(arguments[0], arguments, environment);
-    _exit(1);
-}
-
 }  // namespace
 
 std::vector<std::string> split_command(std::string_view command) {
@@ -94,16 +57,7 @@ std::vector<std::string> split_command(std::string_view command) {
     return words;
 }
 
-void remember_groups() {
-    const int count = getgroups(0, nullptr);
-    if (count < 0) {
-        return;
-    }
-    start_groups.ids.resize(static_cast<std::size_t>(count));
-    start_groups.known = getgroups(count, start_groups.ids.data()) == count;
-}
-
-pid_t spawn_command(const schedule_entry* entry, const shttpd_ctx* ctx) {
+child_start spawn_command(const schedule_entry* entry, const shttpd_ctx* ctx) {
     // No record is kept of the child: the daemon's handler of SIGCHLD reaps it, whatever its
     // status.
     std::vector<std::string> words = split_command(entry->command);
@@ -113,13 +67,8 @@ pid_t spawn_command(const schedule_entry* entry, const shttpd_ctx* ctx) {
     arguments.push_back(nullptr);
     env_block environment;
     build_environment(ctx, &environment);
-
-    const pid_t pid = fork();
-    if (pid == 0) {
-        run_child(arguments.data(), environment.pointers);
-    }
-    if (pid < 0) {
-        elog(elog_info, nullptr, "sched: fork: %s", std::strerror(errno));
-    }
-    return pid;
+    return start_child({.program = arguments[0],
+                        .arguments = arguments.data(),
+                        .environment = environment.pointers,
+                        .detached = true});
 }

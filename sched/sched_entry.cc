@@ -97,8 +97,8 @@ int parse_range(std::string_view* text, const field_row& field, char* mask) {
     return 0;
 }
 
-// "N - x x x": every N minutes. "- - x x x", and "0 - x x x" too: never by time. False: the line is
-// dropped.
+// "N - x x x": every N minutes. "- - x x x", and "0 - x x x" too: never by time. False: the minute
+// is bad.
 bool parse_interval(std::string_view minute, schedule_entry* entry) {
     if (minute == "-") {
         return true;
@@ -107,15 +107,15 @@ bool parse_interval(std::string_view minute, schedule_entry* entry) {
 }
 
 // Parses into masks that have room for the highest value, and then moves months to position 0 and
-// the Sunday that is written as 7 to that of 0. False: the line is dropped.
-bool parse_masks(const std::array<std::string_view, 5>& texts, schedule_entry* entry) {
+// the Sunday that is written as 7 to that of 0. The name of the field that is bad, null when none.
+const char* parse_masks(const std::array<std::string_view, 5>& texts, schedule_entry* entry) {
     std::array<field_mask, 5> masks = {field_mask(59), field_mask(23), field_mask(31),
                                        field_mask(12), field_mask(7)};
     for (std::size_t i = 0; i < fields.size(); ++i) {
         const field_row& field = fields[i];
         if (parse_sched_item(field.name, field.names, texts[i], field.low, field.high,
                              masks[i].at.data()) != 0) {
-            return false;
+            return field.name;
         }
     }
     std::array<char, 64>& weekday = masks[weekday_field].at;
@@ -127,7 +127,7 @@ bool parse_masks(const std::array<std::string_view, 5>& texts, schedule_entry* e
     std::copy_n(masks[day_field].at.begin(), 32, entry->day_mask);
     std::copy_n(masks[month_field].at.begin() + 1, 12, entry->month_mask);
     std::copy_n(weekday.begin(), 7, entry->weekday_mask);
-    return true;
+    return nullptr;
 }
 
 // The interval form has masks that match nothing.
@@ -139,9 +139,22 @@ void clear_masks(schedule_entry* entry) {
     std::fill_n(entry->weekday_mask, 7, '0');
 }
 
+// The first field that a line without a command does not have.
+std::string missing_field(std::string_view flags, const std::array<std::string_view, 5>& texts) {
+    if (flags.empty()) {
+        return "no flags";
+    }
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        if (texts[i].empty()) {
+            return std::string("no ") + fields[i].name;
+        }
+    }
+    return "no command";
+}
+
 }  // namespace
 
-schedule_entry* parse_schedule_line(std::string_view line) {
+schedule_entry* parse_schedule_line(std::string_view line, schedule_fault* fault) {
     const std::string_view id = next_field(&line);
     const std::string_view flags = next_field(&line);
     std::array<std::string_view, 5> texts;
@@ -149,17 +162,33 @@ schedule_entry* parse_schedule_line(std::string_view line) {
         text = next_field(&line);
     }
     const std::string_view command = without_leading_blanks(line);
-    if (command.empty() || id.front() == '#' || flags.find("pause") != std::string_view::npos) {
-        return nullptr;  // a line with a command has every field before it
+    schedule_fault ignored;
+    schedule_fault& why = fault != nullptr ? *fault : ignored;
+    why = {.id = id, .text = {}};
+    const bool blank = id.find_first_not_of("\t\r") == std::string_view::npos;
+    if (blank || id.front() == '#' || flags.find("pause") != std::string_view::npos) {
+        return nullptr;
+    }
+    if (command.empty()) {
+        why.text = missing_field(flags, texts);
+        return nullptr;
     }
     auto entry = std::make_unique<schedule_entry>();
     entry->id = id;
     entry->command = command;
     entry->kickoff = flags.find("kickoff") != std::string_view::npos ? 1 : 0;
     clear_masks(entry.get());
-    const bool good = texts[hour_field] == "-" ? parse_interval(texts[minute_field], entry.get())
-                                               : parse_masks(texts, entry.get());
-    return good ? entry.release() : nullptr;
+    const char* bad = nullptr;
+    if (texts[hour_field] != "-") {
+        bad = parse_masks(texts, entry.get());
+    } else if (!parse_interval(texts[minute_field], entry.get())) {
+        bad = fields[minute_field].name;
+    }
+    if (bad != nullptr) {
+        why.text = std::string("bad ") + bad;
+        return nullptr;
+    }
+    return entry.release();
 }
 
 void sched_free(schedule_entry* entry) {

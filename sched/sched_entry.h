@@ -1,7 +1,7 @@
 // Schedule entries: one line of the schedule file, its time fields as match masks.
 //
 // A line has the fields id, flags, minute, hour, day of month, month and day of week, separated by
-// spaces, then the command. Bad lines are dropped without a word; the dump shows what was loaded.
+// spaces, then the command.
 // A mask is a terminated text of '0' and '1', one character for each value of its field.
 #pragma once
 
@@ -34,9 +34,17 @@ struct schedule_entry {
 inline constexpr std::string_view every_day_of_month = "01111111111111111111111111111111";
 inline constexpr std::string_view every_day_of_week = "1111111";
 
+// Why a line gave no entry: "bad minute", "no command". Empty for what is no entry on purpose:
+// empty lines, comments and paused ones.
+struct schedule_fault {
+    std::string_view id;  // of the line's text
+    std::string text;
+};
+
 // Builds an entry from one line without its newline. Null: a comment, a paused line, or a line with
-// a missing or bad field. Free the entry with sched_free.
-[[nodiscard]] schedule_entry* parse_schedule_line(std::string_view line);
+// a missing or bad field, which `fault`, when given, then tells. Free the entry with sched_free.
+[[nodiscard]] schedule_entry* parse_schedule_line(std::string_view line,
+                                                  schedule_fault* fault = nullptr);
 
 // Null is ignored.
 void sched_free(schedule_entry* entry);

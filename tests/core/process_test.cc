@@ -13,10 +13,12 @@
 #include <cstring>
 #include <ctime>
 #include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "core/cgi_env.h"
+#include "core/child.h"
 #include "core/compat_unix.h"
 #include "core/connection.h"
 #include "core/context.h"
@@ -49,7 +51,6 @@ struct child_io {
 class Children : public testing::Test {
   protected:
     Children() {
-        c_.ctx = &ctx_;
         ctx_.error_log = std::fopen(error_path_.c_str(), "ae");
     }
     ~Children() override { std::fclose(ctx_.error_log); }
@@ -57,10 +58,15 @@ class Children : public testing::Test {
     // Runs a program to its end and returns what it wrote.
     std::string run(const std::string& program, process_record* record, std::string folder = "") {
         const child_io io;
+        folder = folder.empty() ? folder_.path().string() : folder;
         char variable[] = "COLOUR=blue";
         char* environment[] = {variable, nullptr};
-        EXPECT_EQ(spawn_process(&c_, program.c_str(), nullptr, environment, io.theirs,
-                                folder.empty() ? folder_.path().c_str() : folder.c_str(), record),
+        EXPECT_EQ(spawn_process({.ctx = &ctx_,
+                                 .program = program.c_str(),
+                                 .environment = environment,
+                                 .fd = io.theirs,
+                                 .directory = folder.c_str(),
+                                 .record = record}),
                   0);
         EXPECT_EQ(fcntl(io.theirs, F_GETFD), -1) << "the parent's end stays open";
         std::string output = io.read_all();
@@ -68,10 +74,14 @@ class Children : public testing::Test {
         return output;
     }
 
+    // The error log's messages, without the prefixes.
+    std::string logged() {
+        return std::regex_replace(read_whole_file(error_path_), std::regex("\\[.*\\] \"-\" "), "");
+    }
+
     temporary_folder folder_;
     std::filesystem::path error_path_ = folder_.write("error.log", "");
     shttpd_ctx ctx_;
-    conn c_;
     int status_ = -1;
 };
 
@@ -106,8 +116,7 @@ TEST_F(Children, AreRunByTheInterpreterWhenOneIsSet) {
     EXPECT_EQ(run(folder_.path() / "some.script", &record), "some.script\n");
     ctx_.cgi_interpreter = "/no/such/interpreter";
     EXPECT_EQ(run("/x/some.script", &record), "");
-    EXPECT_EQ(read_whole_file(error_path_),
-              "redirect: exec(/no/such/interpreter /x/some.script)\n");
+    EXPECT_EQ(logged(), "redirect: exec(/no/such/interpreter /x/some.script)\n");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
 }
 
@@ -120,10 +129,8 @@ TEST_F(Children, ThatCannotStartSaySoInTheErrorLog) {
     EXPECT_EQ(run("plain", &record, "/no/such/folder"), "");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
     EXPECT_STREQ(record.name, "plain");
-    EXPECT_EQ(read_whole_file(error_path_),
-              "redirect: exec(/x/" + long_name +
-                  ")\n"
-                  "redirect: chdir(/no/such/folder): No such file or directory\n");
+    EXPECT_EQ(logged(), "redirect: exec(/x/" + long_name +
+                            ")\nredirect: chdir(/no/such/folder): No such file or directory\n");
 }
 
 TEST(StopProcess, KillsOnlyWhatDoesNotEndByItself) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "core/context.h"
@@ -33,10 +34,11 @@ int run(const std::string& command) {
     const shttpd_ctx ctx;
     schedule_entry entry;
     entry.command = command;
-    const pid_t pid = spawn_command(&entry, &ctx);
+    const child_start child = spawn_command(&entry, &ctx);
     int status = -1;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    return WEXITSTATUS(status);
+    EXPECT_EQ(waitpid(child.pid, &status, 0), child.pid);
+    EXPECT_EQ(child.failed == child_step::execute, child.error == ENOENT);
+    return child.error != 0 ? -WEXITSTATUS(status) : WEXITSTATUS(status);
 }
 
 TEST(Command, WithoutInstallRootOrProgram) {
@@ -50,7 +52,7 @@ TEST(Command, WithoutInstallRootOrProgram) {
     for (const char* name : {"PLX_INSTALL_ROOT", "PERL5LIB", "PATH="}) {
         EXPECT_EQ(environment.find(name), std::string::npos) << environment;
     }
-    EXPECT_EQ(run("true"), 1) << "no search along PATH";
+    EXPECT_EQ(run("true"), -1) << "no search along PATH";
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -12,9 +14,11 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lib/rbtree.h"
+#include "sched/sched_file.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
@@ -22,11 +26,28 @@ namespace {
 constexpr std::time_t half_past_ten = 1750069800;  // 2025-06-16 10:30:00 UTC, a Monday
 constexpr const char* berlin = "CET-1CEST,M3.5.0,M10.5.0/3";
 
-std::vector<std::string> started;  // the ids, since somebody has cleared it
+using texts = std::vector<std::string>;
 
-pid_t record_start(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
+texts started;  // the ids, since somebody has cleared it
+texts logged;
+
+child_start record_start(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
     started.push_back(entry->id);
-    return 1;
+    if (entry->command.starts_with("/none")) {
+        return {.pid = 1, .failed = child_step::execute, .error = ENOENT};
+    }
+    return {.pid = 1};
+}
+
+void record_line(const shttpd_ctx* /*ctx*/, const char* line) {
+    logged.emplace_back(line);
+}
+
+// A clock that goes on by two milliseconds whenever it is looked at: seven looks and a share is
+// used up.
+std::int64_t hasty_clock() {
+    static std::int64_t now = 0;
+    return now += 2000;
 }
 
 void use_zone(const char* rule) {
@@ -34,7 +55,6 @@ void use_zone(const char* rule) {
     tzset();
 }
 
-using texts = std::vector<std::string>;
 using state_ptr = std::unique_ptr<scheduler_state, void (*)(scheduler_state*)>;
 
 // A scheduler that is driven by hand.
@@ -43,19 +63,23 @@ class driven_scheduler {
     driven_scheduler(const std::string& lines, std::time_t at)
         : state_(new_scheduler_state(record_start), delete_scheduler_state) {
         edit(lines);
+        logged.clear();
+        state_->log = record_line;
         read_schedules(state_.get(), nullptr, path_.c_str(), at);
         state_->floor = at;
         (void)calc_next_wakeup(state_.get(), at);
     }
 
+    [[nodiscard]] const std::string& path() const { return path_; }
     void edit(const std::string& lines) { path_ = folder_.write("jobs", lines); }
     void rescan(const std::string& id, std::time_t at) {
-        rescan_schedules(state_.get(), id, path_.c_str(), at);
+        schedule_rescan rescan(state_.get(), id, path_.c_str(), at);
+        EXPECT_TRUE(rescan.go_on(at));
     }
     // One periodic check; the ids that it started.
     texts check(std::time_t at) {
         started.clear();
-        sched_check(state_.get(), nullptr, at);
+        EXPECT_TRUE(sched_check(state_.get(), at));
         EXPECT_LE(calc_next_wakeup(state_.get(), at), at + 3600);
         return started;
     }
@@ -64,6 +88,15 @@ class driven_scheduler {
         return entry != nullptr ? entry->next : -1;
     }
     [[nodiscard]] scheduler_state* state() const { return state_.get(); }
+    // The lines logged since the last call, without the file's path.
+    texts lines() {
+        for (std::string& line : logged) {
+            if (const std::size_t at = line.find(path_); at != std::string::npos) {
+                line.replace(at, path_.size(), "F");
+            }
+        }
+        return std::exchange(logged, {});
+    }
 
   private:
     temporary_folder folder_;
@@ -309,10 +342,142 @@ TEST_F(scheduler_engine, LongLinesComeInPieces) {
     EXPECT_EQ(scheduler.check(half_past_ten + 61), (texts{"last", "long", "piece"}));
 }
 
+TEST_F(scheduler_engine, BadLinesAreToldWithTheirNumberIdAndField) {
+    const std::string good = "good - 31 * * * * cmd\n";
+    driven_scheduler scheduler("# a comment\n\n \t\r\n" + good + "min - 60 * * * * cmd\n" +
+                                   "day - 0 0 32 * * cmd\np pause 60 * * * * cmd\n" +
+                                   "every - x - * * * cmd\nshort - 1 2 3\ntab\t- * * * * * c\n" +
+                                   std::string(3000, 'l') + "\nend - 0 0 * * fry cmd\n" + good,
+                               half_past_ten);
+    EXPECT_EQ(scheduler.lines(),
+              (texts{"schedule F:5: job min: bad minute", "schedule F:6: job day: bad day of month",
+                     "schedule F:8: job every: bad minute", "schedule F:9: job short: no month",
+                     "schedule F:10: job tab\t-: no command",
+                     "schedule F:11: job " + std::string(1023, 'l') + ": no flags",
+                     "schedule F:11: job " + std::string(1023, 'l') + ": no flags",
+                     "schedule F:11: job " + std::string(954, 'l') + ": no flags",
+                     "schedule F:12: job end: bad day of week",
+                     "schedule F:13: job good: the id is taken, so this line runs once at most",
+                     "schedule F: 2 entries, 9 lines not loaded"}));
+    std::string many;
+    for (int i = 0; i < 1000; ++i) {
+        many += "bad\n";
+    }
+    scheduler.edit(good + many);
+    scheduler.rescan("good", half_past_ten);
+    EXPECT_EQ(scheduler.lines(), texts{"schedule F: 1 entries of job good, 0 lines not loaded"});
+    scheduler.rescan("", half_past_ten);
+    const texts told = scheduler.lines();
+    EXPECT_EQ(told.size(), 11U);
+    EXPECT_EQ(told.back(), "schedule F: 1 entries, 1000 lines not loaded");
+}
+
+TEST_F(scheduler_engine, MissedMinutesAndFailedStartsAreTold) {
+    driven_scheduler scheduler(
+        "a - 31 * * * * cmd\nb - 31-32 * * * * /none/such x\ni - 5 - x x x cmd\n", half_past_ten);
+    (void)scheduler.lines();
+    EXPECT_EQ(scheduler.check(half_past_ten + 61), (texts{"a", "b"}));
+    EXPECT_EQ(scheduler.lines(), texts{"sched: job b could not be started: /none/such: No such "
+                                       "file or directory"});
+    EXPECT_EQ(scheduler.check(half_past_ten + 599), texts{});
+    EXPECT_EQ(scheduler.lines(), (texts{"sched: job b missed 2025-06-16 10:32",
+                                        "sched: job i missed 2025-06-16 10:35"}));
+    EXPECT_EQ(scheduler.check(half_past_ten + 4 * 3600 + 65), (texts{"a", "b"}));
+    EXPECT_EQ(scheduler.lines(),
+              (texts{"sched: nothing was run from 2025-06-16 11:00 to 2025-06-16 14:31",
+                     "sched: job i missed 2025-06-16 10:44",
+                     "sched: job b could not be started: /none/such: No such file or directory"}));
+    std::string many;
+    for (int i = 1000; i < 1100; ++i) {
+        many += std::to_string(i) + " - 40 * * * * /none\n";
+    }
+    scheduler.edit(many);
+    scheduler.rescan("", half_past_ten + 4 * 3600 + 70);
+    (void)scheduler.lines();
+    EXPECT_EQ(scheduler.check(half_past_ten + 4 * 3600 + 601).size(), 100U);
+    EXPECT_EQ(scheduler.lines().back(), "sched: 90 more lines like these");
+}
+
+TEST_F(scheduler_engine, MoreThanOnePassCanStartGoesOnInOrder) {
+    std::string lines = "early kickoff 30 * * * * cmd\n";
+    texts all = {"early"};
+    for (int i = 100; i < 150; ++i) {
+        lines += std::to_string(i) + " - * * * * * cmd\n";
+        all.push_back(std::to_string(i));
+    }
+    all.emplace_back("early");
+    driven_scheduler scheduler(lines, half_past_ten);
+    scheduler.state()->clock_us = hasty_clock;
+    started.clear();
+    int passes = 1;
+    // The minute is over long before the last one is started.
+    for (std::time_t now = half_past_ten; !sched_check(scheduler.state(), now); now += 20) {
+        EXPECT_LE(started.size(), 7U * static_cast<std::size_t>(passes));
+        ++passes;
+    }
+    EXPECT_GE(passes, 8);
+    EXPECT_EQ(started, all);
+    EXPECT_EQ(scheduler.next("100"), half_past_ten + 60);
+}
+
+TEST_F(scheduler_engine, LongFilesAreReadWhileTheOldEntriesGoOn) {
+    std::string lines;
+    for (int i = 10000; i < 12000; ++i) {
+        lines += std::to_string(i) + " - 31 * * * * cmd\n";
+    }
+    driven_scheduler scheduler("old - * * * * * cmd\n", half_past_ten);
+    scheduler.edit(lines);
+    const std::string path = scheduler.path();
+    scheduler.state()->clock_us = hasty_clock;
+    for (const bool abandoned : {true, false}) {
+        schedule_rescan rescan(scheduler.state(), "", path.c_str(), half_past_ten);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_FALSE(rescan.go_on(half_past_ten + 1));
+        }
+        EXPECT_EQ(qz_map_size(scheduler.state()->entries), 1);
+        if (!abandoned) {
+            while (!rescan.go_on(half_past_ten + 1)) {
+            }
+        }
+    }
+    EXPECT_EQ(qz_map_size(scheduler.state()->entries), 2000);
+    // The hour is planned in slices, too, and none is left out.
+    scheduler.state()->clock_us = nullptr;
+    EXPECT_EQ(scheduler.check(half_past_ten + 65).size(), 2000U);
+    scheduler.state()->clock_us = hasty_clock;
+    started.clear();
+    int passes = 0;
+    while (!sched_check(scheduler.state(), half_past_ten + 3665)) {
+        EXPECT_TRUE(started.empty() || scheduler.state()->unplanned.empty());
+        ++passes;
+    }
+    EXPECT_EQ(started.size(), 2000U);
+    EXPECT_TRUE(std::is_sorted(started.begin(), started.end()));
+    EXPECT_GT(passes, 4);
+}
+
+TEST_F(scheduler_engine, AnotherZoneCountsAtOnce) {
+    driven_scheduler scheduler(
+        "every - * * * * * cmd\nhalf - 30 12 * * * cmd\nlate - 45 10 * * * cmd\ni - 9 - x x x c\n",
+        half_past_ten);
+    EXPECT_EQ(scheduler.check(half_past_ten + 1), texts{"every"});
+    use_zone("EET-2");  // half past twelve
+    EXPECT_EQ(scheduler.check(half_past_ten + 2), texts{"half"}) << "and nothing twice";
+    EXPECT_EQ(scheduler.next("late"), 0);
+    EXPECT_EQ(scheduler.next("i"), half_past_ten + 540);
+    use_zone("IST-5:30");  // full hours at half past
+    EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{"every"});
+    EXPECT_EQ(calc_next_wakeup(scheduler.state(), half_past_ten + 62), half_past_ten + 120);
+    EXPECT_EQ(scheduler.state()->floor, half_past_ten + 3600);
+}
+
 TEST_F(scheduler_engine, NothingToRead) {
     for (const char* path : {static_cast<const char*>(nullptr), "/nonexistent", "/", "/dev/zero"}) {
         const state_ptr state(new_scheduler_state(record_start), delete_scheduler_state);
+        state->log = record_line;
+        logged.clear();
         read_schedules(state.get(), nullptr, path, half_past_ten);
+        EXPECT_EQ(logged.size(), path == nullptr ? 0U : 1U);
         EXPECT_EQ(qz_map_size(state->entries), 0);
         EXPECT_EQ(calc_next_wakeup(state.get(), half_past_ten), half_past_ten + 1800);
     }
