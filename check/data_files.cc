@@ -21,6 +21,7 @@
 #include "lib/rbtree.h"
 #include "sched/sched_command.h"
 #include "sched/sched_engine.h"
+#include "sched/sched_file.h"
 #include "security/access_file.h"
 
 namespace {
@@ -249,7 +250,7 @@ upcoming_runs& upcoming() {
     return only;
 }
 
-pid_t print_run(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
+child_start print_run(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
     upcoming_runs& runs = upcoming();
     if (runs.wanted > 0) {
         --runs.wanted;
@@ -259,7 +260,7 @@ pid_t print_run(const schedule_entry* entry, const shttpd_ctx* /*ctx*/) {
         (void)std::strftime(text.data(), text.size(), "%a %Y-%m-%d %H:%M", &local);
         (void)std::printf("%s %s: %s\n", text.data(), entry->id.c_str(), entry->command.c_str());
     }
-    return 0;
+    return {};
 }
 
 }  // namespace
@@ -314,7 +315,7 @@ void print_next_runs(const settings& conf, int count) {
     for (std::time_t now = start; upcoming().wanted > 0 && now < start + a_year;
          now = std::max(calc_next_wakeup(state, now), now + 1)) {
         upcoming().now = now;
-        sched_check(state, nullptr, now);
+        (void)sched_check(state, now);
     }
     delete_scheduler_state(state);
 }
