@@ -50,9 +50,7 @@ struct child_io {
 
 class Children : public testing::Test {
   protected:
-    Children() {
-        ctx_.error_log = std::fopen(error_path_.c_str(), "ae");
-    }
+    Children() { ctx_.error_log = std::fopen(error_path_.c_str(), "ae"); }
     ~Children() override { std::fclose(ctx_.error_log); }
 
     // Runs a program to its end and returns what it wrote.
