@@ -37,17 +37,19 @@ class Writer(threading.Thread):
         self.change, self.held, self.names = change, held, names
         self.rng = random.Random(seed)
         self.answered = 0
+        self.begun = dict.fromkeys(names, 0)  # changes of each name
         self.pending = None
         self.refused = None
 
     def certain(self):
-        """What the file must hold at this moment."""
-        held, pending = set(self.held), self.pending
-        return held - {pending}
+        """What the file must hold while the numbers stay the same."""
+        begun, held, pending = dict(self.begun), set(self.held), self.pending
+        return {(name, begun[name]) for name in held if name != pending}
 
     def run(self):
         while True:
             self.pending = name = self.rng.choice(self.names)
+            self.begun[name] += 1
             joins = name not in self.held
             try:
                 reply = self.change(name, joins)
@@ -83,7 +85,8 @@ def follow(writers, present, seconds):
         found = present()
         for writer, certain in zip(writers, before):
             # A change that has begun meanwhile may show already.
-            missing = (certain & writer.certain()) - found
+            certain &= writer.certain()
+            missing = {name for name, _ in certain} - found
             assert not missing, f"answered, and not in the file: {sorted(missing)}"
             looks += len(certain)
     return looks
