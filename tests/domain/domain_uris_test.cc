@@ -32,6 +32,14 @@ std::string status_line(const std::string& reply) {
     return reply.substr(0, reply.find("\r\n"));
 }
 
+std::size_t count_of(const std::string& text, const std::string& piece) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = text.find(piece, at)) != std::string::npos; ++at) {
+        ++found;
+    }
+    return found;
+}
+
 struct refusal {
     const char* method;
     const char* uri;
@@ -408,18 +416,34 @@ TEST_F(domain_server, AClientThatLeavesChangesNothing) {
     EXPECT_EQ(status_line(engine.exchange_on(late.get(), "id=late")), "HTTP/1.1 404 Not Found");
 }
 
+TEST_F(domain_server, ASwitchFollowsThePendingWriteWhoseReplyStillComes) {
+    const unique_fd agent = engine.connect();
+    const unique_fd admin = engine.connect();
+    const std::string registration = make_request("POST", "/agent/domain/register", "id=a&host=h");
+    const std::string away = make_request("POST", "/admin/dovmad/config", "mode=standalone");
+    ASSERT_GT(send(agent.get(), registration.data(), registration.size(), 0), 0);
+    ASSERT_GT(send(admin.get(), away.data(), away.size(), 0), 0);
+    engine.poll();  // both in one pass
+    EXPECT_FALSE(in_domain_mode(engine.ctx));
+    EXPECT_EQ(body_of(engine.exchange_on(admin.get(), "")), "Success\n");
+    EXPECT_EQ(status_line(engine.exchange_on(agent.get(), "")), "HTTP/1.1 200 OK");
+    EXPECT_EQ(count_of(file(), ":a:unknown:"), 1U);
+    // Two that lead back at once: the second is judged when the first is over.
+    const std::string back =
+        make_request("POST", "/admin/dovmad/config", "mode=domain&domain_file=" + path);
+    const unique_fd one = engine.connect();
+    const unique_fd two = engine.connect();
+    ASSERT_GT(send(one.get(), back.data(), back.size(), 0), 0);
+    ASSERT_GT(send(two.get(), back.data(), back.size(), 0), 0);
+    EXPECT_EQ(body_of(engine.exchange_on(two.get(), "")), "Already in domain mode");
+    EXPECT_EQ(body_of(engine.exchange_on(one.get(), "")), "Success\n");
+    EXPECT_NE(find_host(engine.ctx, "a"), nullptr);
+}
+
 TEST_F(domain_server, ABodyThatNeverFitsIsRefused) {
     const std::string big = "id=a&host=b&pad=" + std::string(40000, 'x');
     EXPECT_EQ(status_line(post("/agent/domain/register", big)), "HTTP/1.1 400 Request is too big");
     EXPECT_EQ(find_host(engine.ctx, "a"), nullptr);
-}
-
-std::size_t count_of(const std::string& text, const std::string& piece) {
-    std::size_t found = 0;
-    for (std::size_t at = 0; (at = text.find(piece, at)) != std::string::npos; ++at) {
-        ++found;
-    }
-    return found;
 }
 
 TEST_F(domain_server, WhatWasNotReadIsNotRewritten) {
