@@ -28,6 +28,7 @@ void say_hello(shttpd_call_arg* arg) {
 
 int main(int argc, char** argv) {
     (void)std::signal(SIGTERM, end);
+    (void)std::signal(SIGPIPE, SIG_IGN);  // clients go away whenever they like
     shttpd_ctx* ctx = shttpd_init(argc > 1 ? argv[1] : nullptr, "", "");
     shttpd_register_uri(ctx, "/world/hello", say_hello, nullptr);
     open_listening_ports(ctx);
