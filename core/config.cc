@@ -1,5 +1,7 @@
 #include "core/config.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <clocale>
@@ -125,9 +127,12 @@ void export_directories(shttpd_ctx* ctx) {
     (void)setenv("ZEL_DATA_DIR", (ctx->var_dir + "/sec").c_str(), 1);
 }
 
-void start_library(shttpd_ctx* ctx) {
+void start_library(shttpd_ctx* ctx, const char* config_path) {
     // An abort, not an exit: without the library nothing about this set-up can be right.
     if (ctx->zel_home.empty()) {
+        if (config_path != nullptr && access(config_path, F_OK) != 0) {
+            (void)std::fprintf(stderr, "no configuration file %s\n", config_path);
+        }
         (void)std::fprintf(stderr, "zel home dir not specified\n");
         std::abort();
     }
@@ -135,6 +140,9 @@ void start_library(shttpd_ctx* ctx) {
     prepare_data_directory(ctx->var_dir + "/sec", ctx->runtime_uid);
     const std::uint32_t code = molbAtInit(nullptr, &ctx->at_handle);
     if (code != at_ok) {
+        if (!molbat_load_problem.empty()) {
+            (void)std::fprintf(stderr, "%s\n", molbat_load_problem.c_str());
+        }
         (void)std::fprintf(stderr, "Error initializing MOLB AT%d\n", static_cast<int>(code));
         std::abort();
     }
@@ -183,7 +191,7 @@ shttpd_ctx* initialize_context(shttpd_ctx* ctx, const char* path, option_slots* 
     // The shim and the security URIs are below the engine and can't know the fixed paths.
     molbat_loc_path = paths.library_location;
     qz_resolver_file = paths.resolver_file;
-    start_library(ctx);
+    start_library(ctx, path);
     ctx->accept_params = {.enabled = 1, .reserved = 0, .callback = sni_callback, .user_data = ctx};
     init_broker_credentials(ctx);
     // When this fails, set_security_info fails the same way and reports it.

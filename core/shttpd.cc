@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -75,22 +76,22 @@ loop_state loop;
 
 // --- Listening ---
 
-struct port_entry {
-    int port;
-    bool is_ssl;
-    bool u_flag;
-};
-
 // Blanks before a comment belong to the option's value and must not hide the suffix.
-port_entry parse_port(std::string_view entry) {
-    while (!entry.empty() && (entry.back() == ' ' || entry.back() == '\t')) {
-        entry.remove_suffix(1);
-    }
-    const std::string text(entry);
-    const long number = std::strtol(text.c_str(), nullptr, 10);
-    return {.port = static_cast<int>(std::clamp<long>(number, -1, INT_MAX)),
-            .is_ssl = text.ends_with('s'),
-            .u_flag = text.ends_with('u')};
+std::string_view without_blanks(std::string_view text) {
+    constexpr const char* blanks = " \t";
+    const std::size_t first = std::min(text.find_first_not_of(blanks), text.size());
+    return text.substr(first, text.find_last_not_of(blanks) + 1 - first);
+}
+
+// "5634", "5634s" or "5634u", and nothing else: a slip must not open another port.
+bool listen_on_entry(shttpd_ctx* ctx, std::string_view entry) {
+    const bool is_ssl = entry.ends_with('s');
+    const bool u_flag = entry.ends_with('u');
+    entry.remove_suffix(is_ssl || u_flag ? 1 : 0);
+    int port = 0;
+    const auto [end, error] = std::from_chars(entry.data(), entry.data() + entry.size(), port);
+    return error == std::errc() && end == entry.data() + entry.size() && port > 0 &&
+           port <= port_max && shttpd_listen(ctx, port, is_ssl, u_flag) >= 0;
 }
 
 void watch_listener(listener_record* listener, int fd) {
@@ -162,7 +163,7 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
     }
     // The exit statistics call this number "requests", whatever a connection carries.
     if (ctx->accepted_connections < INT_MAX) {
-        ++ctx->accepted_connections;
+        ctx->accepted_connections += ctx->accepted_connections < INT_MAX ? 1 : 0;
     }
     c->serial = loop.next_serial++;
     c->peer_length = std::min(peer_length, static_cast<socklen_t>(sizeof(c->peer)));
@@ -373,15 +374,17 @@ int shttpd_listen(shttpd_ctx* ctx, int port, bool is_ssl, bool u_flag) {
 }
 
 void open_listening_ports(shttpd_ctx* ctx) {
-    std::string_view ports = ctx->listen_ports;
-    for (std::string_view entry = next_list_entry(ports); !entry.empty();
-         entry = next_list_entry(ports)) {
-        const port_entry port = parse_port(entry);
-        // A larger number would silently become another port.
-        if (port.port < 0 || port.port > port_max ||
-            shttpd_listen(ctx, port.port, port.is_ssl, port.u_flag) < 0) {
-            fatal("Cannot open socket on port %d", port.port);
+    std::string_view rest = ctx->listen_ports;
+    while (!rest.empty()) {
+        const std::size_t comma = std::min(rest.find(','), rest.size());
+        const std::string_view entry = without_blanks(rest.substr(0, comma));
+        rest.remove_prefix(std::min(comma + 1, rest.size()));
+        if (!entry.empty() && !listen_on_entry(ctx, entry)) {
+            fatal("Cannot open socket on port %.*s", static_cast<int>(entry.size()), entry.data());
         }
+    }
+    if (listeners.empty()) {
+        fatal("listen_ports [%s] names no port", ctx->listen_ports.c_str());
     }
 }
 

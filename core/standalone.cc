@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -35,6 +36,17 @@ constexpr double megabytes_per_byte = 9.5367431640625e-07;
 
 bool begins_with(const char* text, const char* prefix) {
     return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+// Where an inetd service gets its connection as all three standard descriptors, the peer would read
+// every message of the start, before any reply.
+void keep_messages_from_peer() {
+    struct stat input {};
+    struct stat errors {};
+    if (fstat(STDIN_FILENO, &input) == 0 && fstat(STDERR_FILENO, &errors) == 0 &&
+        S_ISSOCK(input.st_mode) && input.st_dev == errors.st_dev && input.st_ino == errors.st_ino) {
+        (void)!std::freopen("/dev/null", "a", stderr);
+    }
 }
 
 // A listener that became descriptor 0, 1 or 2 would reach every child as a standard stream.
@@ -126,8 +138,31 @@ void write_pid_file(const shttpd_ctx* ctx) {
         (void)std::fprintf(stderr, "Cannot open %s\n", path);
         std::exit(EXIT_FAILURE);
     }
-    (void)std::fprintf(file, "%d\n", static_cast<int>(getpid()));
-    (void)std::fclose(file);
+    // Nobody may take an empty file, or half a number, for the daemon's.
+    struct stat st {};
+    const bool is_file = fstat(fileno(file), &st) == 0 && S_ISREG(st.st_mode);
+    const bool printed = std::fprintf(file, "%d\n", static_cast<int>(getpid())) > 0;
+    if (std::fclose(file) != 0 || !printed) {
+        (void)std::fprintf(stderr, "Cannot write %s: %s\n", path, std::strerror(errno));
+        if (is_file) {
+            (void)unlink(path);
+        }
+    }
+}
+
+// None of them keeps the daemon from running, but nobody wants them.
+void warn_of_missing_files(const shttpd_ctx* ctx) {
+    struct stat st {};
+    if (stat(ctx->document_root.c_str(), &st) != 0) {
+        elog(elog_info, nullptr, "document_root %s: %s", ctx->document_root.c_str(),
+             std::strerror(errno));
+    } else if (!S_ISDIR(st.st_mode)) {
+        elog(elog_info, nullptr, "document_root %s is no directory", ctx->document_root.c_str());
+    }
+    if (!ctx->scheduler_file.empty() && access(ctx->scheduler_file.c_str(), R_OK) != 0) {
+        elog(elog_info, nullptr, "scheduler_file %s: %s", ctx->scheduler_file.c_str(),
+             std::strerror(errno));
+    }
 }
 
 void take_connections(shttpd_ctx* ctx) {
@@ -172,6 +207,7 @@ void log_statistics(const shttpd_ctx* ctx) {
 
 int main(int argc, char** argv) {
     occupy_standard_descriptors();
+    keep_messages_from_peer();
     (void)std::setlocale(LC_ALL, "");
     refresh_clocks();
     read_arguments(argc, argv);
@@ -182,6 +218,7 @@ int main(int argc, char** argv) {
     become_user(ctx->runtime_uid);
     install_signal_handlers();
     raise_limits();
+    warn_of_missing_files(ctx);
     take_connections(ctx);
     elog(elog_info, nullptr, "dovmad %s started on port(s) %s, serving %s", daemon_version,
          ctx->listen_ports.c_str(), ctx->document_root.c_str());

@@ -103,6 +103,18 @@ bool readable_soon(int fd) {
     return poll(&entry, 1, probe_wait_ms) == 1;
 }
 
+// A connection attempt of a non-blocking socket has come to a good end, or does so soon.
+bool connects(int fd, socket_address target) {
+    if (connect(fd, target.get(), target.length) == 0) {
+        return true;
+    }
+    pollfd entry = {.fd = fd, .events = POLLOUT, .revents = 0};
+    int error = 0;
+    socklen_t length = sizeof error;
+    return errno == EINPROGRESS && poll(&entry, 1, probe_wait_ms) == 1 &&
+           getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+}
+
 // Binds the IPv6 socket to a port of the kernel's choice and listens; the port, 0 when it could not
 // be read back, or -1.
 int listen_for_probe(int fd6) {
@@ -130,8 +142,7 @@ bool token_arrives(int fd6, int fd4) {
     if (port < 0) {
         return false;
     }
-    socket_address target = ipv4_address(INADDR_LOOPBACK, port);
-    if (connect(fd4, target.get(), target.length) != 0) {
+    if (!connects(fd4, ipv4_address(INADDR_LOOPBACK, port))) {
         return false;
     }
     if (port == 0) {
@@ -176,7 +187,8 @@ int listen_on(int family, int port, int backlog) {
     if (!fd) {
         return -1;
     }
-    if (family == AF_INET6 && state.isdualip) {
+    // Whatever became of the probe: with both families there is a socket for each.
+    if (family == AF_INET6 && state.isipv4) {
         keep_to_ipv6(fd.get());
     }
     enable(fd.get(), SOL_SOCKET, SO_REUSEADDR);
@@ -295,7 +307,7 @@ int isdualIP(int* err) {
     if (state.isipv6) {
         v6printf("isdualIP: ipv6 support available\n");
     }
-    const unique_fd fd4(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd fd4(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     error = fd4 ? error : errno;
     state.isipv4 = static_cast<bool>(fd4);
     if (state.isipv4) {

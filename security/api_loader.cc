@@ -149,6 +149,7 @@ std::uint32_t find_autoloader(const molb_init* settings) {
     if (state.autoloader != nullptr) {
         return at_ok;
     }
+    molbat_load_problem.clear();
     std::array<char, path_bytes_max> path{};
     std::uint32_t error = at_ok;
     if (tpk_method_make_path_ex(0, library_template, settings, path.size(), path.data(), &error) ==
@@ -159,12 +160,14 @@ std::uint32_t find_autoloader(const molb_init* settings) {
     debug(3, "molbatLibraryLoad: loading %s\n", path.data());
     void* file = dlopen(path.data(), RTLD_NOW | RTLD_GLOBAL);
     if (file == nullptr) {
-        debug(1, "dlopen(%s) failed: %s\n", path.data(), last_dl_error());
+        molbat_load_problem = last_dl_error();  // it begins with the path
+        debug(1, "dlopen(%s) failed: %s\n", path.data(), molbat_load_problem.c_str());
         return at_not_available;
     }
     void* entry = dlsym(file, "molbatLibraryControl");
     if (entry == nullptr) {
-        debug(1, "dlsym(%s) failed: %s\n", "molbatLibraryControl", last_dl_error());
+        molbat_load_problem = last_dl_error();
+        debug(1, "dlsym(%s) failed: %s\n", "molbatLibraryControl", molbat_load_problem.c_str());
         (void)dlclose(file);  // some other library stands there, and the next call looks again
         return at_not_available;
     }

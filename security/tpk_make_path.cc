@@ -11,6 +11,7 @@
 #include "security/at_osf.h"
 
 const char* molbat_loc_path = nullptr;
+std::string molbat_load_problem;
 
 namespace {
 

@@ -3,12 +3,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "security/at_types.h"
 
 // The file that names the library's installation directory when no home directory is set. The
 // shim knows no fixed places, so the daemon sets it before the first call; null: no such file.
 extern const char* molbat_loc_path;
+
+// Why the library's file could not be loaded the last time: its path and the loader's reason. Empty
+// when another step failed.
+extern std::string molbat_load_problem;
 
 // Builds the path of a library file from a template below "/opt/MOLBat/". `kind` is 0, 3 or 4; kind
 // 3 ignores every home directory. `settings` (may be null) may override home directory and

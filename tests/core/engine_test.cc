@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -318,6 +319,15 @@ TEST(Engine, ConnectionsExpireOnlyWithoutProgress) {
     sleep(1);
     engine.poll();
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
+}
+
+TEST(Engine, TheCountOfConnectionsStopsAtItsLargestValue) {
+    test_engine engine;
+    engine.ctx->accepted_connections = std::numeric_limits<int>::max() - 1;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_NE(engine.exchange(get("/none")), "");
+        EXPECT_EQ(engine.ctx->accepted_connections, std::numeric_limits<int>::max());
+    }
 }
 
 TEST(Engine, AStepOfTheSystemsTimeEndsNoConnectionAndReachesTheNextReply) {

@@ -4,6 +4,7 @@ exit codes, detaching, inetd mode, users, descriptors, and the ways it ends."""
 import os
 import pwd
 import re
+import resource
 import signal
 import socket
 import ssl
@@ -12,7 +13,8 @@ import tempfile
 from pathlib import Path
 
 import pytest
-from dovmad_harness import BINARY, eventually, free_port, start_daemon_expecting_failure
+from dovmad_harness import (BINARY, eventually, free_port, receive_until_end,
+                            start_daemon_expecting_failure)
 
 KEYWORDS = """d document_root directory|Web root directory
 i index_files file_list|Index files
@@ -99,18 +101,27 @@ def test_which_file_is_read(make_daemon, args, read):
 # --- Start-up failures ---
 
 def test_fatal_starts(tmp_path):
+    (tmp_path / "var").mkdir()
     with socket.create_server(("127.0.0.1", 0)) as taken:
         port = taken.getsockname()[1]
         cases = [
             ({"config_text": "foo 1\n"}, 1, "set_option: unknown variable [foo]\n"),
             ({"error_log": tmp_path}, 1, f"cannot open log file {tmp_path}: Is a directory\n"),
             ({"config_text": ""}, -signal.SIGABRT, "zel home dir not specified\n"),
-            ({"zel_home": "/no"}, -signal.SIGABRT, "Error initializing MOLB AT24598\n"),
+            ({"args": ["/no/such.conf"]}, -signal.SIGABRT,
+             "no configuration file /no/such.conf\nzel home dir not specified\n"),
+            ({"zel_home": "/no"}, -signal.SIGABRT,
+             "/no/lib/libmolbat4L_t.so: cannot open shared object file: No such file or directory\n"
+             "Error initializing MOLB AT24598\n"),
             ({"listen_ports": f"{port}u"}, 1,
              f"open_listening_port({port}): Address already in use\ncannot open port {port}\n"),
             ({"listen_ports": f"{free_port()}s"}, 1,
              "cannot add SSL socket, please specify certificate file\n"),
-            ({"listen_ports": "70000u"}, 1, "Cannot open socket on port 70000\n"),
+            *(({"listen_ports": f"{free_port()}u, {entry}", "var_dir": tmp_path / "var"}, 1,
+               f"Cannot open socket on port {entry}\n")
+              for entry in ("70000u", "0u", "abc", "127.0.0.1:5634", "0x5346u", "5634U", "-5634u",
+                            "21316u;21317u", "21316u 21317u", "u", "99999999999999999999")),
+            ({"listen_ports": ", ,"}, 1, "listen_ports [, ,] names no port\n"),
             ({"runtime_uid": "nobody-is-so-named"}, 1, "main: unknown user [nobody-is-so-named]\n"),
             ({"pid_file": "/no/such/dir/pid"}, 1, "Cannot open /no/such/dir/pid\n"),
         ]
@@ -118,6 +129,49 @@ def test_fatal_starts(tmp_path):
             end, errors = start_daemon_expecting_failure(tmp_path / str(number), **options)
             assert (end, errors[-len(text):]) == (status, text)
             assert "started on port" not in errors
+
+
+def test_starts_that_go_on_with_a_word(make_daemon, tmp_path):
+    (tmp_path / "file").write_text("")
+    for options, text in [
+        ({"document_root": tmp_path / "no"},
+         f"document_root {tmp_path}/no: No such file or directory\n"),
+        ({"document_root": tmp_path / "file"}, f"document_root {tmp_path}/file is no directory\n"),
+        ({"scheduler_file": "/no/sched"}, "scheduler_file /no/sched: No such file or directory\n"),
+        ({"pid_file": "/dev/full"}, "Cannot write /dev/full: No space left on device\n"),
+    ]:
+        daemon = make_daemon(slips=True, **options)
+        assert daemon.request("GET", "/world/ping").status == 200
+        assert text in daemon.stderr_text()
+    assert Path("/dev/full").is_char_device()
+
+
+def test_a_pid_file_that_can_not_be_written_is_removed(make_daemon):
+    daemon = make_daemon()
+    daemon.stop()
+    daemon.pid_file.unlink()
+    # No file may grow, so standard error must be none.
+    process = subprocess.Popen(
+        [BINARY, *daemon.args], env=daemon.env, stderr=subprocess.PIPE,
+        preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
+    assert eventually(lambda: b"started on port" in os.read(process.stderr.fileno(), 4096))
+    process.terminate()
+    assert process.wait(30) == 0
+    assert not daemon.pid_file.exists()
+
+
+def test_a_start_where_loopback_is_down(make_daemon):
+    daemon = make_daemon(start=False)
+    apart = ["unshare", "-rn"]
+    if subprocess.run([*apart, "true"], check=False, capture_output=True).returncode != 0:
+        pytest.skip("this machine makes no network namespaces")
+    process = subprocess.Popen([*apart, BINARY, *daemon.args], env=daemon.env,
+                               stderr=subprocess.PIPE, text=True)
+    try:
+        assert any("started on port" in line for line in process.stderr)
+    finally:
+        process.terminate()
+        assert process.wait(30) == 0
 
 
 # --- Running ---
@@ -233,6 +287,21 @@ def inetd_session(daemon, request, hang_up=False):
             received += chunk
         assert process.wait(60) == 0
     return received
+
+
+def test_inetd_mode_never_talks_to_its_client_but_in_replies(make_daemon):
+    """Not even at its first use, with the socket on all three standard descriptors."""
+    daemon = make_daemon(start=False, inetd_mode=1, io_buf_size=10, document_root="/no")
+    ours, theirs = socket.socketpair()
+    with ours, theirs:
+        process = subprocess.Popen([BINARY, daemon.config], env=daemon.env, stdin=theirs,
+                                   stdout=theirs, stderr=theirs)
+        theirs.close()
+        ours.settimeout(60)
+        ours.sendall(b"GET /world/ping HTTP/1.1\r\n\r\n")
+        received = receive_until_end(ours)
+        assert process.wait(60) == 0
+    assert (received, received.end) == (b"HTTP/1.1 200 OK\r\n\r\n", "closed")
 
 
 def test_inetd_mode_serves_one_request(make_daemon):
