@@ -2,7 +2,9 @@
 // differences alone, so that a wait costs what is ready.
 //
 // The kernel forgets a descriptor when it is closed, so that most slots are given back without a
-// call. One that lives on without a slot is taken out when it reports something.
+// call. One that lives on without a slot is taken out when it reports something. What is closed
+// here but lives on elsewhere, as a duplicate or in another process, can't be taken out any more:
+// then a new epoll takes the place of the old one.
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstdint>
 
 #include "core/wait_backend.h"
+#include "lib/unique_fd.h"
 
 namespace {
 
@@ -27,6 +30,7 @@ struct registration {
 
 struct epoll_state {
     int fd = nothing;
+    int waker = nothing;
     std::vector<registration> slots;
     std::vector<int> slot_of;      // by descriptor
     std::vector<int> not_watched;  // slots whose descriptors epoll refuses
@@ -88,21 +92,25 @@ void take_out(int index, registration* slot) {
     drop(index, slot);
 }
 
-bool open_epoll(int wake_fd) {
-    state.fd = epoll_create1(EPOLL_CLOEXEC);
+// An epoll that waits for the wake descriptor, or -1 with errno.
+int make_epoll(int wake_fd) {
+    unique_fd fd(epoll_create1(EPOLL_CLOEXEC));
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = wake_mark;
-    if (state.fd < 0 || epoll_ctl(state.fd, EPOLL_CTL_ADD, wake_fd, &event) != 0) {
-        const int error = errno;
-        if (state.fd >= 0) {
-            (void)close(state.fd);
-        }
-        state.fd = nothing;
-        errno = error;
-        return false;
+    if (fd && epoll_ctl(fd.get(), EPOLL_CTL_ADD, wake_fd, &event) == 0) {
+        return fd.release();
     }
-    return true;
+    const int error = errno;
+    fd.reset();
+    errno = error;
+    return nothing;
+}
+
+bool open_epoll(int wake_fd) {
+    state.waker = wake_fd;
+    state.fd = make_epoll(wake_fd);
+    return state.fd >= 0;
 }
 
 void close_epoll() {
@@ -157,22 +165,38 @@ short events_of(const registration& slot) {
                : static_cast<short>(static_cast<unsigned>(slot.always) & slot.events);
 }
 
-// An event of a descriptor that has lost its slot; its number may be another's by now.
-void take_out_stray(int fd) {
-    if (slot_of(fd) == nothing) {
-        (void)epoll_ctl(state.fd, EPOLL_CTL_DEL, fd, nullptr);
+// An event of a descriptor that has lost its slot; its number may be another's by now. False when
+// it can't be taken out.
+bool take_out_stray(int fd) {
+    return slot_of(fd) == nothing && epoll_ctl(state.fd, EPOLL_CTL_DEL, fd, nullptr) == 0;
+}
+
+// Leaves everything as it is where the system refuses: then the stray ends some waits early.
+void begin_anew() {
+    const int fresh = make_epoll(state.waker);
+    if (fresh < 0) {
+        return;
+    }
+    (void)close(state.fd);
+    state.fd = fresh;
+    for (std::size_t i = 0; i < state.slots.size(); ++i) {
+        const registration& slot = state.slots[i];
+        if (slot.fd >= 0 && slot.always == 0) {
+            (void)control(EPOLL_CTL_ADD, static_cast<int>(i), slot);
+        }
     }
 }
 
-void note_event(const epoll_event& event, std::span<pollfd> slots, std::vector<int>* ready) {
+// False when the event is a stray that will come again.
+bool note_event(const epoll_event& event, std::span<pollfd> slots, std::vector<int>* ready) {
     const std::uint64_t mark = event.data.u64;
     const auto index = static_cast<int>(mark & 0xffff);
     if (slot_at(index).fd < 0 || mark != mark_of(index, slot_at(index))) {
-        take_out_stray(static_cast<int>((mark >> fd_shift) & 0xffffff));
-        return;
+        return take_out_stray(static_cast<int>((mark >> fd_shift) & 0xffffff));
     }
     slots[static_cast<std::size_t>(index)].revents = static_cast<short>(event.events);
     ready->push_back(index);
+    return true;
 }
 
 bool wait_epoll(std::span<pollfd> slots, int timeout_ms, std::vector<int>* ready, bool* woken) {
@@ -190,13 +214,17 @@ bool wait_epoll(std::span<pollfd> slots, int timeout_ms, std::vector<int>* ready
         epoll_wait(state.fd, state.events.data(), static_cast<int>(state.events.size()),
                    ready->empty() ? timeout_ms : 0);
     *woken = false;
+    bool has_strays = false;
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = state.events[static_cast<std::size_t>(i)];
         if (event.data.u64 == wake_mark) {
             *woken = true;
         } else {
-            note_event(event, slots, ready);
+            has_strays = !note_event(event, slots, ready) || has_strays;
         }
+    }
+    if (has_strays) {
+        begin_anew();
     }
     return count >= 0;
 }
