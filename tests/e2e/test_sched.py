@@ -4,11 +4,14 @@ import json
 import os
 import re
 import socket
+import time
 
 import pytest
 
+from dovmad_harness import SANITIZED_BUILD
 from relay_support import eventually
 
+FAST_CLOCK = os.environ.get("DOVMAD_FAST_CLOCK", "")
 CHECK_PASSES = 9  # the daemon looks at its schedule every seventh pass
 
 
@@ -62,6 +65,8 @@ def test_kickoff_and_shell_quoting(make_daemon, schedule, tmp_path):
     check_now(daemon)
     assert not (out / "a").exists() and not (out / "never").exists()
     assert ids(daemon) == ["nothing", "other", "plain", "shell"]
+    assert ("sched: job nothing could not be started: /nonexistent/program: No such file or "
+            "directory\n") in daemon.error_log.read_text()
 
 
 FACTS = """
@@ -109,20 +114,32 @@ def test_surroundings_of_a_command(make_daemon, schedule, tmp_path):
     }
 
 
-def test_interval_and_time_entries(make_daemon, schedule, tmp_path):
-    """The one test that waits for the clock: a minute passes."""
-    out = tmp_path / "runs"
-    schedule.write_text(
-        f"interval - 1 - x x x /bin/sh -c echo interval >> {out}\n"
-        f"every - * * * * * /bin/sh -c echo every >> {out}\n"
-        f"bad - 61 * * * * /bin/sh -c echo bad >> {out}\n")
-    daemon = make_daemon(slips=True, scheduler_file=schedule)
+@pytest.mark.skipif(SANITIZED_BUILD or not FAST_CLOCK, reason="needs the preloaded clock")
+def test_idle_daemon_starts_each_minute_once(make_daemon, schedule, tmp_path):
+    """Nobody asks it for anything: it looks at its schedule by itself, on a clock that is fast."""
+    speed, begin, real, marks = 12, 1750069800, time.time_ns(), tmp_path / "marks"
+    mark = tmp_path / "mark"
+    mark.write_text(f'#!/bin/sh\necho $1 $(date +%s.%N) >>{marks}\n')
+    mark.chmod(0o755)
+    schedule.write_text(f"every - * * * * * {mark} every\n"
+                        f"interval - 2 - x x x {mark} interval\n"
+                        f"odd - 31-59/2 * * * * {mark} odd\n"
+                        f"bad - 61 * * * * {mark} bad\n")
+    daemon = make_daemon(scheduler_file=schedule, slips=True,
+                         env={"LD_PRELOAD": FAST_CLOCK, "FAST_CLOCK": f"{real} {begin} {speed}"})
 
-    def runs():
-        return out.read_text().split() if out.exists() else []
-    wait_for(lambda: runs().count("every") >= 2 and runs().count("interval") >= 1, daemon, 200)
-    assert "bad" not in runs() and runs().count("every") <= 4 and runs().count("interval") <= 3
+    def minutes(job):
+        rows = (line.split() for line in (marks.read_text() if marks.exists() else "").splitlines())
+        return [int((float(when) - real / 1e9) * speed // 60) for name, when in rows if name == job]
+    assert eventually(lambda: len(minutes("every")) >= 6, 120)
+    assert minutes("every") == list(range(minutes("every")[0], minutes("every")[-1] + 1))
+    assert minutes("odd") == [minute for minute in minutes("every") if minute % 2]
+    assert len(minutes("interval")) >= 2 and minutes("bad") == []
+    assert all(b - a == 2 for a, b in zip(minutes("interval"), minutes("interval")[1:]))
     assert "prev=Thu Jan  1" not in dump(daemon)
+    lines = re.findall(r'"-" (.*)', daemon.error_log.read_text())
+    assert lines == [f"schedule {schedule}:4: job bad: bad minute",
+                     f"schedule {schedule}: 3 entries, 1 lines not loaded"]
 
 
 def test_rescan_of_one_entry_and_of_all(make_daemon, schedule):

@@ -1,0 +1,158 @@
+"""The daemon beside Debian's cron: the same table, ten minutes of a fast clock, each program in name
+spaces of its own and otherwise idle. Both must start the same commands in the same minutes, each
+once, but for what the manual says about hours that are skipped or repeated."""
+
+import datetime
+import os
+import shutil
+import signal
+import subprocess
+import time
+from collections import Counter
+from pathlib import Path
+from zoneinfo import ZoneInfo
+
+import pytest
+
+SPEED = 12
+MINUTES = 10
+FAST_CLOCK = os.environ.get("DOVMAD_FAST_CLOCK", "")
+ZONES = Path("/usr/share/zoneinfo")
+CRON = shutil.which("cron", path="/usr/sbin:/usr/bin")
+
+EVERYWHERE = {"every": "* * * * *", "even": "*/2 * * * *", "list": "1,3,57-59 * * * *",
+              "dom": "* * {day} * *", "other-dom": "* * {other} * *", "either": "* * {other} * {week}",
+              "both": "*/3 * 1-31 {mon} {week}", "not": "* * * {month} *"}
+
+# name -> begin in local time, zone, fixed times, zone half-way, only cron, only the daemon
+DAYS = {
+    "plain": ("2024-06-17 10:55", "UTC", {"57 10": 1, "0 11": 1, "30 2": 0, "3 10-12": 1}, None,
+              {}, {}),
+    # 02:00 to 02:59 do not come: cron makes the run up.
+    "spring": ("2024-03-31 01:55", "Europe/Berlin", {"58 1": 1, "30 2": 1, "2 3": 1}, None,
+               {"30 2"}, {}),
+    # 02:00 to 02:59 come twice: cron has run what stands at a fixed time.
+    "autumn": ("2024-10-27 02:55", "Europe/Berlin", {"57 2": 1, "2 2": 1, "2 3": 0}, None,
+               {}, {"2 2"}),
+    "move": ("2024-06-17 10:55", "UTC", {"57 10": 1, "3 11": 0, "3 20": 1}, "Asia/Tokyo", {}, {}),
+}
+
+
+def why_not():
+    if os.geteuid() != 0 or not CRON:
+        return "needs root and Debian's cron"
+    if not Path(FAST_CLOCK).is_file():
+        return "the preloaded clock was not built"
+    if subprocess.run(["unshare", "-m", "true"], check=False, capture_output=True).returncode:
+        return "no name spaces"
+    return ""
+
+
+class Side:
+    """One program with a zone file and a record of its own."""
+
+    def __init__(self, base, zone):
+        base.mkdir()
+        self.base, self.process = base, None
+        self.zone_file, self.marks, self.mark = base / "zone", base / "marks", base / "mark"
+        self.zone_file.write_bytes((ZONES / zone).read_bytes())
+        self.mark.write_text(f'#!/bin/sh\necho "$1" $(date +%s.%N) >>{self.marks}\n')
+        self.mark.chmod(0o755)
+
+    def start(self, command, mounts, clock, env):
+        lines = [f"mount --bind {self.zone_file} /etc/localtime", *mounts,
+                 f"exec env LD_PRELOAD={FAST_CLOCK} FAST_CLOCK='{clock}' {command}"]
+        with open(self.base / "said", "wb") as said:
+            self.process = subprocess.Popen(
+                ["unshare", "-m", "sh", "-ec", "\n".join(lines)], env=env, stdout=said,
+                stderr=said, stdin=subprocess.DEVNULL)
+
+    def move_to(self, zone):
+        self.zone_file.write_bytes((ZONES / zone).read_bytes())
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        self.process.wait(30)
+
+    def runs(self, minute_of, last):
+        """How often each job ran in each whole minute, counted from the first one."""
+        marks = self.marks.read_text().splitlines() if self.marks.exists() else []
+        rows = (line.rsplit(" ", 1) for line in marks)
+        found = Counter((job, minute_of(float(when))) for job, when in rows)
+        return Counter({run: n for run, n in found.items() if 0 <= run[1] < last})
+
+
+def clean_environment():
+    return {"PATH": os.environ["PATH"]}
+
+
+def start_cron(side, table, clock):
+    tabs, empty = side.base / "tabs", side.base / "empty"
+    tabs.mkdir()
+    empty.mkdir()
+    (tabs / "root").write_text("".join(f"{times} {side.mark} {job}\n" for job, times in table))
+    (tabs / "root").chmod(0o600)
+    nothing = side.base / "nothing"
+    nothing.write_text("")
+    side.start(f"{CRON} -f", [f"mount --bind {tabs} /var/spool/cron/crontabs",
+                              f"mount --bind {empty} /etc/cron.d",
+                              f"mount --bind {nothing} /etc/crontab",
+                              "mount -t tmpfs none /run"], clock, clean_environment())
+
+
+def start_daemon(side, table, clock, make_daemon):
+    schedule = side.base / "schedule"
+    schedule.write_text("".join(f"{job} - {times} {side.mark} {job}\n" for job, times in table))
+    daemon = make_daemon(start=False, scheduler_file=schedule)
+    side.start(f"{os.environ['DOVMAD_BINARY']} {daemon.config}", [], clock,
+               {**clean_environment(), "DOVMAD_TEST_ROOT": str(daemon.prefix)})
+
+
+def table_of(begin, fixed):
+    values = {"day": begin.day, "other": begin.day % 28 + 1, "week": begin.isoweekday() % 7,
+              "mon": begin.strftime("%b").lower(), "month": begin.month % 12 + 1}
+    rows = [(name, times.format(**values)) for name, times in EVERYWHERE.items()]
+    return rows + [(times.replace(" ", "-"), times + " * * *") for times in fixed]
+
+
+def test_same_minutes_as_cron(make_daemon, tmp_path):
+    if reason := why_not():
+        pytest.skip(reason)
+    sides, real = {}, time.time_ns()
+    begin_real = real // 10 ** 9
+    for name, (text, zone, fixed, _, _, _) in DAYS.items():
+        begin = datetime.datetime.fromisoformat(text).replace(tzinfo=ZoneInfo(zone))
+        # Half a minute before the first minute that counts: both programs are up by then.
+        start = int(begin.timestamp()) - 40
+        table = table_of(begin, fixed)
+        pair = (Side(tmp_path / f"{name}-cron", zone), Side(tmp_path / f"{name}-daemon", zone))
+        start_cron(pair[0], table, f"{real} {start} {SPEED}")
+        start_daemon(pair[1], table, f"{real} {start} {SPEED}", make_daemon)
+        sides[name] = pair
+    try:
+        # In the middle of a minute, when neither is at work.
+        time.sleep(max(0, real / 10 ** 9 + (40 + 60 * 5 + 45) / SPEED - time.time()))
+        for name, pair in sides.items():
+            if DAYS[name][3]:
+                for side in pair:
+                    side.move_to(DAYS[name][3])
+        time.sleep(max(0, real / 10 ** 9 + (40 + 60 * MINUTES + 50) / SPEED - time.time()))
+    finally:
+        for pair in sides.values():
+            for side in pair:
+                side.stop()
+    assert begin_real > 0
+
+    def minute_of(when):
+        return int(((when - real / 10 ** 9) * SPEED - 40) // 60)
+
+    for name, (_, _, fixed, _, only_cron, only_daemon) in DAYS.items():
+        theirs, ours = (side.runs(minute_of, MINUTES) for side in sides[name])
+        assert sum(theirs.values()) > 20, (name, theirs, (sides[name][0].base / "said").read_text())
+        assert max(theirs.values()) == max(ours.values()) == 1, name
+        dashed = [{job.replace(" ", "-") for job in jobs} for jobs in (only_cron, only_daemon)]
+        assert {job for job, _ in theirs - ours} == dashed[0], (name, theirs - ours, ours - theirs)
+        assert {job for job, _ in ours - theirs} == dashed[1], (name, theirs - ours, ours - theirs)
+        for job, runs in fixed.items():
+            seen = {ran for ran, _ in theirs | ours}
+            assert (job.replace(" ", "-") in seen) == bool(runs), (name, job)
