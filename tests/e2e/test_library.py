@@ -1,13 +1,18 @@
 """The supplied authentication library inside a running daemon: its files, its users, its TLS."""
 
+import base64
 import os
 import re
+import shutil
+import socket
+import ssl
+import subprocess
 import tempfile
 from pathlib import Path
 
 import pytest
-from dovmad_harness import Daemon, eventually
-from rights_support import add_user
+from dovmad_harness import SANITIZED_BUILD, USER_TOOL, Daemon, eventually
+from rights_support import Authority, add_user, openssl
 
 ROOT_ONLY = pytest.mark.skipif(os.geteuid() != 0, reason="only root can become somebody else")
 
@@ -132,3 +137,275 @@ def test_refused_files_are_told_and_hurt_nobody(make_daemon):
         told(f"users/{name}: ")
     assert status(daemon, root) == 200
     assert not re.search(r"[^\n\x20-\x7e]", daemon.error_log.read_text())
+
+
+# --- TLS as others see it ---
+
+
+def s_client(daemon, *args, said=b"Q\n", seconds=20):
+    """What openssl's client tells of a connection; `said` goes to it once it stands."""
+    done = subprocess.run(["openssl", "s_client", "-connect", f"127.0.0.1:{daemon.tls_port}",
+                           *args], input=said, capture_output=True, timeout=seconds, check=False)
+    return (done.stdout + done.stderr).decode("latin-1")
+
+
+def negotiated(daemon, *args):
+    """"TLSv1.3 TLS_AES..." or None when the handshake fails."""
+    match = re.search(r"^New, (\S+), Cipher is (\S+)", s_client(daemon, *args), re.M)
+    return match and match[2] != "(NONE)" and f"{match[1]} {match[2]}"
+
+
+def test_offers_the_tls_of_today(make_daemon):
+    daemon = make_daemon(auth=True)
+    everything = ("-cipher", "ALL:@SECLEVEL=0")
+    for version in ("-tls1", "-tls1_1"):
+        assert not negotiated(daemon, version, *everything), version
+    # With forward secrecy and authenticated encryption, whatever else the client would take.
+    for cipher, good in (("ECDHE-ECDSA-AES128-GCM-SHA256", True),
+                         ("ECDHE-ECDSA-AES256-GCM-SHA384", True),
+                         ("ECDHE-ECDSA-CHACHA20-POLY1305", True),
+                         ("ECDHE-ECDSA-AES128-SHA", False), ("ECDHE-ECDSA-AES128-SHA256", False),
+                         ("ECDHE-ECDSA-AES128-CCM", False), ("AES128-GCM-SHA256", False),
+                         ("DHE-RSA-AES128-GCM-SHA256", False), ("AECDH-AES128-SHA", False),
+                         ("ECDHE-ECDSA-NULL-SHA", False)):
+        found = negotiated(daemon, "-tls1_2", "-cipher", cipher + ":@SECLEVEL=0")
+        assert bool(found) is good, (cipher, found)
+    for suite, good in (("TLS_AES_128_GCM_SHA256", True), ("TLS_AES_256_GCM_SHA384", True),
+                        ("TLS_CHACHA20_POLY1305_SHA256", True), ("TLS_AES_128_CCM_SHA256", False)):
+        assert bool(negotiated(daemon, "-tls1_3", "-ciphersuites", suite)) is good, suite
+    for group, good in (("X25519", True), ("P-256", True), ("P-384", True), ("P-521", False),
+                        ("X448", False), ("ffdhe2048", False)):
+        assert bool(negotiated(daemon, "-tls1_3", "-groups", group)) is good, group
+    # Neither renegotiation nor anything to resume, in either version.
+    shown = s_client(daemon, "-tls1_2", said=b"R\nGET / HTTP/1.1\r\n\r\n")
+    assert "RENEGOTIATING" in shown and "no renegotiation" in shown, shown
+    for version in ("-tls1_2", "-tls1_3"):
+        shown = s_client(daemon, version, "-reconnect")
+        assert shown.count("\nNew, TLSv") == 6 and "Reused" not in shown, shown
+        assert "session ticket" not in shown.lower() and "Compression: NONE" in shown
+    assert "ALPN protocol: http/1.1" in s_client(daemon, "-alpn", "h2,http/1.1")
+    if shutil.which("sslscan"):
+        scan = subprocess.run(["sslscan", "--no-colour", f"127.0.0.1:{daemon.tls_port}"], text=True,
+                              capture_output=True, timeout=120, check=True).stdout
+        assert re.findall(r"(\S+) +enabled", scan) == ["TLSv1.2", "TLSv1.3"], scan
+        assert "vulnerable" not in scan.replace("not vulnerable", ""), scan
+
+    (daemon.ca.parent / "tls").write_text("minimum = 1.3\ngroups = P-384\n")
+    assert daemon.request("POST", "/admin/security/reset",
+                          user=f"root:{daemon.password}").text == "Success\n"
+    assert not negotiated(daemon, "-tls1_2")
+    assert negotiated(daemon, "-groups", "P-384") and not negotiated(daemon, "-groups", "X25519")
+
+
+def test_failed_handshakes_are_told(make_daemon, tmp_path):
+    daemon = make_daemon(auth=True)
+    clients = Authority(tmp_path / "clients", "clients")
+    strangers = Authority(tmp_path / "strangers", "strangers")
+    at = daemon.ca.parent
+    (at / "client_ca.pem").write_bytes(clients.certificate.read_bytes())
+    (at / "locked_certificates").write_text("mallory\n")
+    daemon.restart()
+
+    def meet(authority, name):
+        context = ssl.create_default_context(cafile=str(daemon.ca))
+        context.load_cert_chain(*authority.issue(name))
+        try:
+            with context.wrap_socket(daemon.connect(daemon.tls_port),
+                                     server_hostname="localhost") as sock:
+                sock.sendall(b"GET /pub/ HTTP/1.0\r\n\r\n")
+                return sock.recv(100)[9:12]
+        except (ssl.SSLError, ConnectionError):
+            return None
+
+    assert meet(clients, "alice") == b"404"
+    for authority, name, words in ((clients, "mallory", ["client certificate of mallory is locked"]),
+                                   (clients, "al ice", ["without a usable common name"]),
+                                   (strangers, "alice", ["unable to get local issuer"])):
+        assert not meet(authority, name)
+        assert eventually(lambda words=words: log_lines(daemon, *words)), daemon.error_log.read_text()
+    assert daemon.raw(b"GET / HTTP/1.1\r\n\r\n", port=daemon.tls_port, end="any") == b""
+    assert eventually(lambda: log_lines(daemon, "http request"))
+
+
+def test_half_handshakes_give_their_memory_back(make_daemon):
+    daemon = make_daemon(auth=True)
+    assert daemon.request("GET", "/pub/", user=f"root:{daemon.password}", tls=True).status == 404
+    hello = None
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        # A client's first message, recorded from a client that nobody answers.
+        client = socket.create_connection(server.getsockname())
+        peer = server.accept()[0]
+        client.setblocking(False)
+        tls = ssl.create_default_context().wrap_socket(client, server_hostname="localhost",
+                                                       do_handshake_on_connect=False)
+        with pytest.raises(ssl.SSLWantReadError):
+            tls.do_handshake()
+        hello = peer.recv(4096)
+        tls.close()
+        peer.close()
+    before = daemon.rss_kib()
+    waiting = []
+    for _ in range(800):
+        sock = daemon.connect(daemon.tls_port)
+        sock.sendall(hello)
+        waiting.append(sock)
+    for sock in waiting:
+        assert sock.recv(1) == b"\x16"  # the server's hello: its half is done
+    for sock in waiting:
+        sock.close()
+    if not SANITIZED_BUILD:
+        assert eventually(lambda: daemon.rss_kib() < before + 8000), (before, daemon.rss_kib())
+
+
+def test_logins_do_not_stay_in_memory(make_daemon):
+    """Neither in TLS buffers nor in those of the library; only what was mistyped is looked for."""
+    daemon = make_daemon(auth=True)
+    for tls in (True, False):
+        assert status(daemon, "root:Wr0ng-horse-battery", "/pub/", tls=tls) == 401
+        assert status(daemon, f"root:{daemon.password}", "/pub/", tls=tls) == 404
+    wanted = (b"Wr0ng-horse-battery", base64.b64encode(b"root:Wr0ng-horse-battery"))
+    found = 0
+    with open(f"/proc/{daemon.pid}/maps", encoding="ascii") as maps, \
+            open(f"/proc/{daemon.pid}/mem", "rb", 0) as memory:
+        for line in maps:
+            first, last, mode = re.match(r"([0-9a-f]+)-([0-9a-f]+) (\S+)", line).groups()
+            if mode.startswith("rw"):
+                memory.seek(int(first, 16))
+                try:
+                    content = memory.read(int(last, 16) - int(first, 16))
+                    found += sum(content.count(text) for text in wanted)
+                except OSError:
+                    pass  # a mapping that cannot be read
+    assert found == 0
+
+
+# --- Renewing the certificate ---
+
+
+def presented(daemon):
+    return ssl.get_server_certificate(("127.0.0.1", daemon.tls_port))
+
+
+def test_a_renewed_certificate_is_served_and_disturbs_nobody(make_daemon, tmp_path):
+    """What a deploy hook does, word for word."""
+    daemon = make_daemon(auth=True)
+    authority = Authority(tmp_path / "ca", "authority")
+    fresh, key = authority.issue("localhost")
+    chain = tmp_path / "fullchain.pem"
+    chain.write_text(fresh.read_text() + authority.certificate.read_text())
+    context = ssl.create_default_context(cafile=str(daemon.ca))
+    request = b"GET /world/ HTTP/1.1\r\nHost: localhost\r\n\r\n"
+    (daemon.root / "world").mkdir()
+    (daemon.root / "world" / "index.html").write_text("hello")
+    former = presented(daemon)
+
+    def renew(*args, password=None):
+        env = {**daemon.env, "DOVMAD_PASSWORD": password or daemon.password}
+        return subprocess.run([USER_TOOL, "-c", daemon.config, "renew", *map(str, args)], env=env,
+                              text=True, capture_output=True, timeout=60, check=False)
+
+    with context.wrap_socket(daemon.connect(daemon.tls_port),
+                             server_hostname="localhost") as client:
+        client.sendall(request)
+        assert b"hello" in client.recv(4096)
+        for problem, args in (("no usable certificate", (key, key)),
+                              ("no private key that fits", (chain, authority.folder / "ca.key")),
+                              ("No such file", (tmp_path / "missing", key))):
+            done = renew(*args)
+            assert done.returncode == 1 and problem in done.stderr, done
+        assert "does not accept" in renew(chain, key, password="wrong").stderr
+        assert presented(daemon) == former and daemon.ca.read_text() == former
+        done = renew(chain, key)
+        assert (done.returncode, done.stdout, done.stderr) == (0, "", ""), done
+        assert presented(daemon).strip() in fresh.read_text()
+        assert (daemon.ca.parent / "server.key").stat().st_mode & 0o777 == 0o600
+        client.sendall(request)
+        assert b"hello" in client.recv(4096), "an open connection goes on"
+    # Somebody else of the same authority is not the daemon.
+    impostor, impostor_key = authority.issue("impostor")
+    daemon.stop()
+    (daemon.ca.parent / "server.key").write_bytes(impostor_key.read_bytes())
+    daemon.ca.write_text(impostor.read_text() + authority.certificate.read_text())
+    daemon.start()
+    daemon.ca.write_text(chain.read_text())
+    done = renew(chain, key)
+    assert done.returncode == 1 and "is not the first one of" in done.stderr, done
+
+
+# --- dovmad-user check ---
+
+
+def test_check_tells_what_the_daemon_would(make_daemon, tmp_path):
+    daemon = make_daemon(auth=True)
+    at = daemon.ca.parent
+
+    def check():
+        done = subprocess.run([USER_TOOL, "-c", daemon.config, "check"], env=daemon.env, text=True,
+                              capture_output=True, timeout=60, check=False)
+        assert done.stderr == "" and done.returncode in (0, 1), done
+        lines = done.stdout.splitlines()
+        assert (done.returncode == 1) == any(line.startswith("error: ") for line in lines), done
+        return done.returncode, done.stdout
+
+    assert check() == (0, f"warning: {at}/initial-password: still holds the first password\n")
+    assert daemon.user_tool("passwd", "root", input="new-password\n").returncode == 0
+    assert check() == (0, "")
+    certificate, key = daemon.ca.read_bytes(), (at / "server.key").read_bytes()
+    root = (at / "users" / "root").read_bytes()
+    authority = Authority(tmp_path / "ca", "authority")
+    old = tmp_path / "old.pem"
+    (tmp_path / "index").touch()
+    (tmp_path / "ca.conf").write_text(
+        f"[ca]\ndefault_ca = own\n[own]\ndatabase = {tmp_path}/index\nrand_serial = yes\n"
+        f"new_certs_dir = {tmp_path}\npolicy = any\ndefault_md = sha256\n[any]\n"
+        "commonName = supplied\n")
+    openssl("req", "-new", "-key", at / "server.key", "-out", tmp_path / "csr", "-subj", "/CN=old")
+    openssl("ca", "-batch", "-config", tmp_path / "ca.conf", "-selfsign", "-in", tmp_path / "csr",
+            "-keyfile", at / "server.key", "-out", old, "-notext", "-startdate", "20200101000000Z",
+            "-enddate", "20210101000000Z")
+    for file, content, mode, kind, words in (
+            ("server.crt", b"rubbish", 0o644, "error", "server.crt: no usable certificate"),
+            ("server.crt", old.read_bytes(), 0o644, "error", "server.crt: has expired on"),
+            ("server.crt", certificate + authority.certificate.read_bytes(), 0o644, "error",
+             "certificate 2 has not issued the one before it"),
+            ("server.key", (authority.folder / "ca.key").read_bytes(), 0o600, "error",
+             "server.key: no private key that fits"),
+            ("server.key", key, 0o640, "error", "server.key: others than the owner"),
+            ("domains", b"local:password:box\nbad line\n", 0o644, "error", "domains: line 2: not"),
+            ("domains", b"a:password:b\na:certificate:b\n", 0o644, "error", "domains: line 2: a"),
+            ("domains", b"# none\n", 0o644, "error", "no line names a domain"),
+            ("domains", b"a:certificate:b\n", 0o644, "warning", "no password domain"),
+            ("tls", b"minimum = 1.0\n", 0o644, "error", "tls: line 1: neither"),
+            ("tls", b"groups = X25519:nonsense\n", 0o644, "error", "unknown group"),
+            ("locked_certificates", b"alice\na b\n", 0o644, "error", "line 2: neither a common"),
+            ("locked_certificates", b"alice\n", 0o644, "warning", "of no use without client_ca"),
+            ("client_crl.pem", b"", 0o644, "error", "client_crl.pem: no revocation list"),
+            ("client_ca.pem", b"half", 0o644, "error", "client_ca.pem: no certificate"),
+            ("users/root", root, 0o640, "error", "users/root: mode 0640"),
+            ("users/root", b"\0\xff\n", 0o600, "error", "users/root: no line NAME:HASH"),
+            ("users/a b", b"", 0o600, "warning", "no user can have this name"),
+            ("users/.dovmad-user.new", b"", 0o600, "warning", "left by a dovmad-user"),
+            ("users/link", None, None, "warning", "users/link: is a symbolic link")):
+        path = at / file
+        before = (path.read_bytes(), path.stat().st_mode) if path.exists() else None
+        if content is None:
+            path.symlink_to("root")
+        else:
+            path.write_bytes(content)
+            path.chmod(mode)
+        result, text = check()
+        assert re.search(f"^{kind}: .*{re.escape(words)}", text, re.M), (file, text)
+        assert result == 1 or kind == "warning"
+        path.unlink()
+        if before:
+            path.write_bytes(before[0])
+            path.chmod(before[1])
+    for folder in (at.parent, at, at / "users"):
+        folder.chmod(0o777)
+        assert f"error: {folder}: mode 0777" in check()[1]
+        folder.chmod(0o700)
+    assert check() == (0, "")
+    shutil.rmtree(at / "users")
+    assert "users: No such file" in check()[1]
+    assert "No such file" in daemon.user_tool("-d", tmp_path / "nowhere", "check").stderr
+    (at / "users").mkdir(mode=0o700)

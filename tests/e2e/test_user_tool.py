@@ -1,6 +1,7 @@
 """dovmad-user: accounts and rights, in the files and through a running daemon."""
 
 import ctypes
+import json
 import os
 import pty
 import random
@@ -213,7 +214,8 @@ def test_root_follows_no_link_of_somebody_else(their_site, tmp_path, where):
 
 
 def on_terminal(site, answers, *args):
-    """Runs the tool on a terminal of its own: (status, everything shown)."""
+    """Runs the tool on a terminal of its own: (status, everything shown). An answer that is a
+    function is what it returns when the question stands."""
     master, slave = pty.openpty()
     with os.fdopen(master, "r+b", buffering=0) as terminal:
         process = subprocess.Popen([USER_TOOL, "-c", str(site.config), *args], stdin=slave,
@@ -224,7 +226,7 @@ def on_terminal(site, answers, *args):
             while not shown.endswith(b": "):
                 shown += terminal.read(4096)
             shown += b"|"
-            terminal.write(answer)
+            terminal.write(answer() if callable(answer) else answer)
         try:
             while piece := terminal.read(4096):
                 shown += piece
@@ -431,3 +433,161 @@ def test_accounts_of_a_running_daemon(make_daemon):
             if login:
                 reply = daemon.request("GET", "/pub/f.txt", user=login)
                 assert reply.status == status, (command, login)
+
+
+# --- What is refused, and what is warned of ---
+
+
+def warnings(done):
+    good(done)
+    return done.stderr
+
+
+def test_weak_passwords_need_a_switch(site):
+    for password in ("seven77", "x", "AliceInTheWoods"):
+        assert "(-w takes it)" in site.bad("add", "aliceinthewoods", input=password + "\n")
+    site.good("add", "aliceinthewoods", input="eight888\n")
+    assert "-w" in site.bad("passwd", "aliceinthewoods", input="short\n")
+    site.good("passwd", "-w", "aliceinthewoods", input="x\n")
+    assert fits("x", site.user("aliceinthewoods").rstrip("\n").split(":")[1])
+
+
+def test_a_new_name_finds_no_rights_of_others(site):
+    (site.root / "admin" / ".dovmaaccess").write_text("alice@cert.vm:user\nErin:user\n")
+    (site.other / "pub" / ".dovmaaccess").write_text("daniel@local.boxes:user\n")
+    for name, longer in (("alice", "alice@cert.vm (admin in plx)"),
+                         ("AL", "alice@cert.vm (admin in plx)"), ("e", "Erin")):
+        text = site.bad("add", "-o", name, input="password\n")
+        assert "would hold the rights of" in text and longer in text, text
+    assert "daniel@local.boxes" in site.bad("add", "daniel", input="password\n")
+    assert list((site.at / "users").iterdir()) == []
+    # The very same name: left from somebody who is gone, as far as anybody can tell.
+    assert "Erin holds rights that were granted before: admin in plx" in \
+        warnings(run_tool(site.config, "add", "-o", "Erin", input="password\n"))
+    # And the other way round: what a longer name gets.
+    assert "user Erin holds this role as well" in \
+        warnings(run_tool(site.config, "grant", "erin@cert.vm", "operator"))
+
+
+def test_warns_of_names_that_nobody_has(site):
+    site.good("add", "alice", input="password\n")
+    for name, known in (("alice", True), ("alice@local.box", True), ("carol@cert.box", True),
+                        ("alicia", False), ("alicia@local.box", False), ("root", True)):
+        text = warnings(run_tool(site.config, "grant", name, "agent"))
+        assert ("nobody has the name" in text) is not known, (name, text)
+        assert "nobody" not in warnings(run_tool(site.config, "-g", "grant", name, "agent"))
+
+
+def test_a_deleted_user_leaves_no_rights(make_daemon, site):
+    site.good("add", "alice", input="password\n")
+    site.good("grant", "alice", "operator")
+    site.good("grant", "alice", "admin", "ns")
+    site.good("grant", "alice2@local.box", "operator")
+    assert "denied admin in namespace ns" in site.good("del", "alice")
+    assert site.access("operator") == "alice2@local.box:user\n"
+    assert site.access("admin", site.other) == ""
+
+    # A running daemon is asked when the password is at hand; else it is said what stays.
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+    for password in (None, daemon.password):
+        good(run_tool(daemon.config, "add", "bob", input="password\n"))
+        bob = full_name(daemon, "bob")
+        good(as_root(daemon, "grant", "bob", "operator"))
+        env = {"DOVMAD_PASSWORD": password} if password else {}
+        done = run_tool(daemon.config, "del", "bob", **env)
+        assert (f"{bob} still holds operator in plx" in warnings(done)) is (password is None)
+        file = daemon.root / "operator" / ".dovmaaccess"
+        assert file.read_text() == (f"{bob}:user\n" if password is None else "")
+
+
+def test_names_the_missing_configuration(tmp_path):
+    prefix = {"DOVMAD_TEST_ROOT": str(tmp_path)}
+    for args in (("rights", "alice"), ("grant", "alice", "admin"), ("reset",)):
+        done = subprocess.run([USER_TOOL, *args], env={**os.environ, **prefix}, text=True,
+                              capture_output=True, check=False, timeout=60)
+        assert done.returncode == 1
+        assert re.fullmatch(r"dovmad-user: \S+dovmad.conf: No such file or directory; "
+                            r"name one with -c\n", done.stderr), done.stderr
+
+
+# --- Several at once, and none that ends well ---
+
+
+def test_prompts_undo_nobody_elses_change(site):
+    """Others change the user while somebody thinks of a password."""
+    for change, state in ((("lock", "alice"), "locked"), (("del", "alice"), None)):
+        site.good("add", "alice", input="password\n")
+        status, shown = on_terminal(
+            site, [b"new-password\n", lambda: site.good(*change) or b"new-password\n"],
+            "passwd", "alice")
+        listed = site.good("list")
+        if state:
+            assert status == 0 and state in listed, shown
+            assert fits("new-password", site.user("alice").split(":")[1])
+            site.good("del", "alice")
+        else:
+            assert status == 1 and "no such user" in shown and listed == ""
+    status, shown = on_terminal(
+        site, [b"password-1\n", lambda: site.good("add", "carol", input="password-2\n") or
+               b"password-1\n"], "add", "carol")
+    assert status == 1 and "exists" in shown
+    assert fits("password-2", site.user("carol").rstrip("\n").split(":")[1])
+
+
+def test_many_tools_lose_nothing_and_kills_leave_nothing(site):
+    def begin(*args):
+        return subprocess.Popen([USER_TOOL, "-c", str(site.config), *args],
+                                stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+
+    names = [f"user{i}" for i in range(12)]
+    started = [begin("-g", "grant", name, "operator") for name in names]
+    assert [process.wait(60) for process in started] == [0] * len(names)
+    assert sorted(site.access("operator").split()) == sorted(f"{name}:group" for name in names)
+
+    site.good("add", "alice", input="password\n")
+    chance = random.Random(3)
+    for _ in range(40):
+        process = begin(chance.choice(("lock", "unlock")), "alice")
+        try:
+            process.wait(chance.random() * 0.02)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+    users = site.at / "users"
+    (users / ".alice.abc234").write_text("of an earlier version")
+    (users / ".dovmad-user.new").write_text("of one that was killed")
+    site.good("unlock", "alice")
+    assert [entry.name for entry in users.iterdir()] == ["alice"]
+    assert site.good("list").endswith("active\n")
+
+
+# --- JSON ---
+
+
+def test_rights_as_json(site):
+    (site.root / "operator" / ".dovmaaccess").write_bytes(
+        b'bob "the\\b\x01 \xe4\xc3\xa4:user\nwheel:group\nno entry\n')
+    (site.root / "agent" / ".dovmaaccess").mkdir()
+    everything = json.loads(site.good("rights", "--json"))
+    assert everything["version"] == 1
+    spaces = {entry["namespace"]: entry for entry in everything["namespaces"]}
+    assert list(spaces) == ["ns", "plx2", "plx"] and spaces["ns"]["root"] == str(site.other)
+    roles = {entry["role"]: entry for entry in spaces["plx"]["roles"]}
+    assert list(roles) == list(ROLES)
+    assert roles["operator"] == {
+        "role": "operator", "file": str(site.root / "operator" / ".dovmaaccess"), "readable": True,
+        "everybody": False, "built_in": {"users": [], "groups": []},
+        "users": ['bob "the\\b\x01 \ufffdä'], "groups": ["wheel"]}
+    assert roles["pub"]["everybody"] and roles["pub"]["users"] == []
+    assert roles["admin"]["built_in"] == {"users": ["root"], "groups": ["root"]}
+    assert not roles["agent"]["readable"]
+    (site.root / "agent" / ".dovmaaccess").rmdir()
+    held = json.loads(site.good("rights", "-j", "-g", "wheel"))
+    assert held["group"] == "wheel"
+    assert {(e["namespace"], e["role"]): (e["held"], e["because"]) for e in held["rights"]}[
+        "plx", "operator"] == (True, "listed as operator")
+    assert json.loads(site.good("rights", "-j", "zoe"))["rights"][0] == {
+        "namespace": "ns", "role": "pub", "held": True, "because": "every user holds pub"}
+    assert run_tool(site.config, "rights").returncode == USAGE

@@ -2,6 +2,8 @@
 // pair.
 #include <fcntl.h>
 #include <openssl/err.h>
+#include <openssl/objects.h>
+#include <openssl/pem.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -433,6 +435,125 @@ TEST_F(channel_test, new_certificates_count_when_the_service_logs_in_again) {
     EXPECT_EQ(peer_name(), "fresh");
     EXPECT_EQ(sk_X509_num(SSL_get_peer_cert_chain(client.get())), 2);
     EXPECT_EQ(molbAtFree(former), at_ok);
+}
+
+// A revocation list of `issuer` with these certificates, that expires after `seconds`.
+static std::string revocation_list(const certified_key& issuer,
+                                   const std::vector<const certified_key*>& revoked,
+                                   long seconds) {
+    const openssl_ptr<X509_CRL> list(X509_CRL_new());
+    X509_CRL_set_version(list.get(), 1);
+    X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(issuer.certificate.get()));
+    ASN1_TIME* date = X509_gmtime_adj(nullptr, -3600);
+    X509_CRL_set1_lastUpdate(list.get(), date);
+    for (const certified_key* identity : revoked) {
+        X509_REVOKED* entry = X509_REVOKED_new();
+        X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(identity->certificate.get()));
+        X509_REVOKED_set_revocationDate(entry, date);
+        X509_CRL_add0_revoked(list.get(), entry);
+    }
+    X509_CRL_set1_nextUpdate(list.get(), X509_gmtime_adj(date, seconds));
+    ASN1_TIME_free(date);
+    X509_CRL_sort(list.get());
+    X509_CRL_sign(list.get(), issuer.key.get(), EVP_sha256());
+    const openssl_ptr<BIO> writer(BIO_new(BIO_s_mem()));
+    PEM_write_bio_X509_CRL(writer.get(), list.get());
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(writer.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
+}
+
+TEST_F(channel_test, revoked_and_locked_certificates_are_no_logins) {
+    const certified_key authority = make_authority("first");
+    const certified_key other = make_authority("second");
+    const certified_key alice = make_certificate({"alice"}, &authority);
+    const certified_key bob = make_certificate({"bob"}, &authority);
+    const certified_key carol = make_certificate({"carol"}, &other);
+    write_file(site() / "client_ca.pem", authority.certificate_pem() + other.certificate_pem());
+    // Who gets in, in the order above; certificates of TLS 1.2 and 1.3 are judged alike.
+    const auto admitted = [&] {
+        refresh();
+        std::string names;
+        for (const certified_key* identity : {&alice, &bob, &carol}) {
+            present(*identity);
+            const std::uint32_t result = meet(TLS1_2_VERSION);
+            EXPECT_EQ(meet(TLS1_3_VERSION), result);
+            names += result == at_ok ? who + " " : "";
+        }
+        return names;
+    };
+    const std::string all = "box/cert/alice box/cert/bob box/cert/carol ";
+    EXPECT_EQ(admitted(), all);
+    // The other authority has no list here, and so has revoked nobody.
+    write_file(site() / "client_crl.pem", revocation_list(authority, {&bob}, 3600));
+    EXPECT_EQ(admitted(), "box/cert/alice box/cert/carol ");
+    for (const char* rubbish : {"rubbish", "", "-----BEGIN X509 CRL-----\n"}) {
+        write_file(site() / "client_crl.pem", rubbish);
+        EXPECT_EQ(admitted(), "box/cert/alice box/cert/carol ") << "the former list stays";
+    }
+    write_file(site() / "client_crl.pem", revocation_list(authority, {}, -60));
+    EXPECT_EQ(admitted(), "box/cert/carol ") << "nobody knows who was revoked since";
+    write_file(site() / "client_crl.pem",
+               revocation_list(authority, {}, 3600) + revocation_list(other, {&carol}, 3600));
+    EXPECT_EQ(admitted(), "box/cert/alice box/cert/bob ");
+    std::filesystem::remove(site() / "client_crl.pem");
+    EXPECT_EQ(admitted(), all);
+
+    std::array<unsigned char, 32> digest{};
+    X509_digest(alice.certificate.get(), EVP_sha256(), digest.data(), nullptr);
+    std::string fingerprint;
+    for (const unsigned char byte : digest) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, "%02X:", byte);
+        fingerprint += digits;
+    }
+    fingerprint.pop_back();
+    write_file(site() / "locked_certificates",
+               "# gone\r\n\n  carol  # left us\n" + fingerprint + "\n");
+    EXPECT_EQ(admitted(), "box/cert/bob ");
+    for (const std::string& rubbish : {std::string("a b\n"), fingerprint + "0\n"}) {
+        write_file(site() / "locked_certificates", "bob\n" + rubbish);
+        EXPECT_EQ(admitted(), "box/cert/bob ") << rubbish;
+    }
+    write_file(site() / "locked_certificates", "alic\nBob\n");
+    EXPECT_EQ(admitted(), all);
+}
+
+TEST_F(channel_test, speaks_what_the_file_tls_asks_for) {
+    // The version and the group that a client that knows both versions and three groups ends with.
+    const auto agreed = [&](const char* groups) {
+        refresh();
+        SSL_CTX_set1_groups_list(context.get(), groups);
+        SSL_CTX_set_min_proto_version(context.get(), 0);
+        if (meet(0) != at_no_credential) {
+            return std::string("none");
+        }
+        return std::string(SSL_get_version(client.get())) + " " +
+               OBJ_nid2sn(static_cast<int>(SSL_get_negotiated_group(client.get())));
+    };
+    const auto speaks_1_2 = [&] {
+        SSL_CTX_set1_groups_list(context.get(), "P-384:P-256");
+        return meet(TLS1_2_VERSION) == at_no_credential;
+    };
+    EXPECT_EQ(agreed("P-521:X25519"), "TLSv1.3 X25519");
+    EXPECT_EQ(agreed("P-384:P-521"), "TLSv1.3 secp384r1");
+    EXPECT_EQ(agreed("P-521"), "none");
+    EXPECT_TRUE(speaks_1_2());
+    write_file(site() / "tls", "# today\r\n minimum=1.3 # only\n\ngroups = P-521:P-384\n");
+    EXPECT_EQ(agreed("X25519:P-384:P-521"), "TLSv1.3 secp521r1");
+    EXPECT_FALSE(speaks_1_2());
+    for (const char* bad : {"minimum = 1.1\n", "minimum\n", "maximum = 1.3\n", "groups =\n",
+                            "groups = X25519:no-such-group\n", "=\n", "\xff\n"}) {
+        write_file(site() / "tls", bad);
+        EXPECT_EQ(agreed("X25519:P-521"), "TLSv1.3 secp521r1") << bad;
+        void* none = nullptr;
+        std::string log;
+        EXPECT_EQ(start(&none, &log), at_file_error) << bad;
+        EXPECT_NE(log.find("/tls: "), std::string::npos) << log;
+    }
+    write_file(site() / "tls", "");
+    EXPECT_EQ(agreed("P-256"), "TLSv1.3 prime256v1");
+    EXPECT_TRUE(speaks_1_2());
 }
 
 namespace {

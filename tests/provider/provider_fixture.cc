@@ -134,8 +134,8 @@ certified_key make_certificate(const std::vector<std::string>& common_names,
     return make(common_names, issuer, "critical,CA:FALSE");
 }
 
-certified_key make_authority() {
-    return make({"authority"}, nullptr, "critical,CA:TRUE");
+certified_key make_authority(const char* name) {
+    return make({name}, nullptr, "critical,CA:TRUE");
 }
 
 std::string certified_key::certificate_pem() const {

@@ -74,7 +74,7 @@ certified_key make_certificate(const std::vector<std::string>& common_names,
                                const certified_key* issuer = nullptr);
 
 // One that may sign others.
-certified_key make_authority();
+certified_key make_authority(const char* name = "authority");
 
 // A connected pair of non-blocking sockets: the library's end, and the other one.
 class socket_pair {
