@@ -13,6 +13,7 @@ import pytest
 from dovmad_harness import SANITIZED_BUILD, USER_TOOL, Daemon, eventually
 from rights_support import Authority, add_user, openssl
 
+HOOK = Path(__file__).parents[2] / "packaging" / "renew-hook"
 ROOT_ONLY = pytest.mark.skipif(os.geteuid() != 0, reason="only root can become somebody else")
 
 
@@ -285,7 +286,6 @@ def presented(daemon):
 
 
 def test_a_renewed_certificate_is_served_and_disturbs_nobody(make_daemon, tmp_path):
-    """What a deploy hook does, word for word."""
     daemon = make_daemon(auth=True)
     authority = Authority(tmp_path / "ca", "authority")
     fresh, key = authority.issue("localhost")
@@ -302,6 +302,18 @@ def test_a_renewed_certificate_is_served_and_disturbs_nobody(make_daemon, tmp_pa
         return subprocess.run([USER_TOOL, "-c", daemon.config, "renew", *map(str, args)], env=env,
                               text=True, capture_output=True, timeout=60, check=False)
 
+    def hook():
+        """The one that is shipped, as an ACME client runs it."""
+        (tmp_path / "bin").mkdir()
+        (tmp_path / "bin" / "dovmad-user").symlink_to(USER_TOOL)
+        (tmp_path / "password").write_text(daemon.password + "\n")
+        (tmp_path / "privkey.pem").write_bytes(key.read_bytes())
+        env = {**daemon.env, "PATH": f"{tmp_path}/bin:{os.environ['PATH']}",
+               "RENEWED_LINEAGE": str(tmp_path), "DOVMAD_CONFIG": str(daemon.config),
+               "DOVMAD_PASSWORD_FILE": str(tmp_path / "password")}
+        return subprocess.run([HOOK], env=env, text=True, capture_output=True, timeout=60,
+                              check=False)
+
     with context.wrap_socket(daemon.connect(daemon.tls_port),
                              server_hostname="localhost") as client:
         client.sendall(request)
@@ -313,7 +325,7 @@ def test_a_renewed_certificate_is_served_and_disturbs_nobody(make_daemon, tmp_pa
             assert done.returncode == 1 and problem in done.stderr, done
         assert "does not accept" in renew(chain, key, password="wrong").stderr
         assert presented(daemon) == former and daemon.ca.read_text() == former
-        done = renew(chain, key)
+        done = hook()
         assert (done.returncode, done.stdout, done.stderr) == (0, "", ""), done
         assert presented(daemon).strip() in fresh.read_text()
         assert (daemon.ca.parent / "server.key").stat().st_mode & 0o777 == 0o600
