@@ -104,7 +104,7 @@ std::string fingerprint_text(std::string_view text) {
             digits += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         }
     }
-    const bool good = digits.size() == 2 * SHA256_DIGEST_LENGTH &&
+    const bool good = digits.size() == std::size_t{2} * SHA256_DIGEST_LENGTH &&
                       digits.find_first_not_of("0123456789abcdef") == std::string::npos;
     return good ? digits : std::string();
 }

@@ -232,7 +232,8 @@ void check_users(const std::string& directory, const trusted_owner& owner, findi
     }
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
-        const std::string path = directory + "/" + name;
+        std::string path = directory;
+        path.append("/").append(name);
         if (is_user_name(name)) {
             check_user(path, name, owner, found);
         } else if (is_leftover(name)) {

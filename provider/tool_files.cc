@@ -53,8 +53,9 @@ std::optional<stranger> first_stranger(const std::string& path) {
         if (is_link) {
             char target[PATH_MAX];
             const ssize_t length = readlinkat(next.get(), "", target, sizeof target);
-            rest = std::string(target, static_cast<std::size_t>(std::max<ssize_t>(length, 0))) +
-                   "/" + rest;
+            const std::string_view behind = rest;
+            std::string joined(target, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+            rest = joined.append("/").append(behind);
             next = rest.starts_with('/') ? open_place(AT_FDCWD, "/") : std::move(at);
             ++links;
         }

@@ -109,6 +109,7 @@ bool is_unsaved(const change& made, bool give) {
 
 std::vector<std::string> access_paths(const name_space& where) {
     std::vector<std::string> paths;
+    paths.reserve(all_roles.size());
     for (const role_number role : all_roles) {
         paths.push_back(access_path(where.root, role));
     }
