@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/string.h"
+#include "lib/odd_lines.h"
 #include "lib/rbtree.h"
 #include "lib/replace_file.h"
 
@@ -32,9 +33,10 @@ name_space_rights::name_space_rights(const name_space& where, bool quiet)
     user_.quiet = quiet;
 }
 
-int name_space_rights::file_user::write(role_entry* /*row*/, const std::string& path,
-                                        const std::string& text) {
-    return replace_file(path.c_str(), text);
+int name_space_rights::file_user::write(role_entry* row, const std::string& path,
+                                        const std::string& lost) {
+    const int error = lost.empty() ? 0 : save_lines(path.c_str(), lost);
+    return error != 0 ? error : replace_file(path.c_str(), access_file_text(row));
 }
 
 void name_space_rights::file_user::tell(const std::string& line) {

@@ -33,7 +33,7 @@ class name_space_rights {
 
   private:
     struct file_user : rights_user {
-        int write(role_entry* row, const std::string& path, const std::string& text) override;
+        int write(role_entry* row, const std::string& path, const std::string& lost) override;
         void tell(const std::string& line) override;
         bool quiet = false;
     };
