@@ -1,6 +1,7 @@
 // What the library exports, how it sets a data directory up, and how it takes changed files over.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <pty.h>
@@ -173,6 +174,7 @@ TEST_F(set_up_test, only_a_terminal_is_shown_the_password) {
         return text;
     };
     const std::string shown = printed(terminal[0], terminal[1], true);
+    EXPECT_EQ(mode_of(data_dir), 0700);
     const std::size_t at = shown.find("password: ");
     ASSERT_NE(at, std::string::npos) << shown;
     EXPECT_EQ(first_password(), "");
@@ -306,6 +308,25 @@ TEST_F(set_up_test, what_others_may_write_is_not_believed) {
     }
     EXPECT_EQ(start(&none, &log), at_ok) << log;
     EXPECT_EQ(molbAtTerminate(none), at_ok);
+}
+
+TEST_F(set_up_test, keys_and_what_is_remembered_stay_out_of_core_dumps) {
+    // Mappings that the kernel leaves out of a dump.
+    const auto left_out = [] {
+        std::ifstream maps("/proc/self/smaps");
+        int count = 0;
+        for (std::string line; std::getline(maps, line);) {
+            count += line.rfind("VmFlags:", 0) == 0 && line.find(" dd") != line.npos ? 1 : 0;
+        }
+        return count;
+    };
+    const std::size_t keys = CRYPTO_secure_used();
+    const int before = left_out();
+    set_up();
+    EXPECT_GT(CRYPTO_secure_used(), keys);
+    EXPECT_GT(left_out(), before);
+    ASSERT_EQ(molbAtTerminate(std::exchange(handle, nullptr)), at_ok);
+    EXPECT_EQ(CRYPTO_secure_used(), keys);
 }
 
 TEST_F(set_up_test, out_arguments_are_cleared_and_strangers_refused) {
