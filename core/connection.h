@@ -1,17 +1,17 @@
-// One accepted connection: its request, its two streams, its identity.
+// One accepted connection: what lives as long as its socket, and the exchange that it carries.
 //
-// A connection is one allocation that holds the record and both buffers (the handler's first); it
-// is made by new_conn and freed by the engine alone. Handlers reach everything about a request
-// through it. Each pass of the main loop visits a connection at most once.
+// Handlers reach everything about a request through it. Each pass of the main loop visits a
+// connection at most once. It is made by new_conn and freed by the engine alone.
 //
 // Rules for handler classes (installed on `local`):
 // - `local` is fully reset before a request is routed; a class assigns its flags with
 //   install_class. Replies begin at local.buffer with tail 0.
 // - A class without a poll slot sets sf_always_ready. A read that can't produce anything yet
 //   returns 0 with sf_keep_open set, or -1 with EAGAIN; it is then called again on a later pass, at
-//   the latest after 5 seconds, at once after shttpd_wake().
-// - The engine hands the request's body to a class that has sf_writable, a write operation and a
-//   poll slot (or is io_file), at most body_left bytes in all, and reads from it while sf_readable.
+//   the latest after 5 seconds, at once after shttpd_wake() or visit_soon().
+// - The engine hands a forwarded head and then the request's body, at most body_left bytes of it,
+//   to a class that has sf_writable, a write operation and a poll slot (or takes_body_unpolled),
+//   and reads from it while sf_readable.
 // - Poll events are decided by the engine alone, after every visit.
 #pragma once
 
@@ -25,6 +25,7 @@
 
 #include "core/fwd.h"
 #include "core/list.h"
+#include "core/namespace_ref.h"
 #include "core/resolver.h"
 #include "core/stream.h"
 
@@ -57,30 +58,27 @@ struct header_values {
     std::string_view namespace_name;
 };
 
-// What belongs to one request and is cleared before the next one on the same connection.
+// What the client has asked for.
 struct request_data {
-    int status = 0;
     int method = method_get;
     unsigned long major = 0;
     unsigned long minor = 0;
-    std::string text;               // the header block; the request line is terminated in place
-    std::size_t headers_start = 0;  // where the header lines begin in `text`
-    std::string uri;                // decoded and cleaned; a proxied one as received, cleaned
-    std::string query;              // decoded; meaningful when has_query
-    bool has_query = false;
-    std::string path_info;           // without its leading slash; empty: none
-    const char* mime = nullptr;      // chosen for an index file; null: by the URI's extension
-    namespace_record* ns = nullptr;  // one reference is held
-    std::string role;                // the URI's role segment
-    std::string recorded_role;       // the role that authorization granted; empty: none
-    header_values headers;
-    std::string typed_user;           // of an Authorization value that has been wiped
-    bool refusal_logged = false;      // the error log has the line of this request's refusal
+    std::string text;                 // the header block; the request line is terminated in place
+    std::size_t headers_start = 0;    // where the header lines begin in `text`
     std::size_t headers_scanned = 0;  // how much of an incomplete header block was looked at
-    bool is_last = false;             // the client has announced that nothing follows
-    std::uint64_t body_left = 0;      // body bytes not yet handed to the handler
-    std::uint64_t sent = 0;           // reply bytes that have gone out
-    lookup_ptr peer_lookup;           // see peer_name()
+    std::string uri;                  // decoded and cleaned; a proxied one as received, cleaned
+    std::string query;                // decoded; meaningful when has_query
+    bool has_query = false;
+    bool is_last = false;        // the client has announced that nothing follows
+    std::string path_info;       // without its leading slash; empty: none
+    const char* mime = nullptr;  // chosen for an index file; null: by the URI's extension
+    namespace_ref ns;
+    std::string role;           // the URI's role segment
+    std::string recorded_role;  // the role that authorization granted; empty: none
+    header_values headers;
+    std::string typed_user;       // of an Authorization value that has been wiped
+    bool refusal_logged = false;  // the error log has the line of this request's refusal
+    lookup_ptr peer_lookup;       // see peer_name()
     lookup_ptr own_lookup;
 
     // The request line, terminated; "" before one was read.
@@ -89,6 +87,28 @@ struct request_data {
     [[nodiscard]] std::string_view header_block() const {
         return std::string_view(text).substr(headers_start < text.size() ? headers_start
                                                                          : text.size());
+    }
+    // The method's name, terminated.
+    [[nodiscard]] const char* method_name() const;
+};
+
+// What it is answered with.
+struct reply_data {
+    int status = 0;
+    std::uint64_t sent = 0;  // bytes that have gone out
+};
+
+// What one request needs, from its first byte until its reply is out. The next one on the same
+// connection begins with a new one.
+struct exchange {
+    request_data request;
+    reply_data reply;
+    std::uint64_t body_left = 0;  // body bytes not yet handed to the handler
+    std::string forward_head;     // what the handler's side gets in front of the body
+    std::size_t head_sent = 0;    // how much of that it has got
+
+    [[nodiscard]] std::string_view head_left() const {
+        return std::string_view(forward_head).substr(head_sent);
     }
 };
 
@@ -114,7 +134,15 @@ enum class conn_state : std::uint8_t {
 
 enum class handshake_state : std::uint8_t { pending, done, failed };
 
-struct conn : list_link {
+// A client's socket behind the authentication library.
+struct secure_client {
+    void* channel = nullptr;            // the library's; null: none
+    void* server_credential = nullptr;  // for the handshake; null: the service's; not owned
+    handshake_state handshake = handshake_state::done;
+    bool may_hold_bytes = false;  // decrypted ones, which no descriptor announces
+};
+
+struct conn : list_link, exchange {
     shttpd_ctx* ctx = nullptr;
     std::uint64_t serial = 0;  // grows with every accepted connection
     sockaddr_storage peer{};
@@ -124,32 +152,27 @@ struct conn : list_link {
     std::int64_t visit_at_ms = 0;  // see visit_at(); 0: no such moment
     conn_state state = conn_state::serving;
     bool close_after = false;
-    bool due = false;             // is to be visited in this pass
-    bool fresh = false;           // just accepted: the first bytes may be there already
-    bool remote_pending = false;  // the client's secure channel may hold decrypted bytes
-    bool proxy_pending = false;   // the target's secure channel may
-    bool idle_call = false;       // the local class was read and nothing moved
-    bool held = false;            // the handler waits for visit_soon()
-    bool visit_wanted = false;    // visit_soon() was called and the visit has not come
+    bool due = false;            // is to be visited in this pass
+    bool fresh = false;          // just accepted: the first bytes may be there already
+    bool proxy_pending = false;  // the target's secure channel may hold decrypted bytes
+    bool idle_call = false;      // the local class was read and nothing moved
+    bool held = false;           // the handler waits for visit_soon()
+    bool visit_wanted = false;   // visit_soon() was called and the visit has not come
 
-    request_data request;
     stream local;
     stream remote;
+    secure_client client;
 
-    qz_vector* groups = nullptr;   // owned texts: the caller's groups; null: none known
-    qz_vector* granted = nullptr;  // words: roles granted on this connection, per namespace
-
-    void* client_channel = nullptr;     // the client's secure channel
-    void* server_credential = nullptr;  // for the handshake; null: the service's; not owned
+    qz_vector* groups = nullptr;        // owned texts: the caller's groups; null: none known
+    qz_vector* granted = nullptr;       // words: roles granted on this connection, per namespace
     void* client_credential = nullptr;  // owned
-    handshake_state handshake = handshake_state::done;
-    std::string user_name;  // empty until the caller is authenticated
+    std::string user_name;              // empty until the caller is authenticated
 
     proxy_record* proxy = nullptr;
     void* proxy_channel = nullptr;  // the target's secure channel; null: plain
 };
 
-// The whole allocation for a connection with two buffers of the context's size, or null.
+// A connection whose streams borrow buffers of the context's size, or null.
 conn* new_conn(shttpd_ctx* ctx);
 void delete_conn(conn* c);
 
@@ -166,6 +189,12 @@ bool process_connection(conn* c);
 // Ends the current request: writes the access line, then closes the connection or makes it ready
 // for the next request. Returns false when the connection was freed.
 bool disconnect(conn* c);
+
+// Ends a connection whose client has gone, or that has expired. Returns false: it was freed.
+bool close_dead(conn* c);
+
+// Reads and drops input of a muted or draining connection. Returns false when it was freed.
+bool discard_input(conn* c);
 
 // Whether the connection must be visited in the next pass even when no descriptor is ready.
 bool needs_visit(const conn* c);

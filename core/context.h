@@ -10,6 +10,7 @@
 
 #include "core/fwd.h"
 #include "core/list.h"
+#include "core/namespace_ref.h"
 #include "core/shttpd.h"
 #include "lib/plat.h"
 #include "security/at_types.h"
@@ -56,10 +57,6 @@ struct namespace_record {
     std::uint32_t serial = 0;     // differs between any two records ever made
     int references = 1;
 };
-
-// Defined in security/authz.cc. Null is ignored.
-void namespace_retain(namespace_record* record);
-void namespace_release(namespace_record* record);
 
 // The service's own identity towards the authentication library.
 struct security_info {

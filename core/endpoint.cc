@@ -183,7 +183,7 @@ endpoint_wait* kept_wait(const shttpd_call_arg* arg) {
 }
 
 bool method_is(const shttpd_call_arg* arg, const char* method) {
-    return known_http_methods[static_cast<std::size_t>(arg->connection->request.method)] == method;
+    return std::string_view(arg->connection->request.method_name()) == method;
 }
 
 std::string_view request_body(const shttpd_call_arg* arg) {

@@ -42,7 +42,7 @@ bool send_buffered(conn* c) {
             return false;
         }
         local.tail += static_cast<std::size_t>(n);
-        c->request.sent += static_cast<std::uint64_t>(n);
+        c->reply.sent += static_cast<std::uint64_t>(n);
         renew_expiry(c);
     }
     local.clear_buffer();
@@ -66,7 +66,7 @@ bool send_piece(conn* c) {
     if (n > 0) {
         local.total += moved;
         c->ctx->bytes_out += moved;
-        c->request.sent += moved;
+        c->reply.sent += moved;
         renew_expiry(c);
     }
     if (n == 0 || local.total >= local.content_length) {
@@ -80,7 +80,8 @@ bool send_piece(conn* c) {
 
 bool sends_file_directly(const conn* c) {
     const stream& local = c->local;
-    return local.io == &io_file && c->remote.io == &io_socket && local.has(sf_readable) &&
+    return local.io != nullptr && local.io->is_file && c->remote.io != nullptr &&
+           c->remote.io->is_plain_socket && local.has(sf_readable) &&
            local.content_length > local.total && local.content_length - local.total > local.room();
 }
 

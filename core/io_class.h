@@ -21,6 +21,23 @@ struct io_class {
 
     // Releases what the stream's channel holds. Called at most once per installation. May be null.
     void (*close)(stream*);
+
+    // What the engine has to know besides. A class leaves out what does not concern it.
+
+    // A client's class: says goodbye inside its channel and turns the stream over to io_socket, so
+    // that what still arrives can be dropped undeciphered.
+    void (*say_goodbye)(stream*) = nullptr;
+
+    // A handler's class: its request is over and the connection goes on. True when it has put away
+    // what serves the next request; false when the stream is to be stopped.
+    bool (*keep)(stream*) = nullptr;
+
+    // A handler's class: the reason of the 500 when the poll set knows its descriptor no more.
+    const char* lost_descriptor = nullptr;
+
+    bool takes_body_unpolled = false;  // its write never waits, so it needs no poll slot
+    bool is_file = false;              // the descriptor is a file that holds the very reply
+    bool is_plain_socket = false;      // the descriptor takes the very bytes of the stream
 };
 
 extern const io_class io_socket;    // a client's plain socket

@@ -308,7 +308,7 @@ void log_access(std::FILE* file, const conn* c) {
     const std::string_view role = request.role;
     // Kept: a role that is a beginning of "agent" counts as it, the empty one included.
     const bool agent_role = std::string_view("agent").substr(0, role.size()) == role;
-    if (file == nullptr || request.method == method_get || (request.status == 200 && agent_role)) {
+    if (file == nullptr || request.method == method_get || (c->reply.status == 200 && agent_role)) {
         return;
     }
     static time_text clock("%d/%b/%Y:%H:%M:%S");
@@ -330,7 +330,7 @@ void log_access(std::FILE* file, const conn* c) {
         "%s - %.*s [%s %+05d] \"%s op=%.*s from=%.*s namespace=%.*s\" %d %lu %s%.*s%s %s%.*s%s",
         client_text(c, address), width(user), user.data(), clock.at(c->birth_time), tz_offset,
         request_line(c), width(operation), operation.data(), width(from), from.data(), width(ns),
-        ns.data(), request.status, static_cast<unsigned long>(c->local.total), referer_quote,
+        ns.data(), c->reply.status, static_cast<unsigned long>(c->local.total), referer_quote,
         width(referer), referer.data(), referer_quote, agent_quote, width(agent), agent.data(),
         agent_quote);
     write_line(file, line);

@@ -168,13 +168,10 @@ const char* unreadable_header(std::string_view input) {
 void consume_block(conn* c, std::size_t length) {
     stream& remote = c->remote;
     c->request.text.assign(remote.buffer + remote.tail, length);
-    remote.tail += length;
-    if (remote.tail == remote.head) {
-        remote.clear_buffer();
-    }
+    remote.consume(length);
     remote.header_length = length;
     remote.total = remote.pending();
-    remote.flags |= sf_parsed;
+    remote.set(sf_parsed);
 }
 
 parse_result mute(const conn* c, const char* reason) {
@@ -247,11 +244,15 @@ void apply_headers(conn* c) {
     const std::uint64_t length = request.headers.content_length;
     const bool coded = !request.headers.transfer_encoding.empty();
     c->remote.content_length = length;
-    request.body_left = coded && length == 0 ? unlimited_body : length;
+    c->body_left = coded && length == 0 ? unlimited_body : length;
     c->close_after = c->close_after || !has_clear_body(c);
 }
 
 }  // namespace
+
+const char* request_data::method_name() const {
+    return known_http_methods[static_cast<std::size_t>(method)].data();
+}
 
 ssize_t get_headers_len(const char* buffer, std::size_t length) {
     std::size_t scanned = 0;
@@ -403,6 +404,10 @@ void split_and_decode_uri(conn* c) {
     request.uri.resize(std::strlen(request.uri.c_str()));  // "%00" ends the URI
 }
 
+const std::string& request_root(const conn* c) {
+    return c->request.ns ? c->request.ns->root : c->ctx->document_root;
+}
+
 std::string map_uri_to_path(const conn* c) {
     const std::string& uri = c->request.uri;
     std::string_view aliases = c->ctx->aliases;
@@ -420,9 +425,7 @@ std::string map_uri_to_path(const conn* c) {
         }
     }
     std::string path;
-    const std::string_view root = c->request.ns != nullptr
-                                      ? std::string_view(c->request.ns->root)
-                                      : std::string_view(c->ctx->document_root);
+    const std::string& root = request_root(c);
     path.reserve(root.size() + uri.size());
     path.append(root).append(uri);
     return path;

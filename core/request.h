@@ -49,6 +49,9 @@ std::string typed_user(std::string_view authorization);
 // Splits the query off a local URI and decodes the path; the query stays as received.
 void split_and_decode_uri(conn* c);
 
+// The root of the request's namespace; that of the context while none is selected.
+const std::string& request_root(const conn* c);
+
 // The file that a local URI names: namespace root and URI, or the target of an alias. Empty when
 // the URI's dots would lead out of the alias' target.
 std::string map_uri_to_path(const conn* c);

@@ -58,9 +58,7 @@ void select_namespace(conn* c) {
     if (found == nullptr) {
         found = find_namespace(c->ctx, "plx");
     }
-    // The request holds a reference, so the record outlives its removal while it is being served.
-    namespace_retain(found);
-    request.ns = found;
+    request.ns = found;  // a reference: the record outlives its removal while it is being served
 }
 
 void decode_query(conn* c) {
@@ -335,7 +333,7 @@ const error_handler* find_error_handler(conn* c, int status) {
 // Takes the local stream away from whatever holds it and logs the refusal. False when part of a
 // reply has gone out.
 bool clear_reply(conn* c, int status, const char* reason, std::string_view why) {
-    if (c->request.sent > 0) {
+    if (c->reply.sent > 0) {
         const std::string told(why);  // an empty view may have no text at all
         log_trouble(c->ctx, c, "reply broken off: %s%s%s", reason, told.empty() ? "" : ": ",
                     told.c_str());
@@ -345,19 +343,18 @@ bool clear_reply(conn* c, int status, const char* reason, std::string_view why) 
     // First the handler is told, while the request is still whole; then its buffer is taken.
     stop_stream(&c->local);
     c->close_after = true;
-    if (c->request.sent > 0) {
+    if (c->reply.sent > 0) {
         return false;
     }
     c->local.clear_buffer();
     c->local.total = 0;
     c->local.content_length = 0;
-    return true;
+    return borrow_buffer(&c->local);
 }
 
-void finish_error_reply(conn* c, int status, int length) {
-    c->request.status = status;
-    c->local.head = static_cast<std::size_t>(length);
-    c->local.header_length = c->local.head;
+void finish_error_reply(conn* c, int status) {
+    c->reply.status = status;
+    c->local.end_head();
 }
 
 }  // namespace
@@ -405,10 +402,8 @@ void send_server_error(conn* c, int status, const char* reason, std::string_view
         setup_embedded_stream(c, handler->handler, handler->user_data);
         return;
     }
-    stream& local = c->local;
-    finish_error_reply(c, status,
-                       my_snprintf(local.buffer, local.size, "HTTP/1.1 %d %s\r\n\r\n%d %s", status,
-                                   reason, status, reason));
+    c->local.put("HTTP/1.1 %d %s\r\n\r\n%d %s", status, reason, status, reason);
+    finish_error_reply(c, status);
 }
 
 void send_server_error_with_header(conn* c, int status, const char* reason, const char* text) {
@@ -420,8 +415,6 @@ void send_server_error_with_header(conn* c, int status, const char* reason, cons
         setup_embedded_stream(c, handler->handler, nullptr);
         return;
     }
-    stream& local = c->local;
-    finish_error_reply(
-        c, status,
-        my_snprintf(local.buffer, local.size, "HTTP/1.1 %d %s\r\n\r\n %s", status, reason, text));
+    c->local.put("HTTP/1.1 %d %s\r\n\r\n %s", status, reason, text);
+    finish_error_reply(c, status);
 }

@@ -148,6 +148,13 @@ void refuse_socket(shttpd_ctx* ctx, int fd, const char* what, const char* reason
     elog(ctx->inetd_mode != 0 ? elog_fatal : elog_info, nullptr, "add_socket: %s%s", what, reason);
 }
 
+void visit_next(conn* c) {
+    if (!c->visit_wanted) {
+        c->visit_wanted = true;
+        loop.next_due.push_back(c);
+    }
+}
+
 // Makes a connection of a non-blocking, close-on-exec socket whose peer is known.
 void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_storage& peer,
                     socklen_t peer_length) {
@@ -173,19 +180,19 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
     c->fresh = !handshake;
     c->remote.io = &io_socket;
     c->remote.channel.fd = fd;
-    c->remote.flags = sf_readable | sf_writable | (handshake ? 0U : sf_handshake_done);
+    c->remote.flags = sf_readable | sf_writable;
 
     enter_critical_section(&ctx->lock);
     ctx->connections.push_front(c);
     ++ctx->active_connections;
     leave_critical_section(&ctx->lock);
-    loop.next_due.push_back(c);
+    visit_next(c);
 
     // The connection stands in its list before the handshake runs: a failure is found like any
     // other.
     if (handshake) {
         c->remote.io = &io_molbat;
-        c->handshake = handshake_state::pending;
+        c->client.handshake = handshake_state::pending;
         molbat_handshake(&c->remote);
     }
 }
@@ -274,7 +281,7 @@ void visit_connections() {
         // Handlers without a descriptor are called in every pass; only hidden input keeps the pass
         // from waiting.
         if (needs_visit(c)) {
-            loop.next_due.push_back(c);
+            visit_next(c);
             loop.wake = loop.wake || has_hidden_input(c);
         }
     }
@@ -325,10 +332,7 @@ void shttpd_wake() {
 }
 
 void visit_soon(conn* c) {
-    if (!c->visit_wanted) {
-        c->visit_wanted = true;
-        loop.next_due.push_back(c);
-    }
+    visit_next(c);
     loop.wake = true;
 }
 

@@ -5,7 +5,11 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 
+#include "core/buffer_pool.h"
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/globals.h"
@@ -32,7 +36,7 @@ std::size_t allowed_bytes(const stream* s) {
     if (s->content_length == 0) {
         return room;
     }
-    if (s->total >= s->content_length) {
+    if (s->complete()) {
         return 0;
     }
     return static_cast<std::size_t>(std::min<std::uint64_t>(room, s->content_length - s->total));
@@ -47,6 +51,34 @@ void count_bytes(stream* s, ssize_t n) {
 }
 
 }  // namespace
+
+void stream::compact() {
+    const std::size_t left = pending();
+    std::memmove(buffer, buffer + tail, left);
+    tail = 0;
+    head = left;
+}
+
+void stream::put(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(buffer + head, room() + 1, format, args);
+    va_end(args);
+    head += std::min(static_cast<std::size_t>(std::max(length, 0)), room());
+}
+
+bool borrow_buffer(stream* s) {
+    if (s->buffer == nullptr) {
+        s->buffer = lend_buffer(s->size);
+    }
+    return s->buffer != nullptr;
+}
+
+void give_back_buffer(stream* s) {
+    take_back_buffer(s->buffer, s->size);
+    s->buffer = nullptr;
+    s->clear_buffer();
+}
 
 void read_stream(stream* s) {
     const std::size_t length = allowed_bytes(s);
@@ -73,8 +105,7 @@ void read_stream(stream* s) {
         c->idle_call = true;
     }
     // A proxy target is kept for the next request: the end of its reply is judged by the length.
-    if (s == &c->local && s->io == io && s->content_length > 0 && s->total >= s->content_length &&
-        c->proxy == nullptr) {
+    if (s == &c->local && s->io == io && s->complete() && c->proxy == nullptr) {
         stop_stream(s);
     }
 }
@@ -89,12 +120,9 @@ std::size_t write_stream(stream* from, stream* to, std::size_t limit) {
     const int error = errno;
     conn* c = to->connection;
     if (n > 0) {
-        from->tail += static_cast<std::size_t>(n);
-        if (from->tail >= from->head) {
-            from->clear_buffer();
-        }
+        from->consume(static_cast<std::size_t>(n));
         if (to == &c->remote) {
-            c->request.sent += static_cast<std::uint64_t>(n);
+            c->reply.sent += static_cast<std::uint64_t>(n);
         }
         renew_expiry(c);
         return static_cast<std::size_t>(n);
@@ -106,7 +134,7 @@ std::size_t write_stream(stream* from, stream* to, std::size_t limit) {
     if (to == &c->remote) {
         stop_stream(to);
     } else {
-        to->flags &= ~static_cast<std::uint32_t>(sf_writable);
+        to->clear(sf_writable);
     }
     return 0;
 }
@@ -127,8 +155,8 @@ void stop_stream(stream* s) {
     s->poll_index = -1;
     s->channel.fd = -1;
     s->io = nullptr;
-    s->flags |= sf_closed;
-    s->flags &= ~static_cast<std::uint32_t>(sf_readable | sf_writable | sf_always_ready);
+    s->set(sf_closed);
+    s->clear(sf_readable | sf_writable | sf_always_ready);
 }
 
 void install_class(stream* s, const io_class* io, int fd, std::uint32_t flags) {

@@ -3,6 +3,10 @@
 // Bytes enter the buffer at `head` through the class's read and leave at `tail`; the invariant
 // 0 <= tail <= head <= size holds after every call of a class. What a class needs beyond the
 // descriptor hangs in the channel, one field per kind, so that no class reads another's.
+//
+// The buffer itself is borrowed: during a visit both sides have one, and between visits only a side
+// whose head is not 0 keeps its own. So between two calls a class may rely on the bytes that it has
+// counted, and on nothing else of the buffer.
 #pragma once
 
 #include <sys/types.h>
@@ -14,10 +18,9 @@
 #include "core/shttpd.h"
 
 enum stream_flag : std::uint32_t {
-    sf_parsed = 0x1,          // remote: the request's headers; local: a CGI or proxy reply's
-    sf_handshake_done = 0x2,  // the secure channel, where there is one, is up
-    sf_readable = 0x4,        // the engine may read from the class
-    sf_writable = 0x8,        // the class accepts the request's body
+    sf_parsed = 0x1,    // remote: the request's headers; local: a CGI or proxy reply's
+    sf_readable = 0x4,  // the engine may read from the class
+    sf_writable = 0x8,  // the class accepts the request's body
     sf_closed = 0x10,
     sf_keep_open = 0x20,     // a read of 0 bytes or an error does not stop the stream
     sf_always_ready = 0x40,  // read without waiting for the poll set
@@ -37,9 +40,9 @@ struct stream_channel {
 
 struct stream {
     conn* connection = nullptr;
-    stream_channel channel;
+    stream_channel channel = {};
     int poll_index = -1;     // the slot in the poll set; -1: not polled
-    char* buffer = nullptr;  // `size` bytes plus a spare zero byte
+    char* buffer = nullptr;  // `size` bytes plus a spare zero byte; null: none is borrowed
     std::size_t size = 0;
     std::size_t head = 0;
     std::size_t tail = 0;
@@ -51,9 +54,39 @@ struct stream {
 
     [[nodiscard]] std::size_t pending() const { return head - tail; }
     [[nodiscard]] std::size_t room() const { return head < size ? size - head : 0; }
+    // Whether the stream has one of the flags.
     [[nodiscard]] bool has(std::uint32_t flag) const { return (flags & flag) != 0; }
+    void set(std::uint32_t flag) { flags |= flag; }
+    void clear(std::uint32_t flag) { flags &= ~flag; }
+
+    // Whether what is announced has been read; without an announcement it never has.
+    [[nodiscard]] bool complete() const { return content_length > 0 && total >= content_length; }
+
+    // Takes `n` bytes out of the buffer, which is empty again when they were all.
+    void consume(std::size_t n) {
+        tail += n;
+        if (tail >= head) {
+            clear_buffer();
+        }
+    }
     void clear_buffer() { head = tail = 0; }
+    // Moves what is left to the buffer's beginning.
+    void compact();
+
+    // Appends text to the buffer, cut where its room ends.
+    [[gnu::format(printf, 2, 3)]] void put(const char* format, ...);
+    // What stands in the buffer now is the reply's head.
+    void end_head() { header_length = head; }
+
+    // Forgets everything but its connection and its buffer.
+    void reset() { *this = {.connection = connection, .buffer = buffer, .size = size}; }
 };
+
+// Has the stream borrow a buffer if it has none. False when there is no memory.
+[[nodiscard]] bool borrow_buffer(stream* s);
+
+// Gives the buffer back; what it holds is gone.
+void give_back_buffer(stream* s);
 
 // Reads once through the class into the buffer's room, never beyond the content length, counts the
 // bytes and renews the connection's expiry when any moved. A read of 0 or an error stops the stream

@@ -153,7 +153,7 @@ int size_of(std::string_view text) {
 
 // The root in force for this request: its namespace's.
 std::string_view document_root(const conn* c) {
-    return c->request.ns != nullptr ? c->request.ns->root : c->ctx->document_root;
+    return request_root(c);
 }
 
 void add_server(const conn* c, env_block* block) {
@@ -165,8 +165,7 @@ void add_server(const conn* c, env_block* block) {
     const std::string_view root = document_root(c);
     addenv(block, "SERVER_ROOT=%.*s", size_of(root), root.data());
     addenv(block, "DOCUMENT_ROOT=%.*s", size_of(root), root.data());
-    addenv(block, "REQUEST_METHOD=%s",
-           known_http_methods[static_cast<std::size_t>(c->request.method)].data());
+    addenv(block, "REQUEST_METHOD=%s", c->request.method_name());
     addenv(block, "PLX_VAR_DIR=%s", c->ctx->var_dir.c_str());
 }
 

@@ -23,7 +23,7 @@ constexpr std::string_view placeholder = "HTTP/1.1     OK\r\n";
 // The program will get no further body byte: it sees the end of its input.
 void end_input(stream* s) {
     (void)shutdown(s->channel.fd, SHUT_WR);  // it may be gone already
-    s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+    s->clear(sf_writable);
 }
 
 // The block in front is complete: decides status, length and keep-alive, and releases the reply.
@@ -42,7 +42,7 @@ void accept_headers(stream* s) {
         status = 200;
     }
     write_status(s->buffer, status);
-    c->request.status = static_cast<int>(status);
+    c->reply.status = static_cast<int>(status);
     const std::string_view head(s->buffer, s->header_length);
     // More than was promised already: the client can't tell where the next reply would begin.
     if (s->content_length == 0 || s->total > s->content_length ||
@@ -50,14 +50,14 @@ void accept_headers(stream* s) {
         c->close_after = true;
     }
     s->tail = 0;
-    s->flags |= sf_parsed;
+    s->set(sf_parsed);
 }
 
 constexpr reply_head_rules head_rules = {
     .failure = "Error running CGI", .own_bytes = placeholder.size(), .accept = accept_headers};
 
 ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
-    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    s->clear(sf_keep_open);
     const ssize_t n = recv(s->channel.fd, buffer, length, 0);
     if (s->has(sf_parsed)) {
         return n;
@@ -101,7 +101,7 @@ void do_cgi(conn* c) {
     install_class(&local, &io_cgi, local.channel.fd,
                   post ? sf_readable | sf_writable : std::uint32_t{sf_readable});
     // Programs read their input to its end even when they expect none.
-    if (!post || c->request.body_left == 0) {
+    if (!post || c->body_left == 0) {
         end_input(&local);
     } else {
         watch_request_body(&local);

@@ -107,8 +107,8 @@ ssize_t read_dir(stream* s, void* buffer, std::size_t length) {
     while (length - used >= row_bytes) {
         const dirent* entry = readdir(listing->directory.get());
         if (entry == nullptr) {
-            s->flags &= ~std::uint32_t{sf_keep_open};  // now a read of 0 bytes is the end
-            s->content_length = s->total + used;       // and this one, when it gives any
+            s->clear(sf_keep_open);               // now a read of 0 bytes is the end
+            s->content_length = s->total + used;  // and this one, when it gives any
             return static_cast<ssize_t>(used);
         }
         if (!is_listed(entry->d_name)) {
@@ -118,7 +118,7 @@ ssize_t read_dir(stream* s, void* buffer, std::size_t length) {
         used += format_row(*listing, entry->d_name, out + used);
     }
     if (s->size < row_bytes) {
-        s->flags &= ~std::uint32_t{sf_keep_open};  // no row will ever fit
+        s->clear(sf_keep_open);  // no row will ever fit
     }
     return static_cast<ssize_t>(used);
 }
@@ -143,26 +143,23 @@ void get_dir(conn* c, const std::string& path) {
         send_server_error(c, 500, "Cannot open directory", errno);
         return;
     }
-    c->request.status = 200;
+    c->reply.status = 200;
     c->close_after = true;
     stream& local = c->local;
-    const auto head = static_cast<std::size_t>(my_snprintf(
-        local.buffer, local.size,
-        "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/html; charset=utf-8\r\n\r\n"));
-    local.head = head;
+    local.put(
+        "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/html; charset=utf-8\r\n\r\n");
     if (c->request.method == method_head) {
         (void)closedir(directory);
         stop_stream(&local);
         return;
     }
     const char* uri = c->request.uri.c_str();
-    local.head += static_cast<std::size_t>(my_snprintf(
-        local.buffer + head, local.size - head,
+    local.put(
         "<html><head><title>Index of %s</title><style>th {text-align: left;}</style></head>"
         "<body><h1>Index of %s</h1><pre><table cellpadding=\"0\">"
         "<tr><th>Name</th><th>Modified</th><th>Size</th></tr>"
         "<tr><td colspan=\"3\"><hr></td></tr>",
-        uri, uri));
+        uri, uri);
     install_class(&local, &io_dir, -1,
                   sf_readable | sf_keep_open | sf_always_ready | sf_more_follows);
     local.channel.dir =

@@ -50,7 +50,7 @@ void fill_views(conn* c, shttpd_call_arg* arg) {
     stream& local = c->local;
     stream& remote = c->remote;
     // What lies behind the body is the next request.
-    const std::uint64_t body = std::min<std::uint64_t>(remote.pending(), c->request.body_left);
+    const std::uint64_t body = std::min<std::uint64_t>(remote.pending(), c->body_left);
     // A handler that says goodbye must not write behind an error reply that is already in place.
     const bool farewell = (arg->flags & ARG_CONNECTION_ERROR) != 0;
     arg->connection = c;
@@ -83,7 +83,7 @@ void note_status(conn* c, std::string_view reply) {
         }
         status = status * 10 + (digit - '0');
     }
-    c->request.status = status;
+    c->reply.status = status;
     log_refusal(c, status, reply.substr(std::min(blank + status_digits + 2, reply.size())), 0);
 }
 
@@ -96,12 +96,9 @@ void account_for(conn* c, const shttpd_call_arg& arg) {
     note_status(c, {local.buffer + local.head, used});
     local.head += used;
     local.total += used;
-    remote.tail += eaten;
-    if (c->request.body_left != unlimited_body) {
-        c->request.body_left -= eaten;
-    }
-    if (remote.tail == remote.head) {
-        remote.clear_buffer();
+    remote.consume(eaten);
+    if (c->body_left != unlimited_body) {
+        c->body_left -= eaten;
     }
     if (used > 0 || eaten > 0) {
         renew_expiry(c);
@@ -175,11 +172,8 @@ void call_user(conn* c, shttpd_call_arg* arg, shttpd_handler handler) {
     handler(arg);
     account_for(c, *arg);
     c->local.channel.state = arg->state;
-    if ((arg->flags & ARG_END_OF_OUTPUT) != 0) {
-        c->local.flags &= ~static_cast<std::uint32_t>(sf_keep_open);
-    } else {
-        c->local.flags |= sf_keep_open;
-    }
+    const bool ended = (arg->flags & ARG_END_OF_OUTPUT) != 0;
+    ended ? c->local.clear(sf_keep_open) : c->local.set(sf_keep_open);
 }
 
 void shttpd_register_uri(shttpd_ctx* ctx, const char* pattern, shttpd_handler handler,
@@ -288,7 +282,7 @@ const char* shttpd_get_env(shttpd_call_arg* arg, const char* name) {
     const request_data& request = c->request;
     const std::string_view wanted = name;
     if (wanted == "REQUEST_METHOD") {
-        return known_http_methods[static_cast<std::size_t>(request.method)].data();
+        return request.method_name();
     }
     if (wanted == "REQUEST_URI") {
         return request.uri.c_str();

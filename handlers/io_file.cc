@@ -58,7 +58,7 @@ ssize_t write_all(int fd, const char* bytes, std::size_t length) {
 ssize_t write_file(stream* s, const void* buffer, std::size_t length) {
     conn* c = s->connection;
     const ssize_t n = write_all(s->channel.fd, static_cast<const char*>(buffer), length);
-    if (n > 0 && c->request.body_left > static_cast<std::uint64_t>(n)) {
+    if (n > 0 && c->body_left > static_cast<std::uint64_t>(n)) {
         return n;
     }
     if (n < 0) {
@@ -66,12 +66,11 @@ ssize_t write_file(stream* s, const void* buffer, std::size_t length) {
     }
     struct stat st {};
     (void)fstat(s->channel.fd, &st);
-    c->request.status = s->channel.put_status;
-    const int written = my_snprintf(
-        s->buffer, s->size, "HTTP/1.1 %d OK\r\nContent-Length: %lu\r\nConnection: close\r\n\r\n",
-        c->request.status, static_cast<unsigned long>(st.st_size));
-    s->tail = 0;
-    s->head = s->header_length = static_cast<std::size_t>(written);
+    c->reply.status = s->channel.put_status;
+    s->clear_buffer();
+    s->put("HTTP/1.1 %d OK\r\nContent-Length: %lu\r\nConnection: close\r\n\r\n", c->reply.status,
+           static_cast<unsigned long>(st.st_size));
+    s->end_head();
     stop_stream(s);
     return n;
 }
@@ -191,8 +190,12 @@ const char* cached_date(date_cache* cache, std::time_t t) {
 
 }  // namespace
 
-constinit const io_class io_file{
-    .name = "file", .read = read_file, .write = write_file, .close = close_file};
+constinit const io_class io_file{.name = "file",
+                                 .read = read_file,
+                                 .write = write_file,
+                                 .close = close_file,
+                                 .takes_body_unpolled = true,
+                                 .is_file = true};
 
 void format_http_date(std::time_t t, char* out) {
     constexpr std::array<const char*, 7> days = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
@@ -263,16 +266,15 @@ void get_file(conn* c, const struct stat* st) {
                     "Content-Range: bytes %lu-%lu/%lu\r\n", range.first, range.first + length - 1,
                     size);
     }
-    request.status = range.present ? 206 : 200;
-    const int written = my_snprintf(
-        local.buffer, local.size,
+    c->reply.status = range.present ? 206 : 200;
+    local.put(
         "HTTP/1.1 %d %s\r\nDate: %s\r\nLast-Modified: %s\r\nEtag: \"%lx.%lx\"\r\n"
         "Content-Type: %s\r\nContent-Length: %lu\r\nConnection: keep-alive\r\n"
         "Accept-Ranges: bytes\r\n%s\r\n",
-        request.status, range.present ? "Partial Content" : "OK",
+        c->reply.status, range.present ? "Partial Content" : "OK",
         cached_date(&now_cache, current_time), cached_date(&modified_cache, st->st_mtime),
         static_cast<unsigned long>(st->st_mtime), size, request.mime, length, content_range.data());
-    local.head = local.header_length = static_cast<std::size_t>(written);
+    local.end_head();
     local.content_length = length;
     local.flags = sf_readable | sf_always_ready;
     if (request.method == method_head || length == 0) {

@@ -1,5 +1,6 @@
 #include "handlers/io_proxy.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/io_class.h"
+#include "core/poll_set.h"
 #include "core/request.h"
 #include "core/string.h"
 #include "handlers/proxy.h"
@@ -68,7 +70,10 @@ ssize_t receive(stream* s, void* buffer, std::size_t length) {
 ssize_t deliver(stream* s, const void* buffer, std::size_t length) {
     void* channel = channel_of(s);
     if (channel == nullptr) {
-        return send(s->channel.fd, buffer, length, MSG_NOSIGNAL);
+        // A head and the body that has come with it make one packet.
+        const conn* c = s->connection;
+        const bool more = !c->head_left().empty() && c->body_left > 0 && c->remote.pending() > 0;
+        return send(s->channel.fd, buffer, length, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
     }
     const std::int32_t offered = transfer_length(length);
     errno = 0;
@@ -80,8 +85,8 @@ ssize_t deliver(stream* s, const void* buffer, std::size_t length) {
 // The reply is complete although its sender keeps the connection: nothing more is read or written.
 void end_reply(stream* s) {
     release_scanners(s);
-    s->flags &= ~static_cast<std::uint32_t>(sf_readable | sf_writable);
-    s->flags |= sf_closed;
+    s->clear(sf_readable | sf_writable);
+    s->set(sf_closed);
     s->connection->proxy_pending = false;
 }
 
@@ -149,14 +154,14 @@ void accept_headers(stream* s) {
     const reply_framing framing = frame_reply(head, c->request.method);
     s->content_length = framing.end == reply_end::counted ? framing.length : 0;
     const std::uint64_t status = values.location.empty() ? values.status : 302;
-    c->request.status = static_cast<int>(status);
+    c->reply.status = static_cast<int>(status);
     c->close_after = c->close_after || must_close(c, values, framing) || hides_body(c, head) ||
                      blurs_next_reply(framing, status != 0 ? status : reply_status(head));
     // Kept: a Location makes any status 302, and the reason text stays the target's.
     if (status != 0 && head.starts_with("HTTP/") && head.size() >= status_line_min) {
         write_status(s->buffer, status);
     }
-    s->flags |= sf_parsed;
+    s->set(sf_parsed);
     s->total -= s->header_length;
     s->tail = 0;
     judge_first_body_bytes(s, framing.end);
@@ -186,7 +191,7 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
         errno = EAGAIN;
         return -1;
     }
-    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    s->clear(sf_keep_open);
     const ssize_t n = receive(s, buffer, length);
     const int error = errno;  // of the read, whatever the tracking of answers does
     if (ended_before_answer(s, n, error) && repeat_request(c)) {
@@ -197,8 +202,8 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
         note_service_answer(c, {static_cast<const char*>(buffer), static_cast<std::size_t>(n)});
     }
     if (answer_has_no_end(c)) {
-        s->flags |= sf_always_ready;  // no descriptor tells that nothing has come for a while:
-        c->held = true;               // a timer does
+        s->set(sf_always_ready);  // no descriptor tells that nothing has come for a while:
+        c->held = true;           // a timer does
         if (n < 0 && error == EAGAIN && answer_is_over(c)) {
             return end_endless(s);
         }
@@ -223,11 +228,23 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
 
 // No shutdown: some servers take a half-closed connection for one that was given up.
 void finish_body(stream* s) {
-    s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+    s->clear(sf_writable);
 }
 
 ssize_t write_proxy(stream* s, const void* buffer, std::size_t length) {
     return relay_body(s, buffer, length, {.deliver = deliver, .finish = finish_body});
+}
+
+// The target stays connected; anything that happens on it while it is idle drops it.
+bool keep_target(stream* s) {
+    conn* c = s->connection;
+    if (c->proxy == nullptr || s->poll_index != c->proxy->poll_index) {
+        return false;
+    }
+    set_poll_events(c->proxy->poll_index, c->proxy->fd, POLLIN);
+    clear_poll_revents(c->proxy->poll_index);
+    c->proxy_pending = false;
+    return true;
 }
 
 // The record of a kept target is the engine's to free: it follows the poll slot.
@@ -248,8 +265,12 @@ void close_proxy(stream* s) {
 
 }  // namespace
 
-constinit const io_class io_proxy{
-    .name = "proxy", .read = read_proxy, .write = write_proxy, .close = close_proxy};
+constinit const io_class io_proxy{.name = "proxy",
+                                  .read = read_proxy,
+                                  .write = write_proxy,
+                                  .close = close_proxy,
+                                  .keep = keep_target,
+                                  .lost_descriptor = "Could not connect to proxy target"};
 
 void start_proxy_relay(conn* c) {
     c->local.clear_buffer();

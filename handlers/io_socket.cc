@@ -23,5 +23,8 @@ void close_socket(stream* s) {
 
 }  // namespace
 
-constinit const io_class io_socket{
-    .name = "socket", .read = read_socket, .write = write_socket, .close = close_socket};
+constinit const io_class io_socket{.name = "socket",
+                                   .read = read_socket,
+                                   .write = write_socket,
+                                   .close = close_socket,
+                                   .is_plain_socket = true};

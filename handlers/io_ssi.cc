@@ -20,6 +20,7 @@
 #include "core/io_class.h"
 #include "core/log.h"
 #include "core/poll_set.h"
+#include "core/request.h"
 #include "core/route.h"
 #include "core/shttpd.h"
 #include "core/string.h"
@@ -189,11 +190,10 @@ void do_exec(ssi_descriptor* ssi, std::string_view argument) {
 
 // Kept: a name may climb out of the root. Whoever writes pages may run commands, too.
 std::string include_path(const conn* c, const ssi_include& include) {
-    const request_data& request = c->request;
-    const std::string& root = request.ns != nullptr ? request.ns->root : c->ctx->document_root;
+    const std::string& root = request_root(c);
     std::string prefix;
     if (include.form == ssi_include_form::beside_page) {
-        prefix = root + "/" + request.uri;
+        prefix = root + "/" + c->request.uri;
         prefix.resize(prefix.rfind('/') + 1);
     } else if (include.form == ssi_include_form::below_root) {
         prefix = root + "/";
@@ -317,7 +317,7 @@ bool copy_text(ssi_descriptor* ssi, page_output* out) {
     ssi_level& level = ssi->level();
     while (level.scanner.pending().size() < out->room()) {
         if (out->work_left == 0) {
-            shttpd_wake();
+            visit_soon(ssi->connection);
             return false;
         }
         out->spend(1);
@@ -395,8 +395,8 @@ ssize_t read_ssi(stream* s, void* buffer, std::size_t length) {
     while (!ssi->finished && next_step(ssi, &out)) {
     }
     if (ssi->finished) {
-        s->flags &= ~std::uint32_t{sf_keep_open};  // now a read of 0 bytes is the end
-        s->content_length = s->total + out.used;   // and this one, when it gives any
+        s->clear(sf_keep_open);                   // now a read of 0 bytes is the end
+        s->content_length = s->total + out.used;  // and this one, when it gives any
     }
     return static_cast<ssize_t>(out.used);
 }
@@ -418,12 +418,11 @@ void write_head(conn* c) {
     char date[64];
     format_http_date(current_time, date);
     stream& local = c->local;
-    local.head = static_cast<std::size_t>(
-        my_snprintf(local.buffer, local.size,
-                    "HTTP/1.1 200 OK\r\nDate: %s\r\nContent-Type: text/html\r\n"
-                    "Connection: close\r\n\r\n",
-                    date));
-    local.header_length = local.head;
+    local.put(
+        "HTTP/1.1 200 OK\r\nDate: %s\r\nContent-Type: text/html\r\n"
+        "Connection: close\r\n\r\n",
+        date);
+    local.end_head();
 }
 
 }  // namespace
@@ -436,7 +435,7 @@ constinit const io_class io_ssi = {
 };
 
 void do_ssi(conn* c) {
-    c->request.status = 200;
+    c->reply.status = 200;
     c->close_after = true;
     // Until io_ssi is installed the descriptor is io_file's, which closes it on the early ways out.
     if (c->request.method == method_head) {

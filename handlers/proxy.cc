@@ -89,8 +89,6 @@ bool is_own_host(const std::string& host) {
 
 // --- Forwarding ---
 
-// The head goes out in front of the body through the same buffer, so from here on the engine moves
-// one sequence of bytes.
 void forward_head(conn* c, const proxy_target& target) {
     const stream_ptr head(new_qz_stream(initial_head_bytes));
     if (!create_proxy_headers(c, target, head.get()) || safe_write(c, head.get()) < 0) {
@@ -98,10 +96,6 @@ void forward_head(conn* c, const proxy_target& target) {
         return;
     }
     watch_request_body(&c->local);
-    // A chunked body is scanned for its end; the head in front of it is not part of it.
-    if (relay_scanners* scanners = scanners_of(&c->local)) {
-        scanners->request_skip = head->length;
-    }
 }
 
 void forward(conn* c, const proxy_target& target) {
@@ -132,9 +126,9 @@ void forward_to_service(conn* c, proxy_target* target) {
     target->host = isipv4() != 0 ? "127.0.0.1" : "::1";
     if (connect_unsecure(c, *target, false) < 0) {
         send_server_error(c, 500, no_service);
-    } else if (c->proxy->reused && c->remote.pending() >= c->request.body_left) {
+    } else if (c->proxy->reused && c->remote.pending() >= c->body_left) {
         obtain_scanners(&c->local)->repeatable.assign(c->remote.buffer + c->remote.tail,
-                                                      c->request.body_left);
+                                                      c->body_left);
     }
 }
 
@@ -155,7 +149,7 @@ bool is_loopback(conn* c, std::string* path) {
     split_and_decode_uri(c);
     clean_uri(&c->request.uri);
     get_role_from_uri(c, false);
-    *path = c->request.ns != nullptr ? c->request.ns->root : c->ctx->document_root;
+    *path = request_root(c);
     path->append(c->request.uri);
     return true;
 }
@@ -176,8 +170,7 @@ void do_proxy(conn* c) {
     proxy_target target = parse_target(c);
     const bool to_service = target.scheme == "hob";
     // The service's standard input can't carry a body, and its length decides which way to go.
-    const bool unclear =
-        !has_clear_body(c) || (to_service && c->request.body_left == unlimited_body);
+    const bool unclear = !has_clear_body(c) || (to_service && c->body_left == unlimited_body);
     if (target.scheme.empty() || unclear) {
         send_server_error(c, 400, "Bad headers");
     } else if (to_service) {
@@ -194,9 +187,9 @@ bool repeat_request(conn* c) {
     }
     const std::string body = std::move(scanners->repeatable);
     scanners->repeatable.clear();
-    const auto unsent = std::min<std::uint64_t>(c->remote.pending(), c->request.body_left);
-    c->remote.tail += static_cast<std::size_t>(unsent);
-    c->request.body_left -= unsent;
+    const auto unsent = std::min<std::uint64_t>(c->remote.pending(), c->body_left);
+    c->remote.consume(static_cast<std::size_t>(unsent));
+    c->body_left -= unsent;
     proxy_target target = parse_target(c);
     target.host = c->proxy->host;
     proxy_release(c);

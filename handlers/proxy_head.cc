@@ -86,25 +86,10 @@ bool create_proxy_headers(const conn* c, const proxy_target& target, qz_stream* 
 }
 
 int safe_write_bytes(conn* c, std::string_view bytes) {
-    stream& remote = c->remote;
-    const std::size_t pending = remote.pending();
-    const std::size_t n = bytes.size();
-    // Behind the buffer lies room of the same size, reserved for these bytes alone.
-    if (n > remote.size || pending > remote.size) {
+    if (bytes.size() > c->remote.size) {
         return -1;
     }
-    std::memmove(remote.buffer + n, remote.buffer + remote.tail, pending);
-    std::memcpy(remote.buffer, bytes.data(), n);
-    // From here on the bytes count as body: all limits on it move along.
-    remote.tail = 0;
-    remote.head = pending + n;
-    remote.total += n;
-    if (remote.content_length > 0) {
-        remote.content_length += n;
-    }
-    if (c->request.body_left != unlimited_body) {
-        c->request.body_left += n;
-    }
+    c->forward_head.append(bytes);
     return 1;
 }
 

@@ -12,7 +12,7 @@ struct proxy_target;
 // False when the identity is too long to be sent; it is never cut.
 bool create_proxy_headers(const conn* c, const proxy_target& target, qz_stream* head);
 
-// Inserts bytes in front of what the request buffer holds; they go to the target first. Returns 1,
-// or -1 when they are larger than the buffer.
+// Has bytes go to the target in front of the request's body. Returns 1, or -1 when they are larger
+// than a buffer.
 int safe_write_bytes(conn* c, std::string_view bytes);
 int safe_write(conn* c, const qz_stream* bytes);

@@ -68,7 +68,7 @@ proxy_target parse_target(const conn* c) {
         return target;
     }
     target.scheme = form->scheme;
-    target.method = known_http_methods[static_cast<std::size_t>(c->request.method)].data();
+    target.method = c->request.method_name();
     const std::string_view rest = uri.substr(form->prefix.size());
     if (target.scheme == "httpu") {
         // The service sees the absolute form; the host only tells the role (see get_role_from_uri).

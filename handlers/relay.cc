@@ -66,7 +66,7 @@ bool is_plain_length(std::string_view value) {
 ssize_t refuse_head(stream* s, std::size_t own_bytes) {
     elog(elog_info, s->connection, "CGI script sent invalid headers: [%.*s]",
          static_cast<int>(s->head - own_bytes), s->buffer + own_bytes);
-    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
+    s->clear(sf_keep_open);
     send_server_error(s->connection, 500, "Bad headers sent");
     return 0;
 }
@@ -119,7 +119,7 @@ ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules) {
         }
         return n;
     }
-    s->flags |= sf_keep_open;
+    s->set(sf_keep_open);
     s->head += static_cast<std::size_t>(n);
     s->total += static_cast<std::uint64_t>(n);
     for (;;) {
@@ -215,7 +215,7 @@ void release_scanners(stream* s) {
 }
 
 void watch_request_body(stream* s) {
-    if (s->connection->request.body_left == unlimited_body) {
+    if (s->connection->body_left == unlimited_body) {
         obtain_scanners(s)->scans_request = true;
     }
 }
@@ -258,24 +258,21 @@ ssize_t relay_chunks(stream* s, std::string_view bytes, const body_receiver& rec
 ssize_t relay_body(stream* s, const void* bytes, std::size_t length,
                    const body_receiver& receiver) {
     const relay_scanners* scanners = scanners_of(s);
+    const conn* c = s->connection;
+    const std::size_t head_left = c->head_left().size();
     ssize_t n = 0;
-    const std::string_view text(static_cast<const char*>(bytes), length);
-    if (scanners != nullptr && scanners->scans_request) {
-        const std::size_t skip = std::min(scanners->request_skip, length);
-        if (skip > 0) {
-            n = receiver.deliver(s, bytes, skip);
-            scanners_of(s)->request_skip -= n > 0 ? static_cast<std::size_t>(n) : 0;
-        } else {
-            n = relay_chunks(s, text, receiver);
-        }
+    if (head_left == 0 && scanners != nullptr && scanners->scans_request) {
+        n = relay_chunks(s, {static_cast<const char*>(bytes), length}, receiver);
     } else {
+        const bool last =
+            head_left > 0 ? length == head_left && c->body_left == 0 : length == c->body_left;
         n = receiver.deliver(s, bytes, length);
-        if (n >= 0 && static_cast<std::uint64_t>(n) == s->connection->request.body_left) {
+        if (last && n == static_cast<ssize_t>(length)) {
             receiver.finish(s);
         }
     }
     if (n < 0 && errno != EAGAIN && errno != EINTR) {
-        s->flags &= ~static_cast<std::uint32_t>(sf_writable);
+        s->clear(sf_writable);
     }
     return n;
 }

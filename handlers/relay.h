@@ -74,7 +74,6 @@ struct relay_scanners {
     chunk_scanner request;
     chunk_scanner reply;
     bool scans_request = false;
-    std::size_t request_skip = 0;  // bytes that go out in front of the request's body
     bool scans_reply = false;
     bool awaits_service = false;  // in line for the companion service
     std::string repeatable;       // the whole body, when it may have to be sent once more

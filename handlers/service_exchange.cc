@@ -110,19 +110,18 @@ class answer_tracker {
     chunk_scanner chunks_;
 };
 
-struct exchange {
+struct service_state {
     std::deque<conn*> line;       // who waits, the first come first
     const conn* owner = nullptr;  // holds the service; null: nobody does
     bool started = false;         // the owner's request is on its way
-    std::uint64_t request_bytes = 0;
-    bool stale = false;  // `answer` belongs to a client that has gone
+    bool stale = false;           // `answer` belongs to a client that has gone
     std::int64_t stale_until = 0;
     std::int64_t last_byte = 0;  // when the last one of `answer` came
     answer_tracker answer;
     visit_timer timer;  // the owner's: when an answer counts as over
 };
 
-exchange service;
+service_state service;
 
 // Takes the service for the connection. False when an error reply is in place.
 bool take_service(conn* c) {
@@ -194,7 +193,6 @@ void start_exchange(conn* c) {
     }
     service.stale = false;
     service.started = true;
-    service.request_bytes = target.path.size();
     service.answer = answer_tracker();
     service.timer.clear();
     obtain_scanners(&c->local)->awaits_service = false;
@@ -249,7 +247,7 @@ void leave_service_exchange(const conn* c) {
     if (service.owner == c) {
         if (service.started) {
             // Not a byte of the path has left: then there is no answer to come.
-            const bool sent = c->request.body_left < service.request_bytes;
+            const bool sent = c->head_sent > 0;
             service.stale = sent && !service.answer.complete();
             service.stale_until = monotonic_ms() + stale_limit_ms;
         }

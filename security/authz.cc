@@ -166,7 +166,7 @@ namespace_record* find_namespace(shttpd_ctx* ctx, std::string_view name) {
 }
 
 int is_authorized(conn* c) {
-    if (c->request.ns == nullptr) {
+    if (!c->request.ns) {
         return 0;
     }
     const int role = get_role_number(c->request.role);

@@ -41,12 +41,11 @@ bool library_moves_bytes() {
 
 void finish_handshake(stream* s) {
     conn* c = s->connection;
-    if (c->client_channel == nullptr || !library_moves_bytes()) {
-        c->handshake = handshake_state::failed;
+    if (c->client.channel == nullptr || !library_moves_bytes()) {
+        c->client.handshake = handshake_state::failed;
         return;
     }
-    c->handshake = handshake_state::done;
-    s->flags |= sf_handshake_done;
+    c->client.handshake = handshake_state::done;
 }
 
 // The library's count as the engine may use it: nothing else may move the buffer's head.
@@ -66,41 +65,50 @@ std::int32_t int_length(std::size_t length) {
     return static_cast<std::int32_t>(std::min(length, most));
 }
 
-// Sets remote_pending when the channel may hold decrypted bytes that no poll would report: a read
+// Tells when the channel may hold decrypted bytes that no poll would report: a read
 // that got less than it asked for has emptied it.
 ssize_t read_molbat(stream* s, void* buffer, std::size_t length) {
     conn* c = s->connection;
-    if (c->handshake == handshake_state::pending) {
+    if (c->client.handshake == handshake_state::pending) {
         molbat_handshake(s);
     }
-    if (c->handshake != handshake_state::done) {
-        errno = c->handshake == handshake_state::pending ? EAGAIN : EPROTO;
+    if (c->client.handshake != handshake_state::done) {
+        errno = c->client.handshake == handshake_state::pending ? EAGAIN : EPROTO;
         return -1;
     }
     const std::int32_t asked = int_length(length);
     errno = 0;
-    const std::int32_t count = molbAtSecConnRead(c->client_channel, buffer, asked);
-    c->remote_pending = count == asked;
+    const std::int32_t count = molbAtSecConnRead(c->client.channel, buffer, asked);
+    c->client.may_hold_bytes = count == asked;
     return checked_count(count, asked);
 }
 
 ssize_t write_molbat(stream* s, const void* buffer, std::size_t length) {
     const std::int32_t offered = int_length(length);
     errno = 0;
-    return checked_count(molbAtSecConnWrite(s->connection->client_channel, buffer, offered),
+    return checked_count(molbAtSecConnWrite(s->connection->client.channel, buffer, offered),
                          offered);
+}
+
+void say_goodbye(stream* s) {
+    secure_client& client = s->connection->client;
+    if (client.channel != nullptr) {
+        (void)molbAtSecConnClose(&client.channel);
+        client.channel = nullptr;
+    }
+    s->io = &io_socket;
 }
 
 // The library's farewell goes out before the socket is closed.
 void close_molbat(stream* s) {
     conn* c = s->connection;
-    if (c->client_channel != nullptr) {
-        (void)molbAtSecConnClose(&c->client_channel);
-        c->client_channel = nullptr;
+    if (c->client.channel != nullptr) {
+        (void)molbAtSecConnClose(&c->client.channel);
+        c->client.channel = nullptr;
     }
     free_credential(c);
-    c->server_credential = nullptr;
-    c->remote_pending = false;
+    c->client.server_credential = nullptr;
+    c->client.may_hold_bytes = false;
     if (s->channel.fd >= 0) {
         (void)close(s->channel.fd);
         s->channel.fd = -1;
@@ -109,23 +117,26 @@ void close_molbat(stream* s) {
 
 }  // namespace
 
-const io_class io_molbat{
-    .name = "molbat", .read = read_molbat, .write = write_molbat, .close = close_molbat};
+const io_class io_molbat{.name = "molbat",
+                         .read = read_molbat,
+                         .write = write_molbat,
+                         .close = close_molbat,
+                         .say_goodbye = say_goodbye};
 
 void molbat_handshake(stream* s) {
     conn* c = s->connection;
-    if (c->handshake != handshake_state::pending) {
+    if (c->client.handshake != handshake_state::pending) {
         return;
     }
-    if (c->server_credential == nullptr) {
-        c->server_credential = c->ctx->service_credential;
+    if (c->client.server_credential == nullptr) {
+        c->client.server_credential = c->ctx->service_credential;
     }
     free_credential(c);  // of an attempt before this one
     std::string reason;
     const library_subject subject(c, &reason);
     const std::uint32_t result = molbAtSecConnAcceptWithCommExtn(
-        c->ctx->at_handle, s->channel.fd, c->server_credential, accept_mode, &c->ctx->accept_params,
-        accept_flags, 0, &c->client_channel, &c->client_credential);
+        c->ctx->at_handle, s->channel.fd, c->client.server_credential, accept_mode,
+        &c->ctx->accept_params, accept_flags, 0, &c->client.channel, &c->client_credential);
     switch (result) {
         case at_no_credential:  // the client may still log in by a header
             free_credential(c);
@@ -136,14 +147,14 @@ void molbat_handshake(stream* s) {
         case at_again:
             return;
         default:
-            c->handshake = handshake_state::failed;
+            c->client.handshake = handshake_state::failed;
             break;
     }
-    if (c->handshake == handshake_state::failed) {
+    if (c->client.handshake == handshake_state::failed) {
         log_trouble(c->ctx, c, "handshake failed: %s",
                     reason.empty() ? ("code " + std::to_string(result)).c_str() : reason.c_str());
     }
     // The first request may have been decrypted along with the handshake; a failure is to be
     // noticed in the next pass, whatever the client sends.
-    c->remote_pending = true;
+    c->client.may_hold_bytes = true;
 }

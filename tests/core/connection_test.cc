@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "core/buffer_pool.h"
+#include "core/connection.h"
 #include "core/globals.h"
 #include "core/route.h"
 #include "core/shttpd.h"
@@ -206,6 +208,56 @@ TEST(Connections, AFileThatShrinksWhileItIsSentEndsItsReply) {
     EXPECT_EQ(engine.ended, connection_end::closed);
 }
 
+TEST(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {
+    test_engine engine;
+    engine.root.write("big", std::string(4 << 20, 'b'));
+    engine.root.write("small", "content");
+    int farewells = 0;
+    shttpd_register_uri(engine.ctx, "/silent", says_nothing, &farewells);
+    ASSERT_EQ(lent_buffers(), 0U);
+    const std::vector<std::pair<std::string, std::size_t>> rows = {
+        {"", 0},                                      // has said nothing yet
+        {get("/small"), 0},                           // idles between two requests
+        {get("/big"), 0},                             // does not read its download
+        {get("/silent"), 0},                          // waits for a handler
+        {get("/none"), 0},                            // drains
+        {"FOO / HTTP/1.1\r\n\r\n", 0},                // muted
+        {"GET /small HT", 1},                         // half a request
+        {make_request("POST", "/silent", "x=1"), 1},  // a body that the handler leaves there
+    };
+    for (const auto& [bytes, held] : rows) {
+        const unique_fd client = engine.connect();
+        ASSERT_EQ(send(client.get(), bytes.data(), bytes.size(), 0),
+                  static_cast<ssize_t>(bytes.size()));
+        for (int i = 0; i < 20; ++i) {
+            engine.poll();
+        }
+        EXPECT_EQ(lent_buffers(), held) << bytes.substr(0, 30);
+        end_connection(&only_connection(engine));
+        EXPECT_EQ(lent_buffers(), 0U);
+    }
+}
+
+TEST(Buffers, EndInASpareZeroByteWhateverTheyHeld) {
+    for (const std::size_t size : {std::size_t{1024}, std::size_t{4096}, std::size_t{1024}}) {
+        std::vector<char*> lent;
+        for (int round = 0; round < 2; ++round) {
+            for (int i = 0; i < 100; ++i) {
+                lent.push_back(lend_buffer(size));
+                ASSERT_NE(lent.back(), nullptr);
+                EXPECT_EQ(lent.back()[size], '\0');
+                std::memset(lent.back(), 'x', size + 1);
+            }
+            EXPECT_EQ(lent_buffers(), 100U);
+            for (char* buffer : lent) {
+                take_back_buffer(buffer, size);
+            }
+            lent.clear();
+        }
+    }
+    free_idle_buffers();
+}
+
 TEST(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
     test_engine engine;
     char data[] = "mine";
@@ -219,7 +271,7 @@ TEST(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
         } else {
             send_server_error(&c, 404, "Not Found");
         }
-        c.remote.flags |= sf_parsed;
+        c.remote.set(sf_parsed);
         ASSERT_TRUE(process_connection(&c));
         EXPECT_EQ(engine.exchange_on(client.get(), ""), said);
         end_connection(&c);

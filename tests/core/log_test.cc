@@ -38,7 +38,7 @@ class Logs : public testing::Test {
         c_.peer_length = sizeof peer;
         c_.request.text = "POST /agent/x HTTP/1.1";
         c_.request.method = method_post;
-        c_.request.status = 403;
+        c_.reply.status = 403;
         c_.request.role = "agent";
         c_.local.total = 12345678901;
     }
@@ -216,7 +216,7 @@ TEST_F(Logs, GetAndSuccessfulAgentTrafficLeaveNoAccessLine) {
     };
     for (const auto& row : rows) {
         c_.request.method = row.method;
-        c_.request.status = row.status;
+        c_.reply.status = row.status;
         c_.request.role = row.role;
         EXPECT_EQ(!access_line().empty(), row.logged) << row.method << row.status << row.role;
     }

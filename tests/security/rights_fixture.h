@@ -24,7 +24,7 @@ class rights_test : public testing::Test {
     }
 
     ~rights_test() override {
-        namespace_release(c.request.ns);
+        c.request.ns = nullptr;
         qz_vector_delete(c.granted);
         qz_vector_destroy(c.groups);
         free_auth_info(&ctx);
@@ -36,11 +36,7 @@ class rights_test : public testing::Test {
         select("plx");
     }
 
-    void select(const char* name) {
-        namespace_release(c.request.ns);
-        c.request.ns = find_namespace(&ctx, name);
-        namespace_retain(c.request.ns);
-    }
+    void select(const char* name) { c.request.ns = find_namespace(&ctx, name); }
 
     // The path of an access file, whose folder exists from now on.
     [[nodiscard]] std::string file(const std::string& role, const char* name = "plx") const {
