@@ -262,6 +262,13 @@ void set_poll_events(int index, int fd, short events) {
     }
 }
 
+void unwatch_poll_index(int index) {
+    park_poll_index(index);
+    if (in_use(index)) {
+        (void)set.backend->watch(index, slot(index));
+    }
+}
+
 void park_poll_index(int index) {
     if (in_use(index) && slot(index).fd != parked_slot) {
         slot(index).fd = parked_slot;

@@ -47,6 +47,10 @@ void set_poll_events(int index, int fd, short events);
 // Keeps a slot without waiting for it.
 void park_poll_index(int index);
 
+// The same, done with at once: for a descriptor that is closed next and lives on in a duplicate,
+// through which the kernel would go on watching it.
+void unwatch_poll_index(int index);
+
 // The events that the last wait returned for a slot; 0 for index -1.
 short poll_revents(int index);
 void clear_poll_revents(int index);

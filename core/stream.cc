@@ -145,13 +145,11 @@ void stop_stream(stream* s) {
         const io_class* io = s->io;
         io->close(s);
     }
-    if (s->poll_index >= 0) {
-        if (c->proxy != nullptr && c->proxy->poll_index == s->poll_index) {
-            delete c->proxy;  // its descriptor was this stream's and is closed by now
-            c->proxy = nullptr;
-        }
-        put_poll_index(s->poll_index);
+    if (s->poll_index >= 0 && c->proxy != nullptr && c->proxy->poll_index == s->poll_index) {
+        delete c->proxy;  // its descriptor was this stream's and is closed by now
+        c->proxy = nullptr;
     }
+    put_poll_index(s->poll_index);
     s->poll_index = -1;
     s->channel.fd = -1;
     s->io = nullptr;

@@ -258,6 +258,8 @@ void close_proxy(stream* s) {
     }
     c->proxy_pending = false;
     if (s->channel.fd >= 0) {
+        // The companion's is a duplicate, which the kernel would go on watching.
+        unwatch_poll_index(s->poll_index);
         (void)close(s->channel.fd);
         s->channel.fd = -1;
     }
