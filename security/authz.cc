@@ -66,7 +66,7 @@ class log_teller : public rights_user {
 
 // The row lives as long as the write: its namespace may be removed meanwhile.
 int connection_rights::write(role_entry* row, const std::string& path, const std::string& lost) {
-    namespace_record* ns = c_->request.ns;
+    namespace_record* ns = c_->request.ns.get();
     namespace_retain(ns);
     const std::shared_ptr<namespace_record> held(ns, namespace_release);
     const shttpd_ctx* ctx = c_->ctx;
