@@ -75,7 +75,7 @@ void read_file(const char* path, option_slots* slots) {
             (void)std::fprintf(stderr, "%s:%d:\n", path, line.number);
         }
         if (line.keyword.empty()) {
-            elog(elog_fatal, nullptr, "init_ctx: bad line: [%s]", line.text.c_str());
+            fatal("init_ctx: bad line: [%s]", line.text.c_str());
         }
         set_option(row != nullptr ? row : known_option(line.keyword.c_str()), line.value.c_str(),
                    slots);

@@ -1,4 +1,4 @@
-// The options table, the configuration file, and the finishing of a server context.
+// The configuration file, the options' values, and the finishing of a server context.
 #pragma once
 
 #include <array>

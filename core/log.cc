@@ -315,7 +315,7 @@ void log_access(std::FILE* file, const conn* c) {
     const header_values& headers = request.headers;
     // Kept: the caller's name is shown only for requests on behalf of somebody.
     const std::string_view user =
-        or_default(headers.on_behalf_user.empty() ? headers.on_behalf_user : c->user_name, "-");
+        headers.on_behalf_user.empty() ? "-" : or_default(c->user_name, "-");
     const std::string_view operation = or_default(headers.operation, "unknown");
     const std::string_view from = or_default(headers.on_behalf_ip, "-");
     const std::string_view ns = or_default(headers.namespace_name, "plx");

@@ -32,7 +32,7 @@ namespace {
 constexpr rlim_t descriptor_limit = 4096;
 constexpr int pass_wait_ms = 5000;
 constexpr int bytes_to_megabytes_shift = 20;
-constexpr double megabytes_per_byte = 9.5367431640625e-07;
+constexpr double megabytes_per_byte = 1.0 / (1 << bytes_to_megabytes_shift);
 
 bool begins_with(const char* text, const char* prefix) {
     return std::strncmp(text, prefix, std::strlen(prefix)) == 0;

@@ -4,7 +4,6 @@
 // the process.
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
 
 #include <array>
@@ -15,6 +14,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "core/context.h"
 #include "core/endpoint.h"

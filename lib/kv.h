@@ -194,7 +194,8 @@ const unsigned char* ps_unmarshal_bounded(const unsigned char* buffer, const uns
 
 // --- Text forms: appended to the stream, one level is two blanks ---
 
-// Indents, then formats. Escapes nothing: names and texts go through format_unsafe_xml_str first.
+// Indents, then formats. Escapes nothing: in the XML-like form names and texts go through
+// format_unsafe_xml_str first, in JSON texts through format_unsafe_json_str and names through none.
 [[gnu::format(printf, 3, 4)]] void print_string(qz_stream* stream, int level, const char* format,
                                                 ...) noexcept;
 void ps_print(qz_stream* stream, int level, const propset* set) noexcept;

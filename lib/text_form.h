@@ -1,4 +1,4 @@
-// Four small text routines: key and type checks, JSON and XML escaping, the text of a GUID.
+// Five small text routines: key and type checks, JSON and XML escaping, the text of a GUID.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,7 @@
 // The entry points of the authentication library, in the order of their indices.
 //
-// X(index, name) is expanded for every row; KIND tells how the shim offers it: at_framework rows
-// are its own functions, at_typed rows have a declaration in at_types.h, at_words rows forward
+// X(index, name, KIND) is expanded for every row; KIND tells how the shim offers it: at_framework
+// rows are its own functions, at_typed rows have a declaration in at_types.h, at_words rows forward
 // twelve machine words.
 #pragma once
 
