@@ -22,7 +22,7 @@ constexpr std::int64_t remembered_ms = 300'000;
 constexpr int doubts_before_forgetting = 20;
 constexpr int failures_before_lock = 5;
 constexpr std::int64_t longest_lock_ms = 30'000;
-// 20 hashes of 15 ms are at most 30 % of the daemon's thread.
+// A refusal hashes twice, about 18 ms: 20 a second are at most 36 % of the thread of the daemon.
 constexpr std::int64_t hashes_per_second = 20;
 constexpr std::int64_t fullest_budget = 20'000;
 // What invented names leave for the others.
