@@ -37,7 +37,7 @@ void free_connection(conn* c) {
         --draining_count;
     }
     stop_stream(&c->local);
-    proxy_release(c);
+    c->target.reset();
     stop_stream(&c->remote);
     forget_visit(c);
     end_exchange(c);
@@ -188,7 +188,7 @@ bool disconnect(conn* c) {
         return true;
     }
     stop_stream(&c->local);
-    proxy_release(c);
+    c->target.reset();
     if (may_have_unread_input(c)) {
         start_draining(c);
         return true;
@@ -206,24 +206,6 @@ void end_connection(conn* c) {
 
 int draining_connections() {
     return draining_count;
-}
-
-void proxy_release(conn* c) {
-    proxy_record* record = c->proxy;
-    if (record == nullptr) {
-        return;
-    }
-    c->proxy = nullptr;
-    c->proxy_pending = false;
-    if (c->proxy_channel != nullptr) {
-        (void)molbAtSecConnClose(&c->proxy_channel);
-        c->proxy_channel = nullptr;
-    }
-    put_poll_index(record->poll_index);
-    if (record->fd >= 0) {
-        (void)close(record->fd);
-    }
-    delete record;
 }
 
 void release_identity(conn* c) {

@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -80,6 +81,8 @@ struct request_data {
     bool refusal_logged = false;  // the error log has the line of this request's refusal
     lookup_ptr peer_lookup;       // see peer_name()
     lookup_ptr own_lookup;
+    lookup_ptr target_lookup;             // under way: whether the URI names this very daemon
+    std::int64_t target_deadline_ms = 0;  // when a proxy target must be ready; 0: not begun
 
     // The request line, terminated; "" before one was read.
     [[nodiscard]] const char* line() const { return text.c_str(); }
@@ -115,15 +118,9 @@ struct exchange {
 // body_left of a request whose body has no announced length.
 inline constexpr std::uint64_t unlimited_body = UINT64_MAX;
 
-// A kept connection to a proxy target. While a record exists its descriptor is open and its poll
-// slot is owned; while a request is being forwarded, `local` shares both.
-struct proxy_record {
-    int port = 0;
-    std::string host;
-    int fd = -1;
-    int poll_index = -1;
-    bool secure = false;
-    bool reused = false;  // has served an earlier request
+// The end of a proxy target. Defined in handlers/target.cc.
+struct target_ending {
+    void operator()(target* ended) const;
 };
 
 enum class conn_state : std::uint8_t {
@@ -152,12 +149,11 @@ struct conn : list_link, exchange {
     std::int64_t visit_at_ms = 0;  // see visit_at(); 0: no such moment
     conn_state state = conn_state::serving;
     bool close_after = false;
-    bool due = false;            // is to be visited in this pass
-    bool fresh = false;          // just accepted: the first bytes may be there already
-    bool proxy_pending = false;  // the target's secure channel may hold decrypted bytes
-    bool idle_call = false;      // the local class was read and nothing moved
-    bool held = false;           // the handler waits for visit_soon()
-    bool visit_wanted = false;   // visit_soon() was called and the visit has not come
+    bool due = false;           // is to be visited in this pass
+    bool fresh = false;         // just accepted: the first bytes may be there already
+    bool idle_call = false;     // the local class was read and nothing moved
+    bool held = false;          // the handler waits for visit_soon()
+    bool visit_wanted = false;  // visit_soon() was called and the visit has not come
 
     stream local;
     stream remote;
@@ -168,8 +164,9 @@ struct conn : list_link, exchange {
     void* client_credential = nullptr;  // owned
     std::string user_name;              // empty until the caller is authenticated
 
-    proxy_record* proxy = nullptr;
-    void* proxy_channel = nullptr;  // the target's secure channel; null: plain
+    // Where requests are forwarded to; kept between two of them. Null: nowhere. The field's name
+    // would hide the type's.
+    std::unique_ptr<struct target, target_ending> target;
 };
 
 // A connection whose streams borrow buffers of the context's size, or null.
@@ -211,8 +208,9 @@ int draining_connections();
 // Frees user name, groups and credential. Idempotent.
 void release_identity(conn* c);
 
-// Closes the kept proxy target, gives its slot back and frees the record. Null record: nothing.
-void proxy_release(conn* c);
+// Ends a kept target that something has happened on: it has closed its side, or says what nobody
+// asked for. Defined in handlers/target.cc.
+void drop_idle_target(conn* c);
 
 // The local port of the connection in host byte order, 0 unless it is IPv4 or IPv6.
 int local_port(const conn* c);

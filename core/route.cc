@@ -293,14 +293,6 @@ constexpr std::array<routing_step, 11> routing_steps = {
     serve_file,
 };
 
-void serve_locally(conn* c, request_target& target) {
-    for (const routing_step step : routing_steps) {
-        if (step(c, target)) {
-            return;
-        }
-    }
-}
-
 // True when the caller may go on; else the refusal is in place.
 bool may_proceed(conn* c) {
     if (c->ctx->noauth != 0) {
@@ -386,7 +378,16 @@ void route_request(conn* c) {
         do_proxy(c);
         return;
     }
-    serve_locally(c, target);
+    serve_locally(c, std::move(target.path));
+}
+
+void serve_locally(conn* c, std::string path) {
+    request_target target{.path = std::move(path)};
+    for (const routing_step step : routing_steps) {
+        if (step(c, target)) {
+            return;
+        }
+    }
 }
 
 void send_server_error(conn* c, int status, const char* reason, int error) {

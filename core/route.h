@@ -1,6 +1,7 @@
 // Choosing what answers a request, and the engine's error replies.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "core/fwd.h"
@@ -8,6 +9,10 @@
 // Authenticates, authorizes and routes a parsed request: installs a class on the local stream or
 // puts an error reply in place.
 void route_request(conn* c);
+
+// The last part of it: finds what answers a request that may proceed and is not forwarded. `path`
+// is the file that its URI maps to.
+void serve_locally(conn* c, std::string path);
 
 // Replaces whatever the local stream holds by "HTTP/1.1 STATUS REASON\r\n\r\nSTATUS REASON", or
 // starts the handler registered for the status; the connection closes after the reply. When bytes

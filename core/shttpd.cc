@@ -27,7 +27,6 @@
 #include "core/state_writer.h"
 #include "core/string.h"
 #include "core/v6socket.h"
-#include "core/visit_timer.h"
 #include "domain/domain.h"
 #include "handlers/io_file.h"
 #include "lib/plat.h"
@@ -434,11 +433,10 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const bool files_open = close_idle_files();
     // Both wait for a moment that no descriptor announces.
     const bool short_wait = loop.accept_paused || files_open;
-    const int wait_ms = wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms);
-    const int ready = wait_for_events(wait_for_next_moment(wait_ms));
+    const int ready =
+        wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
     refresh_clocks();
     finish_background_jobs();
-    visit_at_their_moments();
     if (ready > 0) {
         accept_connections();
     }

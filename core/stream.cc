@@ -104,8 +104,9 @@ void read_stream(stream* s) {
     } else if (s == &c->local) {
         c->idle_call = true;
     }
-    // A proxy target is kept for the next request: the end of its reply is judged by the length.
-    if (s == &c->local && s->io == io && s->complete() && c->proxy == nullptr) {
+    // What may be kept for the next request is not stopped: the end of its reply is judged by the
+    // length.
+    if (s == &c->local && s->io == io && s->complete() && io->keep == nullptr) {
         stop_stream(s);
     }
 }
@@ -140,14 +141,9 @@ std::size_t write_stream(stream* from, stream* to, std::size_t limit) {
 }
 
 void stop_stream(stream* s) {
-    conn* c = s->connection;
     if (s->io != nullptr && s->io->close != nullptr) {
         const io_class* io = s->io;
         io->close(s);
-    }
-    if (s->poll_index >= 0 && c->proxy != nullptr && c->proxy->poll_index == s->poll_index) {
-        delete c->proxy;  // its descriptor was this stream's and is closed by now
-        c->proxy = nullptr;
     }
     put_poll_index(s->poll_index);
     s->poll_index = -1;

@@ -29,9 +29,12 @@ enum stream_flag : std::uint32_t {
 
 struct stream_channel {
     int fd = -1;
-    off_t offset = 0;       // io_file: where the next read begins
-    int put_status = 0;     // io_file: what a complete upload is answered with
-    void* state = nullptr;  // io_embedded: the handler's word; io_cgi, io_proxy: scanners
+    off_t offset = 0;               // io_file: where the next read begins
+    int put_status = 0;             // io_file: what a complete upload is answered with
+    void* state = nullptr;          // io_embedded: the handler's word
+    relay_record* relay = nullptr;  // io_cgi, io_proxy: owned by it
+    bool holds_bytes = false;       // io_proxy: bytes that no descriptor announces may be there
+    bool pins_input = false;  // io_proxy: an unfinished write is repeated from the same address
     shttpd_handler handler = nullptr;  // the handler
     void* user_data = nullptr;         // and what it was registered with
     dir_listing* dir = nullptr;        // io_dir, owned by it

@@ -24,7 +24,7 @@ bool is_dead(const conn* c) {
 // An unfinished write to a secure target must be repeated from the same address.
 bool may_compact(const conn* c) {
     return !c->remote.has(sf_parsed) ||
-           (c->remote.head >= c->remote.size && c->proxy_channel == nullptr);
+           (c->remote.head >= c->remote.size && !c->local.channel.pins_input);
 }
 
 // Room for input, counting what the next visit gains by compacting.
@@ -140,7 +140,7 @@ void reply_from_handler(conn* c) {
         send_server_error(c, 500, local.io->lost_descriptor);
         return;
     }
-    const bool ready = local.has(sf_always_ready) || c->proxy_pending ||
+    const bool ready = local.has(sf_always_ready) || c->local.channel.holds_bytes ||
                        (events & (POLLIN | POLLHUP | POLLERR)) != 0;
     if (ready && local.has(sf_readable) && !local.has(sf_closed) && local.room() > 0 &&
         !sends_file_directly(c)) {
@@ -221,13 +221,6 @@ void judge_keep_alive(conn* c) {
     const stream& local = c->local;
     if (local.total < local.content_length || c->body_left > 0 || c->reply.sent == 0) {
         c->close_after = true;
-    }
-}
-
-void drop_idle_target(conn* c) {
-    if (c->proxy != nullptr && c->local.poll_index != c->proxy->poll_index &&
-        poll_revents(c->proxy->poll_index) != 0) {
-        proxy_release(c);
     }
 }
 
@@ -319,5 +312,5 @@ bool has_hidden_input(const conn* c) {
         return c->client.may_hold_bytes;
     }
     return (c->client.may_hold_bytes && has_input_room(c) && !body_complete(c)) ||
-           (c->proxy_pending && c->local.room() > 0 && !has_ended(c->local));
+           (c->local.channel.holds_bytes && c->local.room() > 0 && !has_ended(c->local));
 }

@@ -23,7 +23,7 @@ constexpr std::string_view placeholder = "HTTP/1.1     OK\r\n";
 // The program will get no further body byte: it sees the end of its input.
 void end_input(stream* s) {
     (void)shutdown(s->channel.fd, SHUT_WR);  // it may be gone already
-    s->clear(sf_writable);
+    s->flags &= ~static_cast<std::uint32_t>(sf_writable);
 }
 
 // The block in front is complete: decides status, length and keep-alive, and releases the reply.
@@ -50,14 +50,14 @@ void accept_headers(stream* s) {
         c->close_after = true;
     }
     s->tail = 0;
-    s->set(sf_parsed);
+    s->flags |= sf_parsed;
 }
 
 constexpr reply_head_rules head_rules = {
     .failure = "Error running CGI", .own_bytes = placeholder.size(), .accept = accept_headers};
 
 ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
-    s->clear(sf_keep_open);
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
     const ssize_t n = recv(s->channel.fd, buffer, length, 0);
     if (s->has(sf_parsed)) {
         return n;
@@ -84,7 +84,7 @@ void close_cgi(stream* s) {
         (void)close(s->channel.fd);
         s->channel.fd = -1;
     }
-    release_scanners(s);
+    release_relay(s);
 }
 
 }  // namespace
@@ -98,12 +98,10 @@ void do_cgi(conn* c) {
     local.head = local.tail = placeholder.size();
     local.total = placeholder.size();
     const bool post = c->request.method == method_post;
-    install_class(&local, &io_cgi, local.channel.fd,
-                  post ? sf_readable | sf_writable : std::uint32_t{sf_readable});
+    install_relay(&local, &io_cgi, local.channel.fd, relay_step::relaying);
     // Programs read their input to its end even when they expect none.
     if (!post || c->body_left == 0) {
+        relay_of(&local)->scans_request = false;
         end_input(&local);
-    } else {
-        watch_request_body(&local);
     }
 }

@@ -18,6 +18,7 @@
 #include "handlers/proxy.h"
 #include "handlers/relay.h"
 #include "handlers/service_exchange.h"
+#include "handlers/target.h"
 
 namespace {
 
@@ -25,77 +26,38 @@ constexpr std::size_t status_line_min = 12;
 
 // --- Moving bytes ---
 
-// The secure channel of the target that the stream serves; null: it is spoken to in clear text.
-void* channel_of(const stream* s) {
-    const conn* c = s->connection;
-    const bool own = c->proxy != nullptr && c->proxy->fd == s->channel.fd;
-    return own ? c->proxy_channel : nullptr;
+// The target that the stream serves; null: the companion service's standard output.
+target* target_of(const stream* s) {
+    target* t = s->connection->target.get();
+    return t != nullptr && t->slot >= 0 && t->slot == s->poll_index ? t : nullptr;
 }
 
-// What one call moves at most. A library that can't serve a call answers it with a result code,
-// which a larger request would take for a count: the reply would get bytes that nobody sent.
-constexpr std::size_t transfer_max = 16384;
-static_assert(transfer_max < at_invalid_argument, "every result code is a larger number");
-
-std::int32_t transfer_length(std::size_t length) {
-    return static_cast<std::int32_t>(std::min(length, transfer_max));
-}
-
-// The library's count with errno as recv and send would leave it.
-ssize_t checked_count(std::int32_t count, std::int32_t length) {
-    if (count >= 0 && count <= length) {
-        return count;
-    }
-    if (count != -1 || errno == 0) {
-        errno = count == std::int32_t{at_again} ? EAGAIN : EIO;
-    }
-    return -1;
-}
-
-// Like recv, through the channel when there is one.
 ssize_t receive(stream* s, void* buffer, std::size_t length) {
-    void* channel = channel_of(s);
-    if (channel == nullptr) {
-        return recv(s->channel.fd, buffer, length, 0);
-    }
-    const std::int32_t asked = transfer_length(length);
-    errno = 0;
-    const std::int32_t count = molbAtSecConnRead(channel, buffer, asked);
-    // Only a read that got less than it asked for has emptied the channel.
-    s->connection->proxy_pending = count == asked;
-    return checked_count(count, asked);
+    target* t = target_of(s);
+    return t != nullptr ? t->receive(buffer, length) : recv(s->channel.fd, buffer, length, 0);
 }
 
-// Like send, through the channel when there is one.
-ssize_t deliver(stream* s, const void* buffer, std::size_t length) {
-    void* channel = channel_of(s);
-    if (channel == nullptr) {
-        // A head and the body that has come with it make one packet.
-        const conn* c = s->connection;
-        const bool more = !c->head_left().empty() && c->body_left > 0 && c->remote.pending() > 0;
-        return send(s->channel.fd, buffer, length, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
-    }
-    const std::int32_t offered = transfer_length(length);
-    errno = 0;
-    return checked_count(molbAtSecConnWrite(channel, buffer, offered), offered);
+ssize_t deliver(stream* s, const void* bytes, std::size_t length) {
+    target* t = target_of(s);
+    return t != nullptr ? t->deliver(bytes, length)
+                        : send(s->channel.fd, bytes, length, MSG_NOSIGNAL);
 }
 
 // --- The reply ---
 
 // The reply is complete although its sender keeps the connection: nothing more is read or written.
 void end_reply(stream* s) {
-    release_scanners(s);
     s->clear(sf_readable | sf_writable);
     s->set(sf_closed);
-    s->connection->proxy_pending = false;
+    s->channel.holds_bytes = false;
 }
 
 // Judges the next bytes of a chunked body and returns how many of them belong to the reply.
 std::size_t scan_reply(stream* s, std::string_view bytes) {
-    relay_scanners* scanners = scanners_of(s);
-    const std::size_t own = scanners->reply.consume(bytes);
-    const bool failed = scanners->reply.failed();
-    if (failed || scanners->reply.complete()) {
+    chunk_scanner& scanner = relay_of(s)->reply;
+    const std::size_t own = scanner.consume(bytes);
+    const bool failed = scanner.failed();
+    if (failed || scanner.complete()) {
         end_reply(s);
         // What is left belongs to no reply; a broken body ends both sides, so that nobody takes a
         // part of it for the whole.
@@ -109,7 +71,7 @@ std::size_t scan_reply(stream* s, std::string_view bytes) {
 // A target reached over its port never learns the method of a service request: its answer to a HEAD
 // has a body, which would be taken for the next answer.
 bool hides_body(const conn* c, std::string_view head) {
-    return c->request.method == method_head && c->proxy != nullptr &&
+    return c->request.method == method_head && target_of(&c->local) != nullptr &&
            frame_reply(head, method_get).end != reply_end::at_once;
 }
 
@@ -134,7 +96,7 @@ void keep_body_bytes(stream* s, std::size_t own) {
 void judge_first_body_bytes(stream* s, reply_end end) {
     const std::string_view body(s->buffer + s->header_length, s->head - s->header_length);
     if (end == reply_end::chunked) {
-        obtain_scanners(s)->scans_reply = true;
+        relay_of(s)->scans_reply = true;
         keep_body_bytes(s, scan_reply(s, body));
     } else if (end == reply_end::at_once) {
         end_reply(s);
@@ -161,7 +123,7 @@ void accept_headers(stream* s) {
     if (status != 0 && head.starts_with("HTTP/") && head.size() >= status_line_min) {
         write_status(s->buffer, status);
     }
-    s->set(sf_parsed);
+    s->flags |= sf_parsed;
     s->total -= s->header_length;
     s->tail = 0;
     judge_first_body_bytes(s, framing.end);
@@ -184,13 +146,22 @@ bool ended_before_answer(const stream* s, ssize_t n, int error) {
     return ended && !s->has(sf_parsed) && s->total == 0;
 }
 
-ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
-    conn* c = s->connection;
-    if (waits_for_service(c)) {
-        advance_service_exchange(c);
-        errno = EAGAIN;
-        return -1;
+// Reads on behind the headers.
+ssize_t read_body(stream* s, const char* buffer, ssize_t n) {
+    if (!relay_of(s)->scans_reply) {
+        return n;
     }
+    if (n > 0) {
+        return static_cast<ssize_t>(scan_reply(s, {buffer, static_cast<std::size_t>(n)}));
+    }
+    if (n == 0) {
+        s->connection->close_after = true;  // cut short
+    }
+    return n;
+}
+
+ssize_t read_ready(stream* s, char* buffer, std::size_t length) {
+    conn* c = s->connection;
     s->clear(sf_keep_open);
     const ssize_t n = receive(s, buffer, length);
     const int error = errno;  // of the read, whatever the tracking of answers does
@@ -199,31 +170,34 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
         return -1;
     }
     if (n > 0) {
-        note_service_answer(c, {static_cast<const char*>(buffer), static_cast<std::size_t>(n)});
+        note_service_answer(c, {buffer, static_cast<std::size_t>(n)});
     }
     if (answer_has_no_end(c)) {
-        s->set(sf_always_ready);  // no descriptor tells that nothing has come for a while:
-        c->held = true;           // a timer does
+        s->set(sf_always_ready);  // no descriptor tells that nothing has come for a while
+        c->held = true;
         if (n < 0 && error == EAGAIN && answer_is_over(c)) {
             return end_endless(s);
         }
     }
     errno = error;
-    if (!s->has(sf_parsed)) {
-        return take_reply_head(s, n, head_rules);
+    return s->has(sf_parsed) ? read_body(s, buffer, n) : take_reply_head(s, n, head_rules);
+}
+
+ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
+    conn* c = s->connection;
+    switch (relay_of(s)->step) {
+        case relay_step::relaying:
+            return read_ready(s, static_cast<char*>(buffer), length);
+        case relay_step::in_line:
+            advance_service_exchange(c);
+            break;
+        case relay_step::naming:
+        case relay_step::connecting:
+            go_on_forwarding(c);
+            break;
     }
-    const relay_scanners* scanners = scanners_of(s);
-    if (scanners == nullptr || !scanners->scans_reply) {
-        return n;
-    }
-    if (n > 0) {
-        const std::size_t count = static_cast<std::size_t>(n);
-        return static_cast<ssize_t>(scan_reply(s, {static_cast<const char*>(buffer), count}));
-    }
-    if (n == 0) {
-        c->close_after = true;  // cut short
-    }
-    return n;
+    errno = EAGAIN;
+    return -1;
 }
 
 // No shutdown: some servers take a half-closed connection for one that was given up.
@@ -235,29 +209,26 @@ ssize_t write_proxy(stream* s, const void* buffer, std::size_t length) {
     return relay_body(s, buffer, length, {.deliver = deliver, .finish = finish_body});
 }
 
-// The target stays connected; anything that happens on it while it is idle drops it.
 bool keep_target(stream* s) {
-    conn* c = s->connection;
-    if (c->proxy == nullptr || s->poll_index != c->proxy->poll_index) {
+    target* t = target_of(s);
+    if (t == nullptr) {
         return false;
     }
-    set_poll_events(c->proxy->poll_index, c->proxy->fd, POLLIN);
-    clear_poll_revents(c->proxy->poll_index);
-    c->proxy_pending = false;
+    release_relay(s);
+    leave_target(s);
+    t->keep();
     return true;
 }
 
-// The record of a kept target is the engine's to free: it follows the poll slot.
 void close_proxy(stream* s) {
     conn* c = s->connection;
     leave_service_exchange(c);
-    release_scanners(s);
-    if (channel_of(s) != nullptr) {
-        (void)molbAtSecConnClose(&c->proxy_channel);
-        c->proxy_channel = nullptr;
-    }
-    c->proxy_pending = false;
-    if (s->channel.fd >= 0) {
+    release_relay(s);
+    const bool is_idle = c->target != nullptr && c->target->state == target_state::kept;
+    if (c->target != nullptr && !is_idle) {
+        leave_target(s);
+        c->target.reset();
+    } else if (s->channel.fd >= 0) {
         // The companion's is a duplicate, which the kernel would go on watching.
         unwatch_poll_index(s->poll_index);
         (void)close(s->channel.fd);
@@ -277,5 +248,20 @@ constinit const io_class io_proxy{.name = "proxy",
 void start_proxy_relay(conn* c) {
     c->local.clear_buffer();
     c->local.total = 0;
-    install_class(&c->local, &io_proxy, -1, sf_readable | sf_writable);
+    install_relay(&c->local, &io_proxy, -1, relay_step::naming);
+}
+
+void leave_target(stream* s) {
+    s->poll_index = -1;
+    s->channel.fd = -1;
+    s->channel.holds_bytes = false;
+    s->channel.pins_input = false;
+}
+
+void relay_with_target(conn* c) {
+    stream& local = c->local;
+    local.channel.fd = c->target->fd.get();
+    local.poll_index = c->target->slot;
+    local.channel.pins_input = c->target->channel != nullptr;
+    begin_relaying(&local);
 }

@@ -8,23 +8,35 @@
 
 #include "core/fwd.h"
 
+struct proxy_target;
+
 // Whether the request's URI has one of the five forms. Case-sensitive.
 bool is_proxy(const conn* c);
 
 // Whether the URI names this very daemon. When it does, the request is rewritten for local
-// service (URI, query, role) and *path receives the file that it maps to.
+// service (URI, query, role) and *path receives the file that it maps to. False also while the
+// host's name is being looked up, which request.target_lookup tells; do_proxy() then waits for it
+// and asks again.
 bool is_loopback(conn* c, std::string* path);
 
 // Replaces the request's URI by its path: the text from the first "/" behind "://"; "/" when
 // there is none.
 void adjust_uri(conn* c);
 
-// Forwards the request: connects the local stream to the target and puts the forwarded request's
-// head in front of the body bytes that have arrived, or answers with an error. Connecting may
-// block for up to 4 seconds.
+// Forwards the request: connects the local stream to the target, which gets the forwarded request's
+// head and then the body, or answers with an error. Whatever has to be waited for, looking up,
+// connecting and setting up a secure channel, is waited for in the poll set, and has 4 seconds.
 void do_proxy(conn* c);
+
+// The next step of a forwarded request whose target is not ready. Its local stream may be another's
+// afterwards: an error reply's, or a local handler's.
+void go_on_forwarding(conn* c);
 
 // A kept target has ended before the first byte of its answer: connects anew and sends the request
 // once more, if that has not been done yet and all of it is still at hand. False when nothing was
 // done.
 bool repeat_request(conn* c);
+
+// Takes up the connection's kept target when it leads there and is still usable, or begins to
+// connect in place of it.
+void connect_unsecure(conn* c, const proxy_target& wanted, bool secure);

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t status_offset = 9;  // behind "HTTP/1.1 "
 constexpr std::size_t status_digits = 3;
+constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
 
 std::string_view trimmed(std::string_view text) {
     const std::size_t start = std::min(text.find_first_not_of(' '), text.size());
@@ -66,7 +67,7 @@ bool is_plain_length(std::string_view value) {
 ssize_t refuse_head(stream* s, std::size_t own_bytes) {
     elog(elog_info, s->connection, "CGI script sent invalid headers: [%.*s]",
          static_cast<int>(s->head - own_bytes), s->buffer + own_bytes);
-    s->clear(sf_keep_open);
+    s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
     send_server_error(s->connection, 500, "Bad headers sent");
     return 0;
 }
@@ -119,7 +120,7 @@ ssize_t take_reply_head(stream* s, ssize_t n, const reply_head_rules& rules) {
         }
         return n;
     }
-    s->set(sf_keep_open);
+    s->flags |= sf_keep_open;
     s->head += static_cast<std::size_t>(n);
     s->total += static_cast<std::uint64_t>(n);
     for (;;) {
@@ -198,33 +199,43 @@ bool blurs_next_reply(const reply_framing& framing, std::uint64_t status) {
     return !framing.clear || (is_bodyless(status) && announces_body);
 }
 
-relay_scanners* scanners_of(const stream* s) {
-    return static_cast<relay_scanners*>(s->channel.state);
-}
-
-relay_scanners* obtain_scanners(stream* s) {
-    if (s->channel.state == nullptr) {
-        s->channel.state = new relay_scanners;
+void install_relay(stream* s, const io_class* io, int fd, relay_step step) {
+    auto* record = new relay_record;
+    // A body without announced length is delivered up to its last chunk and no further.
+    record->scans_request = s->connection->body_left == unlimited_body;
+    record->step = step;
+    install_class(s, io, fd, waiting_flags);
+    s->channel.relay = record;
+    if (step == relay_step::relaying) {
+        begin_relaying(s);
     }
-    return scanners_of(s);
 }
 
-void release_scanners(stream* s) {
-    delete scanners_of(s);
-    s->channel.state = nullptr;
+void wait_for_target(stream* s) {
+    relay_of(s)->step = relay_step::connecting;
+    s->flags = waiting_flags;
 }
 
-void watch_request_body(stream* s) {
-    if (s->connection->body_left == unlimited_body) {
-        obtain_scanners(s)->scans_request = true;
-    }
+void begin_relaying(stream* s) {
+    relay_of(s)->step = relay_step::relaying;
+    s->flags = sf_readable | sf_writable;
+    s->connection->held = false;
+}
+
+relay_record* relay_of(const stream* s) {
+    return s->channel.relay;
+}
+
+void release_relay(stream* s) {
+    delete relay_of(s);
+    s->channel.relay = nullptr;
 }
 
 namespace {
 
 // Only the trailer stays behind: nobody may be told by it who the caller is.
 ssize_t relay_chunks(stream* s, std::string_view bytes, const body_receiver& receiver) {
-    chunk_scanner& scanner = scanners_of(s)->request;
+    chunk_scanner& scanner = relay_of(s)->request;
     chunk_scanner probe = scanner;
     (void)probe.consume(bytes);
     if (probe.failed() || probe.claims_identity()) {
@@ -257,27 +268,20 @@ ssize_t relay_chunks(stream* s, std::string_view bytes, const body_receiver& rec
 
 ssize_t relay_body(stream* s, const void* bytes, std::size_t length,
                    const body_receiver& receiver) {
-    const relay_scanners* scanners = scanners_of(s);
-    const conn* c = s->connection;
-    const std::size_t head_left = c->head_left().size();
-    ssize_t n = 0;
-    if (head_left == 0 && scanners != nullptr && scanners->scans_request) {
-        n = relay_chunks(s, {static_cast<const char*>(bytes), length}, receiver);
-    } else {
-        const bool last =
-            head_left > 0 ? length == head_left && c->body_left == 0 : length == c->body_left;
-        n = receiver.deliver(s, bytes, length);
-        if (last && n == static_cast<ssize_t>(length)) {
-            receiver.finish(s);
-        }
+    conn* c = s->connection;
+    const bool is_head = !c->head_left().empty();
+    if (relay_of(s)->scans_request && !is_head) {
+        return relay_chunks(s, {static_cast<const char*>(bytes), length}, receiver);
     }
-    if (n < 0 && errno != EAGAIN && errno != EINTR) {
-        s->clear(sf_writable);
+    const ssize_t n = receiver.deliver(s, bytes, length);
+    const bool all = n >= 0 && static_cast<std::size_t>(n) == length;
+    if (all && c->body_left == (is_head ? 0 : length)) {
+        receiver.finish(s);
     }
     return n;
 }
 
 bool body_is_cut(const stream* s) {
-    const relay_scanners* scanners = scanners_of(s);
-    return scanners != nullptr && scanners->scans_request && !scanners->request.complete();
+    const relay_record* record = relay_of(s);
+    return record->scans_request && !record->request.complete();
 }

@@ -1,8 +1,7 @@
 // What the relays to CGI programs and to proxy targets share: the wait for a reply's headers, where
 // bodies end, in both directions, and the status that is written into a reply's first line.
 //
-// `s` is always a connection's local stream with io_cgi or io_proxy installed. The scanners hang in
-// its channel while one of the bodies is chunked.
+// `s` is always a connection's local stream with io_cgi or io_proxy installed.
 #pragma once
 
 #include <sys/types.h>
@@ -68,31 +67,41 @@ reply_framing frame_reply(std::string_view head, int method);
 // if its sender does not know that the request was a HEAD.
 bool blurs_next_reply(const reply_framing& framing, std::uint64_t status);
 
-// --- The scanners of one stream ---
+// --- The state of one relay ---
 
-struct relay_scanners {
-    chunk_scanner request;
-    chunk_scanner reply;
-    bool scans_request = false;
-    bool scans_reply = false;
-    bool awaits_service = false;  // in line for the companion service
-    std::string repeatable;       // the whole body, when it may have to be sent once more
+enum class relay_step : std::uint8_t {
+    naming,      // whether the target is this daemon itself is being looked up
+    connecting,  // the target is not ready yet
+    in_line,     // others use the companion service
+    relaying,    // bytes move
 };
 
-// The stream's scanners, made when there are none.
-relay_scanners* obtain_scanners(stream* s);
+struct relay_record {
+    relay_step step = relay_step::relaying;
+    bool scans_request = false;
+    bool scans_reply = false;
+    bool repeatable = false;  // the whole body stands in the forwarded head, which is kept
+    chunk_scanner request;
+    chunk_scanner reply;
+};
 
-// The stream's scanners or null.
-relay_scanners* scanners_of(const stream* s);
+// Installs a relay's class on a connection's local stream. One that has to wait for its other end
+// is called in every visit until begin_relaying().
+void install_relay(stream* s, const io_class* io, int fd, relay_step step);
 
-// Frees the scanners. Idempotent.
-void release_scanners(stream* s);
+// The stream has to wait again, for a target this time.
+void wait_for_target(stream* s);
+
+// The other end is there: from now on the poll set tells when bytes can move.
+void begin_relaying(stream* s);
+
+// The stream's record, from install_relay() to release_relay().
+relay_record* relay_of(const stream* s);
+
+// Frees the record. Idempotent.
+void release_relay(stream* s);
 
 // --- Request bodies ---
-
-// A request body without announced length is delivered up to its last chunk and no further, without
-// its trailer. Call it once, after the class was installed.
-void watch_request_body(stream* s);
 
 // How one kind of receiver takes bodies.
 struct body_receiver {
@@ -100,9 +109,9 @@ struct body_receiver {
     void (*finish)(stream*);  // called once, when the whole body has been delivered
 };
 
-// Delivers the next bytes of the request's body: a class's write. A chunked body that breaks, or
-// whose trailer names a caller, is answered with 400, or cut short together with a reply that has
-// begun.
+// Delivers the next bytes of the forwarded head and then of the request's body: a class's write. A
+// chunked body that breaks, or whose trailer names a caller, is answered with 400, or cut short
+// together with a reply that has begun.
 ssize_t relay_body(stream* s, const void* bytes, std::size_t length, const body_receiver& receiver);
 
 // Whether a chunked body is being delivered whose end has not come.

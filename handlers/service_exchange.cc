@@ -15,7 +15,6 @@
 #include "core/globals.h"
 #include "core/request.h"
 #include "core/route.h"
-#include "core/visit_timer.h"
 #include "handlers/cgi_service.h"
 #include "handlers/proxy_head.h"
 #include "handlers/proxy_target.h"
@@ -26,7 +25,6 @@ namespace {
 
 constexpr const char* unreachable = "Internal server error. Could not connect to hob server.";
 constexpr const char* no_slot = "Internal server error. Maximum connections reached.";
-constexpr std::uint32_t waiting_flags = sf_readable | sf_always_ready | sf_keep_open;
 // How long an answer that nobody reads holds others up.
 constexpr std::int64_t stale_limit_ms = 300'000;
 // Without a byte for so long, an answer without an end is over.
@@ -118,7 +116,6 @@ struct service_state {
     std::int64_t stale_until = 0;
     std::int64_t last_byte = 0;  // when the last one of `answer` came
     answer_tracker answer;
-    visit_timer timer;  // the owner's: when an answer counts as over
 };
 
 service_state service;
@@ -172,7 +169,7 @@ bool drop_old_answer(conn* c) {
             service.stale =
                 service.stale && !ended && !service.answer.complete() && !is_over(end_of_answer());
             if (service.stale) {
-                service.timer.set(c, end_of_answer());
+                visit_at(c, end_of_answer());
             }
             return !service.stale;
         }
@@ -194,23 +191,15 @@ void start_exchange(conn* c) {
     service.stale = false;
     service.started = true;
     service.answer = answer_tracker();
-    service.timer.clear();
-    obtain_scanners(&c->local)->awaits_service = false;
-    c->local.flags = sf_readable | sf_writable;
+    begin_relaying(&c->local);
 }
 
 }  // namespace
 
 void join_service_exchange(conn* c) {
-    obtain_scanners(&c->local)->awaits_service = true;
-    c->local.flags = waiting_flags;
+    relay_of(&c->local)->step = relay_step::in_line;
     service.line.push_back(c);
     advance_service_exchange(c);
-}
-
-bool waits_for_service(const conn* c) {
-    const relay_scanners* scanners = scanners_of(&c->local);
-    return scanners != nullptr && scanners->awaits_service;
 }
 
 void advance_service_exchange(conn* c) {
@@ -229,8 +218,8 @@ void note_service_answer(conn* c, std::string_view bytes) {
         return;
     }
     note_answer(bytes);
-    if (service.answer.endless()) {
-        service.timer.set(c, end_of_answer());
+    if (service.answer.complete()) {
+        leave_service_exchange(c);  // the next one need not wait until the client has taken it all
     }
 }
 
@@ -238,8 +227,12 @@ bool answer_has_no_end(const conn* c) {
     return service.owner == c && service.started && service.answer.endless();
 }
 
-bool answer_is_over(const conn* c) {
-    return answer_has_no_end(c) && is_over(end_of_answer());
+bool answer_is_over(conn* c) {
+    if (is_over(end_of_answer())) {
+        return true;
+    }
+    visit_at(c, end_of_answer());
+    return false;
 }
 
 void leave_service_exchange(const conn* c) {
@@ -252,7 +245,6 @@ void leave_service_exchange(const conn* c) {
             service.stale_until = monotonic_ms() + stale_limit_ms;
         }
         service.owner = nullptr;
-        service.timer.clear();
     }
     if (service.owner == nullptr && !service.line.empty()) {
         visit_soon(service.line.front());

@@ -14,9 +14,6 @@
 // service gets to read. Requires an installed relay. An error reply may be in place afterwards.
 void join_service_exchange(conn* c);
 
-// Whether the connection has joined and its own answer can't be read yet.
-bool waits_for_service(const conn* c);
-
 // One step of a waiting connection, which is visited again when there is reason to. An error reply
 // may be in place afterwards.
 void advance_service_exchange(conn* c);
@@ -28,8 +25,9 @@ void note_service_answer(conn* c, std::string_view bytes);
 // read, or is longer than announced.
 bool answer_has_no_end(const conn* c);
 
-// Whether such an answer counts as whole: two seconds have passed without a byte of it.
-bool answer_is_over(const conn* c);
+// Whether such an answer counts as whole: two seconds have passed without a byte of it. If not, the
+// connection is visited when they may have.
+bool answer_is_over(conn* c);
 
 // The connection's relay is being closed: hands the service on if it held it.
 void leave_service_exchange(const conn* c);

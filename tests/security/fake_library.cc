@@ -55,6 +55,15 @@ std::uint32_t molbAtSecConnAcceptWithCommExtn(void*, int, void* server_credentia
     *client_credential = fake.accept_credential;
     return result;
 }
+std::uint32_t molbAtSecConnConnect(int, void*, std::uint32_t, void** channel, char**) {
+    if (fake.connects.empty()) {
+        return at_not_available;
+    }
+    const std::uint32_t result = fake.connects.front();
+    fake.connects.pop_front();
+    *channel = result == at_channel_failed ? nullptr : fake.channel;
+    return result;
+}
 std::int32_t molbAtSecConnRead(void*, void*, std::int32_t) {
     return next_count();
 }
@@ -91,8 +100,5 @@ std::uint32_t molbAtGetCredentials(void*, const molb_identity*, std::uint32_t, v
     return at_not_available;
 }
 std::uint32_t molbAtGetDomainInfos(void*, std::uint32_t, molb_domain_info**, std::int32_t*) {
-    return at_not_available;
-}
-std::uint32_t molbAtSecConnConnect(int, void*, std::uint32_t, void**, char**) {
     return at_not_available;
 }

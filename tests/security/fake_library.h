@@ -11,6 +11,7 @@
 struct fake_library {
     // What the entry points answer.
     std::deque<std::uint32_t> handshakes;  // results of the next accept calls
+    std::deque<std::uint32_t> connects;    // results of the next connect calls
     void* accept_credential = nullptr;
     void* channel = &handshakes;
     std::deque<std::int32_t> counts;       // results of the next read and write calls; then EAGAIN
