@@ -16,6 +16,7 @@
 #include "fuzz/check.h"
 #include "handlers/cgi.h"
 #include "handlers/io_proxy.h"
+#include "handlers/relay.h"
 #include "lib/unique_fd.h"
 
 namespace {
@@ -56,6 +57,7 @@ void start_relay(conn* c, const scene& setting, int fd) {
     } else {
         start_proxy_relay(c);
         c->local.channel.fd = fd;
+        begin_relaying(&c->local);
     }
 }
 
