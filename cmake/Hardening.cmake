@@ -7,7 +7,13 @@ check_pie_supported()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 set(hardening -fstack-protector-strong -Wformat -Werror=format-security)
-foreach(flag -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
+# Clang takes flags of other processors, and then warns of each.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    set(control_flow -mbranch-protection=standard)
+else()
+    set(control_flow -fcf-protection)
+endif()
+foreach(flag -fstack-clash-protection ${control_flow})
     string(MAKE_C_IDENTIFIER "DOVMAD_HAVE${flag}" have)
     check_cxx_compiler_flag(${flag} ${have})  # by compiler and processor
     if(${have})
