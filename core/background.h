@@ -11,6 +11,8 @@ struct background_job {
     background_job() = default;
     background_job(const background_job&) = delete;
     background_job& operator=(const background_job&) = delete;
+    background_job(background_job&&) = delete;
+    background_job& operator=(background_job&&) = delete;
     virtual ~background_job() = default;
 
     virtual void run() = 0;     // on the thread
@@ -23,6 +25,8 @@ class background_thread {
     background_thread();
     background_thread(const background_thread&) = delete;
     background_thread& operator=(const background_thread&) = delete;
+    background_thread(background_thread&&) = delete;
+    background_thread& operator=(background_thread&&) = delete;
     // What has not run is dropped; a job that is running goes on by itself and is then dropped.
     ~background_thread();
 

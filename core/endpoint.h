@@ -58,6 +58,8 @@ struct endpoint_pieces {
     endpoint_pieces() = default;
     endpoint_pieces(const endpoint_pieces&) = delete;
     endpoint_pieces& operator=(const endpoint_pieces&) = delete;
+    endpoint_pieces(endpoint_pieces&&) = delete;
+    endpoint_pieces& operator=(endpoint_pieces&&) = delete;
     virtual ~endpoint_pieces() = default;
 
     // The bytes that follow, valid until the next call; none: that was all.

@@ -60,6 +60,8 @@ class write_wait {
     explicit write_wait(conn* waiter);
     write_wait(const write_wait&) = delete;
     write_wait& operator=(const write_wait&) = delete;
+    write_wait(write_wait&&) = delete;
+    write_wait& operator=(write_wait&&) = delete;
     ~write_wait();
 
     // Whether the writes are over, with whatever result.

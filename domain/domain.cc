@@ -117,6 +117,8 @@ struct switch_wait : endpoint_wait {
     ~switch_wait() override;
     switch_wait(const switch_wait&) = delete;
     switch_wait& operator=(const switch_wait&) = delete;
+    switch_wait(switch_wait&&) = delete;
+    switch_wait& operator=(switch_wait&&) = delete;
 
     conn* waiter;
     bool asked = false;  // its own switch is the one under way, or was
