@@ -13,6 +13,7 @@
 
 #include "core/connection.h"
 #include "core/endpoint.h"
+#include "core/log.h"
 #include "domain/domain_uris.h"
 #include "domain/registry.h"
 
@@ -108,13 +109,18 @@ void report_to_server(shttpd_call_arg* arg, report* from) {
 // --- Standalone mode ---
 
 // The server does not know these ids: the collector drops them and refuses them for a while.
-void reject_ids(domain_entry* entry, std::string_view list) {
+void reject_ids(const conn* c, domain_entry* entry, std::string_view list) {
+    unsigned added = 0;
     for_each_id(list, [&](std::string_view id) {
         if (id.size() < host_id_bytes) {
             (void)qz_map_delete(entry->hosts, std::string(id).c_str());  // often not collected
-            (void)blacklist_add(entry, id);  // the cycles go on: only an administrator resets them
+            // The cycles go on: only an administrator resets them.
+            added += blacklist_add(entry, id) ? 1 : 0;
         }
     });
+    if (added > 0) {
+        log_change(c, "blacklisted %u hosts of domain %s", added, entry->name);
+    }
 }
 
 agent_host* collect_host(domain_entry* entry, const std::string& id) {
@@ -158,7 +164,7 @@ void report_to_collector(shttpd_call_arg* arg, const report& from) {
         return;
     }
     if (from.is_dhc) {
-        reject_ids(entry, from.list);
+        reject_ids(arg->connection, entry, from.list);
         show_success(arg);
         return;
     }

@@ -1,5 +1,5 @@
 // The domain file on arbitrary bytes: every host that is read is complete, and what is written for
-// these hosts is read back as the same hosts.
+// these hosts is read back as the same hosts; lines that are no hosts are kept, and JSON is UTF-8.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +10,7 @@
 #include "domain/registry.h"
 #include "fuzz/check.h"
 #include "lib/plat.h"
+#include "lib/utf8.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ void check_host(const qz_pair& pair) {
     }
     check(std::strpbrk(host->cputype, ": \t\r\v\f") == nullptr);
     check(qz_vector_size(host->namespaces) > 0);
+    check(is_utf8(host->lines.json()) && host->lines.id() == host->hostid);
     for (const void* name : qz_each(host->namespaces)) {
         check(is_filled(static_cast<const char*>(name)));
     }
@@ -55,14 +57,17 @@ bool is_written_readably(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const map_ptr hosts(new_qz_map(compare_string, nullptr, free_agent_host));
-    parse_domain_text(std::string_view(reinterpret_cast<const char*>(data), size), hosts.get());
+    const domain_text_report report =
+        parse_domain_text(std::string_view(reinterpret_cast<const char*>(data), size), hosts.get());
+    check((report.no_hosts.count() == 0) == report.dropped.empty());
     for (const qz_pair& pair : qz_each(hosts.get())) {
         check_host(pair);
     }
     const std::string text = format_domain_text(hosts.get());
     const map_ptr again(new_qz_map(compare_string, nullptr, free_agent_host));
-    parse_domain_text(text, again.get());
+    const domain_text_report own = parse_domain_text(text, again.get());
     if (is_written_readably(text)) {
+        check(own.dropped.empty());
         check(qz_map_size(again.get()) == qz_map_size(hosts.get()));
         check(format_domain_text(again.get()) == text);
     }
