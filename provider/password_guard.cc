@@ -173,17 +173,20 @@ bool password_guard::hash_fits(const char* password, const std::string& hash) {
 }
 
 bool password_guard::check(const login& who, const std::string& hash) {
-    digest name{};
-    digest attempt{};
     digest whole{};
-    if (strlen(who.password) > longest_password || !make_digest({who.domain, who.name}, &name) ||
-        !make_digest({who.domain, who.name, who.peer}, &attempt) ||
+    if (strlen(who.password) > longest_password ||
         !make_digest({who.domain, who.name, who.password, hash}, &whole)) {
         return false;
     }
     const std::int64_t now_ms = monotonic_ms();
     if (!hash.empty() && is_remembered(whole, now_ms)) {
         return true;  // other people's failures do not hurt whoever knows the password
+    }
+    digest name{};
+    digest attempt{};
+    if (!make_digest({who.domain, who.name}, &name) ||
+        !make_digest({who.domain, who.name, who.peer}, &attempt)) {
+        return false;
     }
     const bool exists = !hash.empty();
     failure_slots* slots = exists ? &secrets_->wrong : &secrets_->wrong_unknown;

@@ -183,7 +183,7 @@ def test_files_belong_to_the_owner_of_their_folder(their_site, site):
 
 
 @ROOT_ONLY
-@pytest.mark.parametrize("where", ["users", "dovmad-at", "sec", "role", "file", "outer"])
+@pytest.mark.parametrize("where", ["users", "dovmad-at", "sec", "role", "file", "outer", "drop"])
 def test_root_follows_no_link_of_somebody_else(their_site, tmp_path, where):
     """The daemon's user has laid a link where root is going to write."""
     target = tmp_path / "of-root"
@@ -196,7 +196,11 @@ def test_root_follows_no_link_of_somebody_else(their_site, tmp_path, where):
     before = {path: path.stat() for path in (target, *target.rglob("*"))}
     place = {"users": their_site.at / "users", "dovmad-at": their_site.at, "sec": their_site.data,
              "role": their_site.root / "agent", "file": their_site.root / "agent" / ".dovmaaccess",
-             "outer": their_site.data.parent}[where]
+             "outer": their_site.data.parent, "drop": their_site.base / "drop" / "box"}[where]
+    if where == "drop":  # a folder of root's in which everybody may put something, like /tmp
+        place.parent.mkdir()
+        place.parent.chmod(0o1777)
+        os.chown(their_site.base, 0, 0)
     os.rename(place, str(place) + ".moved") if place.exists() else None
     place.symlink_to({"users": target / "users", "file": victim}.get(where, target))
     os.chown(place, NOBODY, NOBODY, follow_symlinks=False)
@@ -205,7 +209,8 @@ def test_root_follows_no_link_of_somebody_else(their_site, tmp_path, where):
         bad(run_tool(their_site.config, "grant", "mallory", "agent"))
         bad(run_tool(their_site.config, "-g", "grant", "mallory", "agent"))
     else:
-        done = run_tool(their_site.config, "add", "mallory", input="password\n")
+        args = ("-d", place) if where == "drop" else ()
+        done = run_tool(their_site.config, *args, "add", "mallory", input="password\n")
         assert done.returncode == 1, done
     after = {path: path.stat() for path in (target, *target.rglob("*"))}
     assert {p: (s.st_ino, s.st_mtime_ns) for p, s in after.items()} == \
