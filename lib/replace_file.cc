@@ -52,23 +52,30 @@ int reserve(int fd, std::size_t length) {
 
 // --- Properties of the old file ---
 
-using attribute = std::optional<std::string>;
+using attribute = std::optional<std::string>;  // nothing: the file has none of the name
 
-attribute read_attribute(int fd, const char* name) {
-    std::string value(XATTR_SIZE_MAX, '\0');
-    const ssize_t length = ::fgetxattr(fd, name, value.data(), value.size());
+// False when it can't be known.
+bool read_attribute(int fd, const char* name, attribute* value) {
+    std::string found(XATTR_SIZE_MAX, '\0');
+    const ssize_t length = ::fgetxattr(fd, name, found.data(), found.size());
     if (length < 0) {
-        return std::nullopt;
+        value->reset();
+        return errno == ENODATA || errno == EOPNOTSUPP;
     }
-    value.resize(static_cast<std::size_t>(length));
-    return value;
+    found.resize(static_cast<std::size_t>(length));
+    *value = std::move(found);
+    return true;
 }
 
 // Makes an attribute of the new file what it is in the old one; a folder's default may have given
 // it one that the old file has not.
 bool copy_attribute(int from, int to, const char* name) {
-    const attribute wanted = read_attribute(from, name);
-    if (wanted == read_attribute(to, name)) {
+    attribute wanted;
+    attribute present;
+    if (!read_attribute(from, name, &wanted)) {
+        return false;
+    }
+    if (read_attribute(to, name, &present) && wanted == present) {
         return true;
     }
     return wanted ? ::fsetxattr(to, name, wanted->data(), wanted->size(), 0) == 0
@@ -91,7 +98,9 @@ bool copy_attributes(int from, int to) {
         const char* name = names.c_str() + at;
         const std::string_view text(name);
         at += text.size() + 1;
-        if (text != access_list && !describes_content(text) && read_attribute(from, name) &&
+        attribute value;
+        const bool readable = read_attribute(from, name, &value);
+        if (text != access_list && !describes_content(text) && readable &&
             !copy_attribute(from, to, name)) {
             return false;
         }
