@@ -15,6 +15,7 @@
 #include "core/globals.h"
 #include "core/log.h"
 #include "core/poll_set.h"
+#include "core/request.h"
 #include "lib/plat.h"
 #include "lib/qz_vector.h"
 
@@ -28,6 +29,7 @@ int draining_count = 0;
 // connections what their largest requests took.
 void end_exchange(conn* c) {
     exchange& current = *c;
+    wipe_authorization(&c->request);
     const exchange over = std::move(current);
     current = exchange();
 }

@@ -77,7 +77,8 @@ struct request_data {
     std::string role;           // the URI's role segment
     std::string recorded_role;  // the role that authorization granted; empty: none
     header_values headers;
-    std::string typed_user;       // of an Authorization value that has been wiped
+    bool login_judged = false;    // by its Authorization value, which is wiped then
+    std::string typed_user;       // of that value
     bool refusal_logged = false;  // the error log has the line of this request's refusal
     lookup_ptr peer_lookup;       // see peer_name()
     lookup_ptr own_lookup;

@@ -168,6 +168,7 @@ const char* unreadable_header(std::string_view input) {
 void consume_block(conn* c, std::size_t length) {
     stream& remote = c->remote;
     c->request.text.assign(remote.buffer + remote.tail, length);
+    explicit_bzero(remote.buffer + remote.tail, length);  // a login may be in it
     remote.consume(length);
     remote.header_length = length;
     remote.total = remote.pending();
@@ -368,6 +369,24 @@ void get_role_from_uri(conn* c, bool is_proxied) {
     }
     const std::string_view rest = uri.substr(start);
     c->request.role.assign(rest.substr(0, rest.find('/')));
+}
+
+void wipe_authorization(request_data* request) {
+    constexpr std::string_view name = "Authorization:";
+    if (request->typed_user.empty()) {
+        request->typed_user = typed_user(request->headers.authorization);
+    }
+    request->headers.authorization = {};
+    std::string_view rest = request->header_block();
+    while (!rest.empty()) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        if (starts_with_nocase(line, name)) {
+            const auto at = static_cast<std::size_t>(line.data() - request->text.data());
+            explicit_bzero(request->text.data() + at + name.size(),
+                           line.size() - name.size() - (line.ends_with('\r') ? 1 : 0));
+        }
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    }
 }
 
 std::string typed_user(std::string_view authorization) {

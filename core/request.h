@@ -42,6 +42,10 @@ void clean_uri(std::string* uri);
 // The role segment of the request's URI, as a copy in request.role.
 void get_role_from_uri(conn* c, bool is_proxied);
 
+// Overwrites the values of the request's Authorization lines, of which the user's name is kept for
+// the log. Once the login has been judged, and at the request's end.
+void wipe_authorization(request_data* request);
+
 // The user in the value of an Authorization header, "DOMAIN\NAME" or "NAME" as typed; empty when it
 // holds none.
 std::string typed_user(std::string_view authorization);

@@ -55,6 +55,7 @@ void count_bytes(stream* s, ssize_t n) {
 void stream::compact() {
     const std::size_t left = pending();
     std::memmove(buffer, buffer + tail, left);
+    explicit_bzero(buffer + left, tail);  // a login may be in it
     tail = 0;
     head = left;
 }
@@ -67,6 +68,13 @@ void stream::put(const char* format, ...) {
     head += std::min(static_cast<std::size_t>(std::max(length, 0)), room());
 }
 
+void wipe_pending(stream* s) {
+    if (s->pending() > 0) {
+        explicit_bzero(s->buffer + s->tail, s->pending());
+    }
+    s->clear_buffer();
+}
+
 bool borrow_buffer(stream* s) {
     if (s->buffer == nullptr) {
         s->buffer = lend_buffer(s->size);
@@ -75,9 +83,9 @@ bool borrow_buffer(stream* s) {
 }
 
 void give_back_buffer(stream* s) {
+    wipe_pending(s);
     take_back_buffer(s->buffer, s->size);
     s->buffer = nullptr;
-    s->clear_buffer();
 }
 
 void read_stream(stream* s) {

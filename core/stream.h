@@ -88,6 +88,9 @@ struct stream {
 // Has the stream borrow a buffer if it has none. False when there is no memory.
 [[nodiscard]] bool borrow_buffer(stream* s);
 
+// Drops what the buffer holds, and overwrites it: a login may be in it.
+void wipe_pending(stream* s);
+
 // Gives the buffer back; what it holds is gone.
 void give_back_buffer(stream* s);
 

@@ -83,12 +83,15 @@ bool start_request(conn* c) {
             return false;
         case parse_result::muted:
             c->state = conn_state::muted;
-            remote.clear_buffer();
+            wipe_pending(&remote);
             return false;
         case parse_result::failed:
             return true;
         case parse_result::parsed:
             route_request(c);
+            if (c->request.login_judged) {
+                wipe_authorization(&c->request);
+            }
             return true;
     }
     return false;

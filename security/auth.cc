@@ -87,6 +87,7 @@ bool log_in_by_header(conn* c) {
         !starts_with_nocase(value, basic_scheme)) {
         return false;
     }
+    c->request.login_judged = true;
     value.remove_prefix(basic_scheme.size());
     std::array<char, longest_authorization> login{};
     const int length = base64_decode(login.data(), static_cast<int>(login.size()), value.data(),
