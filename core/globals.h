@@ -17,6 +17,8 @@ extern std::time_t current_time;        // seconds since the epoch
 extern std::int64_t monotonic_seconds;  // seconds since some moment before the start
 void refresh_clocks();
 
+extern std::uint64_t pass_number;  // grows with every pass of the main loop
+
 // Milliseconds of the second clock, read now.
 std::int64_t monotonic_ms();
 

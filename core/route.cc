@@ -236,10 +236,8 @@ bool serve_cgi(conn* c, request_target& target) {
     }
     if (c->request.method != method_get && c->request.method != method_post) {
         send_server_error(c, 501, "Bad method ");
-    } else if (run_cgi(c, target.path.c_str()) == 0) {
-        do_cgi(c);
     } else {
-        send_server_error(c, 500, "Cannot exec CGI");
+        start_cgi(c, target.path);
     }
     return true;
 }

@@ -44,6 +44,8 @@ struct listener_record : list_link {
     int handle = -1;
 };
 
+std::uint64_t pass_number = 0;
+
 namespace {
 
 constexpr int listen_backlog = 128;
@@ -425,6 +427,7 @@ void shttpd_add_mime_type(shttpd_ctx* ctx, const char* extension, const char* ty
 }
 
 void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
+    ++pass_number;
     refresh_clocks();
     if (loop.accept_paused && monotonic_seconds > loop.accept_paused_at) {
         resume_accepting();

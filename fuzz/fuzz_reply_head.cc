@@ -117,6 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const unique_fd writer(ends[1]);
     conn* c = new_conn(context());
+    check(borrow_buffer(&c->local));
     start_relay(c, setting, ends[0]);
     std::string reply;
     relay(c, writer.get(), input, setting.step, &reply);

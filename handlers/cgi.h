@@ -5,6 +5,8 @@
 // for the child: SIGCHLD reaps it.
 #pragma once
 
+#include <string>
+
 #include "core/cgi_env.h"
 #include "core/fwd.h"
 
@@ -24,3 +26,7 @@ int run_cgi(conn* c, const char* prog);
 // Makes the local stream relay what run_cgi started. The first bytes of the reply, the status
 // line, are held back until the script's headers are complete.
 void do_cgi(conn* c);
+
+// Both of them, or a 500 when the program can't be started. Once the starts of a pass have taken
+// their time together, further ones wait for the following passes.
+void start_cgi(conn* c, const std::string& prog);

@@ -5,12 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/connection.h"
+#include "core/globals.h"
 #include "core/io_class.h"
 #include "core/request.h"
+#include "core/route.h"
 #include "core/stream.h"
 #include "handlers/cgi.h"
 #include "handlers/relay.h"
@@ -56,7 +61,54 @@ void accept_headers(stream* s) {
 constexpr reply_head_rules head_rules = {
     .failure = "Error running CGI", .own_bytes = placeholder.size(), .accept = accept_headers};
 
+// How long the starts of one pass may take together before the others wait for the next one.
+constexpr std::chrono::milliseconds start_limit{10};
+
+struct {
+    std::uint64_t pass = 0;
+    std::chrono::steady_clock::duration used{};
+} starts;
+
+bool may_start() {
+    if (starts.pass != pass_number) {
+        starts.pass = pass_number;
+        starts.used = {};
+    }
+    return starts.used < start_limit;
+}
+
+void start_now(conn* c, const std::string& prog) {
+    const auto begin = std::chrono::steady_clock::now();
+    if (run_cgi(c, prog.c_str()) == 0) {
+        do_cgi(c);
+    } else {
+        send_server_error(c, 500, "Cannot exec CGI");
+    }
+    starts.used += std::chrono::steady_clock::now() - begin;
+}
+
+void wait_for_turn(conn* c) {
+    c->held = true;
+    visit_soon(c);
+}
+
+ssize_t try_to_start(stream* s) {
+    conn* c = s->connection;
+    if (may_start()) {
+        const std::string prog = std::move(relay_of(s)->program);
+        release_relay(s);
+        start_now(c, prog);
+    } else {
+        wait_for_turn(c);
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
 ssize_t read_cgi(stream* s, void* buffer, std::size_t length) {
+    if (relay_of(s)->step == relay_step::starting) {
+        return try_to_start(s);
+    }
     s->flags &= ~static_cast<std::uint32_t>(sf_keep_open);
     const ssize_t n = recv(s->channel.fd, buffer, length, 0);
     if (s->has(sf_parsed)) {
@@ -104,4 +156,14 @@ void do_cgi(conn* c) {
         relay_of(&local)->scans_request = false;
         end_input(&local);
     }
+}
+
+void start_cgi(conn* c, const std::string& prog) {
+    if (may_start()) {
+        start_now(c, prog);
+        return;
+    }
+    install_relay(&c->local, &io_cgi, -1, relay_step::starting);
+    relay_of(&c->local)->program = prog;
+    wait_for_turn(c);
 }

@@ -49,7 +49,6 @@ ssize_t deliver(stream* s, const void* bytes, std::size_t length) {
 void end_reply(stream* s) {
     s->clear(sf_readable | sf_writable);
     s->set(sf_closed);
-    s->channel.holds_bytes = false;
 }
 
 // Judges the next bytes of a chunked body and returns how many of them belong to the reply.
@@ -191,6 +190,7 @@ ssize_t read_proxy(stream* s, void* buffer, std::size_t length) {
         case relay_step::in_line:
             advance_service_exchange(c);
             break;
+        case relay_step::starting:  // a program's
         case relay_step::naming:
         case relay_step::connecting:
             go_on_forwarding(c);

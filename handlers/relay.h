@@ -70,6 +70,7 @@ bool blurs_next_reply(const reply_framing& framing, std::uint64_t status);
 // --- The state of one relay ---
 
 enum class relay_step : std::uint8_t {
+    starting,    // the program's turn to be started has not come
     naming,      // whether the target is this daemon itself is being looked up
     connecting,  // the target is not ready yet
     in_line,     // others use the companion service
@@ -83,6 +84,7 @@ struct relay_record {
     bool repeatable = false;  // the whole body stands in the forwarded head, which is kept
     chunk_scanner request;
     chunk_scanner reply;
+    std::string program;  // that is to be started
 };
 
 // Installs a relay's class on a connection's local stream. One that has to wait for its other end

@@ -40,7 +40,7 @@ for piece in ("starting\nPORT ", ": ", announce[7:9], announce[9:]):
 while data := os.read(0, 65536):
     body = b"stdio " + data
     if b"slow" in data:
-        time.sleep(1)
+        time.sleep(3 if b"very" in data else 1)
     if b"die" in data:
         os._exit(1)
     if b"silent" in data:
@@ -180,7 +180,7 @@ def test_one_exchange_at_a_time(hob):
 
 def test_answer_of_a_client_that_left_reaches_nobody(hob):
     daemon = hob()
-    for path in ("slow", "slow-large", "slow-chunked"):
+    for path in ("very-slow", "slow-large", "slow-chunked"):
         leaver = Client(daemon)
         leaver.sock.sendall(get(f"/hob://h:/{path}"))
         time.sleep(0.2)

@@ -6,6 +6,7 @@ import contextlib
 import hashlib
 import http.server
 import os
+import select
 import socket
 import ssl
 import subprocess
@@ -16,7 +17,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from dovmad_harness import SANITIZED_BUILD, free_port, parse_response
-from relay_support import calms_down, eventually, get, until_close
+from relay_support import calms_down, eventually, get, receive, until_close
 
 NO_TARGET = (b"HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
              b"404 Not Found. Could not connect to proxy target")
@@ -322,7 +323,7 @@ def test_own_address_is_served_locally(make_daemon):
     (daemon.root / "secret.txt").write_text("secret")
     for form in ("/http://", "http://", "/https://"):
         for host in ("127.0.0.1", "localhost"):
-            for port in (daemon.port, daemon.tls_port):
+            for port in (daemon.port, daemon.tls_port, f"0{daemon.tls_port}"):
                 reply = daemon.request("GET", f"{form}{host}:{port}/world/a%20b.txt?x=1")
                 assert reply.body == b"local"
     base = f"/http://127.0.0.1:{daemon.port}"
@@ -413,18 +414,31 @@ def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
     release.set()
 
 
-def test_black_hole_is_given_up(make_daemon):
-    # A listener whose queue is full drops further connection requests.
+def test_targets_that_are_never_ready_keep_nobody_waiting(make_daemon, raw_target):
+    # A listener whose queue is full drops further connection requests; another takes them and
+    # never says a word of the handshake.
     hole = socket.create_server(("127.0.0.1", free_port("upstream")), backlog=0)
-    fillers = []
-    for _ in range(4):
-        filler = socket.socket()
+    fillers = [socket.socket() for _ in range(4)]
+    for filler in fillers:
         filler.setblocking(False)
         filler.connect_ex(hole.getsockname())
-        fillers.append(filler)
+    release = threading.Event()
+    mute = raw_target(lambda sock: release.wait(100))
     daemon = make_daemon()
-    assert ask(daemon, f"/http://127.0.0.1:{hole.getsockname()[1]}/") == NO_TARGET
-    assert daemon.request("GET", "/world/ping").status == 200
+    daemon.request("GET", "/world/ping")
+    descriptors = daemon.fd_count()
+    clients = []
+    for uri in (f"/http://127.0.0.1:{hole.getsockname()[1]}/", f"/https://127.0.0.1:{mute}/") * 3:
+        clients.append(daemon.connect())
+        clients[-1].sendall(get(uri))
+        assert daemon.request("GET", "/world/ping").status == 200
+    assert select.select(clients, [], [], 0)[0] == [], "the others were served meanwhile"
+    for sock in clients:
+        sock.settimeout(15)  # many times what a target may take
+        assert receive(sock) == NO_TARGET
+        sock.close()
+    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    release.set()
     for sock in [*fillers, hole]:
         sock.close()
 

@@ -269,6 +269,7 @@ TEST_F(cgi_relay_test, status_line_comes_from_the_headers) {
 TEST_F(cgi_relay_test, bodies_reach_the_program_and_nothing_else_does) {
     const std::string count = "n=$(wc -c); printf 'A: b\\n\\n%d' $n";
     EXPECT_EQ(output_of(run(count)), "0") << "a GET has an end of input at once";
+    EXPECT_EQ(output_of(run(count, "POST")), "0") << "and so has a POST without a body";
     const std::string path = script("cat.cgi", "printf 'A: b\\n\\n'; cat");
     const std::string behind = "GET /cat.cgi HTTP/1.1\r\n\r\n";
     EXPECT_EQ(output_of(talk(make_request("POST", path, "hello") + behind)), "hello");
@@ -316,6 +317,20 @@ TEST_F(cgi_relay_test, interim_answers_are_dropped) {
     EXPECT_EQ(run("printf 'Status: 103 Early Hints\\nLink: x\\n\\nHTTP/1.1 100 Continue\\n\\nA: "
                   "b\\n\\n'"),
               "HTTP/1.1 200 OK\r\nA: b\n\n");
+}
+
+// More than a pass may start.
+TEST_F(cgi_relay_test, all_of_a_flood_are_answered) {
+    const std::string request = make_request("GET", script("run.cgi", "printf 'A: b\\n\\nrun'"));
+    std::vector<unique_fd> clients(100);
+    for (unique_fd& client : clients) {
+        client = engine.connect();
+        ASSERT_EQ(send(client.get(), request.data(), request.size(), 0),
+                  static_cast<ssize_t>(request.size()));
+    }
+    for (const unique_fd& client : clients) {
+        EXPECT_EQ(output_of(talk_on(client.get(), "")), "run");
+    }
 }
 
 // --- The connected pair ---
