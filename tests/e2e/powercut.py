@@ -2,8 +2,8 @@
 daemon finds there after the next boot.
 
 Domain file and access files lie on an image behind a loop device. At a random moment the daemon is
-stopped where it stands and the image is copied: what the file system has handed to its disk by then
-is all that survives. Another program syncs files of its own meanwhile, so that renames reach the
+stopped where it stands (each thread at the end of the call that it is in) and the image is copied:
+what the file system has handed to its disk by then is all that survives. Another program syncs files of its own meanwhile, so that renames reach the
 journal at any time. The copy is mounted, its journal replayed, a daemon started on it: every host
 and grant that had been answered must be there. Needs root, loop devices and the mkfs program.
 
@@ -71,22 +71,29 @@ def make_image(image, kind):
     run(*MAKE[kind], image)
 
 
-def copy_image(source, target):
-    """Copies the parts of a sparse file that hold data."""
-    with open(source, "rb", buffering=0) as old, open(target, "wb", buffering=0) as new:
-        new.truncate(IMAGE_BYTES)
-        at = 0
+def pieces(file):
+    """The parts of a sparse file that hold data, as (offset, bytes)."""
+    end = 0
+    with contextlib.suppress(OSError):  # no more data
         while True:
-            try:
-                start = os.lseek(old.fileno(), at, os.SEEK_DATA)
-            except OSError:  # no more data
-                return
-            at = os.lseek(old.fileno(), start, os.SEEK_HOLE)
-            os.lseek(old.fileno(), start, os.SEEK_SET)
-            os.lseek(new.fileno(), start, os.SEEK_SET)
-            left = at - start
-            while left > 0:
-                left -= new.write(old.read(min(left, 1 << 20)))
+            at = os.lseek(file.fileno(), end, os.SEEK_DATA)
+            end = os.lseek(file.fileno(), at, os.SEEK_HOLE)
+            while at < end:
+                yield at, os.pread(file.fileno(), min(end - at, 1 << 20), at)
+                at = min(end, at + (1 << 20))
+
+
+def copy_image(source, target):
+    """Copies an image, again until nothing has been written to it meanwhile: what a disk holds at
+    one moment."""
+    with open(source, "rb", buffering=0) as old:
+        while True:
+            with open(target, "w+b", buffering=0) as new:
+                new.truncate(IMAGE_BYTES)
+                for at, data in pieces(old):
+                    os.pwrite(new.fileno(), data, at)
+                if all(os.pread(new.fileno(), len(data), at) == data for at, data in pieces(old)):
+                    return
 
 
 class Agent(threading.Thread):
@@ -142,11 +149,11 @@ class Agent(threading.Thread):
             return set(self.here), set(self.gone)
 
 
-def keep_syncing(folder, over):
+def keep_syncing(folder, power, over):
     """A program of somebody else, whose syncs take the journal along."""
     rng = random.Random(1)
     while not over.is_set():
-        with open(folder / "other", "w", encoding="ascii") as file:
+        with power, open(folder / "other", "w", encoding="ascii") as file:
             file.write("x" * rng.randrange(1, 5000))
             file.flush()
             os.fsync(file.fileno())
@@ -162,7 +169,8 @@ class Report:
 
 
 def is_stopped(pid):
-    return Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0] == "T"
+    return all(stat.read_text().rsplit(")", 1)[1].split()[0] == "T"
+               for stat in Path(f"/proc/{pid}/task").glob("*/stat"))
 
 
 def found_after_boot(make_daemon, folder):
@@ -181,7 +189,7 @@ def cut_power(make_daemon, base, kind, cuts, seed):
     rng = random.Random(seed)
     images = Path(tempfile.mkdtemp(dir="/dev/shm" if os.path.isdir("/dev/shm") else base))
     image, copy = images / "image", images / "copy"
-    over, report = threading.Event(), Report()
+    over, power, report = threading.Event(), threading.Lock(), Report()
     try:
         make_image(image, kind)
         with mounted(image, kind, base / "disk") as disk:
@@ -189,7 +197,7 @@ def cut_power(make_daemon, base, kind, cuts, seed):
             daemon = make_daemon(document_root=disk / "root", domain_file=disk / "domain",
                                  slips=True)
             agents = [Agent(daemon.port, number, over) for number in range(AGENTS)]
-            other = threading.Thread(target=keep_syncing, args=(disk, over), daemon=True)
+            other = threading.Thread(target=keep_syncing, args=(disk, power, over), daemon=True)
             try:
                 for thread in [*agents, other]:
                     thread.start()
@@ -199,7 +207,8 @@ def cut_power(make_daemon, base, kind, cuts, seed):
                     os.kill(daemon.pid, signal.SIGSTOP)
                     assert eventually(lambda: is_stopped(daemon.pid))
                     states = [agent.state() for agent in agents]
-                    copy_image(image, copy)
+                    with power:
+                        copy_image(image, copy)
                     os.kill(daemon.pid, signal.SIGCONT)
                     with mounted(copy, kind, base / "after") as after:
                         found = found_after_boot(make_daemon, after)
