@@ -2,8 +2,8 @@
 //
 // Bytes enter the buffer at `head` through the class's read and leave at `tail`; the invariant
 // 0 <= tail <= head <= size holds after every call of a class. What a class needs beyond the
-// descriptor hangs in the channel, one field per kind; `state` alone serves three of them, each in a
-// way of its own.
+// descriptor hangs in the channel, one field per kind; `state` alone serves three of them, each in
+// a way of its own.
 //
 // The buffer itself is borrowed: during a visit both sides have one, and between visits only a side
 // whose head is not 0 keeps its own. So between two calls a class may rely on the bytes that it has
