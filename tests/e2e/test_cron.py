@@ -14,9 +14,10 @@ from zoneinfo import ZoneInfo
 
 import pytest
 
-SPEED = 12
+import fast_clock
+
 MINUTES = 10
-FAST_CLOCK = os.environ.get("DOVMAD_FAST_CLOCK", "")
+LEAD = 40  # seconds of the fast clock before the first minute that counts
 ZONES = Path("/usr/share/zoneinfo")
 CRON = shutil.which("cron", path="/usr/sbin:/usr/bin")
 
@@ -41,7 +42,7 @@ DAYS = {
 def why_not():
     if os.geteuid() != 0 or not CRON:
         return "needs root and Debian's cron"
-    if not Path(FAST_CLOCK).is_file():
+    if not Path(fast_clock.LIBRARY).is_file():
         return "the preloaded clock was not built"
     if subprocess.run(["unshare", "-m", "true"], check=False, capture_output=True).returncode:
         return "no name spaces"
@@ -54,14 +55,13 @@ class Side:
     def __init__(self, base, zone):
         base.mkdir()
         self.base, self.process = base, None
-        self.zone_file, self.marks, self.mark = base / "zone", base / "marks", base / "mark"
-        self.zone_file.write_bytes((ZONES / zone).read_bytes())
-        self.mark.write_text(f'#!/bin/sh\necho "$1" $(date +%s.%N) >>{self.marks}\n')
-        self.mark.chmod(0o755)
+        self.zone_file, self.marks = base / "zone", fast_clock.Marks(base)
+        self.move_to(zone)
 
     def start(self, command, mounts, clock, env):
+        clock = " ".join(f"{name}='{value}'" for name, value in clock.items())
         lines = [f"mount --bind {self.zone_file} /etc/localtime", *mounts,
-                 f"exec env LD_PRELOAD={FAST_CLOCK} FAST_CLOCK='{clock}' {command}"]
+                 f"exec env {clock} {command}"]
         with open(self.base / "said", "wb") as said:
             self.process = subprocess.Popen(
                 ["unshare", "-m", "sh", "-ec", "\n".join(lines)], env=env, stdout=said,
@@ -74,12 +74,10 @@ class Side:
         self.process.send_signal(signal.SIGTERM)
         self.process.wait(30)
 
-    def runs(self, minute_of, last):
-        """How often each job ran in each whole minute, counted from the first one."""
-        marks = self.marks.read_text().splitlines() if self.marks.exists() else []
-        rows = (line.rsplit(" ", 1) for line in marks)
-        found = Counter((job, minute_of(float(when))) for job, when in rows)
-        return Counter({run: n for run, n in found.items() if 0 <= run[1] < last})
+    def runs(self, begin):
+        """How often each job ran in each of the minutes that count."""
+        found = Counter(self.marks.minutes(begin))
+        return Counter({run: n for run, n in found.items() if 0 <= run[1] < MINUTES})
 
 
 def clean_environment():
@@ -90,7 +88,7 @@ def start_cron(side, table, clock):
     tabs, empty = side.base / "tabs", side.base / "empty"
     tabs.mkdir()
     empty.mkdir()
-    (tabs / "root").write_text("".join(f"{times} {side.mark} {job}\n" for job, times in table))
+    (tabs / "root").write_text("".join(f"{times} {side.marks.program} {job}\n" for job, times in table))
     (tabs / "root").chmod(0o600)
     nothing = side.base / "nothing"
     nothing.write_text("")
@@ -102,7 +100,7 @@ def start_cron(side, table, clock):
 
 def start_daemon(side, table, clock, make_daemon):
     schedule = side.base / "schedule"
-    schedule.write_text("".join(f"{job} - {times} {side.mark} {job}\n" for job, times in table))
+    schedule.write_text("".join(f"{job} - {times} {side.marks.program} {job}\n" for job, times in table))
     daemon = make_daemon(start=False, scheduler_file=schedule)
     side.start(f"{os.environ['DOVMAD_BINARY']} {daemon.config}", [], clock,
                {**clean_environment(), "DOVMAD_TEST_ROOT": str(daemon.prefix)})
@@ -118,36 +116,32 @@ def table_of(begin, fixed):
 def test_same_minutes_as_cron(make_daemon, tmp_path):
     if reason := why_not():
         pytest.skip(reason)
-    sides, real = {}, time.time_ns()
-    begin_real = real // 10 ** 9
+    sides, real = {}, time.time()
     for name, (text, zone, fixed, _, _, _) in DAYS.items():
         begin = datetime.datetime.fromisoformat(text).replace(tzinfo=ZoneInfo(zone))
-        # Half a minute before the first minute that counts: both programs are up by then.
-        start = int(begin.timestamp()) - 40
+        clock = fast_clock.setting(real, begin.timestamp() - LEAD)
         table = table_of(begin, fixed)
         pair = (Side(tmp_path / f"{name}-cron", zone), Side(tmp_path / f"{name}-daemon", zone))
-        start_cron(pair[0], table, f"{real} {start} {SPEED}")
-        start_daemon(pair[1], table, f"{real} {start} {SPEED}", make_daemon)
         sides[name] = pair
+        start_cron(pair[0], table, clock)
+        start_daemon(pair[1], table, clock, make_daemon)
+
+    def sleep_until(minute):
+        time.sleep(max(0, real + (LEAD + 60 * minute) / fast_clock.SPEED - time.time()))
     try:
-        # In the middle of a minute, when neither is at work.
-        time.sleep(max(0, real / 10 ** 9 + (40 + 60 * 5 + 45) / SPEED - time.time()))
+        sleep_until(5.75)  # neither is at work
         for name, pair in sides.items():
             if DAYS[name][3]:
                 for side in pair:
                     side.move_to(DAYS[name][3])
-        time.sleep(max(0, real / 10 ** 9 + (40 + 60 * MINUTES + 50) / SPEED - time.time()))
+        sleep_until(MINUTES + 0.8)
     finally:
         for pair in sides.values():
             for side in pair:
                 side.stop()
-    assert begin_real > 0
-
-    def minute_of(when):
-        return int(((when - real / 10 ** 9) * SPEED - 40) // 60)
 
     for name, (_, _, fixed, _, only_cron, only_daemon) in DAYS.items():
-        theirs, ours = (side.runs(minute_of, MINUTES) for side in sides[name])
+        theirs, ours = (side.runs(real + LEAD / fast_clock.SPEED) for side in sides[name])
         assert sum(theirs.values()) > 20, (name, theirs, (sides[name][0].base / "said").read_text())
         assert max(theirs.values()) == max(ours.values()) == 1, name
         dashed = [{job.replace(" ", "-") for job in jobs} for jobs in (only_cron, only_daemon)]

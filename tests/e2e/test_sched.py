@@ -8,10 +8,10 @@ import time
 
 import pytest
 
+import fast_clock
 from dovmad_harness import SANITIZED_BUILD
 from relay_support import eventually
 
-FAST_CLOCK = os.environ.get("DOVMAD_FAST_CLOCK", "")
 CHECK_PASSES = 9  # the daemon looks at its schedule every seventh pass
 
 
@@ -114,23 +114,19 @@ def test_surroundings_of_a_command(make_daemon, schedule, tmp_path):
     }
 
 
-@pytest.mark.skipif(SANITIZED_BUILD or not FAST_CLOCK, reason="needs the preloaded clock")
+@pytest.mark.skipif(SANITIZED_BUILD or not fast_clock.LIBRARY, reason="needs the preloaded clock")
 def test_idle_daemon_starts_each_minute_once(make_daemon, schedule, tmp_path):
     """Nobody asks it for anything: it looks at its schedule by itself, on a clock that is fast."""
-    speed, begin, real, marks = 12, 1750069800, time.time_ns(), tmp_path / "marks"
-    mark = tmp_path / "mark"
-    mark.write_text(f'#!/bin/sh\necho $1 $(date +%s.%N) >>{marks}\n')
-    mark.chmod(0o755)
-    schedule.write_text(f"every - * * * * * {mark} every\n"
-                        f"interval - 2 - x x x {mark} interval\n"
-                        f"odd - 31-59/2 * * * * {mark} odd\n"
-                        f"bad - 61 * * * * {mark} bad\n")
+    real, marks = time.time(), fast_clock.Marks(tmp_path)
+    schedule.write_text(f"every - * * * * * {marks.program} every\n"
+                        f"interval - 2 - x x x {marks.program} interval\n"
+                        f"odd - 31-59/2 * * * * {marks.program} odd\n"
+                        f"bad - 61 * * * * {marks.program} bad\n")
     daemon = make_daemon(scheduler_file=schedule, slips=True,
-                         env={"LD_PRELOAD": FAST_CLOCK, "FAST_CLOCK": f"{real} {begin} {speed}"})
+                         env=fast_clock.setting(real, 1750069800))  # half past ten
 
     def minutes(job):
-        rows = (line.split() for line in (marks.read_text() if marks.exists() else "").splitlines())
-        return [int((float(when) - real / 1e9) * speed // 60) for name, when in rows if name == job]
+        return [minute for name, minute in marks.minutes(real) if name == job]
     assert eventually(lambda: len(minutes("every")) >= 6, 120)
     assert minutes("every") == list(range(minutes("every")[0], minutes("every")[-1] + 1))
     assert minutes("odd") == [minute for minute in minutes("every") if minute % 2]
