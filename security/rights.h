@@ -82,6 +82,8 @@ struct rights_user {
     rights_user() = default;
     rights_user(const rights_user&) = delete;
     rights_user& operator=(const rights_user&) = delete;
+    rights_user(rights_user&&) = delete;
+    rights_user& operator=(rights_user&&) = delete;
     virtual ~rights_user() = default;
 
     static constexpr int write_pending = -1;
