@@ -181,7 +181,7 @@ def test_a_grant_that_could_not_be_stored_is_stored_later(make_daemon, again):
         daemon.request("POST", f"/admin/security/{again}", body=body, user=root_login(daemon))
     assert eventually(path.exists)
     assert eventually(lambda: path.read_text() == "bob:user\n")
-    assert f"{path} is written again" in daemon.error_log.read_text()
+    assert eventually(lambda: f"{path} is written again" in daemon.error_log.read_text())
 
 
 def test_lines_that_name_nobody_are_kept_beside_the_file(daemon):

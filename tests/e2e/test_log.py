@@ -142,7 +142,7 @@ MISTAKES = {
     "foreign client certificate": (shake_hands(certificate=True),
                                    re.compile("handshake failed: .*(issuer|certificate).*")),
     "target refuses": (refused_target("http"),
-                       re.compile("404 Not Found. Could not connect to proxy target.*")),
+                       re.compile("404 Not Found. Could not connect to proxy target: .*refused.*")),
     "bad renewal": (spoil_certificate, [re.compile("authentication library: .*kept.*"),
                                         "root renewed the service's credential"]),
 }
