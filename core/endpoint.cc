@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/connection.h"
+#include "core/loop_watch.h"
 #include "core/request.h"
 
 namespace {
@@ -120,6 +121,7 @@ void run_endpoint(shttpd_call_arg* arg) {
         }
     }
     if (arg->state == nullptr || progress_of(arg)->pieces == nullptr) {
+        rename_step(row.uri);
         row.answer(arg);
         if (arg->connection->held) {
             return;

@@ -19,8 +19,9 @@ void refresh_clocks();
 
 extern std::uint64_t pass_number;  // grows with every pass of the main loop
 
-// Milliseconds of the second clock, read now.
+// Milliseconds and microseconds of the second clock, read now.
 std::int64_t monotonic_ms();
+std::int64_t monotonic_us();
 
 extern volatile std::sig_atomic_t exit_flag;  // 0 while running, then the signal that ends it
 extern const char* config_file;               // the configuration file to read

@@ -21,6 +21,7 @@
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
+#include "core/loop_watch.h"
 #include "core/mime_type.h"
 #include "core/poll_set.h"
 #include "core/resolver.h"
@@ -273,6 +274,7 @@ void visit_connections() {
               [](const conn* a, const conn* b) { return a->serial < b->serial; });
     for (conn* c : loop.due) {
         c->due = false;
+        watch_step(c->local.io != nullptr ? c->local.io->name : "a new request");
         if (!process_connection(c)) {
             continue;
         }
@@ -439,7 +441,9 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
     refresh_clocks();
+    watch_pass("results of threads");
     finish_background_jobs();
+    watch_step("new connections");
     if (ready > 0) {
         accept_connections();
     }
@@ -450,8 +454,10 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     if (loop.accept_paused && ctx->active_connections < active_before) {
         resume_accepting();
     }
+    watch_step("the schedule");
     run_scheduler(ctx);
     start_state_writes();
+    watch_pass_end(ctx);
 }
 
 void shttpd_fini(shttpd_ctx* ctx) {

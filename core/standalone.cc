@@ -22,6 +22,7 @@
 #include "core/endpoint.h"
 #include "core/globals.h"
 #include "core/log.h"
+#include "core/loop_watch.h"
 #include "core/paths.h"
 #include "core/shttpd.h"
 #include "handlers/cgi_service.h"
@@ -232,6 +233,7 @@ int main(int argc, char** argv) {
     // The service goes before the line that says the daemon has ended.
     (void)stop_cgi_services();
     log_statistics(ctx);
+    log_longest_pass(ctx);
     shttpd_fini(ctx);
     return EXIT_SUCCESS;
 }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <iterator>
 #include <limits>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "core/connection.h"
 #include "core/endpoint.h"
 #include "core/globals.h"
+#include "core/loop_watch.h"
 #include "core/shttpd.h"
 #include "handlers/io_emb.h"
 #include "handlers/io_file.h"
@@ -319,6 +321,31 @@ TEST(Engine, ConnectionsExpireOnlyWithoutProgress) {
     sleep(1);
     engine.poll();
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
+}
+
+void think_long(shttpd_call_arg* arg) {
+    usleep(method_is(arg, "POST") ? 120000 : 30000);
+    show_success(arg);
+}
+
+TEST(Engine, LongPassesAreToldWithTheirCause) {
+    static constexpr endpoint row = {"/think", endpoint_method::any, endpoint_body::ignored,
+                                     think_long};
+    test_engine engine;
+    register_endpoints(engine.ctx, {&row, 1});
+    const std::filesystem::path log = engine.root.path() / "log";
+    engine.ctx->error_log = std::fopen(log.c_str(), "a");
+    log_longest_pass(engine.ctx);
+    for (const char* method : {"GET", "POST", "POST"}) {  // one line a second
+        EXPECT_NE(engine.exchange(make_request(method, "/think")), "");
+    }
+    log_longest_pass(engine.ctx);
+    const std::string text = read_whole_file(log);
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex("^[^\n]*slow pass: (1[2-9]|[2-9]\\d)\\d ms, (1[2-9]|[2-9]\\d)\\d ms of it "
+                         "in /think\n[^\n]*longest pass: (1[2-9]|[2-9]\\d)\\d ms, "
+                         "(1[2-9]|[2-9]\\d)\\d ms of it in /think; [3-9] passes above 20 ms\n$")))
+        << text;
 }
 
 TEST(Engine, TheCountOfConnectionsStopsAtItsLargestValue) {

@@ -14,6 +14,10 @@ std::int64_t monotonic_ms() {
     return monotonic_seconds * 1000;
 }
 
+std::int64_t monotonic_us() {
+    return monotonic_seconds * 1000000;
+}
+
 void refresh_clocks() {}
 
 namespace {
