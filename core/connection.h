@@ -146,8 +146,9 @@ struct conn : list_link, exchange {
     sockaddr_storage peer{};
     socklen_t peer_length = 0;
     std::time_t birth_time = 0;
-    std::int64_t expire_time = 0;  // in monotonic seconds
-    std::int64_t visit_at_ms = 0;  // see visit_at(); 0: no such moment
+    std::int64_t expire_time = 0;    // in monotonic seconds
+    std::int64_t visit_at_ms = 0;    // see visit_at(); 0: no such moment
+    std::uint64_t login_ticket = 0;  // the place in the queue of login_turn(); 0: none
     conn_state state = conn_state::serving;
     bool close_after = false;
     bool due = false;           // is to be visited in this pass

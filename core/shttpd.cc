@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <set>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,7 @@
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
+#include "core/login_turn.h"
 #include "core/loop_watch.h"
 #include "core/mime_type.h"
 #include "core/poll_set.h"
@@ -267,11 +269,15 @@ void collect_due(int ready) {
     }
 }
 
-// Every connection with something to do is visited once, the oldest first. The others would find
-// nothing to do: with thousands of idle ones it pays not to touch them.
+// Every connection with something to do is visited once: those that wait for their turn to log in,
+// in its order, then the oldest first. The others would find nothing to do: with thousands of idle
+// ones it pays not to touch them.
 void visit_connections() {
-    std::sort(loop.due.begin(), loop.due.end(),
-              [](const conn* a, const conn* b) { return a->serial < b->serial; });
+    std::sort(loop.due.begin(), loop.due.end(), [](const conn* a, const conn* b) {
+        // Tickets begin at 1: less than 1, no ticket, comes behind all of them.
+        return std::tuple(a->login_ticket - 1, a->serial) <
+               std::tuple(b->login_ticket - 1, b->serial);
+    });
     for (conn* c : loop.due) {
         c->due = false;
         watch_step(c->local.io != nullptr ? c->local.io->name : "a new request");
@@ -349,6 +355,7 @@ void visit_at(conn* c, std::int64_t moment_ms) {
 }
 
 void forget_visit(conn* c) {
+    leave_login_queue(c);
     forget_moment(c);
     if (c->visit_wanted) {
         c->visit_wanted = false;
@@ -441,6 +448,7 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
     refresh_clocks();
+    renew_login_time();
     watch_pass("results of threads");
     finish_background_jobs();
     watch_step("new connections");

@@ -8,6 +8,7 @@
 #include "core/context.h"
 #include "core/file_sender.h"
 #include "core/globals.h"
+#include "core/login_turn.h"
 #include "core/poll_set.h"
 #include "core/request.h"
 #include "core/route.h"
@@ -72,6 +73,18 @@ bool read_from_client(conn* c) {
 }
 
 // Parses and routes what the buffer holds. False when there is nothing to serve yet.
+// Who brings a password waits for a turn; the request stays as it is.
+bool route_in_turn(conn* c) {
+    if (!c->request.headers.authorization.empty() && !login_turn(c)) {
+        return false;
+    }
+    route_request(c);
+    if (c->request.login_judged) {
+        wipe_authorization(&c->request);
+    }
+    return true;
+}
+
 bool start_request(conn* c) {
     stream& remote = c->remote;
     if (remote.pending() == 0) {
@@ -88,11 +101,7 @@ bool start_request(conn* c) {
         case parse_result::failed:
             return true;
         case parse_result::parsed:
-            route_request(c);
-            if (c->request.login_judged) {
-                wipe_authorization(&c->request);
-            }
-            return true;
+            return route_in_turn(c);
     }
     return false;
 }
@@ -235,7 +244,9 @@ enum class round_end : std::uint8_t {
 };
 
 round_end serve_round(conn* c) {
-    if (!c->remote.has(sf_parsed) && !start_request(c)) {
+    const bool waited = c->remote.has(sf_parsed) && c->login_ticket != 0;
+    const bool begins = !c->remote.has(sf_parsed);
+    if ((waited && !route_in_turn(c)) || (begins && !start_request(c))) {
         return round_end::waiting;
     }
     body_to_handler(c);

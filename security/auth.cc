@@ -9,6 +9,8 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/globals.h"
+#include "core/login_turn.h"
+#include "core/loop_watch.h"
 #include "core/route.h"
 #include "core/string.h"
 #include "lib/alloc.h"
@@ -69,6 +71,8 @@ bool log_in(conn* c, std::string_view login) {
         return false;
     }
     const library_subject subject(c);
+    const login_timer time;
+    rename_step("a login");
     tell_peer_to_library(c);
     if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {
         c->client_credential = nullptr;  // whatever the library left there is nobody's

@@ -1,6 +1,7 @@
 // Proves the engine's contract in one process: embedded handlers, keep-alive, pipelining, bodies,
 // early errors, error handlers, files, PUT and DELETE, and that nothing is left behind.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "core/connection.h"
 #include "core/endpoint.h"
 #include "core/globals.h"
+#include "core/login_turn.h"
 #include "core/loop_watch.h"
 #include "core/shttpd.h"
 #include "handlers/io_emb.h"
@@ -346,6 +348,38 @@ TEST(Engine, LongPassesAreToldWithTheirCause) {
                          "in /think\n[^\n]*longest pass: (1[2-9]|[2-9]\\d)\\d ms, "
                          "(1[2-9]|[2-9]\\d)\\d ms of it in /think; [3-9] passes above 20 ms\n$")))
         << text;
+}
+
+void spend_login_time(shttpd_call_arg* arg) {
+    const login_timer time;
+    usleep(11000);
+    show_success(arg);
+}
+
+TEST(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
+    static constexpr endpoint row = {"/spend", endpoint_method::any, endpoint_body::ignored,
+                                     spend_login_time};
+    test_engine engine;
+    register_endpoints(engine.ctx, {&row, 1});
+    const std::string login = "GET /spend HTTP/1.1\r\nAuthorization: Basic eDp5\r\n\r\n";
+    std::vector<unique_fd> clients;
+    for (const std::string& request : {login, login, login, get("/world/ping")}) {
+        clients.push_back(engine.connect());
+        EXPECT_GT(send(clients.back().get(), request.data(), request.size(), 0), 0);
+    }
+    const auto answered = [&] {
+        std::string who;
+        for (std::size_t i = 0; i < clients.size(); ++i) {
+            char byte = 0;
+            const bool has_reply = recv(clients[i].get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) > 0;
+            who += has_reply ? std::to_string(i) : "";
+        }
+        return who;
+    };
+    for (const char* who : {"03", "013", "0123"}) {
+        engine.poll();
+        EXPECT_EQ(answered(), who);
+    }
 }
 
 TEST(Engine, TheCountOfConnectionsStopsAtItsLargestValue) {
