@@ -6,7 +6,8 @@ schedule does its worst.
 
 BUILD is the folder of a build. For each situation a process of its own asks for /world/ping, one
 request after the other, and the longest answer is printed beside the time that the situation's own
-request took. "nobody" is what the machine itself costs. Situations with name servers need a network
+request took, and the daemon's own longest pass where it exceeded 20 ms. "nobody" is what the
+machine itself costs. Situations with name servers need a network
 and a mount namespace of their own, and are skipped with a word where these can't be made.
 
 Exits with status 1 when an answer took longer than its goal: 20 ms, 50 ms beside 100,000 hosts.
@@ -15,6 +16,7 @@ Exits with status 1 when an answer took longer than its goal: 20 ms, 50 ms besid
 import base64
 import contextlib
 import os
+import re
 import resource
 import socket
 import subprocess
@@ -169,8 +171,12 @@ def first_logins(daemon):
     (daemon.root / "pub" / "f").write_text("f")
     for n in range(LOGINS):
         add_user(daemon, f"user{n}", f"password of {n}")
-    yield lambda: at_once(LOGINS, lambda n: expect(
-        ask(daemon, "/pub/f", user=f"user{n}:password of {n}"), 200))
+
+    def client(n):
+        # The library checks a bounded number of passwords a second; who is refused asks again.
+        while ask(daemon, "/pub/f", user=f"user{n}:password of {n}").startswith(b"HTTP/1.1 401 "):
+            time.sleep(1)
+    yield lambda: at_once(LOGINS, client)
 
 
 @contextlib.contextmanager
@@ -191,7 +197,12 @@ def due_jobs(daemon):
 @contextlib.contextmanager
 def ssi_sleep(daemon):
     (daemon.root / "sleep.shtml").write_text('<!--#exec "sleep 3" -->')
-    yield lambda: expect(ask(daemon, "/sleep.shtml"), 200)
+
+    def action():
+        start = time.perf_counter()
+        expect(ask(daemon, "/sleep.shtml"), 200)
+        assert time.perf_counter() - start > 2.9
+    yield action
 
 
 @contextlib.contextmanager
@@ -218,6 +229,7 @@ def stalled_downloads(daemon):
                 sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
                 sock.connect(("127.0.0.1", daemon.port))
                 sock.sendall(b"GET /big HTTP/1.1\r\n\r\n")
+                assert sock.recv(16).startswith(b"HTTP/1.1 200 ")  # it was not left in the queue
             time.sleep(2)
         yield action
 
@@ -252,7 +264,7 @@ SITUATIONS = [
     ("1000-due-jobs", due_jobs, GOAL_MS, {"scheduler_file": "schedule"}),
     ("1000-jobs-100000-hosts", due_jobs, GOAL_BESIDE_MANY_MS,
      {"scheduler_file": "schedule", "domain_file": "domain"}),
-    ("ssi-exec-sleep-3", ssi_sleep, GOAL_MS, {}),
+    ("ssi-exec-sleep-3", ssi_sleep, GOAL_MS, {"ssi_extensions": ".shtml"}),
     ("cgi-flood", cgi_flood, GOAL_MS, {"cgi_extensions": ".cgi"}),
     ("1000-stalled-downloads", stalled_downloads, GOAL_MS, {}),
     ("deaf-companion", deaf_companion, GOAL_MS, companion),
@@ -272,9 +284,11 @@ def run(folder, name, situation, goal, options):
         start = time.perf_counter()
         stall = longest_wait(daemon, action)
         lasted = time.perf_counter() - start
-    print(f"{name:>26} {stall:>9.1f} {lasted:>9.2f}{'' if stall <= goal else '  missed'}",
-          flush=True)
     daemon.stop()
+    own = re.search(r"longest pass: (\d+) ms, (\d+) ms of it in ([^;]*)",
+                    daemon.error_log.read_text())
+    print(f"{name:>26} {stall:>9.1f} {lasted:>9.2f}{'' if stall <= goal else '  missed'}"
+          f"{f'  {own[0]}' if own else ''}", flush=True)
     return stall <= goal
 
 

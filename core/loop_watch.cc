@@ -86,4 +86,5 @@ void log_longest_pass(const shttpd_ctx* ctx) {
                    watch.longest_pass_step.c_str(),
                    static_cast<unsigned long long>(watch.noticeable_passes));
     }
+    watch = loop_record();
 }

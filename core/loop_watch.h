@@ -18,5 +18,6 @@ void rename_step(const char* name);
 
 void watch_pass_end(const shttpd_ctx* ctx);
 
-// One line for the longest pass since the start, when it took more than 20 ms.
+// One line for the longest pass since the start, when it took more than 20 ms. The record begins
+// anew.
 void log_longest_pass(const shttpd_ctx* ctx);
