@@ -72,8 +72,7 @@ bool read_from_client(conn* c) {
     return true;
 }
 
-// Parses and routes what the buffer holds. False when there is nothing to serve yet.
-// Who brings a password waits for a turn; the request stays as it is.
+// False when the request's turn to log in has not come: it stays as it is.
 bool route_in_turn(conn* c) {
     if (!c->request.headers.authorization.empty() && !login_turn(c)) {
         return false;
@@ -85,6 +84,7 @@ bool route_in_turn(conn* c) {
     return true;
 }
 
+// Parses and routes what the buffer holds. False when there is nothing to serve yet.
 bool start_request(conn* c) {
     stream& remote = c->remote;
     if (remote.pending() == 0) {
