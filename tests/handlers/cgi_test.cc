@@ -347,7 +347,7 @@ TEST_F(cgi_relay_test, pair_belongs_to_nobody_else) {
         const unique_fd theirs(sp[1]);
         char byte = 0;
         EXPECT_EQ(send(ours.get(), "x", 1, 0), 1);
-        EXPECT_EQ(recv(theirs.get(), &byte, 1, 0), 1);
+        EXPECT_EQ(recv(theirs.get(), &byte, 1, MSG_DONTWAIT), 1);
         EXPECT_EQ(byte, 'x');
         stranger.socket.reset();
     }
