@@ -10,17 +10,17 @@
 #include "core/fwd.h"
 
 struct io_class {
-    const char* name;
+    const char* name = nullptr;
 
     // Moves up to `length` bytes into `buffer`. Returns the count, 0 at the end, or -1 with errno
     // set; EAGAIN and EINTR mean that nothing happened. `length` is above 0.
-    ssize_t (*read)(stream*, void* buffer, std::size_t length);
+    ssize_t (*read)(stream*, void* buffer, std::size_t length) = nullptr;
 
     // Moves up to `length` bytes out of `buffer`; results as for read. May be null.
-    ssize_t (*write)(stream*, const void* buffer, std::size_t length);
+    ssize_t (*write)(stream*, const void* buffer, std::size_t length) = nullptr;
 
     // Releases what the stream's channel holds. Called at most once per installation. May be null.
-    void (*close)(stream*);
+    void (*close)(stream*) = nullptr;
 
     // What the engine has to know besides. A class leaves out what does not concern it.
 

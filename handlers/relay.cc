@@ -181,15 +181,14 @@ reply_framing frame_reply(std::string_view head, int method) {
     framing.chunked = coded && equals_nocase(coding, "chunked");
     framing.clear = framing.clear && announcements + (coded ? 1 : 0) <= 1;
     const std::uint64_t status = reply_status(head);
-    if (method == method_head || status == 204 || status == 304) {
+    const bool bodyless = method == method_head || status == 204 || status == 304;
+    if (bodyless || (named_zero && !coded)) {
         framing.end = reply_end::at_once;
     } else if (coded) {
         // A coding outranks a length; the end of one that is not known here is the sender's close.
         framing.end = framing.chunked ? reply_end::chunked : reply_end::with_close;
     } else if (framing.length > 0) {
         framing.end = reply_end::counted;
-    } else if (named_zero) {
-        framing.end = reply_end::at_once;
     }
     return framing;
 }

@@ -43,6 +43,8 @@ struct target {
     target(conn* client, const char* socket_path, std::int64_t deadline);
     target(const target&) = delete;
     target& operator=(const target&) = delete;
+    target(target&&) = delete;
+    target& operator=(target&&) = delete;
     ~target() { close(); }
 
     // Goes on as far as possible without waiting.
