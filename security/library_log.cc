@@ -16,6 +16,7 @@ struct {
     const shttpd_ctx* ctx = nullptr;
     const conn* subject = nullptr;
     std::string* kept = nullptr;
+    bool takes_peer = true;
 } listener;
 
 // Kept in one line: a library that speaks twice has more than one reason.
@@ -36,6 +37,7 @@ void note_message(int /*level*/, const char* text) {
 
 void offer_log_to_library(const shttpd_ctx* ctx) {
     listener.ctx = ctx;
+    listener.takes_peer = true;
     if (ctx == nullptr) {
         return;
     }
@@ -44,10 +46,14 @@ void offer_log_to_library(const shttpd_ctx* ctx) {
 }
 
 void tell_peer_to_library(const conn* c) {
+    if (!listener.takes_peer) {
+        return;
+    }
     std::array<char, INET6_ADDRSTRLEN> text{};
     const char* address =
         v6inet_ntop(reinterpret_cast<const sockaddr*>(&c->peer), text.data(), text.size());
-    (void)molbatLibraryControl("Peer", const_cast<char*>(address));
+    // A library that does not know the command is not asked again.
+    listener.takes_peer = molbatLibraryControl("Peer", const_cast<char*>(address)) == at_ok;
 }
 
 library_subject::library_subject(const conn* c, std::string* kept) {
