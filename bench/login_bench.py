@@ -21,6 +21,7 @@ USERS = 15
 
 def start(build, work, port):
     (work / "home" / "lib").mkdir(parents=True)
+    (work / "var").mkdir()
     (work / "root" / "pub").mkdir(parents=True)
     (work / "root" / "pub" / "f").write_text("x" * 100)
     (work / "home" / "lib" / "libmolbat4L_t.so").symlink_to(build / "provider/libmolbat4L_t.so")
@@ -30,7 +31,7 @@ def start(build, work, port):
     daemon = subprocess.Popen(["taskset", "-c", "0", build / "core/dovmad", work / "conf"],
                               stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     deadline = time.monotonic() + 20
-    while time.monotonic() < deadline:
+    while daemon.poll() is None and time.monotonic() < deadline:
         try:
             socket.create_connection(("127.0.0.1", port)).close()
             break
