@@ -15,6 +15,8 @@ constexpr std::size_t idle_buffers_max = 64;
 // is noticed.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool keeps_buffers = false;
+#elif defined(__has_feature)
+constexpr bool keeps_buffers = !__has_feature(address_sanitizer);
 #else
 constexpr bool keeps_buffers = true;
 #endif

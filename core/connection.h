@@ -8,7 +8,7 @@
 //   install_class. Replies begin at local.buffer with tail 0.
 // - A class without a poll slot sets sf_always_ready. A read that can't produce anything yet
 //   returns 0 with sf_keep_open set, or -1 with EAGAIN; it is then called again on a later pass, at
-//   the latest after 5 seconds, at once after shttpd_wake() or visit_soon().
+//   the latest after a second, at once after visit_soon().
 // - The engine hands a forwarded head and then the request's body, at most body_left bytes of it,
 //   to a class that has sf_writable, a write operation and a poll slot (or takes_body_unpolled),
 //   and reads from it while sf_readable.
@@ -195,8 +195,9 @@ bool close_dead(conn* c);
 // Reads and drops input of a muted or draining connection. Returns false when it was freed.
 bool discard_input(conn* c);
 
-// Whether the connection must be visited in the next pass even when no descriptor is ready.
-bool needs_visit(const conn* c);
+// Whether a handler had nothing to say that no descriptor speaks for, so that it must be asked
+// again. One whose bytes wait for the client is not asked: stalled readers cost nothing.
+bool waits_without_descriptor(const conn* c);
 
 // Whether a secure channel may hold decrypted bytes that poll() can't see and there is room for.
 bool has_hidden_input(const conn* c);
@@ -216,9 +217,6 @@ void drop_idle_target(conn* c);
 
 // The local port of the connection in host byte order, 0 unless it is IPv4 or IPv6.
 int local_port(const conn* c);
-
-// Makes the next pass start at once instead of waiting for a descriptor.
-void shttpd_wake();
 
 // Has the connection visited in this pass or in the next one, which then does not wait. What it
 // waited for has come; it may die before.

@@ -58,6 +58,8 @@ constexpr int passes_between_checks = 6;
 // With traffic, passes are short; without, seven of them take this long.
 constexpr std::int64_t check_interval_max_s = 35;
 constexpr int short_wait_ms = 1000;
+// How often a handler is asked again that had nothing to say and has no descriptor to wait for.
+constexpr std::int64_t idle_call_ms = 1000;
 
 list_head<listener_record> listeners;
 
@@ -287,11 +289,11 @@ void visit_connections() {
         if (c->visit_at_ms == 0) {
             visit_at(c, expiry_ms(c));
         }
-        // Handlers without a descriptor are called in every pass; only hidden input keeps the pass
-        // from waiting.
-        if (needs_visit(c)) {
-            visit_next(c);
-            loop.wake = loop.wake || has_hidden_input(c);
+        if (has_hidden_input(c)) {
+            visit_soon(c);
+        } else if (waits_without_descriptor(c)) {
+            // Not in every pass: thousands of them would make each of other clients' passes long.
+            visit_at(c, monotonic_ms() + idle_call_ms);
         }
     }
 }
@@ -335,10 +337,6 @@ void close_log(std::FILE** log) {
 }
 
 }  // namespace
-
-void shttpd_wake() {
-    loop.wake = true;
-}
 
 void visit_soon(conn* c) {
     visit_next(c);

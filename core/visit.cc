@@ -310,15 +310,9 @@ bool process_connection(conn* c) {
     return true;
 }
 
-bool needs_visit(const conn* c) {
-    if (c->state != conn_state::serving) {
-        return c->client.may_hold_bytes;
-    }
-    // A handler that had nothing to say is asked again; one whose bytes wait for the client is not:
-    // thousands of stalled readers must cost nothing.
-    const bool asked_again =
-        c->idle_call && !c->held && c->local.pending() == 0 && may_be_called(c->local);
-    return asked_again || has_hidden_input(c);
+bool waits_without_descriptor(const conn* c) {
+    return c->state == conn_state::serving && c->idle_call && !c->held && c->local.pending() == 0 &&
+           may_be_called(c->local);
 }
 
 bool has_hidden_input(const conn* c) {
