@@ -96,6 +96,7 @@ void read_stream(stream* s) {
     conn* c = s->connection;
     const io_class* io = s->io;
     const std::size_t head_before = s->head;
+    const std::size_t input_before = c->remote.pending();
     const ssize_t n = checked_result(io->read(s, s->buffer + s->head, length), length);
     const int error = errno;
     assert(s->tail <= s->head && s->head <= s->size);
@@ -109,7 +110,7 @@ void read_stream(stream* s) {
     }
     if (s->head != head_before) {
         renew_expiry(c);
-    } else if (s == &c->local) {
+    } else if (s == &c->local && c->remote.pending() == input_before) {
         c->idle_call = true;
     }
     // What may be kept for the next request is not stopped: the end of its reply is judged by the

@@ -175,6 +175,22 @@ TEST(Connections, CallsThatMoveNothingKeepNoneAlive) {
     EXPECT_EQ(only_connection(engine).expire_time, soon);
 }
 
+// Eats three bytes a call, and says so at the end.
+void eats_slowly(shttpd_call_arg* arg) {
+    arg->in.used = std::min(arg->in.len, 3);
+    if ((arg->flags & ARG_MORE_POST_DATA) == 0 && arg->in.len <= 3) {
+        shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\nall eaten");
+        arg->flags |= ARG_END_OF_OUTPUT;
+    }
+}
+
+TEST(Connections, AHandlerThatTakesItsBodyInPiecesIsCalledAgainAtOnce) {
+    test_engine engine;
+    shttpd_register_uri(engine.ctx, "/eat", eats_slowly, nullptr);
+    EXPECT_EQ(body_of(engine.exchange(make_request("POST", "/eat", std::string(600, 'x')), 250)),
+              "all eaten");
+}
+
 TEST(Connections, AReaderThatStallsIsNotVisited) {
     test_engine engine;
     engine.root.write("big", std::string(4 << 20, 'b'));
