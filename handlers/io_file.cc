@@ -19,6 +19,7 @@
 #include "core/mime_type.h"
 #include "core/route.h"
 #include "core/string.h"
+#include "lib/unique_fd.h"
 
 namespace {
 
@@ -283,20 +284,32 @@ void get_file(conn* c, const struct stat* st) {
     }
 }
 
+// From directory to directory: looking each prefix up from the root would take a long path the
+// square of its length.
 int put_dir(const char* path) {
     const std::string_view text(path);
+    unique_fd parent;
+    std::size_t start = 0;  // of the name below `parent`
     for (std::size_t at = text.find('/', std::min<std::size_t>(2, text.size()));
          at != std::string_view::npos; at = text.find('/', at + 1)) {
         if (at > directory_bytes_max) {
             errno = ENAMETOOLONG;
             return -1;
         }
-        const std::string prefix(text.substr(0, at));
-        struct stat st {};
-        if (my_stat(prefix.c_str(), &st) != 0 && my_mkdir(prefix.c_str(), directory_mode) != 0) {
-            return -1;
+        const std::string name(text.substr(start, at - start));
+        if (!name.empty()) {
+            const int base = parent ? parent.get() : AT_FDCWD;
+            unique_fd next(openat(base, name.c_str(), O_PATH | O_CLOEXEC));
+            if (!next && mkdirat(base, name.c_str(), directory_mode) == 0) {
+                next.reset(openat(base, name.c_str(), O_PATH | O_CLOEXEC));
+            }
+            if (!next) {
+                return -1;
+            }
+            parent = std::move(next);
         }
-        if (at + 1 == text.size()) {
+        start = at + 1;
+        if (start == text.size()) {
             return 0;
         }
     }

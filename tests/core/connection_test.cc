@@ -344,6 +344,23 @@ TEST(Uris, AreBoundedTogetherWithTheirRoot) {
     }
 }
 
+TEST(Uris, ADeepUploadMakesItsDirectoriesInOneWalk) {
+    test_engine engine;
+    std::string folders;
+    for (int i = 0; i < 300; ++i) {
+        folders += "/a";
+    }
+    engine.root.write("file", "content");
+    stat_calls = 0;
+    EXPECT_TRUE(
+        engine.exchange(make_request("PUT", folders + "//f", "x")).starts_with("HTTP/1.1 201"));
+    EXPECT_LE(stat_calls, 10);
+    EXPECT_EQ(body_of(engine.exchange(get(folders + "/f"))), "x");
+    EXPECT_EQ(body_of(engine.exchange(make_request("PUT", "/file/below", "x"))), "500 PUT Error");
+    EXPECT_EQ(body_of(engine.exchange(make_request("PUT", "/file/a/b", "x"))),
+              "500 PUT Directory Error");
+}
+
 // Whatever stands behind a file, finding it takes few looks at the file system.
 TEST(Uris, PathInformationIsFoundInFewSteps) {
     test_engine engine;
