@@ -133,7 +133,9 @@ def test_idle_daemon_starts_each_minute_once(make_daemon, schedule, tmp_path):
     assert len(minutes("interval")) >= 2 and minutes("bad") == []
     assert all(b - a == 2 for a, b in zip(minutes("interval"), minutes("interval")[1:]))
     assert "prev=Thu Jan  1" not in dump(daemon)
-    lines = re.findall(r'"-" (.*)', daemon.error_log.read_text())
+    # A starved machine makes passes slow, which is told, too.
+    lines = [line for line in re.findall(r'"-" (.*)', daemon.error_log.read_text())
+             if not line.startswith("slow pass")]
     assert lines == [f"schedule {schedule}:4: job bad: bad minute",
                      f"schedule {schedule}: 3 entries, 1 lines not loaded"]
 
