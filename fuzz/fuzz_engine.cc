@@ -78,30 +78,6 @@ void write_files(const std::filesystem::path& root) {
     std::ofstream(root / "dir" / "x") << "x";
 }
 
-shttpd_ctx* make_context(const std::filesystem::path& root) {
-    auto* ctx = new shttpd_ctx;
-    refresh_clocks();
-    conf_parse_init();
-    init_critical_section(&ctx->lock);
-    ctx->document_root = root;
-    ctx->auth_realm = "fuzz";
-    ctx->noauth = 1;
-    ctx->list_directories = 1;
-    ctx->io_buf_size = 4096;
-    ctx->index_files = "index.html";
-    init_auth_info(ctx);
-    ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
-    register_endpoints(ctx, endpoints);
-    shttpd_register_uri(ctx, "/eat", eat, nullptr);
-    ctx->listen_ports = "9180u";
-    set_target_connector(connect_to_script);
-    set_resolver_backend({.addresses = no_addresses,
-                          .name = [](const host_address&) { return name_answer(); },
-                          .name_servers = [] { return 1; }});
-    shttpd_poll(ctx, 0);  // makes what every later case finds in place
-    return ctx;
-}
-
 // A target at the other end of a socket pair: it answers from its script, whoever asks for what,
 // and closes when nothing is left of it if the script says so.
 struct scripted_target {
@@ -151,6 +127,30 @@ void end_targets() {
 // No name server is asked: what is no number has no address.
 name_answer no_addresses(const std::string&) {
     return {.code = EAI_NONAME, .name = "", .addresses = {}};
+}
+
+shttpd_ctx* make_context(const std::filesystem::path& root) {
+    auto* ctx = new shttpd_ctx;
+    refresh_clocks();
+    conf_parse_init();
+    init_critical_section(&ctx->lock);
+    ctx->document_root = root;
+    ctx->auth_realm = "fuzz";
+    ctx->noauth = 1;
+    ctx->list_directories = 1;
+    ctx->io_buf_size = 4096;
+    ctx->index_files = "index.html";
+    init_auth_info(ctx);
+    ctx->registered_uris.free_all([](registered_uri* entry) { delete entry; });
+    register_endpoints(ctx, endpoints);
+    shttpd_register_uri(ctx, "/eat", eat, nullptr);
+    ctx->listen_ports = "9180u";
+    set_target_connector(connect_to_script);
+    set_resolver_backend({.addresses = no_addresses,
+                          .name = [](const host_address&) { return name_answer(); },
+                          .name_servers = [] { return 1; }});
+    shttpd_poll(ctx, 0);  // makes what every later case finds in place
+    return ctx;
 }
 
 int open_descriptors() {
