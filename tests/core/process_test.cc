@@ -13,7 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <random>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -74,7 +74,15 @@ class Children : public testing::Test {
 
     // The error log's messages, without the prefixes.
     std::string logged() {
-        return std::regex_replace(read_whole_file(error_path_), std::regex("\\[.*\\] \"-\" "), "");
+        constexpr std::string_view prefix_end = "\"-\" ";
+        std::istringstream lines(read_whole_file(error_path_));
+        std::string messages;
+        for (std::string line; std::getline(lines, line);) {
+            const std::size_t at = line.find(prefix_end);
+            messages += at == std::string::npos ? line : line.substr(at + prefix_end.size());
+            messages += '\n';
+        }
+        return messages;
     }
 
     temporary_folder folder_;
