@@ -47,6 +47,8 @@ class signals_blocked {
     }
     signals_blocked(const signals_blocked&) = delete;
     signals_blocked& operator=(const signals_blocked&) = delete;
+    signals_blocked(signals_blocked&&) = delete;
+    signals_blocked& operator=(signals_blocked&&) = delete;
     ~signals_blocked() { (void)pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
 
   private:

@@ -19,6 +19,8 @@ class login_timer {
     login_timer();
     login_timer(const login_timer&) = delete;
     login_timer& operator=(const login_timer&) = delete;
+    login_timer(login_timer&&) = delete;
+    login_timer& operator=(login_timer&&) = delete;
     ~login_timer();
 
   private:

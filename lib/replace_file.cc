@@ -78,8 +78,11 @@ bool copy_attribute(int from, int to, const char* name) {
     if (read_attribute(to, name, &present) && wanted == present) {
         return true;
     }
-    return wanted ? ::fsetxattr(to, name, wanted->data(), wanted->size(), 0) == 0
-                  : ::fremovexattr(to, name) == 0;
+    if (!wanted) {
+        return ::fremovexattr(to, name) == 0;
+    }
+    const std::string& value = *wanted;
+    return ::fsetxattr(to, name, value.data(), value.size(), 0) == 0;
 }
 
 // Checksums of the content, which the kernel keeps itself.
