@@ -49,37 +49,8 @@ os.environ |= {"DOVMAD_BINARY": f"{build}/core/dovmad",
                "DOVMAD_PROVIDER": f"{build}/provider/libmolbat4L_t.so"}
 sys.path[:0] = [str(Path(__file__).parent), str(Path(__file__).parent.parent / "tests" / "e2e")]
 import dovmad_harness as harness  # noqa: E402
-from domain_bench import host_lines, post  # noqa: E402
+from domain_bench import host_lines, longest_wait, post  # noqa: E402
 from rights_support import add_user  # noqa: E402
-
-
-# Asks until its standard input ends, then prints the longest wait in ms and the number of replies.
-PROBE = """
-import select, socket, sys, time
-port, longest, count = int(sys.argv[1]), 0.0, 0
-print("begun", flush=True)
-while not select.select([sys.stdin], [], [], 0.001)[0]:
-    start = time.perf_counter()
-    with socket.create_connection(("127.0.0.1", port), 120) as s:
-        s.sendall(b"GET /world/ping HTTP/1.1\\r\\n\\r\\n")
-        while s.recv(4096):
-            pass
-    longest, count = max(longest, time.perf_counter() - start), count + 1
-print(1000 * longest, count)
-"""
-
-
-def longest_wait(daemon, action):
-    """Of another client while the action ran, in ms."""
-    with subprocess.Popen([sys.executable, "-c", PROBE, str(daemon.port)], text=True,
-                          stdin=subprocess.PIPE, stdout=subprocess.PIPE) as probe:
-        probe.stdout.readline()
-        action()
-        time.sleep(0.5)
-        probe.stdin.close()
-        longest, count = map(float, probe.stdout.read().split())
-        assert count > 0
-        return longest
 
 
 def ask(daemon, uri, user=None, timeout=60):

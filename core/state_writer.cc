@@ -4,6 +4,8 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -68,21 +70,55 @@ bool stands_already(const std::string& path, const file_stamp& stamp, const std:
     return file && read_all(file.get(), &found) == 0 && found == content;
 }
 
+// Takes the next line off the front of a text, without its line break.
+std::string_view take_line(std::string_view* text) {
+    const std::string_view line = text->substr(0, text->find('\n'));
+    text->remove_prefix(std::min(text->size(), line.size() + 1));
+    return line;
+}
+
+// Appends the lines of the present file that say something and stand neither in the content nor
+// among the lines yet, and counts them.
+std::size_t append_edits(const std::string& path, std::string_view content, std::string* lines) {
+    std::string found;
+    const unique_fd file = open_regular(path.c_str());
+    if (!file || read_all(file.get(), &found) != 0) {
+        return 0;
+    }
+    const std::string before = *lines;
+    std::unordered_set<std::string_view> kept;
+    for (std::string_view rest : {content, std::string_view(before)}) {
+        while (!rest.empty()) {
+            kept.insert(take_line(&rest));
+        }
+    }
+    std::size_t count = 0;
+    for (std::string_view rest = found; !rest.empty();) {
+        const std::string_view line = take_line(&rest);
+        if (!is_idle_line(line) && !kept.contains(line)) {
+            lines->append(line).append("\n");
+            ++count;
+        }
+    }
+    return count;
+}
+
 struct write_job : background_job {
     std::string path;
     std::string content;
     file_stamp stamp;
     std::string dropped;
+    std::shared_ptr<known_file> known;
     std::function<void(int)> written;
+    std::size_t rescued = 0;
     int error = 0;
 
     void run() override {
-        error = dropped.empty() ? 0 : save_lines(path.c_str(), dropped);
-        if (error == 0) {
-            dropped.clear();
-        }
+        error = save();
         if (error == 0 && !stands_already(path, stamp, content)) {
-            error = replace_file(path.c_str(), content, &stamp);
+            file_stamp written_one;
+            error = replace_file(path.c_str(), content, &written_one);
+            note(written_one);
         }
         content = std::string();  // it can be long, and the result may wait for the loop
     }
@@ -94,10 +130,41 @@ struct write_job : background_job {
         if (--file.begun == 0) {
             file.begun_first = none;
         }
+        if (known != nullptr) {
+            known->rescued += rescued;
+        }
         if (written) {
             written(error);
         }
         writer().tell_waits();
+    }
+
+  private:
+    // What would be lost; once, however often the write is tried after that.
+    int save() {
+        std::string lines = dropped;
+        const file_stamp present = stamp_of(path.c_str());
+        const bool edited = known != nullptr && !known->stamp.same_content(present);
+        const std::size_t edits = edited ? append_edits(path, content, &lines) : 0;
+        if (const int failed = lines.empty() ? 0 : save_lines(path.c_str(), lines); failed != 0) {
+            return failed;
+        }
+        dropped.clear();
+        if (edited) {
+            known->stamp = present;
+            rescued = edits;
+        }
+        return 0;
+    }
+
+    // A file may have been replaced although the call failed.
+    void note(const file_stamp& written_one) {
+        if (written_one != file_stamp{}) {
+            stamp = written_one;
+            if (known != nullptr) {
+                known->stamp = written_one;
+            }
+        }
     }
 };
 
@@ -126,6 +193,7 @@ void state_writer::begin(const std::string& path, file_record* file) {
     job->content = file->wanted->content();
     job->stamp = file->stamp;
     job->dropped = std::exchange(file->dropped, {});
+    job->known = std::move(file->wanted->known);
     job->written = std::move(file->wanted->written);
     file->wanted.reset();
     file->begun_first = std::min(file->begun_first, std::exchange(file->wanted_first, none));

@@ -12,6 +12,7 @@
 //     }
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,6 +22,14 @@
 #include "core/background.h"
 #include "core/endpoint.h"
 #include "core/fwd.h"
+#include "lib/file.h"
+
+// What the maker of a file's content has seen of it.
+struct known_file {
+    file_stamp stamp;  // when it was read, all zero: missing; the writer's once it writes
+    std::size_t rescued =
+        0;  // lines of somebody else that were saved; whoever tells them clears it
+};
 
 struct state_write {
     std::string path;
@@ -30,6 +39,9 @@ struct state_write {
     // Lines of the present file that the content leaves out and that somebody may miss. They are
     // saved first (save_lines), or the write fails.
     std::string dropped = {};
+    // When the file is not as it was known, somebody has edited it: lines in it that the content
+    // lacks are saved as well. Null: nobody looks.
+    std::shared_ptr<known_file> known = nullptr;
     // Hears how the write ended: 0 or the errno value of replace_file. May be empty.
     std::function<void(int)> written;
 };
@@ -52,6 +64,18 @@ void settle_state_writes();
 // Runs a job behind all writes that have been asked for, in their thread: one that reads a file of
 // state finds what was last answered. Without threads it has run and finished when this returns.
 void run_behind_writes(std::unique_ptr<background_job> job);
+
+// Destroys something large in the thread: freeing what belongs to nobody any more takes time.
+template <class Owner>
+void destroy_behind_writes(Owner owner) {
+    struct destruction : background_job {
+        explicit destruction(Owner whose) : owner(std::move(whose)) {}
+        void run() override { owner.reset(); }
+        void finish() override {}
+        Owner owner;
+    };
+    run_behind_writes(std::make_unique<destruction>(std::move(owner)));
+}
 
 // The request of a connection that waits for all writes asked for so far. The connection is visited
 // (visit_soon) when they are over, unless the wait was destroyed before: the farewell call does it.

@@ -149,21 +149,14 @@ switch_wait::~switch_wait() {
     std::erase(switching().waits, this);
 }
 
-struct retire_job : background_job {
-    map_ptr registry;
-    void run() override { registry.reset(); }
-    void finish() override {}
-};
-
 // Frees the registry, a large one by and by: it is nobody's any more.
 void retire_registry(shttpd_ctx* ctx) {
     settle_state_writes();
     free_drlist(ctx);  // before the records that it shares
-    auto job = std::make_unique<retire_job>();
-    job->registry.reset(std::exchange(ctx->registry, nullptr));
+    map_ptr registry(std::exchange(ctx->registry, nullptr));
     ctx->domain_file.clear();
-    if (qz_map_size(job->registry.get()) > small_registry) {
-        run_behind_writes(std::move(job));
+    if (qz_map_size(registry.get()) > small_registry) {
+        destroy_behind_writes(std::move(registry));
     }
 }
 

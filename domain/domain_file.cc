@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 #include "core/connection.h"
@@ -28,9 +29,17 @@ struct file_state {
     bool unreadable = false;  // it exists and its hosts are unknown: never rewrite it
     bool unreadable_told = false;
     bool write_failed = false;
-    std::string dropped;             // its lines that are no hosts, which a rewrite leaves out
-    std::uint64_t written = 0;       // the generation of the content that was made last
-    std::size_t expected_bytes = 0;  // of the next content
+    std::shared_ptr<known_file> known;  // with what was read and written
+    std::string dropped;                // its lines that are no hosts, which a rewrite leaves out
+    std::uint64_t written = 0;          // the generation of the content that was made last
+    std::size_t expected_bytes = 0;     // of the next content
+};
+
+// Which file a write was of.
+struct written_file {
+    std::uint64_t load;
+    std::string path;
+    std::shared_ptr<known_file> known;
 };
 
 file_state& state() {
@@ -142,14 +151,18 @@ bool add_line(qz_map* hosts, std::string_view line) {
 
 // A line about the file, on standard error as well. Its path may have come with a request: a line
 // break in it would let the caller write lines of his own.
-void tell(const shttpd_ctx* ctx, const conn* c, const std::string& what) {
-    std::string text = "domain file " + ctx->domain_file + what;
+void tell(const shttpd_ctx* ctx, const conn* c, const std::string& path, const std::string& what) {
+    std::string text = "domain file " + path + what;
     std::replace_if(
         text.begin(), text.end(), [](unsigned char ch) { return ch < 0x20 || ch == 0x7f; }, '?');
     elog(elog_info, c, "%s", text.c_str());
     if (c == nullptr) {
         log_always(ctx, nullptr, "%s", text.c_str());
     }
+}
+
+void tell(const shttpd_ctx* ctx, const conn* c, const std::string& what) {
+    tell(ctx, c, ctx->domain_file, what);
 }
 
 void tell_report(const shttpd_ctx* ctx, const conn* c, const domain_text_report& report) {
@@ -163,20 +176,26 @@ void tell_report(const shttpd_ctx* ctx, const conn* c, const domain_text_report&
     tell_lines(report.no_utf8, "not in UTF-8");
 }
 
-void write_ended(const shttpd_ctx* ctx, std::uint64_t load, int error) {
+// A write of a file that the daemon has left meanwhile is told by itself.
+void write_ended(const shttpd_ctx* ctx, const written_file& which, int error) {
     file_state& file = state();
-    if (load != file.load) {
-        return;  // the daemon has another domain by now
+    const bool present = which.load == file.load && in_domain_mode(ctx);
+    const bool failed_before = present && file.write_failed;
+    if (const std::size_t lines = std::exchange(which.known->rescued, 0); lines > 0) {
+        tell(ctx, nullptr, which.path,
+             " was edited meanwhile: " + std::to_string(lines) +
+                 " lines that are no registered hosts are saved in its .bak");
     }
-    if (error != 0) {
-        file.written = 0;  // the next change writes, whatever it changes
-        if (!file.write_failed) {
-            tell(ctx, nullptr, std::string(" is not written: ") + strerror(error));
-        }
-    } else if (file.write_failed) {
-        tell(ctx, nullptr, " is written again");
+    if (error != 0 && !failed_before) {
+        tell(ctx, nullptr, which.path, std::string(" is not written: ") + strerror(error));
+    } else if (error == 0 && failed_before) {
+        tell(ctx, nullptr, which.path, " is written again");
     }
-    file.write_failed = error != 0;
+    if (present) {
+        // After a failure the next change writes, whatever it changes.
+        file.written = error != 0 ? 0 : file.written;
+        file.write_failed = error != 0;
+    }
 }
 
 }  // namespace
@@ -218,6 +237,7 @@ loaded_domain read_domain_file(const char* path) {
     const unique_fd file = open_regular(path);
     domain.error = file ? read_all(file.get(), &content) : errno;
     if (domain.error == 0) {
+        domain.stamp = stamp_of(file.get());
         domain.report = parse_domain_text(content, domain.hosts.get());
     } else if (domain.error == ENOENT) {
         domain.error = 0;  // an empty domain
@@ -230,6 +250,7 @@ void take_over_domain(shttpd_ctx* ctx, const conn* c, loaded_domain domain) {
     const std::uint64_t load = file.load + 1;
     file = file_state();
     file.load = load;
+    file.known = std::make_shared<known_file>(known_file{.stamp = domain.stamp});
     ctx->registry = domain.hosts.release();
     note_domain_change();
     const domain_text_report& report = domain.report;
@@ -270,9 +291,12 @@ void sync_allow(const conn* c) {
         now.expected_bytes = text.size() + text.size() / 16;
         return text;
     };
-    const auto written = [ctx, load = file.load](int error) { write_ended(ctx, load, error); };
+    const auto written = [ctx, which = written_file{file.load, path, file.known}](int error) {
+        write_ended(ctx, which, error);
+    };
     write_state({.path = path,
                  .content = content,
                  .dropped = std::exchange(file.dropped, {}),
+                 .known = file.known,
                  .written = written});
 }

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "core/fwd.h"
+#include "lib/file.h"
 #include "lib/odd_lines.h"
 #include "lib/rbtree.h"
 
@@ -34,8 +35,9 @@ domain_text_report parse_domain_text(std::string_view text, qz_map* hosts);
 
 // A domain file that has been read into records of its own, on any thread.
 struct loaded_domain {
-    map_ptr hosts;  // never null; empty when the file is missing or can't be read
-    int error = 0;  // 0 or an errno value; EINVAL and EISDIR: not a regular file
+    map_ptr hosts;     // never null; empty when the file is missing or can't be read
+    int error = 0;     // 0 or an errno value; EINVAL and EISDIR: not a regular file
+    file_stamp stamp;  // of what was read
     domain_text_report report;
 };
 [[nodiscard]] loaded_domain read_domain_file(const char* path);

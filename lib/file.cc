@@ -13,7 +13,9 @@ file_stamp stamp(const struct stat& status) {
             .inode = status.st_ino,
             .size = status.st_size,
             .changed_s = status.st_ctim.tv_sec,
-            .changed_ns = status.st_ctim.tv_nsec};
+            .changed_ns = status.st_ctim.tv_nsec,
+            .modified_s = status.st_mtim.tv_sec,
+            .modified_ns = status.st_mtim.tv_nsec};
 }
 
 }  // namespace

@@ -36,7 +36,14 @@ struct file_stamp {
     off_t size = 0;
     std::int64_t changed_s = 0;  // the status change, which no program can set
     std::int64_t changed_ns = 0;
+    std::int64_t modified_s = 0;  // the last write, as far as programs leave it alone
+    std::int64_t modified_ns = 0;
 
+    // Whether both are of one file with one content: its rights may have been changed.
+    [[nodiscard]] bool same_content(const file_stamp& other) const {
+        return device == other.device && inode == other.inode && size == other.size &&
+               modified_s == other.modified_s && modified_ns == other.modified_ns;
+    }
     bool operator==(const file_stamp&) const = default;
 };
 

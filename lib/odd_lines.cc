@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "lib/file.h"
 #include "lib/plat.h"
@@ -41,7 +42,25 @@ int append_durably(int fd, std::string_view lines) {
 
 }  // namespace
 
+bool line_pieces::next() {
+    number_ += line_ended_ ? 1 : 0;
+    text_.clear();
+    line_ended_ = false;
+    int byte = 0;
+    for (std::size_t taken = 0; taken < most_ && !line_ended_ && byte != EOF; ++taken) {
+        byte = getc_unlocked(file_);
+        line_ended_ = byte == '\n';
+        if (byte != EOF && !line_ended_) {
+            text_.push_back(static_cast<char>(byte));
+        }
+    }
+    return line_ended_ || !text_.empty();
+}
+
 void line_numbers::add(std::size_t number) {
+    if (std::exchange(last_, number) == number) {
+        return;  // another piece of a long line
+    }
     if (count_ < first_.size()) {
         first_[count_] = number;
     }

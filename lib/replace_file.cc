@@ -146,16 +146,31 @@ place place_of(std::string path) {
         .folder = std::move(folder), .path = std::move(path), .temporary = std::move(temporary)};
 }
 
+// Waits a while where descriptors have run out: connections end.
+int open_patiently(const char* path, int flags, mode_t mode) {
+    int fd = ::open(path, flags, mode);
+    for (int i = 0; i < lock_tries && fd < 0 && (errno == EMFILE || errno == ENFILE); ++i) {
+        (void)::nanosleep(&lock_pause, nullptr);
+        fd = ::open(path, flags, mode);
+    }
+    return fd;
+}
+
 // Makes the new name durable. `fd` is the file that got it.
 int sync_folder(const place& where, int fd) {
-    const unique_fd folder(::open(where.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const unique_fd folder(
+        open_patiently(where.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
     // A folder that may be written but not read is reached by way of its file system only.
     const int error = error_of(folder ? ::fsync(folder.get()) : ::syncfs(fd));
     return error == EINVAL ? 0 : error;  // no file system with something to sync
 }
 
-bool is_disk_trouble(int error) {
-    return error == ENOSPC || error == EDQUOT || error == EIO || error == EROFS;
+// Whether the folder does not let the process have a second file, or not under the old one's name:
+// a folder of somebody else or with the sticky bit, a file that is mounted by itself, a folder in
+// the temporary's place. Other errors (a full disk, no descriptor) will pass.
+bool forbids_second_file(int error) {
+    return error == EACCES || error == EPERM || error == EROFS || error == EBUSY ||
+           error == EXDEV || error == EEXIST;
 }
 
 enum class outcome { replaced, failed, impossible };
@@ -167,12 +182,12 @@ outcome replace_by_rename(int old, const struct stat& original, const place& whe
                           std::string_view content, file_stamp* stamp, int* error) {
     // One fixed name: what a killed process left is taken over by the next one.
     (void)::unlink(where.temporary.c_str());
-    const unique_fd fd(::open(where.temporary.c_str(),
-                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                              temporary_mode));
+    const unique_fd fd(open_patiently(where.temporary.c_str(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                      temporary_mode));
     if (!fd) {
         *error = errno;
-        return is_disk_trouble(*error) ? outcome::failed : outcome::impossible;
+        return forbids_second_file(*error) ? outcome::impossible : outcome::failed;
     }
     exit_guard remove_temporary([&] { (void)::unlink(where.temporary.c_str()); });
     if (!adopt(old, fd.get(), original)) {
@@ -190,8 +205,7 @@ outcome replace_by_rename(int old, const struct stat& original, const place& whe
     }
     if (std::rename(where.temporary.c_str(), where.path.c_str()) != 0) {
         *error = errno;
-        // A mount point, or somebody else's file in a folder with the sticky bit.
-        return is_disk_trouble(*error) ? outcome::failed : outcome::impossible;
+        return forbids_second_file(*error) ? outcome::impossible : outcome::failed;
     }
     remove_temporary.cancel();
     *error = sync_folder(where, fd.get());

@@ -27,6 +27,7 @@
 //
 // The path must be writable by the process even when its folder is; otherwise nothing is written.
 // Two processes that replace the same file do so one after the other; EBUSY when the other one, or
-// a lock that somebody holds on the file (flock), does not give way within two seconds.
+// a lock that somebody holds on the file (flock), does not give way within two seconds. As long is
+// waited where the process is out of descriptors.
 [[nodiscard]] int replace_file(const char* path, std::string_view content,
                                file_stamp* stamp = nullptr) noexcept;

@@ -296,9 +296,10 @@ void begin_check(scheduler_state* state, std::time_t now) {
         drop_timers_of_local_times(state);
         state->floor = now;
     }
-    const std::time_t skipped = min_floor(now) - state->floor;
-    if (state->previous_check != 0 && skipped > 0 && qz_map_size(state->entries) > 0) {
-        log_line(state, "sched: nothing was run from %s to %s", moment_text(state->floor).text,
+    const std::time_t unwatched = min_floor(state->previous_check) + minute_s;
+    if (state->previous_check != 0 && unwatched < min_floor(now) &&
+        qz_map_size(state->entries) > 0) {
+        log_line(state, "sched: nothing was run from %s to %s", moment_text(unwatched).text,
                  moment_text(now).text);
     }
     state->previous_check = now;
@@ -434,11 +435,11 @@ void exchange_entries(scheduler_state* state, scheduler_state* fresh, std::time_
     if (state->floor != fresh->floor) {
         state->floor = now;  // a new hour has begun meanwhile
     }
-    const std::time_t minute = min_floor(now);
-    for (schedule_entry* entry = first_timer(state); entry != nullptr && entry->next < minute;
-         entry = first_timer(state)) {
+    const local_moment at(now);
+    for (schedule_entry* entry = first_timer(state);
+         entry != nullptr && entry->next < at.minute_start(); entry = first_timer(state)) {
         remove_timer(state, entry);
-        (void)timer_add(state, entry, now);
+        (void)plan_entry(state, entry, at);
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,11 @@ class pass_share {
 
 [[nodiscard]] scheduler_state* new_scheduler_state(sched_start_fn start);
 void delete_scheduler_state(scheduler_state* state);  // null is ignored
+
+struct scheduler_deleter {
+    void operator()(scheduler_state* state) const { delete_scheduler_state(state); }
+};
+using scheduler_ptr = std::unique_ptr<scheduler_state, scheduler_deleter>;
 
 // One line for the log, unless the state's lines are used up: then it is counted.
 [[gnu::format(printf, 2, 3)]] void log_line(scheduler_state* state, const char* format, ...);

@@ -3,17 +3,21 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "core/state_writer.h"
 #include "lib/file.h"
+#include "lib/odd_lines.h"
 #include "lib/rbtree.h"
 
 namespace {
 
-constexpr int line_bytes = 1024;         // a longer line comes in pieces, each a line of its own
-constexpr int lines_between_looks = 64;  // at the clock
+constexpr std::size_t line_bytes = 1024;  // a longer line comes in pieces, each a line of its own
+constexpr int lines_between_looks = 64;   // at the clock
 constexpr int told_lines_max = 10;
+constexpr std::int32_t small_schedule = 1000;  // entries that are freed at once
 
 }  // namespace
 
@@ -28,7 +32,10 @@ class schedule_reader {
             path_ = path;
             file_ = stream_of(open_regular(path), "r");
             if (file_ == nullptr) {
-                log_line(into_, "schedule %s: %s", path, std::strerror(errno));
+                log_line(into_, "schedule %s: %s", path,
+                         errno == EINVAL ? "not a regular file" : std::strerror(errno));
+            } else {
+                lines_.emplace(file_.get(), line_bytes);
             }
         }
     }
@@ -38,10 +45,9 @@ class schedule_reader {
         if (file_ == nullptr) {
             return true;
         }
-        char line[line_bytes];
-        for (int lines = 1; std::fgets(line, sizeof line, file_.get()) != nullptr; ++lines) {
-            take(line);
-            if (lines % lines_between_looks == 0 && share.used_up()) {
+        for (int read = 1; lines_->next(); ++read) {
+            take(lines_->visible());
+            if (read % lines_between_looks == 0 && share.used_up()) {
                 return false;
             }
         }
@@ -52,32 +58,42 @@ class schedule_reader {
 
   private:
     void take(std::string_view line) {
-        number_ += at_line_start_ ? 1 : 0;
-        at_line_start_ = line.ends_with('\n');
-        line.remove_suffix(at_line_start_ ? 1 : 0);
         schedule_fault fault;
         schedule_entry* entry = parse_schedule_line(line, &fault);
         if (!only_id_.empty() && fault.id != only_id_) {
             sched_free(entry);
         } else if (entry != nullptr) {
             ++loaded_;
+            if (line.ends_with('\r')) {
+                returns_.add(lines_->number());
+            }
+            if (line.size() < lines_->text().size()) {
+                tell(fault.id, "a zero byte ends the command");
+            }
             if (!add_entry(into_, entry, now_)) {
                 tell(fault.id, "the id is taken, so this line runs once at most");
             }
-        } else if (!fault.text.empty()) {
+        } else if (!fault.text.empty() && bad_line_ != lines_->number()) {
+            bad_line_ = lines_->number();  // once, however many pieces it comes in
             ++bad_;
             tell(fault.id, fault.text);
         }
     }
 
     void tell(std::string_view id, const std::string& what) {
-        log_line(into_, "schedule %s:%d: job %s: %s", path_.c_str(), number_,
-                 std::string(id).c_str(), what.c_str());
+        constexpr std::size_t longest_id = 64;
+        log_line(into_, "schedule %s:%zu: job %s: %s", path_.c_str(), lines_->number(),
+                 std::string(id.substr(0, longest_id)).c_str(), what.c_str());
     }
 
     void tell_counts() {
-        into_->lines_left = 1;
+        into_->lines_left = 2;
         into_->lines_left_out = 0;
+        if (returns_.count() > 0) {
+            log_line(into_,
+                     "schedule %s, %s: the carriage return at the end belongs to the command",
+                     path_.c_str(), returns_.text().c_str());
+        }
         log_line(into_, "schedule %s: %d entries%s%s, %d lines not loaded", path_.c_str(), loaded_,
                  only_id_.empty() ? "" : " of job ", only_id_.c_str(), bad_);
     }
@@ -87,8 +103,9 @@ class schedule_reader {
     std::time_t now_;
     std::string path_;
     file_ptr file_;
-    bool at_line_start_ = true;
-    int number_ = 0;
+    std::optional<line_pieces> lines_;  // of the file
+    line_numbers returns_;
+    std::size_t bad_line_ = 0;
     int loaded_ = 0;
     int bad_ = 0;
 };
@@ -108,30 +125,24 @@ schedule_rescan::schedule_rescan(scheduler_state* state, std::string id, const c
     fresh_->ctx = state->ctx;
     fresh_->log = state->log;
     fresh_->floor = state->floor;
-    reader_ = std::make_unique<schedule_reader>(fresh_, id_, path, now);
+    reader_ = std::make_unique<schedule_reader>(fresh_.get(), id_, path, now);
 }
 
 schedule_rescan::~schedule_rescan() {
-    delete_scheduler_state(fresh_);
+    if (fresh_ != nullptr && qz_map_size(fresh_->entries) > small_schedule) {
+        destroy_behind_writes(std::move(fresh_));
+    }
 }
 
 bool schedule_rescan::go_on(std::time_t now) {
-    const pass_share share(state_);
-    if (reader_ != nullptr) {
-        if (!reader_->go_on(share)) {
-            return false;
-        }
-        reader_.reset();
-        if (id_.empty()) {
-            exchange_entries(state_, fresh_, now);
-        } else {
-            remove_entries(state_, id_);
-            move_entries(state_, fresh_, now);
-        }
-        if (share.used_up()) {
-            return false;
-        }
+    if (!reader_->go_on(pass_share(state_))) {
+        return false;
     }
-    delete_scheduler_state(std::exchange(fresh_, nullptr));
+    if (id_.empty()) {
+        exchange_entries(state_, fresh_.get(), now);
+    } else {
+        remove_entries(state_, id_);
+        move_entries(state_, fresh_.get(), now);
+    }
     return true;
 }

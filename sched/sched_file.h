@@ -32,7 +32,7 @@ class schedule_rescan {
 
   private:
     scheduler_state* state_;
-    scheduler_state* fresh_;                   // what has been read, then what was there before
+    scheduler_ptr fresh_;                      // what has been read, then what was there before
     std::unique_ptr<schedule_reader> reader_;  // null: the file has been read
     std::string id_;                           // empty: everything
 };

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -112,20 +111,18 @@ qz_map* principals(const role_entry* row, int kind) {
 }
 
 bool read_access_file(std::FILE* file, role_entry* row) {
-    std::array<char, line_bytes> line{};
-    std::size_t number = 1;
+    line_pieces lines(file, line_bytes);
     bool names_somebody = false;
-    while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-        std::string_view text = line.data();
-        const bool ends = text.ends_with('\n');
-        text.remove_suffix(ends ? 1 : 0);
-        if (add_line(text, row)) {
-            names_somebody = true;
-        } else if (!is_idle_line(text) && row->strays.size() <= stray_bytes_max) {
-            row->stray_numbers.add(number);
-            row->strays.append(text).append("\n");
+    while (lines.next()) {
+        const bool named = add_line(lines.visible(), row);
+        names_somebody = names_somebody || named;
+        // What a zero byte hides would be lost, too.
+        const bool understood = named || is_idle_line(lines.text());
+        if ((!understood || lines.visible().size() < lines.text().size()) &&
+            row->strays.size() <= stray_bytes_max) {
+            row->stray_numbers.add(lines.number());
+            row->strays.append(lines.text()).append("\n");
         }
-        number += ends ? 1 : 0;
     }
     return std::ferror(file) == 0 && (row->strays.empty() || names_somebody) &&
            row->strays.size() <= stray_bytes_max;

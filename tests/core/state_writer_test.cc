@@ -224,6 +224,36 @@ TEST_F(state_writer_test, LinesThatWouldBeLostAreSavedFirst) {
     EXPECT_EQ(errors, (std::vector{0, 0, ELOOP, 0}));
 }
 
+TEST_F(state_writer_test, EditsOfSomebodyElseAreSavedOnce) {
+    const std::string backup = file() + ".bak";
+    write(file(), "a\n");
+    const auto known = std::make_shared<known_file>(known_file{stamp_of(file().c_str())});
+    const auto write_as = [&](const std::string& text, const std::string& lost) {
+        write_state({.path = file(),
+                     .content = [text] { return text; },
+                     .dropped = lost,
+                     .known = known,
+                     .written = [this](int error) { errors.push_back(error); }});
+        finish_state_writes();
+        return std::exchange(known->rescued, 0);
+    };
+    EXPECT_EQ(write_as("b\n", ""), 0U) << "what was read may go";
+    ASSERT_EQ(chmod(file().c_str(), 0600), 0);
+    EXPECT_EQ(write_as("c\n", ""), 0U) << "its rights are not its content";
+    write(file(), "# why\n\nc\nmine\nlost\nmine too");
+    std::filesystem::create_directory(backup);
+    EXPECT_EQ(write_as("c\n", "lost\n"), 0U);
+    EXPECT_EQ(read(file()).substr(0, 5), "# why") << "not before they are saved";
+    std::filesystem::remove(backup);
+    EXPECT_EQ(write_as("d\n", ""), 3U);
+    EXPECT_EQ(write_as("e\n", ""), 0U);
+    EXPECT_EQ(read(backup), "lost\nc\nmine\nmine too\n");
+    EXPECT_EQ(read(file()), "e\n");
+    EXPECT_EQ(errors, (std::vector{0, 0, EISDIR, 0, 0}));
+    std::filesystem::remove(file());
+    EXPECT_EQ(write_as("f\n", ""), 0U);
+}
+
 // Whatever was answered is in the file at that moment, while 16 requests at a time change it.
 TEST_F(state_writer_test, NoAnswerBeforeItsContentStands) {
     std::vector<std::pair<int, std::unique_ptr<write_wait>>> open;

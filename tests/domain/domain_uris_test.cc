@@ -483,6 +483,15 @@ TEST_F(domain_server, WhatSomebodyWroteIsToldAndSaved) {
     enrol("ide");
     EXPECT_EQ(read_whole_file(mine.string() + ".bak"), bad + "no host\n");
     EXPECT_EQ(count_of(read_whole_file(mine), "\n"), 4U);
+    // An edit while the daemon runs.
+    const std::string edit = "z.example:r:idz:o:1:x:plx\n";
+    testing::internal::CaptureStderr();
+    (void)engine.root.write("mine", "# new\n" + edit + read_whole_file(mine));
+    enrol("idf");
+    EXPECT_EQ(count_of(testing::internal::GetCapturedStderr(), "was edited meanwhile: 1 lines"),
+              1U);
+    EXPECT_EQ(read_whole_file(mine.string() + ".bak"), bad + "no host\n" + edit);
+    EXPECT_EQ(count_of(read_whole_file(mine), "\n"), 5U);
     // Comments alone are an empty domain.
     reload(engine.root.write("comments", "# one\n\n"));
     enrol("ida");
@@ -501,6 +510,15 @@ TEST_F(domain_server, AFailedWriteIsToldOnceAndMadeUpFor) {
     EXPECT_EQ(count_of(read_whole_file(engine.root.path() / "later\n/domain"), "\n"), 3U);
     EXPECT_EQ(count_of(log, "is not written"), 1U) << log;
     EXPECT_EQ(count_of(log, "later?/domain is written again\n"), 1U) << "no line of the caller's";
+    // One that fails when the daemon has left the file is told, too.
+    std::filesystem::remove_all(engine.root.path() / "later\n");
+    testing::internal::CaptureStderr();
+    const std::string last = make_request("POST", "/agent/domain/register", "id=last&host=h");
+    const unique_fd agent = engine.connect();
+    ASSERT_GT(send(agent.get(), last.data(), last.size(), 0), 0);
+    be_standalone();
+    EXPECT_EQ(status_line(engine.exchange_on(agent.get(), "")), "HTTP/1.1 200 OK");
+    EXPECT_EQ(count_of(testing::internal::GetCapturedStderr(), "later?/domain is not written"), 1U);
 }
 
 }  // namespace

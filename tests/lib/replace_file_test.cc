@@ -7,6 +7,8 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "tests/lib/file_fixture.h"
 
@@ -118,6 +120,47 @@ TEST_F(replace_file_test, overwrites_in_place_where_no_second_file_may_be) {
     EXPECT_TRUE(nobody_gets(0, file));
     EXPECT_EQ(read(file), "new");
     EXPECT_EQ(status_of(file).st_ino, before);
+}
+
+// A container's way: one writable file in a folder that can't be written.
+TEST_F(replace_file_test, overwrites_a_file_that_is_mounted_alone) {
+    const std::string file = path("sealed/f");
+    const auto replaced = [&] {
+        write(path("f"), "old");
+        return mkdir(path("sealed").c_str(), 0755) == 0 &&
+               mount("tmpfs", path("sealed").c_str(), "tmpfs", 0, nullptr) == 0 &&
+               replace_file(file.c_str(), "") == 0 &&
+               mount(path("f").c_str(), file.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+               mount("", path("sealed").c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0 &&
+               replace_file(file.c_str(), "new") == 0 && read(path("f")) == "new";
+    };
+    if (!holds_on("", [] { return true; })) {
+        GTEST_SKIP() << "needs the right to mount a file system";
+    }
+    EXPECT_TRUE(holds_on("", replaced));
+}
+
+TEST_F(replace_file_test, waits_for_a_descriptor) {
+    const std::string file = path("f");
+    write(file, "old");
+    const ino_t before = status_of(file).st_ino;
+    EXPECT_TRUE(holds_in_child([&] {
+        int last = -1;
+        for (int fd = dup(0); fd >= 0; fd = dup(0)) {
+            last = fd;
+        }
+        (void)close(last);  // one for the file itself; another one is given back while it waits
+        std::thread giving([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            (void)close(last - 1);
+            (void)close(last - 2);
+        });
+        const int result = replace_file(file.c_str(), "new");
+        giving.join();
+        return result == 0;
+    }));
+    EXPECT_EQ(read(file), "new");
+    EXPECT_NE(status_of(file).st_ino, before);
 }
 
 // Without the list, its mask would become the rights of the owning group.

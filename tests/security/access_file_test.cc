@@ -17,6 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using names = std::vector<std::string>;
+using namespace std::string_literals;
 
 class access_file : public rights_test {
   protected:
@@ -47,14 +48,17 @@ TEST_F(access_file, lists_one_principal_a_line) {
     read(
         "alice:user\n bob smith :USER trailing\ncarol:Username\nwheel:group\r\n"
         "staff:groups:user\nno type\nempty:\nblank: user\n:user\nhost:host\n\nROOTX:user\n" +
-        std::string(260, 'n') + ":user\n" + "dave:user");
+        std::string(260, 'n') + ":user\n" + "eve:user\0hidden\n"s + "dave:user");
     // The long line falls into 255 characters without a type and "nnnnn:user".
     EXPECT_EQ(listed(kind_user),
-              (names{" bob smith ", "alice", "carol", "dave", "nnnnn", "ROOTX"}));
+              (names{" bob smith ", "alice", "carol", "dave", "eve", "nnnnn", "ROOTX"}));
     EXPECT_EQ(listed(kind_group), (names{"staff", "wheel"}));
     EXPECT_EQ(access_file_text(&row),
-              " bob smith :user\nalice:user\ncarol:user\ndave:user\nnnnnn:user\n"
-              "staff:group\nwheel:group\n");
+              " bob smith :user\nalice:user\ncarol:user\ndave:user\neve:user\n"
+              "nnnnn:user\nstaff:group\nwheel:group\n");
+    EXPECT_EQ(row.strays, "no type\nempty:\nblank: user\n:user\nhost:host\n" +
+                              std::string(255, 'n') + "\neve:user\0hidden\n"s);
+    EXPECT_EQ(row.stray_numbers.text(), "lines 6, 7, 8, 9, 10, 13 and 14");
 }
 
 TEST_F(access_file, search_goes_by_the_length_of_the_probe) {
