@@ -179,9 +179,21 @@ TEST_F(domain_server, RegisterAnswersWhatItReceivedAndStoresWhatTheFileCanHold) 
 }
 
 TEST_F(domain_server, TextIsUtf8) {
-    for (const char* body : {"id=%ff&host=h", "id=i&host=%c3", "id=i&host=%ed%a0%80"}) {
+    for (const std::string_view text : {"%ff", "%c3", "%ed%a0%80", "%22", "%5c", "%01", "%7f"}) {
+        const std::string bad(text);
+        for (const std::string& body : {"id=" + bad + "&host=h", "id=i&host=" + bad}) {
+            EXPECT_EQ(body_of(post("/agent/domain/register", body)), "Error: Missing information");
+        }
+    }
+    for (const char* body : {"id=a:b&host=h", "id=i&host=[::1]", "id=i&host=h]", "id=&host=h"}) {
         EXPECT_EQ(body_of(post("/agent/domain/register", body)), "Error: Missing information");
     }
+    // An id of more than 39 characters can't be named again.
+    enrol(std::string(40, 'i'));
+    enrol(std::string(39, 'i'));
+    EXPECT_EQ(leave(std::string(40, 'i')), "Success\n") << "cut, it is the other one";
+    EXPECT_EQ(leave(std::string(40, 'i')), "Host not found\n");
+    registry_remove_host(engine.ctx, std::string(40, 'i').c_str());
     // A value that is too long is not cut inside a character.
     const std::string id(62, 'i');
     const std::string os(30, 'o');

@@ -61,18 +61,6 @@ def test_put_in_pieces_with_the_next_request_behind(make_daemon):
     assert (daemon.root / "up" / "load.bin").read_bytes() == body
 
 
-def test_post_in_three_packets_to_an_endpoint(make_daemon):
-    daemon = make_daemon()
-    with daemon.connect() as sock:
-        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for part in (b"POST /admin/dovmad/config HTTP/1.1\r\nContent-Le", b"ngth: 12\r\n\r\nmo",
-                     b"de=nothing"):
-            sock.sendall(part)
-            time.sleep(0.2)
-        assert sock.makefile("rb").read() == (
-            b"HTTP/1.1 400 Bad Params\r\nContent-Type: text/plain\r\n\r\nBad Params")
-
-
 def test_large_downloads_keep_every_byte(make_daemon):
     daemon = make_daemon(auth=True)
     (daemon.root / "world").mkdir()

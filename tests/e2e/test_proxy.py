@@ -175,30 +175,6 @@ def test_bodies_arrive_whole_and_alone(make_daemon, upstream):
             ("Authorization", ROOT_ADMIN), ("Connection", "close")]
 
 
-def test_chunked_upload_ends_with_its_last_chunk(make_daemon, raw_target):
-    received = []
-
-    def play(sock):
-        data = read_head(sock)
-        while b"0\r\n\r\n" not in data:
-            data += sock.recv(65536)
-        sock.settimeout(0.5)
-        try:
-            data += sock.recv(65536)
-        except socket.timeout:
-            pass
-        received.append(data)
-        sock.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")
-
-    port = raw_target(play)
-    daemon = make_daemon()
-    body = b"4000\r\n" + b"x" * 0x4000 + b"\r\n" + b"5;a=b\r\nhello\r\n0\r\n\r\n"
-    request = get(f"/http://127.0.0.1:{port}/up", "Transfer-Encoding: chunked", method="POST")
-    reply = until_close(daemon, request + body + b"GET /admin HTTP/1.1\r\n\r\n")
-    assert reply.endswith(b"\r\n\r\nok")
-    assert received[0].split(b"\r\n\r\n", 1)[1] == body
-
-
 # --- TLS ---
 
 @pytest.fixture(name="authority")

@@ -160,21 +160,6 @@ def test_rescan_of_one_entry_and_of_all(make_daemon, schedule):
     assert (reply.status, reply.reason) == (400, "Request is too big")
 
 
-def test_file_edited_while_running(make_daemon, schedule):
-    """Half-written files, long lines and binary rubbish: what is readable is loaded."""
-    daemon = make_daemon(scheduler_file=schedule)
-    for content, expected in [
-            (b"a - 5 - x x x /bin/tr", ["a"]),
-            (b"a - 5 - x", []),
-            (b"a - 5 - x x x /bin/true\n" + b"long" * 5000 + b"\nb - 5 - x x x /bin/true", ["a", "b"]),
-            (bytes(range(256)) * 50 + b"\nz - 5 - x x x /bin/true\n", ["z"]),
-            (b"a - 5 - x x x one\na - 5 - x x x two\n" * 300, ["a"]),
-            (b"", [])]:
-        schedule.write_bytes(content)
-        rescan(daemon)
-        assert ids(daemon) == expected, content[:60]
-
-
 def test_a_thousand_entries_start_and_leave_nothing(make_daemon, schedule, tmp_path):
     out = tmp_path / "out"
     out.mkdir()
@@ -186,20 +171,3 @@ def test_a_thousand_entries_start_and_leave_nothing(make_daemon, schedule, tmp_p
     wait_for(lambda: len(os.listdir(out)) == 1000, daemon)
     wait_for(lambda: daemon.children() == [], daemon)
     wait_for(lambda: daemon.fd_count() <= before, daemon)
-
-
-def test_dump_of_thousands_for_a_slow_reader(make_daemon, schedule):
-    count = 5000
-    schedule.write_text("".join(f"{i:05} - 100 - x x x /bin/true\n" for i in range(count)))
-    daemon = make_daemon(scheduler_file=schedule)
-    with daemon.connect() as sock:
-        sock.settimeout(60)
-        sock.sendall(b"GET /admin/sched/dump HTTP/1.1\r\n\r\n")
-        received = b""
-        while chunk := sock.recv(5000):
-            received += chunk
-    body = received.partition(b"\r\n\r\n")[2].decode()
-    assert re.findall(r"^id=(\d+) {7}interval=100 sortkey=\d{10}-\1 p=0 k=0$", body, re.M) == [
-        f"{i:05}" for i in range(count)]
-    assert body.startswith("---- scheduler data structures ----\nnow=  ")
-    assert body.count("\twaiting...\n") == count and body.endswith("waiting...\n\n")

@@ -403,25 +403,6 @@ def test_tells_of_changes_that_were_not_written(make_daemon):
         daemon.stop()
 
 
-def test_edits_files_as_the_daemon_does(make_daemon, site):
-    """The same random changes, through a daemon and in files, leave the same files behind."""
-    daemon = make_daemon(auth=True)
-    make_role_folders(daemon.root)
-    chance = random.Random(11)
-    names = ["al", "alice", "Alice", "bob", "bobby", "rootling", "carol@x.y"]
-    for _ in range(60):
-        args = [chance.choice(("grant", "grant", "deny")), chance.choice(names),
-                chance.choice(ROLES)]
-        if chance.random() < 0.4:
-            args.insert(0, "-g")
-        good(as_root(daemon, *args))
-        site.good(*args)
-        for role in ROLES:
-            path = daemon.root / role / ".dovmaaccess"
-            ours = site.access(role)
-            assert ours == (path.read_text() if path.exists() else None), (args, role)
-
-
 def test_accounts_of_a_running_daemon(make_daemon):
     daemon = make_daemon(auth=True)
     make_role_folders(daemon.root)

@@ -119,41 +119,19 @@ TEST_F(environment_test, names_everything_in_order) {
     qz_vector_pushback(c.groups, qzstrdup("a"));
     qz_vector_pushback(c.groups, qzstrdup("b"));
     set_headers("X-Foo-Bar: v\r\nEmpty: \r\nA:b\r\nNone:\r\n: x\r\nno colon\r\nproxy:  two\r\n");
-    const std::vector<std::string> expected = {
-        "GATEWAY_INTERFACE=CGI/1.1",
-        "SERVER_PROTOCOL=HTTP/1.1",
-        "REDIRECT_STATUS=200",
-        "SERVER_PORT=0",
-        "SERVER_NAME=realm",
-        "SERVER_ROOT=/srv",
-        "DOCUMENT_ROOT=/srv",
-        "REQUEST_METHOD=POST",
-        "PLX_VAR_DIR=/var/x",
-        "REMOTE_ADDR=192.0.2.7",
-        "REMOTE_PORT=4660",
-        "REQUEST_URI=/x/run.cgi",
-        "SCRIPT_NAME=/srv/x/run.cgi",
-        "SCRIPT_FILENAME=run.cgi",
-        "PATH_TRANSLATED=/srv/x/run.cgi",
-        "PLXE_ROLE=pub",
-        "PLX_GROUPS=a,b,",
-        "CONTENT_TYPE=text/x",
-        "QUERY_STRING=a=&b c",
-        "PATH_INFO=/more/of it",
-        "CONTENT_LENGTH=12",
-        "PATH=/p",
-        "LC_TIME=C",
-        "REMOTE_USER=ann@host",
-        "AUTH_TYPE=Basic",
-        "ONE=1",
-        "TWO=2 ",
-        "THREE=a b",
-        "HTTP_X_FOO_BAR=v",
-        "HTTP_EMPTY=",
-        "HTTP_A=",
-        "HTTP_PROXY= two",
-    };
-    EXPECT_EQ(build(), expected);
+    std::string all;
+    for (const std::string& item : build()) {
+        all += item + "|";
+    }
+    EXPECT_EQ(all,
+              "GATEWAY_INTERFACE=CGI/1.1|SERVER_PROTOCOL=HTTP/1.1|REDIRECT_STATUS=200|"
+              "SERVER_PORT=0|SERVER_NAME=realm|SERVER_ROOT=/srv|DOCUMENT_ROOT=/srv|"
+              "REQUEST_METHOD=POST|PLX_VAR_DIR=/var/x|REMOTE_ADDR=192.0.2.7|REMOTE_PORT=4660|"
+              "REQUEST_URI=/x/run.cgi|SCRIPT_NAME=/srv/x/run.cgi|SCRIPT_FILENAME=run.cgi|"
+              "PATH_TRANSLATED=/srv/x/run.cgi|PLXE_ROLE=pub|PLX_GROUPS=a,b,|CONTENT_TYPE=text/x|"
+              "QUERY_STRING=a=&b c|PATH_INFO=/more/of it|CONTENT_LENGTH=12|PATH=/p|LC_TIME=C|"
+              "REMOTE_USER=ann@host|AUTH_TYPE=Basic|ONE=1|TWO=2 |THREE=a b|HTTP_X_FOO_BAR=v|"
+              "HTTP_EMPTY=|HTTP_A=|HTTP_PROXY= two|");
     qz_vector_destroy(c.groups);
     c.groups = nullptr;
 }
@@ -166,18 +144,9 @@ TEST_F(environment_test, stays_within_its_block) {
     EXPECT_EQ(base.at(10), "REQUEST_URI=/x/run.cgi") << "no port for a local peer";
     EXPECT_EQ(base.at(14), "PLXE_ROLE=admin") << "no role was recorded";
 
-    for (int i = 0; i < 100; ++i) {
-        ctx.cgi_envvar += "V" + std::to_string(i) + "=1,";
-    }
-    set_headers("First: 1\r\nSecond: 2\r\n");
-    std::vector<std::string> full = build();
-    ASSERT_EQ(full.size(), 63U) << "62 variables and one header";
-    EXPECT_EQ(full.back(), "HTTP_FIRST=1");
-
-    ctx.cgi_envvar.clear();
     const std::string large(3000, 'x');
     set_headers("Large: " + large + "\r\nAlso-Large: " + large + "\r\nSmall: s\r\n");
-    full = build();
+    const std::vector<std::string> full = build();
     EXPECT_EQ(full.at(full.size() - 2), "HTTP_LARGE=" + large);
     EXPECT_EQ(full.back(), "HTTP_SMALL=s") << "what does not fit is left out, the rest stays";
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -90,51 +91,32 @@ TEST_F(rights_policy, who_holds_what_and_why) {
                          {"operator", "olga:user\nops:group\n"},
                          {"admin", "ada:user\nchiefs:group\n"},
                          {"agent", "host:user\nhosts:group\n"}};
+    const char* const all = "operator admin agent";
     const struct {
         const char* user;
         std::vector<std::string> groups;
-        texts reasons;  // by role; "not listed" where nothing stands
+        std::string_view roles;  // that are held besides pub
+        const char* reason;
     } rows[] = {
-        {"olga", {}, {{"operator", "listed as operator"}}},
-        {"ada",
-         {"ops"},
-         {{"operator", "listed as admin"},
-          {"admin", "listed as admin"},
-          {"agent", "listed as admin"}}},
-        {"host", {"guests"}, {{"agent", "listed as agent"}}},
-        {"nina", {"games", "ops"}, {{"operator", "group ops is listed as operator"}}},
-        {"nina",
-         {"chiefs"},
-         {{"operator", "group chiefs is listed as admin"},
-          {"admin", "group chiefs is listed as admin"},
-          {"agent", "group chiefs is listed as admin"}}},
-        {"unit@x.qz",
-         {"hosts", "ops"},
-         {{"operator", "group ops is listed as operator"}}},  // agent never by group
-        {"root",
-         {},
-         {{"operator", "listed as admin"},
-          {"admin", "listed as admin"},
-          {"agent", "listed as admin"}}},
-        {"nina",
-         {"root"},
-         {{"operator", "group root is listed as admin"},
-          {"admin", "group root is listed as admin"},
-          {"agent", "group root is listed as admin"}}},
-        {"al", {}, {}},
-        {"ad",
-         {},
-         {{"operator", "listed as admin"},
-          {"admin", "listed as admin"},
-          {"agent", "listed as admin"}}},
+        {"olga", {}, "operator", "listed as operator"},
+        {"ada", {"ops"}, all, "listed as admin"},
+        {"ad", {}, all, "listed as admin"},
+        {"al", {}, "", ""},
+        {"root", {}, all, "listed as admin"},
+        {"host", {"guests"}, "agent", "listed as agent"},
+        {"nina", {"games", "ops"}, "operator", "group ops is listed as operator"},
+        {"nina", {"chiefs"}, all, "group chiefs is listed as admin"},
+        {"nina", {"root"}, all, "group root is listed as admin"},
+        // Agent never by group.
+        {"unit@x.qz", {"hosts", "ops"}, "operator", "group ops is listed as operator"},
     };
     files_are(files);
     for (const auto& row : rows) {
         for (const role_number role : all_roles) {
-            const auto found = row.reasons.find(role_name(role));
-            const std::string expected = role == role_pub             ? "every user holds pub"
-                                         : found != row.reasons.end() ? found->second
-                                                                      : "not listed";
+            const bool held = row.roles.find(role_name(role)) != row.roles.npos;
+            const std::string expected = role == role_pub ? "every user holds pub"
+                                         : held           ? row.reason
+                                                          : "not listed";
             const standing judged = rights().judge_user(role, row.user, row.groups);
             EXPECT_EQ(in_words(judged), expected) << row.user << " " << role_name(role);
             EXPECT_EQ(judged.held(), expected != "not listed");
@@ -150,62 +132,52 @@ TEST_F(rights_policy, what_grant_and_deny_write) {
                          {"operator", "bob:user\nann:user\n"},
                          {"agent", "bob:user\nbob:group\n"}};
     const struct {
-        bool give;
-        const char* role;
-        const char* who;
-        int kind;
+        const char* request;              // what, role, kind, who
         std::vector<std::string> writes;  // in this order
         texts after;                      // the files that differ from the start
     } rows[] = {
-        {true,
-         "admin",
-         "bob",
-         kind_user,
+        {"grant admin user bob",
          {"agent", "operator", "pub", "admin"},
          {{"agent", "bob:group\n"},
           {"operator", "ann:user\n"},
           {"pub", "*:user\n"},
           {"admin", "bob:user\n"}}},
-        {true,
-         "operator",
-         "bob",
-         kind_group,
+        {"grant operator group bob",
          {"operator"},
          {{"operator", "ann:user\nbob:user\nbob:group\n"}}},
-        {true,
-         "agent",
-         "zoe",
-         kind_user,
-         {"agent"},
-         {{"agent", "bob:user\nzoe:user\nbob:group\n"}}},
-        {true, "pub", "zoe", kind_user, {}, {}},
-        {true, "pub", "staff", kind_group, {"pub"}, {{"pub", "*:user\nbob:user\nstaff:group\n"}}},
-        {true, "operator", "an", kind_user, {}, {}},  // held, by the beginning of a name
-        {true, "admin", "ROOTx", kind_user, {}, {}},
-        {false, "operator", "ann", kind_user, {"operator"}, {{"operator", "bob:user\n"}}},
-        {false, "operator", "an", kind_user, {}, {}},
-        {false, "operator", "ANN", kind_user, {}, {}},
-        {false, "agent", "bob", kind_group, {"agent"}, {{"agent", "bob:user\n"}}},
-        {false, "admin", "root", kind_user, {}, {}},
-        {false, "pub", "*", kind_user, {}, {}},
-        {false, "pub", "*", kind_group, {}, {}},
+        {"grant agent user zoe", {"agent"}, {{"agent", "bob:user\nzoe:user\nbob:group\n"}}},
+        {"grant pub user zoe", {}, {}},
+        {"grant pub group staff", {"pub"}, {{"pub", "*:user\nbob:user\nstaff:group\n"}}},
+        {"grant operator user an", {}, {}},  // held, by the beginning of a name
+        {"grant admin user ROOTx", {}, {}},
+        {"deny operator user ann", {"operator"}, {{"operator", "bob:user\n"}}},
+        {"deny operator user an", {}, {}},
+        {"deny operator user ANN", {}, {}},
+        {"deny agent group bob", {"agent"}, {{"agent", "bob:user\n"}}},
+        {"deny admin user root", {}, {}},
+        {"deny pub user *", {}, {}},
+        {"deny pub group *", {}, {}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.give ? "grant " : "deny ") + row.role + " " + row.who);
+        SCOPED_TRACE(row.request);
         files_are(start);
         role_files all = rights();
-        const rights_change change = row.give ? all.grant(number(row.role), row.who, row.kind)
-                                              : all.deny(number(row.role), row.who, row.kind);
+        std::istringstream words(row.request);
+        std::string what, role, kind, who;
+        words >> what >> role >> kind >> who;
+        const auto ask = what == "grant" ? &role_files::grant : &role_files::deny;
+        const rights_change change = (all.*ask)(number(role), who, get_principal_kind(kind));
         EXPECT_EQ(change.changed, !row.writes.empty());
         EXPECT_EQ(change.error, 0);
         EXPECT_EQ(writes, row.writes);
         texts expected = start;
-        for (const auto& [role, text] : row.after) {
-            expected[role] = text;
+        for (const auto& [file, text] : row.after) {
+            expected[file] = text;
         }
         EXPECT_EQ(files(), expected);
         if (!row.writes.empty()) {
-            EXPECT_EQ(all.judge(number(row.role), row.who, row.kind).held(), row.give);
+            const standing now = all.judge(number(role), who.c_str(), get_principal_kind(kind));
+            EXPECT_EQ(now.held(), what == "grant");
         }
         EXPECT_TRUE(told.empty());
     }
