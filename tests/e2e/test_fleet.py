@@ -75,15 +75,17 @@ def test_metrics_are_what_is_there(make_daemon, tmp_path):
     daemon.error_log.write_text("")
     daemon.request("GET", "/pub/", user="nobody:wrong")
     with open(daemon.error_log, "a", encoding="utf-8") as log:
-        log.write('[Sun Nov 22 03:44:30 2026] [error] [client -] "-" slow pass: 120 ms, 9 ms of it\n')
+        log.write('[Sun Nov 22 03:44:30 2026] [error] [client -] "-" slow pass: 9120 ms, 9 ms\n')
     again = samples_of(run("dovmad-metrics", *options).stdout)
     assert again['dovmad_refusals_total{status="401"}'] == 3
-    assert again["dovmad_slow_passes_total"] == 1 and again["dovmad_longest_pass_seconds"] == 0.12
+    slow = daemon.error_log.read_text().count("slow pass: ")
+    assert again["dovmad_slow_passes_total"] == seen["dovmad_slow_passes_total"] + slow
+    assert again["dovmad_longest_pass_seconds"] == 9.12
 
     # A login that may not read the schedule costs that part, and nothing else.
     daemon.user_tool("add", "agent", input="agents-password\n")
-    daemon.post("/admin/security/grant", {"user": f"agent@local.{socket.gethostname().split('.')[0]}",
-                                          "role": "agent", "type": "user"}, user=root)
+    name = f"agent@local.{socket.gethostname().split('.')[0]}"
+    daemon.post("/admin/security/grant", {"user": name, "role": "agent", "type": "user"}, user=root)
     agent = ["--user", "agent", "--password-file", secret(tmp_path / "agent", "agents-password")]
     done = run("dovmad-metrics", *options, *agent, status=77)
     part = samples_of(done.stdout)
@@ -205,8 +207,8 @@ BAD = {
     "too slow": (VITALS, None, 69, "no whole reply within 1 s"),
     "out of order": (VITALS, reply("", "HTTP/1.1 500 Internal Error\r\n"), 69, "answered 500"),
     "no login": (VITALS, reply("", "HTTP/1.1 401 Unauthorized\r\n"), 77, "login of me was refused"),
-    "no right": (VITALS, reply("", "HTTP/1.1 403 Forbidden\r\n"), 77, "does not hold the role agent"),
-    "a collector": ({**VITALS, "DOMAIN_MODE": "FALSE"}, reply(WHOLE), 65, "the server of no domain"),
+    "no right": (VITALS, reply("", "HTTP/1.1 403 Forbidden\r\n"), 77, "hold the role agent"),
+    "a collector": ({**VITALS, "DOMAIN_MODE": "FALSE"}, reply(WHOLE), 65, "server of no domain"),
     "another server": ({}, reply(WHOLE), 65, "not those of a dovmad"),
     "another clock": ({**VITALS, "LOCAL_TIME": "1000000000"}, reply(WHOLE), 75, "s behind ours"),
 }
@@ -291,7 +293,8 @@ def test_credentials_are_kept(make_daemon, tmp_path):
             (["--ca", other], "its certificate is refused"), (["--ca", loose], "No such file"),
             (["--url", f"https://127.0.0.2:{daemon.tls_port}"], "its certificate is refused"),
             (["--url", "https://me:pw@localhost"], "can be seen by everybody"),
-            (["--url", "http://192.0.2.1:1"], "without TLS"), (["--url", "localhost"], "no address"),
+            (["--url", "http://192.0.2.1:1"], "without TLS"),
+            (["--url", "localhost"], "no address"),
             (["--cert", other, "--key", tmp_path / "none"], "No such file")):
         for program in ("dovmad-agent-report", "dovmad-inventory"):
             form = ["--csv"] if program == "dovmad-inventory" else []
