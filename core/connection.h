@@ -27,6 +27,7 @@
 #include "core/fwd.h"
 #include "core/list.h"
 #include "core/namespace_ref.h"
+#include "core/pass_work.h"
 #include "core/resolver.h"
 #include "core/stream.h"
 
@@ -146,9 +147,10 @@ struct conn : list_link, exchange {
     sockaddr_storage peer{};
     socklen_t peer_length = 0;
     std::time_t birth_time = 0;
-    std::int64_t expire_time = 0;    // in monotonic seconds
-    std::int64_t visit_at_ms = 0;    // see visit_at(); 0: no such moment
-    std::uint64_t login_ticket = 0;  // the place in the queue of login_turn(); 0: none
+    std::int64_t expire_time = 0;   // in monotonic seconds
+    std::int64_t visit_at_ms = 0;   // see visit_at(); 0: no such moment
+    std::uint64_t turn_ticket = 0;  // the place in the queue of take_turn(); 0: none
+    pass_work turn_kind = {};       // and what it waits for there
     conn_state state = conn_state::serving;
     bool close_after = false;
     bool due = false;           // is to be visited in this pass
@@ -222,9 +224,16 @@ int local_port(const conn* c);
 // waited for has come; it may die before.
 void visit_soon(conn* c);
 
+// Has the connection visited once more in this pass, behind all others; in the next one where no
+// pass is under way.
+void visit_last(conn* c);
+
+// Whether this pass has visits to make behind the one that is under way.
+bool others_are_due();
+
 // Has the connection visited once monotonic_ms() has reached the moment. There is one moment for
 // each connection, of which the earliest wins: who still waits when it is visited asks again.
 void visit_at(conn* c, std::int64_t moment_ms);
 
-// Takes back what visit_soon() and visit_at() have asked for; the end of a connection does.
+// Takes back what these have asked for; the end of a connection does.
 void forget_visit(conn* c);

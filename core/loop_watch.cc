@@ -57,6 +57,12 @@ void rename_step(const char* name) {
     watch.step = name;
 }
 
+void name_request_step(const char* handler) {
+    if (watch.step == request_step) {
+        watch.step = handler;
+    }
+}
+
 void watch_pass_end(const shttpd_ctx* ctx) {
     watch_step("");
     const std::int64_t us = watch.step_begin - watch.pass_begin;

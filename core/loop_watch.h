@@ -16,6 +16,11 @@ void watch_step(const char* name);
 // Whoever knows more of the step that is under way gives it a better name.
 void rename_step(const char* name);
 
+// The visit in which a request arrives, until it is known who answers it. Then this tells so,
+// unless the step has a better name already.
+inline constexpr const char* request_step = "a new request";
+void name_request_step(const char* handler);
+
 void watch_pass_end(const shttpd_ctx* ctx);
 
 // One line for the longest pass since the start, when it took more than 20 ms. The record begins

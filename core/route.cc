@@ -215,8 +215,11 @@ bool serve_directory(conn* c, request_target& target) {
     }
     if (!target.path.ends_with('/')) {
         // Kept: the redirect's header travels inside the reason.
+        constexpr std::size_t around_reason = std::string_view("HTTP/1.1 301 \r\n\r\n").size();
         const std::string reason = "Moved Permanently\r\nLocation: " + c->request.uri + "/";
-        send_server_error(c, 301, reason.c_str());
+        // Half an address would lead elsewhere.
+        const bool fits = reason.size() + around_reason <= c->local.size;
+        send_server_error(c, fits ? 301 : 400, fits ? reason.c_str() : "URI is too long");
         return true;
     }
     if (find_index_file(c, target)) {

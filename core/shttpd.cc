@@ -22,9 +22,9 @@
 #include "core/context.h"
 #include "core/globals.h"
 #include "core/log.h"
-#include "core/login_turn.h"
 #include "core/loop_watch.h"
 #include "core/mime_type.h"
+#include "core/pass_work.h"
 #include "core/poll_set.h"
 #include "core/resolver.h"
 #include "core/state_writer.h"
@@ -65,7 +65,8 @@ list_head<listener_record> listeners;
 
 // What the main loop remembers from one pass to the next.
 struct loop_state {
-    std::vector<conn*> due;       // to be visited in this pass
+    std::vector<conn*> due;       // to be visited in this pass; null: has ended meanwhile
+    std::size_t visits = 0;       // how many of them have been
     std::vector<conn*> next_due;  // to be visited in the next one whatever poll() says
     // Who is to be visited when, in monotonic milliseconds. Every connection stands here, at the
     // latest with its expiry; one that has moved bytes since is entered anew when it is visited.
@@ -175,9 +176,7 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
         return;
     }
     // The exit statistics call this number "requests", whatever a connection carries.
-    if (ctx->accepted_connections < INT_MAX) {
-        ctx->accepted_connections += ctx->accepted_connections < INT_MAX ? 1 : 0;
-    }
+    ctx->accepted_connections += ctx->accepted_connections < INT_MAX ? 1 : 0;
     c->serial = loop.next_serial++;
     c->peer_length = std::min(peer_length, static_cast<socklen_t>(sizeof(c->peer)));
     std::memcpy(&c->peer, &peer, c->peer_length);
@@ -271,31 +270,36 @@ void collect_due(int ready) {
     }
 }
 
-// Every connection with something to do is visited once: those that wait for their turn to log in,
-// in its order, then the oldest first. The others would find nothing to do: with thousands of idle
-// ones it pays not to touch them.
+void visit(conn* c) {
+    watch_step(c->local.io != nullptr ? c->local.io->name : request_step);
+    if (!process_connection(c)) {
+        return;
+    }
+    if (c->visit_at_ms == 0) {
+        visit_at(c, expiry_ms(c));
+    }
+    if (has_hidden_input(c)) {
+        visit_soon(c);
+    } else if (waits_without_descriptor(c)) {
+        // Not in every pass: thousands of them would make each of other clients' passes long.
+        visit_at(c, monotonic_ms() + idle_call_ms);
+    }
+}
+
+// Every connection with something to do is visited, the oldest first; behind them, in their order,
+// those that wait for a turn, and others join them on the way. The rest would find nothing to do:
+// with thousands of idle connections it pays not to touch them.
 void visit_connections() {
     std::sort(loop.due.begin(), loop.due.end(), [](const conn* a, const conn* b) {
-        // Tickets begin at 1: less than 1, no ticket, comes behind all of them.
-        return std::tuple(a->login_ticket - 1, a->serial) <
-               std::tuple(b->login_ticket - 1, b->serial);
+        return std::tie(a->turn_ticket, a->serial) < std::tie(b->turn_ticket, b->serial);
     });
-    for (conn* c : loop.due) {
-        c->due = false;
-        watch_step(c->local.io != nullptr ? c->local.io->name : "a new request");
-        if (!process_connection(c)) {
-            continue;
-        }
-        if (c->visit_at_ms == 0) {
-            visit_at(c, expiry_ms(c));
-        }
-        if (has_hidden_input(c)) {
-            visit_soon(c);
-        } else if (waits_without_descriptor(c)) {
-            // Not in every pass: thousands of them would make each of other clients' passes long.
-            visit_at(c, monotonic_ms() + idle_call_ms);
+    for (loop.visits = 0; loop.visits < loop.due.size();) {
+        if (conn* c = loop.due[loop.visits++]; c != nullptr) {
+            c->due = false;
+            visit(c);
         }
     }
+    loop.due.clear();
 }
 
 // The wish to go on at once is granted once.
@@ -343,6 +347,18 @@ void visit_soon(conn* c) {
     loop.wake = true;
 }
 
+void visit_last(conn* c) {
+    if (loop.due.empty()) {
+        visit_soon(c);
+    } else {
+        mark_due(c);
+    }
+}
+
+bool others_are_due() {
+    return loop.visits < loop.due.size();
+}
+
 void visit_at(conn* c, std::int64_t moment_ms) {
     if (c->visit_at_ms != 0 && c->visit_at_ms <= moment_ms) {
         return;
@@ -353,7 +369,10 @@ void visit_at(conn* c, std::int64_t moment_ms) {
 }
 
 void forget_visit(conn* c) {
-    leave_login_queue(c);
+    leave_turn_queue(c);
+    if (c->due) {
+        std::replace(loop.due.begin(), loop.due.end(), c, static_cast<conn*>(nullptr));
+    }
     forget_moment(c);
     if (c->visit_wanted) {
         c->visit_wanted = false;
@@ -446,7 +465,6 @@ void shttpd_poll(shttpd_ctx* ctx, int timeout_ms) {
     const int ready =
         wait_for_events(wait_time(short_wait ? std::min(timeout_ms, short_wait_ms) : timeout_ms));
     refresh_clocks();
-    renew_login_time();
     watch_pass("results of threads");
     finish_background_jobs();
     watch_step("new connections");

@@ -8,7 +8,8 @@
 #include "core/context.h"
 #include "core/file_sender.h"
 #include "core/globals.h"
-#include "core/login_turn.h"
+#include "core/loop_watch.h"
+#include "core/pass_work.h"
 #include "core/poll_set.h"
 #include "core/request.h"
 #include "core/route.h"
@@ -74,10 +75,13 @@ bool read_from_client(conn* c) {
 
 // False when the request's turn to log in has not come: it stays as it is.
 bool route_in_turn(conn* c) {
-    if (!c->request.headers.authorization.empty() && !login_turn(c)) {
+    if (!c->request.headers.authorization.empty() && !take_turn(c, pass_work::logins)) {
         return false;
     }
     route_request(c);
+    if (c->local.io != nullptr) {
+        name_request_step(c->local.io->name);
+    }
     if (c->request.login_judged) {
         wipe_authorization(&c->request);
     }
@@ -244,7 +248,7 @@ enum class round_end : std::uint8_t {
 };
 
 round_end serve_round(conn* c) {
-    const bool waited = c->remote.has(sf_parsed) && c->login_ticket != 0;
+    const bool waited = c->remote.has(sf_parsed) && waits_for_turn(c, pass_work::logins);
     const bool begins = !c->remote.has(sf_parsed);
     if ((waited && !route_in_turn(c)) || (begins && !start_request(c))) {
         return round_end::waiting;

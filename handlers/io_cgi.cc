@@ -5,15 +5,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "core/connection.h"
-#include "core/globals.h"
 #include "core/io_class.h"
+#include "core/loop_watch.h"
+#include "core/pass_work.h"
 #include "core/request.h"
 #include "core/route.h"
 #include "core/stream.h"
@@ -61,45 +61,23 @@ void accept_headers(stream* s) {
 constexpr reply_head_rules head_rules = {
     .failure = "Error running CGI", .own_bytes = placeholder.size(), .accept = accept_headers};
 
-// How long the starts of one pass may take together before the others wait for the next one.
-constexpr std::chrono::milliseconds start_limit{10};
-
-struct {
-    std::uint64_t pass = 0;
-    std::chrono::steady_clock::duration used{};
-} starts;
-
-bool may_start() {
-    if (starts.pass != pass_number) {
-        starts.pass = pass_number;
-        starts.used = {};
-    }
-    return starts.used < start_limit;
-}
-
 void start_now(conn* c, const std::string& prog) {
-    const auto begin = std::chrono::steady_clock::now();
+    const pass_work_timer time(pass_work::starts);
+    rename_step("the start of a program");
     if (run_cgi(c, prog.c_str()) == 0) {
         do_cgi(c);
     } else {
         send_server_error(c, 500, "Cannot exec CGI");
     }
-    starts.used += std::chrono::steady_clock::now() - begin;
-}
-
-void wait_for_turn(conn* c) {
-    c->held = true;
-    visit_soon(c);
 }
 
 ssize_t try_to_start(stream* s) {
     conn* c = s->connection;
-    if (may_start()) {
+    if (take_turn(c, pass_work::starts)) {
+        c->held = false;
         const std::string prog = std::move(relay_of(s)->program);
         release_relay(s);
         start_now(c, prog);
-    } else {
-        wait_for_turn(c);
     }
     errno = EAGAIN;
     return -1;
@@ -159,11 +137,11 @@ void do_cgi(conn* c) {
 }
 
 void start_cgi(conn* c, const std::string& prog) {
-    if (may_start()) {
+    if (take_turn(c, pass_work::starts)) {
         start_now(c, prog);
         return;
     }
     install_relay(&c->local, &io_cgi, -1, relay_step::starting);
     relay_of(&c->local)->program = prog;
-    wait_for_turn(c);
+    c->held = true;
 }

@@ -19,6 +19,8 @@
 #include "core/globals.h"
 #include "core/io_class.h"
 #include "core/log.h"
+#include "core/loop_watch.h"
+#include "core/pass_work.h"
 #include "core/poll_set.h"
 #include "core/request.h"
 #include "core/route.h"
@@ -42,6 +44,7 @@ constexpr std::size_t directive_work = 1024;  // counts as much as so many chara
 
 enum class level_state : std::uint8_t {
     text,      // copying the file
+    starting,  // a command waits for its turn
     relaying,  // copying a command's output
     calling,   // an SSI function has more to write
 };
@@ -57,6 +60,7 @@ struct ssi_level {
     bool skip = false;  // this section is not sent
     file_ptr file;
     ssi_scanner scanner;
+    std::string command;             // that waits for its turn
     unique_fd pipe;                  // of the command that is relayed
     const ssi_func* func = nullptr;  // the function that is called,
     void* func_state = nullptr;      // and its word
@@ -157,7 +161,35 @@ void do_call(ssi_descriptor* ssi, std::string_view argument) {
     level.state = level_state::calling;
 }
 
-// Starts the command; its output is relayed as it comes, so that a slow one stops nobody.
+// Starts the level's command; its output is relayed as it comes, so that a slow one stops nobody.
+void start_command(ssi_descriptor* ssi) {
+    const pass_work_timer time(pass_work::starts);
+    rename_step("the start of a command");
+    ssi_level& level = ssi->level();
+    conn* c = ssi->connection;
+    unique_fd pipe = start_shell_command(level.command.c_str());
+    if (!pipe || !poll_stream(&c->local, pipe.get())) {
+        elog(elog_info, c, "ssi: popen(%s)", level.command.c_str());
+        level.state = level_state::text;
+        return;
+    }
+    c->local.channel.fd = pipe.get();  // what the slot waits on
+    c->local.flags = relaying_flags;
+    level.pipe = std::move(pipe);
+    level.state = level_state::relaying;
+}
+
+// False when other programs have taken this pass's time for starts.
+bool start_in_turn(ssi_descriptor* ssi) {
+    conn* c = ssi->connection;
+    c->held = !take_turn(c, pass_work::starts);
+    if (c->held) {
+        return false;
+    }
+    start_command(ssi);
+    return true;
+}
+
 // Kept: the command is URL-decoded, which makes "+" a blank.
 void do_exec(ssi_descriptor* ssi, std::string_view argument) {
     ssi_level& level = ssi->level();
@@ -177,15 +209,8 @@ void do_exec(ssi_descriptor* ssi, std::string_view argument) {
              quoted->data());
         return;
     }
-    unique_fd pipe = start_shell_command(command);
-    if (!pipe || !poll_stream(&c->local, pipe.get())) {
-        elog(elog_info, c, "ssi: popen(%s)", command);
-        return;
-    }
-    c->local.channel.fd = pipe.get();  // what the slot waits on
-    c->local.flags = relaying_flags;
-    level.pipe = std::move(pipe);
-    level.state = level_state::relaying;
+    level.command = command;
+    level.state = level_state::starting;
 }
 
 // Kept: a name may climb out of the root. Whoever writes pages may run commands, too.
@@ -367,7 +392,8 @@ bool relay_output(ssi_descriptor* ssi, page_output* out) {
     return true;
 }
 
-// Kept: a function that neither writes nor ends is called on every pass until the client gives up.
+// Kept: a function that neither writes nor ends is called again until the client gives up, once a
+// second at least.
 bool continue_call(ssi_descriptor* ssi, page_output* out) {
     ssi_level& level = ssi->level();
     if (out->room() == 0 || !call_function(ssi->connection, &level, out, 0)) {
@@ -381,6 +407,8 @@ bool next_step(ssi_descriptor* ssi, page_output* out) {
     switch (ssi->level().state) {
         case level_state::text:
             return copy_text(ssi, out);
+        case level_state::starting:
+            return start_in_turn(ssi);
         case level_state::relaying:
             return relay_output(ssi, out);
         case level_state::calling:

@@ -10,7 +10,9 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/endpoint.h"
+#include "core/globals.h"
 #include "core/log.h"
+#include "core/pass_work.h"
 #include "core/shttpd.h"
 #include "sched/sched_command.h"
 #include "sched/sched_engine.h"
@@ -41,6 +43,16 @@ void log_to_file(const shttpd_ctx* ctx, const char* line) {
     }
 }
 
+// The zone may have been changed: the C library asks for it here alone. Once a second, since busy
+// passes are so short that the question would be a considerable part of them.
+void notice_new_zone() {
+    static std::time_t asked = 0;
+    if (asked != current_time) {
+        asked = current_time;
+        tzset();
+    }
+}
+
 // --- Endpoints ---
 
 struct rescan_wait : endpoint_wait {
@@ -60,6 +72,8 @@ void uri_sched_rescan(shttpd_call_arg* arg) {
                                               schedule_path(arg->connection->ctx));
         wait = begun.get();
     }
+    const pass_work_timer time(pass_work::schedule);
+    scheduler->share_us = pass_time_left_us();
     if (wait->rescan.go_on(std::time(nullptr))) {
         show_success(arg);
         return;
@@ -97,7 +111,9 @@ int sched_check_run(shttpd_ctx* /*ctx*/) {
     if (scheduler == nullptr) {
         return 0;
     }
-    tzset();  // the zone may have been changed: the C library asks for it here alone
+    const pass_work_timer time(pass_work::schedule);
+    scheduler->share_us = pass_time_left_us();
+    notice_new_zone();
     if (!sched_check(scheduler, std::time(nullptr))) {
         return 0;
     }

@@ -22,8 +22,6 @@ constexpr std::time_t hour_s = 3600;
 // Sort keys order times as texts, which holds for ten digits only.
 constexpr std::time_t longest_plannable_time = 9'999'999'999;
 
-// What one pass may spend on commands that start, or on planning: other clients wait meanwhile.
-constexpr std::int64_t share_us = 15'000;
 constexpr std::size_t plans_between_looks = 64;  // at the clock
 
 // Lines that one check may log, the one with the number of the others aside.
@@ -357,7 +355,7 @@ bool run_timers(scheduler_state* state, const pass_share& share) {
 
 pass_share::pass_share(const scheduler_state* state)
     : clock_us_(state != nullptr ? state->clock_us : nullptr),
-      end_(clock_us_ != nullptr ? clock_us_() + share_us : 0) {}
+      end_(clock_us_ != nullptr ? clock_us_() + state->share_us : 0) {}
 
 bool pass_share::used_up() const {
     return clock_us_ != nullptr && clock_us_() >= end_;

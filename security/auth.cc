@@ -9,8 +9,8 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/globals.h"
-#include "core/login_turn.h"
 #include "core/loop_watch.h"
+#include "core/pass_work.h"
 #include "core/route.h"
 #include "core/string.h"
 #include "lib/alloc.h"
@@ -71,7 +71,7 @@ bool log_in(conn* c, std::string_view login) {
         return false;
     }
     const library_subject subject(c);
-    const login_timer time;
+    const pass_work_timer time(pass_work::logins);
     rename_step("a login");
     tell_peer_to_library(c);
     if (molbAtAuthenticate(c->ctx->at_handle, &who, 0, &c->client_credential) != at_ok) {

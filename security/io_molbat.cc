@@ -12,7 +12,7 @@
 #include "core/context.h"
 #include "core/io_class.h"
 #include "core/log.h"
-#include "core/login_turn.h"
+#include "core/pass_work.h"
 #include "core/stream.h"
 #include "security/api.h"
 #include "security/at_types.h"
@@ -126,10 +126,10 @@ const io_class io_molbat{.name = "molbat",
 
 void molbat_handshake(stream* s) {
     conn* c = s->connection;
-    if (c->client.handshake != handshake_state::pending || !login_turn(c)) {
+    if (c->client.handshake != handshake_state::pending || !take_turn(c, pass_work::logins)) {
         return;
     }
-    const login_timer time;
+    const pass_work_timer time(pass_work::logins);
     if (c->client.server_credential == nullptr) {
         c->client.server_credential = c->ctx->service_credential;
     }

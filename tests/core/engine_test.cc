@@ -19,8 +19,8 @@
 #include "core/connection.h"
 #include "core/endpoint.h"
 #include "core/globals.h"
-#include "core/login_turn.h"
 #include "core/loop_watch.h"
+#include "core/pass_work.h"
 #include "core/shttpd.h"
 #include "handlers/io_emb.h"
 #include "handlers/io_file.h"
@@ -363,8 +363,12 @@ TEST(Engine, LongPassesAreToldWithTheirCause) {
     EXPECT_EQ(told, within_a_second ? 2 : 3) << text;
 }
 
+int other_client = -1;
+
 void spend_login_time(shttpd_call_arg* arg) {
-    const login_timer time;
+    char byte = 0;
+    EXPECT_EQ(recv(other_client, &byte, 1, MSG_DONTWAIT | MSG_PEEK), 1) << "answered before";
+    const pass_work_timer time(pass_work::logins);
     usleep(11000);
     show_success(arg);
 }
@@ -380,6 +384,7 @@ TEST(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
         clients.push_back(engine.connect());
         EXPECT_GT(send(clients.back().get(), request.data(), request.size(), 0), 0);
     }
+    other_client = clients.back().get();
     const auto answered = [&] {
         std::string who;
         for (std::size_t i = 0; i < clients.size(); ++i) {
@@ -392,6 +397,42 @@ TEST(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
     for (const char* who : {"03", "013", "0123"}) {
         engine.poll();
         EXPECT_EQ(answered(), who);
+    }
+}
+
+TEST(Engine, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
+    const auto spend = [](pass_work kind, useconds_t us) {
+        const pass_work_timer time(kind);
+        usleep(us);
+    };
+    ++pass_number;
+    spend(pass_work::logins, 1000);
+    EXPECT_TRUE(pass_has_time_for(pass_work::logins));
+    spend(pass_work::logins, 15000);
+    EXPECT_FALSE(pass_has_time_for(pass_work::logins));
+    EXPECT_TRUE(pass_has_time_for(pass_work::starts)) << "the first of its kind";
+    spend(pass_work::starts, 1000);
+    EXPECT_FALSE(pass_has_time_for(pass_work::starts)) << "the others have used the time up";
+    EXPECT_EQ(pass_time_left_us(), 3000);
+    ++pass_number;
+    EXPECT_TRUE(pass_has_time_for(pass_work::starts) && pass_has_time_for(pass_work::logins));
+    EXPECT_EQ(pass_time_left_us(), 15000);
+}
+
+// A cut address would lead elsewhere.
+TEST(Engine, RedirectsAreWholeOrRefused) {
+    test_engine engine;
+    engine.ctx->io_buf_size = 1024;
+    std::string path;
+    for (int i = 0; i < 4; ++i) {
+        path.append("/").append(std::string(238, 'd'));
+    }
+    for (const auto& [uri, status] : {std::pair(path + "/" + std::string(20, 'x'), "301"),
+                                      std::pair(path + "/" + std::string(21, 'x'), "400")}) {
+        std::filesystem::create_directories(engine.root.path() / uri.substr(1));
+        const std::string reply = engine.exchange(get(uri));
+        EXPECT_TRUE(reply.starts_with(std::string("HTTP/1.1 ") + status)) << reply;
+        EXPECT_EQ(reply.find("Location: " + uri + "/\r\n\r\n") != reply.npos, status[0] == '3');
     }
 }
 

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -12,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/connection.h"
+#include "core/pass_work.h"
 #include "core/shttpd.h"
 #include "lib/unique_fd.h"
 #include "tests/support/engine_fixture.h"
@@ -57,6 +60,27 @@ class relay_fixture : public ::testing::Test {
         for (int i = 0; i < count; ++i) {
             shttpd_poll(engine.ctx, 10);
         }
+    }
+
+    // One pass in which a client older than all others takes the time for starts of programs. How
+    // many connections wait for a turn behind it.
+    int pass_without_starts(const unique_fd& oldest) {
+        shttpd_register_uri(
+            engine.ctx, "/spend",
+            [](shttpd_call_arg* arg) {
+                const pass_work_timer time(pass_work::starts);
+                usleep(11000);
+                arg->flags |= ARG_END_OF_OUTPUT;
+            },
+            nullptr);
+        const std::string spend = make_request("GET", "/spend");
+        EXPECT_GT(send(oldest.get(), spend.data(), spend.size(), 0), 0);
+        shttpd_poll(engine.ctx, 0);
+        int waiting = 0;
+        for (const conn& c : engine.ctx->connections) {
+            waiting += waits_for_turn(&c, pass_work::starts) ? 1 : 0;
+        }
+        return waiting;
     }
 
     test_engine engine{true};

@@ -198,6 +198,13 @@ TEST_F(ssi_page, Commands) {
     std::string log;
     EXPECT_EQ(page("(<!--#exec cmd=\"ls\"--><!--#exec \"-->)", &log), "()");
     EXPECT_NE(log.find("ssi: bad exec(cmd=\"ls\")"), std::string::npos);
+    engine.root.write("page.shtml", "<!--#exec \"echo later\"-->");
+    const unique_fd oldest = engine.connect();
+    const unique_fd client = engine.connect();
+    const std::string request = make_request("GET", "/page.shtml");
+    ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+    EXPECT_EQ(pass_without_starts(oldest), 1);
+    EXPECT_EQ(body_of(talk_on(client.get(), "")), "later\n");
 }
 
 // Pages made of random pieces, through buffers of every small size, against a straight expansion.
