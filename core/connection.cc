@@ -87,11 +87,13 @@ void start_draining(conn* c) {
     set_poll_events(c->remote.poll_index, c->remote.channel.fd, POLLIN);
 }
 
-// One connection, one life: drains what is still arriving, then ends the process.
+// One connection, one life: drains what is still arriving, then ends the process. The client hears
+// of the end first: the companion may take two seconds to go.
 [[noreturn]] void end_inetd_process(conn* c, bool alive) {
     stop_stream(&c->local);
-    if (alive && may_have_unread_input(c)) {
-        (void)shutdown(c->remote.channel.fd, SHUT_WR);
+    const bool drains = alive && may_have_unread_input(c);
+    (void)shutdown(c->remote.channel.fd, SHUT_WR);
+    if (drains) {
         pollfd entry{.fd = c->remote.channel.fd, .events = POLLIN, .revents = 0};
         const std::int64_t deadline = monotonic_ms() + drain_limit_s * 1000;
         char dropped[4096];

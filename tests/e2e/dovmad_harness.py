@@ -93,6 +93,24 @@ def receive_until_end(sock, until=None):
     return reply
 
 
+def inetd_session(daemon, request, hang_up=False, errors_too=False, at_end=lambda: None):
+    """The reply to one connection, whose process must end without an error. `at_end` is called when
+    the reply has ended and the process may still be there."""
+    ours, theirs = socket.socketpair()
+    with ours, theirs:
+        process = subprocess.Popen([BINARY, daemon.config], env=daemon.env, stdin=theirs,
+                                   stdout=theirs, stderr=theirs if errors_too else subprocess.DEVNULL)
+        theirs.close()
+        ours.settimeout(60)
+        ours.sendall(request)
+        if hang_up:
+            ours.shutdown(socket.SHUT_WR)
+        received = receive_until_end(ours)
+        at_end()
+        assert process.wait(60) == 0
+    return received
+
+
 @dataclass
 class Response:
     status: int

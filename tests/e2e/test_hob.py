@@ -9,6 +9,7 @@ import time
 
 import pytest
 
+from dovmad_harness import inetd_session
 from relay_support import calms_down, eventually, get, until_close
 
 NO_SERVICE = (b"HTTP/1.1 500 Internal server error. Could not connect to hob server.\r\n\r\n"
@@ -316,6 +317,17 @@ def test_announcement_that_stays_away_is_given_up(hob):
     assert eventually(lambda: not alive(int(daemon.facts.read_text())))
     assert "HOBINTF: no port announced by " in daemon.error_log.read_text()
     assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
+
+
+def test_inetd_mode_takes_its_service_along(hob):
+    """Even one that does not end by itself; the client need not wait for that."""
+    daemon = hob("#!/bin/sh\necho $$ >facts\necho PORT : 1\nexec sleep 60\n", start=False,
+                 inetd_mode=1)
+    at_end = []
+    received = inetd_session(daemon, b"GET /world/ping HTTP/1.1\r\nConnection: close\r\n\r\n",
+                             at_end=lambda: at_end.append(alive(int(daemon.facts.read_text()))))
+    assert (received, received.end, at_end) == (b"HTTP/1.1 200 OK\r\n\r\n", "closed", [True])
+    assert not alive(int(daemon.facts.read_text()))
 
 
 def test_silent_service_does_not_keep_the_daemon_from_ending(hob):

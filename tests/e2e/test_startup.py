@@ -13,7 +13,7 @@ import tempfile
 from pathlib import Path
 
 import pytest
-from dovmad_harness import (BINARY, eventually, free_port, receive_until_end,
+from dovmad_harness import (BINARY, eventually, free_port, inetd_session,
                             start_daemon_expecting_failure)
 
 KEYWORDS = """d document_root directory|Web root directory
@@ -271,36 +271,10 @@ def test_runs_as_an_unprivileged_user(make_daemon):
 
 # --- Inetd mode ---
 
-def inetd_session(daemon, request, hang_up=False):
-    """The reply to one connection, whose process must end without an error."""
-    ours, theirs = socket.socketpair()
-    with ours, theirs:
-        process = subprocess.Popen([BINARY, daemon.config], env=daemon.env, stdin=theirs,
-                                   stdout=theirs, stderr=subprocess.DEVNULL)
-        theirs.close()
-        ours.settimeout(60)
-        ours.sendall(request)
-        if hang_up:
-            ours.shutdown(socket.SHUT_WR)
-        received = b""
-        while chunk := ours.recv(65536):
-            received += chunk
-        assert process.wait(60) == 0
-    return received
-
-
 def test_inetd_mode_never_talks_to_its_client_but_in_replies(make_daemon):
     """Not even at its first use, with the socket on all three standard descriptors."""
     daemon = make_daemon(start=False, inetd_mode=1, io_buf_size=10, document_root="/no")
-    ours, theirs = socket.socketpair()
-    with ours, theirs:
-        process = subprocess.Popen([BINARY, daemon.config], env=daemon.env, stdin=theirs,
-                                   stdout=theirs, stderr=theirs)
-        theirs.close()
-        ours.settimeout(60)
-        ours.sendall(b"GET /world/ping HTTP/1.1\r\n\r\n")
-        received = receive_until_end(ours)
-        assert process.wait(60) == 0
+    received = inetd_session(daemon, b"GET /world/ping HTTP/1.1\r\n\r\n", errors_too=True)
     assert (received, received.end) == (b"HTTP/1.1 200 OK\r\n\r\n", "closed")
 
 

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -194,6 +195,18 @@ TEST_F(target_states, every_address_is_tried_until_the_time_is_over) {
         EXPECT_GT(net.attempts, 100);
         expect_nothing_left();
     }
+    // Without a slot of the poll set there is nothing to wait with.
+    net.paths = {path::black_hole};
+    addresses_known = 2;
+    std::vector<int> slots;
+    for (int slot = get_poll_index(0); slot >= 0; slot = get_poll_index(0)) {
+        slots.push_back(slot);
+    }
+    (void)begin("crowded");
+    EXPECT_EQ(leave(target_state::looking_up), target_state::failed);
+    EXPECT_EQ(c->target->failure, strerror(EMFILE));
+    expect_nothing_left();
+    std::for_each(slots.begin(), slots.end(), put_poll_index);
 }
 
 TEST_F(target_states, channel_is_set_up_in_steps_or_not_at_all) {
