@@ -180,6 +180,21 @@ parse_result mute(const conn* c, const char* reason) {
     return parse_result::muted;
 }
 
+// "HTTP/x.y", and nothing behind it. What nearly everybody says needs no scanning.
+bool read_version(const char* text, request_data* request) {
+    constexpr std::string_view usual = "HTTP/1.";
+    const std::string_view version(text);
+    if (version == "HTTP/1.1" || version == "HTTP/1.0") {
+        request->major = 1;
+        request->minor = static_cast<unsigned long>(version[usual.size()] - '0');
+        return true;
+    }
+    // "%n" is reached only when both numbers were there.
+    int used = 0;
+    return std::sscanf(text, "HTTP/%lu.%lu%n", &request->major, &request->minor, &used) == 2 &&
+           text[used] == '\0';
+}
+
 // "METHOD URI HTTP/x.y"; returns false after an error reply.
 bool parse_request_line(conn* c) {
     request_data& request = c->request;
@@ -199,10 +214,7 @@ bool parse_request_line(conn* c) {
     }
     const std::string_view uri_text(uri, static_cast<std::size_t>(p - uri));
     p += std::strspn(p, " ");
-    // The version must end the line: "%n" is reached only when both numbers were there.
-    int used = 0;
-    if (std::sscanf(p, "HTTP/%lu.%lu%n", &request.major, &request.minor, &used) != 2 ||
-        p[used] != '\0') {
+    if (!read_version(p, &request)) {
         send_server_error(c, 400, "Bad HTTP version");
         return false;
     }

@@ -68,6 +68,14 @@ void stream::put(const char* format, ...) {
     head += std::min(static_cast<std::size_t>(std::max(length, 0)), room());
 }
 
+void stream::put_pieces(std::initializer_list<std::string_view> pieces) {
+    for (const std::string_view piece : pieces) {
+        const std::size_t n = std::min(piece.size(), room());
+        std::copy_n(piece.data(), n, buffer + head);
+        head += n;
+    }
+}
+
 void wipe_pending(stream* s) {
     if (s->pending() > 0) {
         explicit_bzero(s->buffer + s->tail, s->pending());

@@ -14,6 +14,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <string_view>
 
 #include "core/io_class.h"
 #include "core/shttpd.h"
@@ -79,6 +81,8 @@ struct stream {
 
     // Appends text to the buffer, cut where its room ends.
     [[gnu::format(printf, 2, 3)]] void put(const char* format, ...);
+    // Several pieces, cut likewise, for heads that are made in every request.
+    void put_pieces(std::initializer_list<std::string_view> pieces);
     // What stands in the buffer now is the reply's head.
     void end_head() { header_length = head; }
 

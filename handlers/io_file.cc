@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -158,6 +159,9 @@ struct file_range {
 
 // Kept: the length of "bytes=A-B" is B - A, one byte less than the notation means elsewhere.
 file_range parse_range(std::string_view value, unsigned long size) {
+    if (value.empty()) {
+        return {};
+    }
     unsigned long first = 0;
     unsigned long second = 0;
     const std::string text(value);
@@ -174,6 +178,19 @@ file_range parse_range(std::string_view value, unsigned long size) {
     range.length = range.satisfiable ? end - first : 0;
     return range;
 }
+
+class number_text {
+  public:
+    number_text(unsigned long number, int base)
+        : end_(std::to_chars(text_.begin(), text_.end(), number, base).ptr) {}
+    [[nodiscard]] std::string_view view() const {
+        return {text_.data(), static_cast<std::size_t>(end_ - text_.data())};
+    }
+
+  private:
+    std::array<char, 24> text_{};
+    const char* end_;
+};
 
 // The last dates that were formatted: most replies of a second share theirs.
 struct date_cache {
@@ -268,13 +285,14 @@ void get_file(conn* c, const struct stat* st) {
                     size);
     }
     c->reply.status = range.present ? 206 : 200;
-    local.put(
-        "HTTP/1.1 %d %s\r\nDate: %s\r\nLast-Modified: %s\r\nEtag: \"%lx.%lx\"\r\n"
-        "Content-Type: %s\r\nContent-Length: %lu\r\nConnection: keep-alive\r\n"
-        "Accept-Ranges: bytes\r\n%s\r\n",
-        c->reply.status, range.present ? "Partial Content" : "OK",
-        cached_date(&now_cache, current_time), cached_date(&modified_cache, st->st_mtime),
-        static_cast<unsigned long>(st->st_mtime), size, request.mime, length, content_range.data());
+    const number_text modified(static_cast<unsigned long>(st->st_mtime), 16);
+    local.put_pieces(
+        {range.present ? "HTTP/1.1 206 Partial Content" : "HTTP/1.1 200 OK",
+         "\r\nDate: ", cached_date(&now_cache, current_time),
+         "\r\nLast-Modified: ", cached_date(&modified_cache, st->st_mtime), "\r\nEtag: \"",
+         modified.view(), ".", number_text(size, 16).view(), "\"\r\nContent-Type: ", request.mime,
+         "\r\nContent-Length: ", number_text(length, 10).view(),
+         "\r\nConnection: keep-alive\r\nAccept-Ranges: bytes\r\n", content_range.data(), "\r\n"});
     local.end_head();
     local.content_length = length;
     local.flags = sf_readable | sf_always_ready;
