@@ -77,7 +77,7 @@ bool pass_has_time_for(pass_work kind) {
 }
 
 std::int64_t pass_time_left_us() {
-    return std::max(pass_limit_us - sum_of(used_now()), least_share_us);
+    return std::clamp(pass_limit_us - sum_of(used_now()), least_share_us, kind_limit_us);
 }
 
 pass_work_timer::pass_work_timer(pass_work kind) : kind_(kind), begin_(monotonic_us()) {}

@@ -36,7 +36,7 @@ struct scheduler_state {
     sched_start_fn start = nullptr;
     sched_log_fn log = nullptr;              // null: nothing is logged
     std::int64_t (*clock_us)() = nullptr;    // null: no share is ever used up
-    std::int64_t share_us = 15'000;          // what one piece of work may take of a pass
+    std::int64_t share_us = 10'000;          // what one piece of work may take of a pass
     std::vector<schedule_entry*> unplanned;  // last first: the rest of an hour's planning
     std::vector<std::string> kickoffs;       // last first: the ids that are still to be started
     std::time_t check_time = 0;              // of the check that is not finished; 0: none is

@@ -416,7 +416,7 @@ TEST(Engine, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
     EXPECT_EQ(pass_time_left_us(), 3000);
     ++pass_number;
     EXPECT_TRUE(pass_has_time_for(pass_work::starts) && pass_has_time_for(pass_work::logins));
-    EXPECT_EQ(pass_time_left_us(), 15000);
+    EXPECT_EQ(pass_time_left_us(), 10000);
 }
 
 // A cut address would lead elsewhere.
