@@ -93,6 +93,7 @@ struct shttpd_ctx {
     std::string index_files;
     std::string aliases;
     std::string namespaces;
+    bool has_namespaces = false;  // set once: the text may have become empty since
     int noauth = 0;
     std::string mime_types;                // never written: its setter only loads the file
     qz_map* namespace_map = nullptr;       // security/authz

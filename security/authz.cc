@@ -124,6 +124,7 @@ void namespace_release(namespace_record* record) {
 
 void init_auth_info(shttpd_ctx* ctx) {
     ctx->namespace_map = new_qz_map(compare_namesp, nullptr, free_namespace);
+    ctx->has_namespaces = !ctx->namespaces.empty();
     std::string_view rest = ctx->namespaces;
     for (namespace_entry entry; next_namespace_entry(&rest, &entry);) {
         if (entry.has_path) {

@@ -125,6 +125,7 @@ std::string namespaces_without(const shttpd_ctx* ctx, const std::string& name, b
 // Kept: a longer text is cut, and the namespace that was added last is then served but not listed.
 void set_namespaces(shttpd_ctx* ctx, const std::string& text) {
     ctx->namespaces = text.substr(0, longest_namespaces);
+    ctx->has_namespaces = true;
 }
 
 void add_namespace(shttpd_call_arg* arg) {
@@ -168,13 +169,15 @@ void remove_namespace(shttpd_call_arg* arg) {
     }
     bool found = false;
     const std::string text = namespaces_without(ctx, name, &found);
-    if (!found && !ctx->namespaces.empty()) {
+    if (!found && ctx->has_namespaces) {
         show_error(arg, "400", "Namespace not configured");
         return;
     }
     set_namespaces(ctx, text);
     remove_namespace_from_map(ctx, name);
-    log_change(arg->connection, "removed namespace %s", name.c_str());
+    if (found) {  // where none was ever configured, nothing has changed
+        log_change(arg->connection, "removed namespace %s", name.c_str());
+    }
     show_success(arg);
 }
 
