@@ -17,6 +17,8 @@
 
 namespace {
 
+constexpr std::string_view administrator = "root";  // built in
+
 // The name that the daemon knows the principal by: a user of the library is given by the short
 // name.
 std::string full_name(const tool_options& options, const std::string& principal) {
@@ -93,18 +95,87 @@ daemon_answer ask_daemon(const tool_options& options, const change& wanted, cons
     return post_to_daemon(options, wanted.config, "/" + where + uri, "", variables);
 }
 
-// Whether the access file was left as if the daemon had not made the change. Not when it cannot be
-// read: then nothing is known.
-bool is_unsaved(const change& made, bool give) {
+// An entry of an access file.
+struct listed_name {
+    role_number role;
+    std::string text;
+};
+
+// The entry by which the principal holds the role: its own, else one that the daemon takes for it,
+// which is a longer name, one in other letters or "*".
+std::optional<listed_name> held_by(const change& made, name_space_rights* rights) {
+    std::optional<listed_name> other;
+    for (const role_number role : sufficient_roles(made.what)) {
+        if (role == role_admin && starts_with_nocase(administrator, made.who)) {
+            other = {role, std::string(administrator)};
+        }
+        for (const std::string& name : rights->listed(role, made.kind)) {
+            if (name == made.who) {
+                return listed_name{role, name};
+            }
+            if (!other && (name == "*" || starts_with_nocase(name, made.who))) {
+                other = {role, name};
+            }
+        }
+    }
+    return other;
+}
+
+int tell_unsaved(const change& made, bool give) {
+    return fail("the daemon %s the role but could not write %s: it is %s at a restart",
+                give ? "granted" : "denied", access_path(made.where.root, made.what).c_str(),
+                give ? "lost" : "back");
+}
+
+int tell_done(const change& made, bool give) {
+    (void)std::printf("%s: %s %s in namespace %s\n", made.who.c_str(), give ? "granted" : "denied",
+                      role_name(made.what), made.where.name.c_str());
+    return exit_done;
+}
+
+// Looks whether the grant stands in the files, which the daemon's answer does not tell.
+int tell_grant(const change& made) {
     name_space_rights rights(made.where, true);
+    const char* who = made.who.c_str();
+    if (made.what == role_pub && made.kind == kind_user) {
+        (void)std::printf("%s: every user holds pub; nothing changed\n", who);
+        return exit_done;
+    }
     if (rights.row(made.what).unreadable) {
-        return false;
+        return tell_done(made, true);  // nothing is known
     }
-    if (give) {
-        return !rights.files().judge(made.what, made.who.c_str(), made.kind).held();
+    const std::optional<listed_name> entry = held_by(made, &rights);
+    if (!entry) {
+        return tell_unsaved(made, true);
     }
-    const std::vector<std::string> names = rights.listed(made.what, made.kind);
-    return std::find(names.begin(), names.end(), made.who) != names.end();
+    const char* role = role_name(entry->role);
+    if (entry->text != made.who) {
+        return fail(
+            "%s is not listed: the daemon takes it for %s, which is listed as %s; it holds the "
+            "role only as long as that does",
+            who, entry->text.c_str(), role);
+    }
+    if (entry->role != made.what) {
+        (void)std::printf("%s: holds %s as %s already; nothing changed\n", who,
+                          role_name(made.what), role);
+        return exit_done;
+    }
+    return tell_done(made, true);
+}
+
+int tell_denial(const change& made) {
+    name_space_rights rights(made.where, true);
+    if (!rights.row(made.what).unreadable) {
+        const std::vector<std::string> names = rights.listed(made.what, made.kind);
+        if (std::find(names.begin(), names.end(), made.who) != names.end()) {
+            return tell_unsaved(made, false);
+        }
+        if (const std::optional<listed_name> entry = held_by(made, &rights); entry) {
+            warn("%s still holds the role: %s is listed as %s", made.who.c_str(),
+                 entry->text.c_str(), role_name(entry->role));
+        }
+    }
+    return tell_done(made, false);
 }
 
 std::vector<std::string> access_paths(const name_space& where) {
@@ -195,13 +266,13 @@ int apply_change(const tool_options& options, const tool_arguments& arguments, b
         if (written != exit_done) {
             return written;
         }
-    } else if (root_known && is_unsaved(wanted, give)) {
-        return fail("the daemon %s the role but could not write %s: it is %s at a restart",
-                    give ? "granted" : "denied",
-                    access_path(wanted.where.root, wanted.what).c_str(), give ? "lost" : "back");
     }
-    (void)std::printf("%s: %s %s in namespace %s\n", wanted.who.c_str(),
-                      give ? "granted" : "denied", role_name(wanted.what), where);
+    const int told = !root_known ? tell_done(wanted, give)
+                     : give      ? tell_grant(wanted)
+                                 : tell_denial(wanted);
+    if (told != exit_done) {
+        return told;
+    }
     if (give && wanted.kind == kind_user) {
         warn_of_nobody(options, wanted.who);
         warn_of_short_names(options, wanted.who);

@@ -97,13 +97,15 @@ int cmp_str(const void* probe, const void* stored) {
     return my_strncasecmp(name, entry, std::strlen(name));
 }
 
-void add_principal(qz_map* set, std::string_view name) {
+bool add_principal(qz_map* set, std::string_view name) {
     qz_owned<char> copy(qz_as<char>(qz_need_bytes(name.size() + 1)));
     std::memcpy(copy.get(), name.data(), name.size());
     copy.get()[name.size()] = '\0';
-    if (qz_set_insert(set, copy.get()) == 0) {
+    const bool inserted = qz_set_insert(set, copy.get()) == 0;
+    if (inserted) {
         (void)copy.release();
     }
+    return inserted;
 }
 
 qz_map* principals(const role_entry* row, int kind) {

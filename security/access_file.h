@@ -38,8 +38,8 @@ struct role_entry {
 // probe equals it, so "al" holds what "alice" was granted.
 int cmp_str(const void* probe, const void* stored);
 
-// Inserts a copy of `name`. One that the set regards as present is not inserted.
-void add_principal(qz_map* set, std::string_view name);
+// Inserts a copy of `name`. False: the set regards it as present, and it was not inserted.
+bool add_principal(qz_map* set, std::string_view name);
 
 qz_map* principals(const role_entry* row, int kind);
 

@@ -275,8 +275,7 @@ rights_change role_files::grant(int role, std::string_view principal, int kind) 
             change.replaced.append(change.replaced.empty() ? "" : ", ").append(role_name(lower));
         }
     }
-    add_principal(principals(&table_[role], kind), principal);
-    change.changed = true;
+    change.changed = add_principal(principals(&table_[role], kind), principal);
     if (const int error = save(role); error > 0) {
         change.error = error;
         change.role = role;

@@ -394,7 +394,7 @@ def test_tells_of_changes_that_were_not_written(make_daemon):
         root = Path(folder) / "www"
         make_role_folders(root)
         (root / "agent" / ".dovmaaccess").write_text("bob:user\n")
-        daemon = make_daemon(auth=True, runtime_uid="nobody", document_root=root,
+        daemon = make_daemon(auth=True, slips=True, runtime_uid="nobody", document_root=root,
                              pid_file=Path(folder) / "pid")
         for action, role, outcome in (("grant", "operator", "lost"), ("deny", "agent", "back")):
             text = bad(as_root(daemon, action, "bob", role))
@@ -462,6 +462,30 @@ def test_warns_of_names_that_nobody_has(site):
         text = warnings(run_tool(site.config, "grant", name, "agent"))
         assert ("nobody has the name" in text) is not known, (name, text)
         assert "nobody" not in warnings(run_tool(site.config, "-g", "grant", name, "agent"))
+
+
+def test_tells_which_name_stands_in_the_way(make_daemon, site):
+    """The set finds a name in every longer one and takes it in no more."""
+    daemon = make_daemon(auth=True)
+    make_role_folders(daemon.root)
+    for run, root in ((lambda *a: as_root(daemon, *a), daemon.root),
+                      (lambda *a: run_tool(site.config, *a), site.root)):
+        for name in ("user10", "user11"):
+            good(run("-g", "grant", name, "operator"))
+        text = bad(run("-g", "grant", "user1", "operator"))
+        assert "user1 is not listed: the daemon takes it for user1" in text
+        assert (root / "operator/.dovmaaccess").read_text() == "user10:group\nuser11:group\n"
+        assert "user1 still holds the role: user10 is listed as operator" in \
+            warnings(run("-g", "deny", "user1", "operator"))
+        for name in ("user10", "user11"):
+            good(run("-g", "deny", name, "operator"))
+        good(run("-g", "grant", "user1", "operator"))
+        assert good(run("-g", "grant", "user10", "operator")).startswith("user10: granted")
+        good(run("-g", "grant", "user10", "admin"))
+        assert "holds operator as admin already" in good(run("-g", "grant", "user10", "operator"))
+        assert "every user holds pub" in good(run("grant", "zoe", "pub"))
+    assert daemon.error_log.read_text().count(" root granted ") == 5
+    assert "to group user1\n" in daemon.error_log.read_text()
 
 
 def test_a_deleted_user_leaves_no_rights(make_daemon, site):
