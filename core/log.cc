@@ -238,13 +238,13 @@ void log_change(const conn* c, const char* format, ...) {
     (void)std::vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     const header_values& headers = c->request.headers;
-    std::string behalf;
+    std::string text(c->user_name.empty() ? "somebody" : c->user_name);
+    text.append(" ").append(message);
     if (!headers.on_behalf_user.empty() || !headers.on_behalf_ip.empty()) {
-        behalf.append(", on behalf of ").append(or_default(headers.on_behalf_user, "-"));
-        behalf.append(" from ").append(or_default(headers.on_behalf_ip, "-"));
+        text.append(", on behalf of ").append(or_default(headers.on_behalf_user, "-"));
+        text.append(" from ").append(or_default(headers.on_behalf_ip, "-"));
     }
-    put_error_line(file, c, "%s %s%s", c->user_name.empty() ? "somebody" : c->user_name.c_str(),
-                   message, behalf.c_str());
+    put_error_line(file, c, "%s", printable(text, true).c_str());
     errno = saved_errno;
 }
 

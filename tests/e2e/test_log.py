@@ -179,6 +179,8 @@ def test_each_change_is_one_line(daemon, tmp_path):
         ("POST", "/admin/security/deny", "user=evil&role=admin&type=user",
          "root took admin in plx from user evil"),
         ("POST", "/admin/security/deny", "user=evil&role=admin&type=user", None),
+        ("GET", "/admin/security/grant?user=a%22b%07&role=agent&type=user", None,
+         r"root granted agent in plx to user a\x22b\x07"),
         ("POST", f"{space}/add", f"namespace=two&document_root={tmp_path}/x%0Ay", None),
         ("POST", f"{space}/add", f"namespace=two&document_root={tmp_path}",
          f"root added namespace two with root {tmp_path}"),
