@@ -14,6 +14,7 @@
 #include "core/string.h"
 #include "domain/domain_file.h"
 #include "domain/registry.h"
+#include "handlers/osuuid.h"
 #include "lib/conf_lex.h"
 #include "lib/file.h"
 #include "lib/ini.h"
@@ -115,16 +116,16 @@ void check_schedule_line(const settings& conf, const place& where, std::string_v
 
 // --- Access files ---
 
-bool is_principal(std::string_view line) {
+std::size_t principal_count(const role_entry& row) {
+    return static_cast<std::size_t>(qz_set_size(row.groups) + qz_set_size(row.users));
+}
+
+// False when the line names nobody; the row then counts no more than before.
+bool add_principals(std::string_view line, role_entry* row) {
     const std::string text(line);
     const file_ptr file(fmemopen(const_cast<char*>(text.data()), text.size(), "r"));
-    role_entry row;
-    row.groups = new_qz_set(cmp_str, qzfree);
-    row.users = new_qz_set(cmp_str, qzfree);
-    const bool read = file != nullptr && read_access_file(file.get(), &row);
-    const bool found = read && qz_set_size(row.groups) + qz_set_size(row.users) > 0;
-    clear_row(&row);
-    return found;
+    row->strays.clear();
+    return file != nullptr && read_access_file(file.get(), row);
 }
 
 void check_access_file(const settings& conf, const std::string& path) {
@@ -147,16 +148,23 @@ void check_access_file(const settings& conf, const std::string& path) {
         warning({path}, "%s may not write it: grants are lost at a restart",
                 conf.server.name.c_str());
     }
-    each_line(path, content, access_line_bytes, [](const place& where, std::string_view line) {
+    role_entry row;
+    row.groups = new_qz_set(cmp_str, qzfree);
+    row.users = new_qz_set(cmp_str, qzfree);
+    each_line(path, content, access_line_bytes, [&](const place& where, std::string_view line) {
         if (is_comment(line)) {
             return;
         }
-        if (!is_principal(line)) {
+        const std::size_t known = principal_count(row);
+        if (!add_principals(line, &row)) {
             error(where, "neither NAME:user nor NAME:group");
         } else if (starts_with_nocase(line, "root")) {
             warning(where, "names that begin with \"root\" are dropped at the next change");
+        } else if (principal_count(row) == known && !path.ends_with("/pub/.dovmaaccess")) {
+            warning(where, "taken for a name further up; the line is lost at the next change");
         }
     });
+    clear_row(&row);
 }
 
 // --- Domain, MIME, INI ---
@@ -221,6 +229,25 @@ void check_mime_file(const settings& conf) {
             error(where, "one extension a line: of several, not all count");
         }
     });
+}
+
+// The first of the two files that can be opened decides.
+void check_host_id(const settings& conf) {
+    const acting_as server(conf.server);
+    for (const char* path : {paths.host_guid, paths.os_uuid}) {
+        const int problem = access_error(path, R_OK);
+        if (problem == 0) {
+            forget_osuuid();
+            if (get_osuuid() == nullptr) {
+                warning({path}, "this host is UNKNOWN: no GUID in braces in 46 to 99 characters");
+            }
+            return;
+        }
+        if (problem != ENOENT && problem != ENOTDIR) {
+            warning({path}, "%s does not know this host: %s", conf.server.name.c_str(),
+                    std::strerror(problem));
+        }
+    }
 }
 
 void check_ini_file(const char* path) {
@@ -303,6 +330,7 @@ void check_data_files(const settings& conf) {
     check_domain_file(conf);
     check_mime_file(conf);
     check_ini_file(paths.resolver_file);
+    check_host_id(conf);
 }
 
 // The engine itself is driven through the hours to come, at most a year of them.

@@ -148,6 +148,15 @@ std::string user_tool() {
     return access_error(beside, X_OK) == 0 ? beside : "dovmad-user";
 }
 
+// A line of dovmad-user: a finding of its own, or a failure.
+void pass_on(const std::string& data, std::string_view line) {
+    const bool warns = line.starts_with("warning: ");
+    for (const std::string_view prefix : {"error: ", "warning: ", "dovmad-user: "}) {
+        line.remove_prefix(line.starts_with(prefix) ? prefix.size() : 0);
+    }
+    (warns ? warning : error)({data}, "%.*s", static_cast<int>(line.size()), line.data());
+}
+
 // Key pair, certificate and users are dovmad-user's business; its lines are passed on.
 void check_users(const settings& conf, const std::string& data) {
     std::array<int, 2> ends{};
@@ -162,7 +171,8 @@ void check_users(const settings& conf, const std::string& data) {
     if (child == 0) {
         (void)dup2(output.get(), STDOUT_FILENO);
         (void)dup2(output.get(), STDERR_FILENO);
-        (void)execlp(tool.c_str(), tool.c_str(), "-d", data.c_str(), "check", nullptr);
+        (void)execlp(tool.c_str(), tool.c_str(), "-c", conf.file.c_str(), "-d", data.c_str(),
+                     "check", nullptr);
         _exit(exit_usage);  // not installed: the library's package brings it
     }
     output.reset();
@@ -170,16 +180,14 @@ void check_users(const settings& conf, const std::string& data) {
     (void)read_all(input.get(), &said);
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status) ||
-        WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == exit_usage) {
+        WEXITSTATUS(status) == exit_usage) {
         return;
     }
     std::string_view rest = said;
     while (!rest.empty()) {
-        std::string_view line = rest.substr(0, rest.find('\n'));
+        const std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(rest.size(), line.size() + 1));
-        const std::string_view prefix = "dovmad-user: ";
-        line.remove_prefix(line.starts_with(prefix) ? prefix.size() : 0);
-        error({data}, "%.*s", static_cast<int>(line.size()), line.data());
+        pass_on(data, line);
     }
 }
 

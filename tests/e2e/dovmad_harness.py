@@ -181,6 +181,7 @@ class Daemon:
         self.env = dict(os.environ, DOVMAD_TEST_ROOT=str(self.prefix), **(env or {}))
         self.args = [str(a) for a in args] if args is not None else [str(self.config)]
         self.process = None
+        self.before_first_start = None
         self.expected_end = False
         self.bad_ends = []
 
@@ -189,6 +190,9 @@ class Daemon:
         return self.process.pid
 
     def start(self, wait=True):
+        if wait and self.before_first_start:
+            self.before_first_start(self)
+            self.before_first_start = None
         with open(self.stderr_file, "ab") as stderr:
             self.process = subprocess.Popen([BINARY, *self.args], env=self.env, stderr=stderr,
                                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)

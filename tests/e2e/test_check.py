@@ -12,7 +12,7 @@ from pathlib import Path
 import pytest
 from dovmad_harness import BINARY, SANITIZED_BUILD, checker
 
-WRITES_AS = "nobody" if os.getuid() == 0 else None
+made = []  # files outside of the slip's own folder
 
 
 def value(keyword, text):
@@ -29,13 +29,19 @@ def file_of(keyword, text):
     return edit
 
 
-def in_root(name, text):
+def in_root(name, text, base="root"):
     def edit(conf, tmp):
-        path = tmp / "d0/root" / name
+        path = tmp / "d0" / base / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text(text)
+        made.append(path)
         return conf
     return edit
+
+
+def in_prefix(name, text):
+    """One of the fixed places."""
+    return in_root(name, text, "prefix")
 
 
 def taken_port(conf, tmp):
@@ -108,9 +114,11 @@ SLIPS = [
     (file_of("domain_file", "# hosts\nalpha,1.2.3.4\n"), "domain_file:2", "error", "no host"),
     (in_root("admin/.dovmaaccess", "alice:user\nbob\n"), "dovmaaccess:2", "error", "NAME:user"),
     (in_root("pub/.dovmaaccess", "root2:user\n"), "dovmaaccess:1", "warning", "root"),
-    (lambda c, t: (t / "d0/prefix/etc/default").mkdir(parents=True) or
-     (t / "d0/prefix/etc/default/plx_resolv.conf").write_text("[a]\nb = c;\n[d\n") and c,
-     "plx_resolv.conf", "error", "syntax"),
+    (in_root("admin/.dovmaaccess", "alice:user\nbob:group\nal:user\n"), "dovmaaccess:3",
+     "warning", "taken for a name further up"),
+    (in_prefix("var/opt/MOLBplxh/.hostguid", "{no-guid}\n"), ".hostguid", "warning", "GUID"),
+    (in_prefix("etc/default/plx_resolv.conf", "[a]\nb = c;\n[d\n"), "plx_resolv.conf", "error",
+     "syntax"),
 ]
 
 
@@ -129,10 +137,31 @@ def test_slips_are_found(make_daemon, tmp_path):
         assert status == (1 if kind == "error" or ": error: " in said else 0)
         assert checker(daemon, "-q")[1] == "".join(
             row for row in said.splitlines(True) if ": warning: " not in row)
-        for name in ("admin", "pub"):
-            (daemon.root / name / ".dovmaaccess").unlink(missing_ok=True)
-        (daemon.prefix / "etc/default/plx_resolv.conf").unlink(missing_ok=True)
+        while made:
+            made.pop().unlink()
     assert len(SLIPS) >= 40
+
+
+def test_what_the_library_would_refuse(make_daemon):
+    """As dovmad-user says it, which sees the same configuration."""
+    daemon = make_daemon()
+    daemon.stop()
+    at, users = daemon.ca.parent, daemon.ca.parent / "users"
+    assert checker(daemon) == (0, f"{daemon.var}/sec: warning: {at}/initial-password: "
+                               "still holds the first password\n")
+    (at / "initial-password").unlink()
+    for path, text, words in ((daemon.ca, "garbage", "server.crt: "),
+                              (at / "server.key", "garbage", "server.key: "),
+                              (at / "domains", "local:pass:word\n", "line 1: not NAME"),
+                              (users / "root", "root:x\n", "users/root: no line NAME:HASH")):
+        good = path.read_text()
+        path.write_text(text)
+        status, said = checker(daemon)
+        assert status == 1 and re.match(f"{daemon.var}/sec: error: .*{words}", said), said
+        path.write_text(good)
+    users.chmod(0o777)
+    status, said = checker(daemon)
+    assert status == 1 and "users: mode 0777 gives others rights" in said
 
 
 def test_a_library_that_is_none(make_daemon, tmp_path):
