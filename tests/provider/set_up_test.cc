@@ -15,6 +15,8 @@
 #include <functional>
 #include <sstream>
 
+#include "lib/unique_fd.h"
+#include "provider/files.h"
 #include "security/at_symbols.h"
 #include "tests/provider/provider_fixture.h"
 
@@ -112,6 +114,18 @@ TEST_F(set_up_test, first_use_happens_once) {
     EXPECT_EQ(std::distance(fs::directory_iterator(data_dir), {}), 1);
     EXPECT_EQ(log_in_as_root(password), root);
     EXPECT_EQ(molbAtTerminate(first), at_ok);
+}
+
+TEST_F(set_up_test, files_are_made_only_where_nothing_is) {
+    fs::create_directory(data_dir);
+    std::ofstream(base / "precious") << "text";
+    fs::create_symlink(base / "precious", data_dir / "link");
+    fs::create_hard_link(base / "precious", data_dir / "file");
+    const unique_fd folder(open(data_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (const char* name : {"link", "file"}) {
+        EXPECT_EQ(provider::create_file(folder.get(), name, "other", 0600, {}), EEXIST) << name;
+    }
+    EXPECT_EQ(text_of(base / "precious"), "text");
 }
 
 TEST_F(set_up_test, certificate_is_for_this_host_and_ten_years) {
