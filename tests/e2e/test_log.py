@@ -6,7 +6,6 @@ import shutil
 import socket
 import ssl
 import subprocess
-from collections import Counter
 from pathlib import Path
 
 import pytest
