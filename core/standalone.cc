@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <malloc.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -204,11 +205,20 @@ void log_statistics(const shttpd_ctx* ctx) {
          static_cast<double>(ctx->bytes_out) * megabytes_per_byte, static_cast<int>(exit_flag));
 }
 
+// Without this the allocator keeps small pieces apart, and whoever frees a large one next puts them
+// all together: the loop did, for 80 ms, when a thread had freed a registry of 100,000 hosts.
+void join_freed_memory_at_once() {
+#ifdef M_MXFAST
+    (void)mallopt(M_MXFAST, 0);
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     occupy_standard_descriptors();
     keep_messages_from_peer();
+    join_freed_memory_at_once();
     (void)std::setlocale(LC_ALL, "");
     refresh_clocks();
     read_arguments(argc, argv);
