@@ -1,12 +1,10 @@
 """Attacks on logins and rights that once worked, and what an administrator changes meanwhile."""
 
 import contextlib
-import os
 import re
 import socket
 import threading
 import time
-from pathlib import Path
 
 import pytest
 
@@ -119,15 +117,6 @@ def test_no_buffer_keeps_a_login(daemon):
 
 # --- Rights ---
 
-def test_who_is_taken_off_in_the_second_of_the_reading_is_out(daemon):
-    path = daemon.root / "operator" / ".dovmaaccess"
-    for _ in range(3):
-        path.write_text(f"{full_name(daemon, 'alice')}:user\n")
-        assert ask(daemon, ALICE, path="/operator/f.txt") == 200
-        path.write_text("")
-        assert ask(daemon, ALICE, path="/operator/f.txt") == 403
-
-
 def test_grants_through_links_into_the_state_last(make_daemon, tmp_path):
     """The set-up of script/server and of the package: the root is nothing that the daemon writes."""
     daemon = make_daemon(start=False, auth=True)
@@ -152,39 +141,6 @@ def test_grants_through_links_into_the_state_last(make_daemon, tmp_path):
         ["", "", f"{alice}:user\n"]
     assert ask(daemon, ALICE, path="/admin/f.txt") == 200
     assert daemon.error_log.read_text().count("granted") == 3
-
-
-@pytest.mark.parametrize("again", ["grant", "deny", "check"])
-def test_a_grant_that_could_not_be_stored_is_stored_later(make_daemon, again):
-    daemon = make_daemon(auth=True, slips=True)
-    path = daemon.root / "operator" / ".dovmaaccess"
-    grant(daemon, "bob", "operator")
-    assert not path.exists()
-    (line,) = [m for m in daemon.error_log.read_text().splitlines() if "Cannot replace" in m]
-    assert str(path) in line and line.endswith("No such file or directory")
-    path.parent.mkdir()
-    if again == "check":
-        daemon.request("GET", "/operator/x", user=root_login(daemon))
-    else:
-        body = "user=zoe&role=agent&type=user"
-        daemon.request("POST", f"/admin/security/{again}", body=body, user=root_login(daemon))
-    assert eventually(path.exists)
-    assert eventually(lambda: path.read_text() == "bob:user\n")
-    assert eventually(lambda: f"{path} is written again" in daemon.error_log.read_text())
-
-
-def test_lines_that_name_nobody_are_kept_beside_the_file(daemon):
-    path = daemon.root / "operator" / ".dovmaaccess"
-    path.write_text("# hand-made\nann:user\nwhat is this\n")
-    os.utime(path, (1e9, 1e9))
-    grant(daemon, "bob", "operator")
-    assert path.read_text() == "ann:user\nbob:user\n"
-    assert Path(f"{path}.bak").read_text() == "what is this\n"
-    assert f"{path}: no entry in line 3\n" in daemon.error_log.read_text()
-    assert daemon.request("GET", "/operator/.dovmaaccess.bak", user=root_login(daemon)).status == 404
-    path.write_text("what is this\n")
-    grant(daemon, "cy", "operator")
-    assert path.read_text() == "what is this\n"
 
 
 def test_access_files_stay_out_of_reach_through_aliases(make_daemon, tmp_path):

@@ -44,23 +44,6 @@ def test_keep_alive_across_handlers(make_daemon):
     assert ranged.stdout == b"ha"
 
 
-def test_900_pipelined_requests_in_one_send(make_daemon):
-    daemon = make_daemon()
-    (daemon.root / "f").write_text("<x>")
-    replies = daemon.raw(get("/f") * 899 + get("/f", "Connection: close"))
-    assert replies.count(b"HTTP/1.1 200 OK\r\n") == replies.count(b"\r\n\r\n<x>") == 900
-
-
-def test_put_in_pieces_with_the_next_request_behind(make_daemon):
-    daemon = make_daemon()
-    body = random.Random(1).randbytes(1 << 20)
-    head = f"PUT /up/load.bin HTTP/1.1\r\nContent-Length: {len(body)}\r\n\r\n".encode()
-    data = head + body + get("/up/load.bin")
-    reply = daemon.raw([data[i:i + 70001] for i in range(0, len(data), 70001)])
-    assert reply == b"HTTP/1.1 201 OK\r\nContent-Length: 1048576\r\nConnection: close\r\n\r\n"
-    assert (daemon.root / "up" / "load.bin").read_bytes() == body
-
-
 def test_large_downloads_keep_every_byte(make_daemon):
     daemon = make_daemon(auth=True)
     (daemon.root / "world").mkdir()
@@ -94,24 +77,6 @@ def test_slow_reader_gets_everything_while_others_are_served(make_daemon):
                 time.sleep(0.05)
                 assert daemon.request("GET", "/f").body == b"quick"
     assert got.split(b"\r\n\r\n", 1)[1] == body
-
-
-def test_clients_that_vanish_leave_nothing(make_daemon):
-    daemon = make_daemon()
-    (daemon.root / "big.bin").write_bytes(bytes(5 << 20))
-    daemon.request("GET", "/none")
-    base = daemon.fd_count()
-    for data in (b"", b"GET / HT", get("/big.bin"), b"FOO / HTTP/1.1\r\n\r\n",
-                 b"PUT /p HTTP/1.1\r\nContent-Length: 99\r\n\r\nab",
-                 b"POST /admin/sched/rescan HTTP/1.1\r\nContent-Length: 9\r\n\r\n"):
-        for reset in (False, True):
-            sock = daemon.connect()
-            if reset:
-                sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            sock.sendall(data)
-            time.sleep(0.05)
-            sock.close()
-    assert eventually(lambda: daemon.fd_count() == base), daemon.fd_count()
 
 
 def test_a_refused_upload_reads_its_refusal(make_daemon, tmp_path):

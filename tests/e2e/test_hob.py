@@ -273,15 +273,6 @@ def test_only_administrators_reach_it(hob):
     assert daemon.request("GET", "/hob://h:/admin/x").status == 401
 
 
-def test_requests_of_unclear_length_are_refused(hob):
-    daemon = hob()
-    bad = b"HTTP/1.1 400 Bad headers\r\n\r\n400 Bad headers"
-    assert daemon.raw(get("/hob://h:/x", "Transfer-Encoding: chunked", method="POST") +
-                      b"0\r\n\r\n") == bad
-    assert daemon.raw(get("/hob://h:/x", "Content-Length: 0", "Content-Length: 3",
-                          method="POST") + b"abc") == bad
-
-
 @pytest.mark.parametrize("output", ["", "no port here\n", "PORT : none\n", "PORT : 0\n",
                                     "PORT : 70000\n", "PORT: 80\n"])
 def test_service_without_port_is_ended(hob, output):

@@ -197,36 +197,6 @@ def test_offers_the_tls_of_today(make_daemon):
     assert negotiated(daemon, "-groups", "P-384") and not negotiated(daemon, "-groups", "X25519")
 
 
-def test_failed_handshakes_are_told(make_daemon, tmp_path):
-    daemon = make_daemon(auth=True)
-    clients = Authority(tmp_path / "clients", "clients")
-    strangers = Authority(tmp_path / "strangers", "strangers")
-    at = daemon.ca.parent
-    (at / "client_ca.pem").write_bytes(clients.certificate.read_bytes())
-    (at / "locked_certificates").write_text("mallory\n")
-    daemon.restart()
-
-    def meet(authority, name):
-        context = ssl.create_default_context(cafile=str(daemon.ca))
-        context.load_cert_chain(*authority.issue(name))
-        try:
-            with context.wrap_socket(daemon.connect(daemon.tls_port),
-                                     server_hostname="localhost") as sock:
-                sock.sendall(b"GET /pub/ HTTP/1.0\r\n\r\n")
-                return sock.recv(100)[9:12]
-        except (ssl.SSLError, ConnectionError):
-            return None
-
-    assert meet(clients, "alice") == b"404"
-    for authority, name, words in ((clients, "mallory", ["client certificate of mallory is locked"]),
-                                   (clients, "al ice", ["without a usable common name"]),
-                                   (strangers, "alice", ["unable to get local issuer"])):
-        assert not meet(authority, name)
-        assert eventually(lambda words=words: log_lines(daemon, *words)), daemon.error_log.read_text()
-    assert daemon.raw(b"GET / HTTP/1.1\r\n\r\n", port=daemon.tls_port, end="any") == b""
-    assert eventually(lambda: log_lines(daemon, "http request"))
-
-
 def test_half_handshakes_give_their_memory_back(make_daemon):
     daemon = make_daemon(auth=True)
     assert daemon.request("GET", "/pub/", user=f"root:{daemon.password}", tls=True).status == 404

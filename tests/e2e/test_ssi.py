@@ -19,19 +19,6 @@ def make(make_daemon, **options):
     return make_daemon(ssi_extensions=".shtml,.shtm", **options)
 
 
-def test_page_head_include_and_command(make_daemon):
-    daemon = make(make_daemon)
-    write(daemon, "part.txt", "PART")
-    write(daemon, "x/page.shtm", '1<!--#include virtual="part.txt" -->2'
-          '<!--#exec "printf \'%%s\' a; echo b" -->3<!--#bogus -->4')
-    reply = daemon.request("GET", "/x/page.shtm")
-    assert reply.status == 200 and reply.header("Content-Type") == "text/html"
-    assert reply.header("Connection") == "close" and reply.header("Date").endswith(" GMT")
-    assert reply.text == "1PART2%sb\n3<!--#bogus -->4"
-    head = daemon.request("HEAD", "/x/page.shtm")
-    assert (head.status, head.body) == (200, b"")
-
-
 def test_slow_command_stops_nobody(make_daemon):
     daemon = make(make_daemon)
     gate = daemon.dir / "gate"
@@ -48,18 +35,6 @@ def test_slow_command_stops_nobody(make_daemon):
         hold.write("held ")
     slow.join()
     assert result == ["(held late\n)"]
-
-
-def test_large_output_and_slow_reader(make_daemon):
-    daemon = make(make_daemon)
-    write(daemon, "big.shtml", '<!--#exec "seq 1 300000"-->end')
-    expected = "".join(f"{i}\n" for i in range(1, 300001)) + "end"
-    assert daemon.request("GET", "/big.shtml").text == expected
-    with daemon.connect() as sock:
-        sock.settimeout(60)
-        sock.sendall(get("/big.shtml"))
-        assert calms_down(daemon)
-        assert receive(sock).partition(b"\r\n\r\n")[2].decode() == expected
 
 
 def test_pages_that_work_without_writing_let_others_in(make_daemon):
