@@ -58,6 +58,7 @@ int set_domain_file(shttpd_ctx* ctx, const option_field& field, const char* valu
     struct stat st {};
     if (lstat(value, &st) == 0 && (st.st_mode & link_or_regular_bits) != 0 &&
         my_stat(value, &st) != 0) {
+        elog(elog_info, nullptr, "domain_file %s: %s: standalone mode", value, strerror(errno));
         return -1;
     }
     return set_str(ctx, field, value);

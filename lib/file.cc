@@ -35,6 +35,7 @@ unique_fd open_regular(const char* path, struct stat* status) noexcept {
     struct stat* found = status != nullptr ? status : &unwanted;
     unique_fd fd(::open(path, O_RDONLY | open_at_once));
     if (!fd || ::fstat(fd.get(), found) != 0) {
+        errno = errno == ENXIO ? EINVAL : errno;  // a socket
         return unique_fd();
     }
     if (!S_ISREG(found->st_mode)) {

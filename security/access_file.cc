@@ -54,6 +54,7 @@ void load(const std::string& path, role_entry* row) {
     const file_ptr file = path.empty() ? nullptr : stream_of(open_regular(path.c_str()), "r");
     if (file == nullptr) {
         row->unreadable = errno != ENOENT;
+        row->reported = row->reported && row->unreadable;
         row->current = !row->unreadable;
         return;
     }
@@ -66,8 +67,8 @@ void load(const std::string& path, role_entry* row) {
     }
     row->loaded_ns = std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec;
     row->modified = seconds(st);
-    // What can't stand for the row is tried again by every check.
-    row->current = !row->unreadable && st.st_mtime < now;
+    // What could not be read to its end is tried again by every check.
+    row->current = std::ferror(file.get()) == 0 && st.st_mtime < now;
     row->reported = row->reported && row->unreadable;
 }
 

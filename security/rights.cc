@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "core/compat_unix.h"
 #include "core/string.h"
@@ -46,6 +47,12 @@ void tell_strays(role_entry* row, const std::string& path, rights_user* user) {
     if (row->stray_numbers.count() > 0 && row->strays_told != row->loaded_ns) {
         row->strays_told = row->loaded_ns;
         user->tell(path + ": no entry in " + row->stray_numbers.text());
+    }
+}
+
+void tell_unreadable(role_entry* row, const std::string& path, rights_user* user) {
+    if (row->unreadable && !std::exchange(row->reported, true)) {
+        user->tell(path + " could not be read and will not be replaced");
     }
 }
 
@@ -187,6 +194,7 @@ role_entry* role_files::fresh(int role) {
     if (!row->owed && !user_->is_writing(path) && refresh_row(path, row)) {
         add_built_ins(role, row);
         tell_strays(row, path, user_);
+        tell_unreadable(row, path, user_);
     }
     return row;
 }
@@ -298,10 +306,7 @@ int role_files::save(int role) {
         return ENAMETOOLONG;
     }
     if (row->unreadable) {
-        if (!row->reported) {
-            user_->tell(path + " could not be read and will not be replaced");
-            row->reported = true;
-        }
+        tell_unreadable(row, path, user_);
         return EUCLEAN;
     }
     const int error = user_->write(row, path, row->strays);

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <string>
@@ -462,12 +463,18 @@ TEST_F(domain_server, WhatWasNotReadIsNotRewritten) {
     // A folder and a pipe stand for every file that exists and cannot be read, by whomever.
     std::filesystem::create_directory(engine.root.path() / "folder");
     ASSERT_EQ(mkfifo((engine.root.path() / "pipe").c_str(), 0600), 0);
-    for (const char* name : {"folder", "pipe"}) {
+    const unique_fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = ""};
+    (void)(engine.root.path() / "socket").string().copy(address.sun_path, 100);
+    ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    for (const char* name : {"folder", "pipe", "socket"}) {
         testing::internal::CaptureStderr();
         reload(engine.root.path() / name);  // must not wait for a writer
         enrol("id1");
         enrol("id2");
-        EXPECT_EQ(count_of(testing::internal::GetCapturedStderr(), "is not written"), 1U) << name;
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(count_of(log, "cannot be read: not a regular file\n"), 1U) << log;
+        EXPECT_EQ(count_of(log, "is not written"), 1U) << name;
         EXPECT_EQ(count_of(list(), "\n"), 2U) << "the registry goes on in memory";
         EXPECT_FALSE(std::filesystem::is_regular_file(engine.root.path() / name));
     }

@@ -133,10 +133,13 @@ def test_fatal_starts(tmp_path):
 
 def test_starts_that_go_on_with_a_word(make_daemon, tmp_path):
     (tmp_path / "file").write_text("")
+    (tmp_path / "link").symlink_to("nowhere")
     for options, text in [
         ({"document_root": tmp_path / "no"},
          f"document_root {tmp_path}/no: No such file or directory\n"),
         ({"document_root": tmp_path / "file"}, f"document_root {tmp_path}/file is no directory\n"),
+        ({"domain_file": tmp_path / "link"},
+         f"domain_file {tmp_path}/link: No such file or directory: standalone mode\n"),
         ({"scheduler_file": "/no/sched"}, "scheduler_file /no/sched: No such file or directory\n"),
         ({"pid_file": "/dev/full"}, "Cannot write /dev/full: No space left on device\n"),
     ]:

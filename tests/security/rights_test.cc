@@ -247,6 +247,9 @@ TEST_F(rights_policy, lines_that_name_nobody_are_told_and_kept_beside_the_file) 
 
     // Nobody at all is no access file: it is left alone. Comments alone are an empty one.
     files_are({{"operator", "something else\n"}, {"agent", "# nobody yet\n\n"}});
+    EXPECT_FALSE(rights().judge(role_operator, "cy", kind_user).held());
+    EXPECT_EQ(told.size(), 2U) << "the check tells it";
+    EXPECT_FALSE(refresh_row(path("operator"), &table[role_operator])) << "and reads it once";
     EXPECT_EQ(rights().grant(role_operator, "cy", kind_user).error, EUCLEAN);
     EXPECT_EQ(rights().grant(role_agent, "cy", kind_user).error, 0);
     EXPECT_EQ(files(), (texts{{"operator", "something else\n"}, {"agent", "cy:user\n"}}));
