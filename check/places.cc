@@ -173,7 +173,7 @@ void check_users(const settings& conf, const std::string& data) {
         (void)dup2(output.get(), STDERR_FILENO);
         (void)execlp(tool.c_str(), tool.c_str(), "-c", conf.file.c_str(), "-d", data.c_str(),
                      "check", nullptr);
-        _exit(exit_usage);  // not installed: the library's package brings it
+        _exit(exit_usage);  // the library's package brings it
     }
     output.reset();
     std::string said;
@@ -181,6 +181,7 @@ void check_users(const settings& conf, const std::string& data) {
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status) ||
         WEXITSTATUS(status) == exit_usage) {
+        warning({data}, "certificate and users are not looked at: there is no dovmad-user");
         return;
     }
     std::string_view rest = said;

@@ -149,6 +149,7 @@ def test_what_the_library_would_refuse(make_daemon):
     at, users = daemon.ca.parent, daemon.ca.parent / "users"
     assert checker(daemon) == (0, f"{daemon.var}/sec: warning: {at}/initial-password: "
                                "still holds the first password\n")
+    assert "not looked at: there is no" in checker(daemon, env={"PATH": "/nowhere"})[1]
     (at / "initial-password").unlink()
     for path, text, words in ((daemon.ca, "garbage", "server.crt: "),
                               (at / "server.key", "garbage", "server.key: "),
