@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -303,13 +304,32 @@ TEST(Files, AreReleasedWhenDescriptorsRunOut) {
     EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/one"))), "1");  // stays open
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const int next = dup(0);
-    ASSERT_EQ(close(next), 0);
-    const rlimit none{static_cast<rlim_t>(next), limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto forbid_more = [&] {
+        const rlimit none{static_cast<rlim_t>(unique_fd(dup(0)).get()), limit.rlim_max};
+        return setrlimit(RLIMIT_NOFILE, &none);
+    };
+    ASSERT_EQ(forbid_more(), 0);
     const std::string reply = engine.exchange_on(client.get(), get("/two"));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(body_of(reply), "2");
+    // So they are when a client can't be accepted.
+    sockaddr_in here{};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* address = reinterpret_cast<sockaddr*>(&here);
+    socklen_t length = sizeof here;
+    unique_fd probe(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(bind(probe.get(), address, length), 0);
+    ASSERT_EQ(getsockname(probe.get(), address, &length), 0);
+    probe.reset();
+    ASSERT_GE(shttpd_listen(engine.ctx, ntohs(here.sin_port), false, true), 0);
+    const unique_fd waiting(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(connect(waiting.get(), address, length), 0);
+    ASSERT_EQ(forbid_more(), 0);
+    engine.poll();
+    const unique_fd room(dup(0));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_TRUE(room);
 }
 
 TEST(Files, AFullDiskIsLoggedAndAnAbortedUploadIsNoSuccess) {
