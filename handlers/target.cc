@@ -177,14 +177,11 @@ bool target::check_connect() {
             last_error_ = errno;
         }
         if (last_error_ == 0) {
-            // Heads and bodies are written in one piece where that is possible, so nothing is
-            // gained by holding small packets back.
-            const int on = 1;
-            (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
             if (!secure) {
                 become_ready();
                 return false;
             }
+            stop_delays();
             set_poll_events(slot, fd.get(), POLLIN);
             state = target_state::securing;
             return true;
@@ -196,6 +193,13 @@ bool target::check_connect() {
     }
     connect_next();
     return true;
+}
+
+// Heads and bodies are written in one piece where that is possible, so nothing is gained by holding
+// small packets back.
+void target::stop_delays() {
+    const int on = 1;
+    (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
 }
 
 // A secure target is never spoken to in clear text.
@@ -280,6 +284,9 @@ ssize_t target::receive(void* buffer, std::size_t length) {
 
 ssize_t target::deliver(const void* bytes, std::size_t length) {
     if (channel == nullptr) {
+        if (writes_ < 2 && ++writes_ == 2) {
+            stop_delays();  // the first one is never held back, and mostly the only one
+        }
         return send(fd.get(), bytes, length, MSG_NOSIGNAL);
     }
     const std::int32_t offered = transfer_length(length);

@@ -77,6 +77,7 @@ struct target {
     bool begin_connect(const sockaddr* address, socklen_t length);
     bool check_connect();
     bool set_up_channel();
+    void stop_delays();
     void become_ready();
     void fail(std::string why);
     void drop_attempt();
@@ -87,6 +88,7 @@ struct target {
     lookup_ptr lookup_;
     std::vector<host_address> addresses_;  // still to be tried, the next one last
     int last_error_ = 0;
+    int writes_ = 0;  // in clear text, as far as they count
 };
 
 // Waits until the descriptor is writable: above 0 when it is, 0 when the time has passed or the
