@@ -354,7 +354,6 @@ void build_cgi_environment(conn* c, const char* prog, env_block* block) {
     add_user(c, block);
     add_configured(c, block);
     add_headers(c, block);
-    block->pointers[block->count] = nullptr;
 }
 
 int run_cgi(conn* c, const char* prog) {

@@ -75,7 +75,6 @@ void build_environment(const shttpd_ctx* ctx, const std::string& root_item, env_
     for (const char* name : {"PATH", "LD_LIBRARY_PATH", "PERLLIB", "ZEL_HOME_DIR"}) {
         add_own_variable(block, name);
     }
-    block->pointers[block->count] = nullptr;
 }
 
 // The number behind the mark: -1 while more text may change it, 0 when it is no usable port.
