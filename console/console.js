@@ -11,13 +11,8 @@ const $ = (id) => document.getElementById(id);
  *  what is false or missing is left out. */
 function el(what, ...rest) {
   const [tag, ...classes] = what.split(".");
-  const node = document.createElement(tag);
-  node.className = classes.join(" ");
   const properties = rest[0]?.constructor === Object ? rest.shift() : {};
-  for (const [key, value] of Object.entries(properties)) {
-    if (key in node) node[key] = value;
-    else node.setAttribute(key, value);
-  }
+  const node = Object.assign(document.createElement(tag), { className: classes.join(" ") }, properties);
   node.append(...rest.flat().filter((child) => child));
   return node;
 }
@@ -33,7 +28,7 @@ const notice = (title, words) => el("div.notice", el("h2", title), el("p", words
 
 /** Terms and what they mean; without those that are not known. */
 const factList = (facts) => el("dl", Object.entries(facts).filter(([, value]) => value !== undefined && value !== null)
-  .flatMap(([term, value]) => [el("dt", term), el("dd", value)]));
+  .flatMap(([term, value]) => [el("dt", term), el("dd", value instanceof Node ? value : String(value))]));
 
 const count = (n) => n.toLocaleString("en").replaceAll(",", "\u2009");
 const plural = (n, one, many = `${one}s`) => `${count(n)} ${n === 1 ? one : many}`;
@@ -42,7 +37,8 @@ const plural = (n, one, many = `${one}s`) => `${count(n)} ${n === 1 ? one : many
 
 // `skew` is how far the server's clock is ahead, `offset` its zone, both in milliseconds.
 const server = { name: location.hostname, skew: 0, offset: 0 };
-const DAY_MS = 86_400_000;
+const HOUR_MS = 3_600_000;
+const DAY_MS = 24 * HOUR_MS;
 const DAYS = "Sun Mon Tue Wed Thu Fri Sat".split(" ");
 const MONTHS = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec".split(" ");
 
@@ -83,9 +79,9 @@ function setZone(shownNow) {
 }
 
 function duration(seconds) {
-  if (seconds < 120) return `${Math.round(seconds)} s`;
-  if (seconds < 7200) return `${Math.round(seconds / 60)} min`;
-  return seconds < 2 * 86_400 ? `${Math.round(seconds / 3600)} h` : `${count(Math.round(seconds / 86_400))} days`;
+  const [size, unit] = seconds < 120 ? [1, "s"] : seconds < 7200 ? [60, "min"]
+    : seconds < 172_800 ? [3600, "h"] : [86_400, "days"];
+  return `${count(Math.round(seconds / size))} ${unit}`;
 }
 
 // --- Asking the daemon ---
@@ -113,13 +109,8 @@ async function ask(path, { method = "GET", form, namespace = session.namespace, 
   if (/[^ -~]/.test(namespace)) throw trouble("status", `No request can name the namespace ${namespace}.`);
   const headers = { Authorization: session.login, ...(namespace !== "plx" && { "X-PLX-Namespace": namespace }) };
   const stop = new AbortController();
-  let timer;
-  const watch = () => {
-    clearTimeout(timer);
-    timer = setTimeout(() => stop.abort(), SILENCE_MS);
-  };
-  let reply;
-  let text = "";
+  let [timer, reply, text] = [0, null, ""];
+  const watch = () => { clearTimeout(timer); timer = setTimeout(() => stop.abort(), SILENCE_MS); };
   try {
     watch();
     reply = await fetch(path, { method, headers, body: form && new URLSearchParams(form), credentials: "omit",
@@ -172,18 +163,14 @@ class Source {
 
   async refresh() {
     if (this.busy) return;
-    this.busy = true;
-    this.triedAt = Date.now();
+    Object.assign(this, { busy: true, triedAt: Date.now() });
     try {
-      this.value = await this.read(this);
-      this.at = Date.now();
-      this.trouble = null;
+      Object.assign(this, { value: await this.read(this), at: Date.now(), trouble: null });
     } catch (error) {
       if (!error.kind) console.error(error);
       this.trouble = error.kind ? error : trouble("form", "The answer has a form that this page does not know.");
     }
-    this.busy = false;
-    this.progress = "";
+    Object.assign(this, { busy: false, progress: "" });
   }
 
   /** Whether it should be read. A refusal would only be refused, and logged, again. */
@@ -219,8 +206,7 @@ function dialog({ title, words, verb, danger = false, fields = [], typed }) {
   $("dialog-fields").replaceChildren(...inputs.map(({ label, choices, hint, ...properties }) => el("label", label,
     choices ? el("select", properties, choices.map((choice) => el("option", choice))) : el("input", properties),
     hint && el("small.muted", hint))));
-  $("dialog-yes").textContent = verb;
-  $("dialog-yes").className = danger ? "danger" : "primary";
+  Object.assign($("dialog-yes"), { textContent: verb, className: danger ? "danger" : "primary" });
   box.returnValue = "";
   box.showModal();
   (box.querySelector("input, select") ?? $(danger ? "dialog-no" : "dialog-yes")).focus();
@@ -229,22 +215,16 @@ function dialog({ title, words, verb, danger = false, fields = [], typed }) {
 }
 
 function say(words, isBad = false) {
-  $("said").textContent = words;
-  $("said").className = isBad ? "shown bad" : "shown";
+  Object.assign($("said"), { textContent: words, className: isBad ? "shown bad" : "shown" });
   clearTimeout(say.timer);
   say.timer = setTimeout(() => { $("said").className = ""; }, isBad ? 15_000 : 6000);
 }
 
 /** Sends a request and tells how it went; whether it went well. */
 async function send(done, path, options) {
-  try {
-    await ask(path, options);
-    say(done);
-    return true;
-  } catch (error) {
-    say(`Not done. ${error.message}`, true);
-    return false;
-  }
+  const error = await ask(path, options).then(() => null, (reason) => reason);
+  say(error ? `Not done. ${error.message}` : done, error !== null);
+  return error === null;
 }
 
 const act = async (question, done, path, options) =>
@@ -293,8 +273,7 @@ class Snapshot {
     const { age, due, down } = this.columns;
     const usual = age.map((seconds, i) => (down[i] ? 0 : seconds + due[i])).filter((n) => n > 0).sort();
     this.patience = 3 * (usual[usual.length >> 1] ?? 360);
-    this.columns.state = down.map((isDown, i) => (!isDown ? UP
-      : age[i] > 0 && age[i] <= this.patience ? OVERDUE : DOWN));
+    this.columns.state = down.map((isDown, i) => (!isDown ? UP : age[i] > 0 && age[i] <= this.patience ? OVERDUE : DOWN));
     this.at = Date.now();
     return this;
   }
@@ -304,24 +283,20 @@ class Snapshot {
     if (this.ranks[column]) return this.ranks[column];
     const { age, due, down, state } = this.columns;
     const keys = this.hosts.map({
-      age: (_, i) => (age[i] || !down[i] ? age[i] : NEVER),
-      due: (_, i) => (down[i] ? NEVER : due[i]),
+      age: (_, i) => (age[i] || !down[i] ? age[i] : NEVER), due: (_, i) => (down[i] ? NEVER : due[i]),
       state: (_, i) => state[i],
       system: (host) => `${host.os} ${host.release}`.toLowerCase(),
     }[column] ?? ((host) => host[column].toLowerCase().replace(/\d+/g, (n) => n.padStart(8, "0"))));
-    const order = Uint32Array.from(keys, (_, i) => i);
-    order.sort((a, b) => (keys[a] < keys[b] ? -1 : keys[a] > keys[b] ? 1 : 0));
+    const order = Uint32Array.from(keys, (_, i) => i).sort((a, b) => (keys[a] < keys[b] ? -1 : keys[a] > keys[b] ? 1 : 0));
     const rank = this.ranks[column] = new Uint32Array(order.length);
-    order.forEach((host, i) => {
-      rank[host] = i > 0 && keys[host] === keys[order[i - 1]] ? rank[order[i - 1]] : i;
-    });
+    order.forEach((host, i) => { rank[host] = i && keys[host] === keys[order[i - 1]] ? rank[order[i - 1]] : i; });
     return rank;
   }
 
   order(column, falling) {
     const [rank, names] = [this.rank(column), this.rank("name")];
-    const sign = falling ? -1 : 1;
-    return Uint32Array.from(names, (_, i) => i).sort((a, b) => sign * (rank[a] - rank[b]) || names[a] - names[b] || a - b);
+    return Uint32Array.from(names, (_, i) => i)
+      .sort((a, b) => (falling ? rank[b] - rank[a] : rank[a] - rank[b]) || names[a] - names[b] || a - b);
   }
 
   /** A test for what was typed: words over all columns, and is:down, ns:plx, os:linux. */
@@ -361,8 +336,7 @@ const hosts = new Source(async (source) => {
       "other servers is forgotten by being read, so this page does not ask.");
   }
   const snapshot = new Snapshot(source.value);
-  let rest = "";
-  let hasBegun = false;
+  let [rest, hasBegun] = ["", false];
   const add = (text) => {
     for (const host of parseJson(`[${text}]`)) snapshot.add(Object(host));
     source.progress = `${plural(snapshot.hosts.length, "host")} read`;
@@ -411,17 +385,13 @@ function makeRow() {
 }
 
 function fillRow(row, place) {
-  const { snapshot } = table;
-  const i = table.shown[place];
-  const host = snapshot.hosts[i];
-  const { age, due, down, state } = snapshot.columns;
+  const [snapshot, i] = [table.snapshot, table.shown[place]];
+  const [host, { age, due, down, state }] = [snapshot.hosts[i], snapshot.columns];
   const isSilent = age[i] === 0 && down[i] === 1;
   row.place = place;
-  row.node.hidden = false;
   row.node.className = `row ${STATES[state[i]]}`;
   row.node.style.transform = `translateY(${place * table.rowHeight}px)`;
-  row.node.setAttribute("aria-rowindex", place + 2);
-  row.node.setAttribute("aria-selected", host.id === table.chosen);
+  Object.assign(row.node, { ariaRowIndex: place + 2, ariaSelected: host.id === table.chosen });
   row.report.title = isSilent ? "" : serversText(snapshot.at - age[i] * 1000);
   [STATES[state[i]], host.name, host.reverse, host.id, host.spaces, `${host.os} ${host.release}`, host.cpu,
     isSilent ? "none yet" : `${duration(age[i])} ago`, down[i] ? "—" : `in ${duration(due[i])}`]
@@ -458,7 +428,7 @@ function drawTable(keepsPlace = false) {
     table.shown = snapshot.sorted.filter(snapshot.matcher($("search").value));
   }
   $("rows").style.height = `${table.shown.length * table.rowHeight}px`;
-  box.setAttribute("aria-rowcount", table.shown.length + 1);
+  box.ariaRowCount = table.shown.length + 1;
   if (!keepsPlace) box.scrollTop = 0;
   if (seen.length > 0) {
     const places = new Map(Array.from(table.shown, (i, place) => [snapshot.hosts[i].id, place]));
@@ -474,13 +444,12 @@ function drawTable(keepsPlace = false) {
 }
 
 function drawBlank(total) {
-  const words = table.shown.length > 0 ? null
-    : !table.snapshot && hosts.trouble ? ["No list of hosts", hosts.trouble.message]
-      : !table.snapshot ? ["Loading", "The list is on its way."]
-        : total === 0 ? ["No host yet", "Hosts enrol with POST /agent/domain/register; dovmad-domain(7) shows how."]
-          : ["No host matches", `No host has “${$("search").value}”.`];
-  $("blank").hidden = words === null;
-  $("blank").replaceChildren(...(words ? notice(...words).childNodes : []));
+  const words = !table.snapshot && hosts.trouble ? ["No list of hosts", hosts.trouble.message]
+    : !table.snapshot ? ["Loading", "The list is on its way."]
+      : total === 0 ? ["No host yet", "Hosts enrol with POST /agent/domain/register; dovmad-domain(7) shows how."]
+        : ["No host matches", `No host has “${$("search").value}”.`];
+  $("blank").hidden = table.shown.length > 0;
+  $("blank").replaceChildren(...notice(...words).childNodes);
 }
 
 function choose(id) {
@@ -492,8 +461,7 @@ function choose(id) {
   if (place >= 0) box.scrollTop = Math.max(Math.min(box.scrollTop, top), top - room);
   drawRows(true);
   const row = table.pool.find((one) => place >= 0 && one.place === place);
-  if (row) box.setAttribute("aria-activedescendant", row.node.id);
-  else box.removeAttribute("aria-activedescendant");
+  box.setAttribute("aria-activedescendant", row?.node.id ?? "");
   drawDetails();
 }
 
@@ -510,58 +478,45 @@ function tableKey(event) {
 function drawDetails() {
   const { snapshot, chosen } = table;
   $("details").hidden = chosen === null;
-  if (chosen === null || !snapshot) return;
+  if (chosen === null || !snapshot) return null;
   const close = el("button.quiet", { ariaLabel: "Close", onclick: () => { choose(null); $("table").focus(); } }, "✕");
   const i = snapshot.hosts.findIndex((host) => host.id === chosen);
-  if (i < 0) {
-    $("details").replaceChildren(el("div.title", el("h2", chosen), close), el("p", "This host has left the domain."));
-    return;
-  }
-  const host = snapshot.hosts[i];
+  const show = (title, ...rest) => $("details").replaceChildren(el("div.title", el("h2", title), close), ...rest);
+  if (i < 0) return show(chosen, el("p", "This host has left the domain."));
   const [age, due, state] = ["age", "due", "state"].map((key) => snapshot.columns[key][i]);
-  const isSilent = age === 0 && state === DOWN;
+  const [host, isSilent] = [snapshot.hosts[i], age === 0 && state === DOWN];
   const words = state === UP ? `On time: the next report is due in ${duration(due)}.`
     : isSilent ? "No report since the daemon started, or since this host enrolled."
       : state === DOWN ? "Its reports have been missing for long."
         : `Its report is late. After three times the usual interval (${duration(snapshot.patience)}) it counts as down.`;
-  $("details").replaceChildren(el("div.title", el("h2", host.name), close), el("p", stateMark(state)),
-    el("p.muted", words), factList({
-      "Last report": isSilent ? "none yet" : el("span", timeNode(snapshot.at - age * 1000), `, ${duration(age)} before this list`),
-      "Reverse name": host.reverse || "none", Id: el("code", host.id), Namespaces: host.spaces || "none",
-      System: host.os, Release: host.release, Processor: host.cpu }));
+  const last = isSilent ? "none yet" : el("span", timeNode(snapshot.at - age * 1000), `, ${duration(age)} before this list`);
+  return show(host.name, el("p", stateMark(state)), el("p.muted", words), factList({ "Last report": last,
+    "Reverse name": host.reverse || "none", Id: el("code", host.id), Namespaces: host.spaces || "none",
+    System: host.os, Release: host.release, Processor: host.cpu }));
 }
-
-// --- Hosts: around the table ---
 
 function drawBars(box, rows, kind) {
   const states = [UP, OVERDUE, DOWN];
   const most = Math.max(1, ...rows.map(([, counts]) => counts[0] + counts[1] + counts[2]));
   box.replaceChildren(...rows.slice(0, 4).map(([value, counts]) => {
     const words = states.filter((s) => counts[s]).map((s) => `${count(counts[s])} ${STATES[s]}`).join(" · ");
-    let end = 0;
-    const parts = states.map((s) => {
-      const width = counts[s] && Math.max(0.6, (100 * counts[s]) / most);
-      end += width;
-      return svg("rect", { x: end - width, width, height: 10, class: STATES[s] });
-    });
+    const widths = states.map((s) => counts[s] && Math.max(0.6, (100 * counts[s]) / most));
+    const parts = states.map((s, i) => svg("rect", { x: widths.slice(0, i).reduce((a, b) => a + b, 0), width: widths[i],
+      height: 10, class: STATES[s] }));
     return el("button.bar", { title: words, onclick: () => searchFor(`${kind}:${flat(value)}`) },
-      el("span.label", value || "none"),
-      svg("svg", { viewBox: "0 0 100 10", preserveAspectRatio: "none", "aria-hidden": "true" }, ...parts),
-      el("span.number", words));
+      el("span.label", value || "none"), svg("svg", { viewBox: "0 0 100 10", preserveAspectRatio: "none",
+        "aria-hidden": "true" }, ...parts), el("span.number", words));
   }));
   box.previousElementSibling.lastChild.textContent = rows.length > 4 ? `the largest of ${count(rows.length)}` : "";
 }
 
 function drawHosts() {
-  const snapshot = hosts.value;
-  const counts = [0, 0, 0];
+  const [snapshot, counts] = [hosts.value, [0, 0, 0]];
   for (const state of snapshot?.columns.state ?? []) counts[state] += 1;
   $("tiles").replaceChildren(...[UP, OVERDUE, DOWN].map((state) => el("button.tile",
     { onclick: () => searchFor(`is:${STATES[state]}`) }, stateMark(state), el("b", snapshot ? count(counts[state]) : "–"))));
-  if (snapshot) {
-    drawBars($("by-namespace"), snapshot.tally((host) => host.spaces.split(" ")), "ns");
-    drawBars($("by-system"), snapshot.tally((host) => [host.os]), "os");
-  }
+  if (snapshot) drawBars($("by-namespace"), snapshot.tally((host) => host.spaces.split(" ")), "ns");
+  if (snapshot) drawBars($("by-system"), snapshot.tally((host) => [host.os]), "os");
   drawTable(true);
 }
 
@@ -580,14 +535,11 @@ async function changeCollectors() {
   const fields = [number("enable", isServer ? "Accept collectors, 0 or 1" : "Collect, 0 or 1", "0 at the start"),
     number("freq", "Least seconds between reports", "300 at the start"),
     number("max_report_per_dhc", "Hosts of one collector", "30 at the start")];
-  if (isServer) {
-    fields.push(number("fudge", "Seconds of grace", "60 at the start"),
-      number("max_report_per_dc", "Direct reporters listed", "256 at the start"));
-  } else {
-    fields.unshift({ name: "domain", label: "Domain", required: true, ...(served.length && { choices: served }) });
-    fields.push(number("max_cycles_per_blist", "Enumerations that a blacklist lasts", "2 at the start"),
-      { name: "blacklist", label: "Ids to blacklist, separated by :" });
-  }
+  if (!isServer) fields.unshift({ name: "domain", label: "Domain", required: true, ...(served.length && { choices: served }) });
+  fields.push(...(isServer ? [number("fudge", "Seconds of grace", "60 at the start"),
+    number("max_report_per_dc", "Direct reporters listed", "256 at the start")]
+    : [number("max_cycles_per_blist", "Enumerations that a blacklist lasts", "2 at the start"),
+      { name: "blacklist", label: "Ids to blacklist, separated by :" }]));
   const values = await dialog({ title: "Collector settings", verb: "Apply", fields, words: "The daemon tells nobody " +
     "what is set or blacklisted. Empty fields leave things as they are, and a restart forgets all of it." });
   const given = Object.entries(values ?? {}).filter(([, value]) => value !== "")
@@ -607,10 +559,9 @@ async function changeRight(verb, user, role, type, namespace) {
   const more = /^root/i.test(user) ? " Names that begin with root are built in: nothing will change."
     : !grants ? " Connections that are open keep it until they end."
       : role === "admin" ? " Administrators may do everything, in every namespace." : "";
-  const done = await act({ title: grants ? "Grant a role?" : "Take a role away?", danger: !grants,
-    words: `${sentence}?${more}`, verb: grants ? `Grant ${role}` : `Take ${role} away` }, `Done: ${sentence}.`,
-  `/admin/security/${verb}`, { form: { user, role, type }, namespace });
-  if (!done) return;
+  if (!await act({ title: grants ? "Grant a role?" : "Take a role away?", danger: !grants, words: `${sentence}?${more}`,
+    verb: grants ? `Grant ${role}` : `Take ${role} away` }, `Done: ${sentence}.`, `/admin/security/${verb}`,
+  { form: { user, role, type }, namespace })) return;
   $("changes").hidden = false;
   $("changes").querySelector("ol").prepend(el("li", timeNode(Date.now()), ` ${sentence}.`));
   if (rights.value) await rights.refresh();
@@ -637,7 +588,7 @@ function namespaceCard({ namespace, root, roles }) {
     ...builtIn.groups.map((name) => fixed("group", name)), ...users.map(chip(role, "user")),
     ...groups.map(chip(role, "group"))].filter(Boolean);
   const rows = Object.keys(ROLES).map((name) => roles.find(({ role }) => role === name)).filter(Boolean);
-  return el("section.card", el("div.title", el("h2", namespace), el("code.muted", root)),
+  return el("section.card", el("div.title", el("h2", String(namespace)), el("code.muted", String(root))),
     el("dl.roles", rows.flatMap((row) => [el("dt", row.role, el("small.muted", ROLES[row.role])),
       el("dd", !row.readable ? el("p.trouble", `${row.file} cannot be read.`)
         : holders(row).length ? el("ul", holders(row)) : el("span.muted", "nobody"))])));
@@ -668,9 +619,7 @@ const upcoming = new Source(() => askProgram("next"), 300);
 /** The runs of an entry in the day from `now` on, and the next one, however far. */
 function runsOf(entry, now) {
   const runs = entry.interval ? [] : (upcoming.value?.runs?.[entry.id] ?? []).map(momentOfSeconds).filter((t) => t > now);
-  if (entry.interval && entry.next) {
-    for (let t = entry.next; t < now + DAY_MS; t += entry.interval * 60_000) runs.push(t);
-  }
+  for (let t = entry.interval && entry.next ? entry.next : NaN; t < now + DAY_MS; t += entry.interval * 60_000) runs.push(t);
   if (entry.next && runs[0] !== entry.next) runs.unshift(entry.next);
   return runs;
 }
@@ -678,22 +627,16 @@ function runsOf(entry, now) {
 function drawSchedule() {
   const { now, entries } = dump.value ?? { entries: [] };
   if (entries.length === 0) {
-    $("entries").replaceChildren(dump.value ? notice("The schedule is empty", "No scheduler_file is configured, or none " +
-      "of its lines was loaded; the error log says which and why.") : dump.trouble
-      ? notice("No schedule", dump.trouble.message) : notice("Loading", "The schedule is on its way."));
-    return;
+    return $("entries").replaceChildren(!dump.value ? notice("No schedule", dump.trouble?.message ?? "It is on its way.")
+      : notice("The schedule is empty", "No scheduler_file is configured, or none of its lines was loaded; the error log " +
+        "says which and why."));
   }
-  const ticks = [];
-  for (let t = Math.ceil(now / 3_600_000) * 3_600_000; t <= now + DAY_MS; t += 3_600_000) {
-    if (new Date(t).getHours() % 3 === 0) ticks.push(t);
-  }
+  const ticks = Array.from({ length: 24 }, (_, i) => (Math.ceil(now / HOUR_MS) + i) * HOUR_MS)
+    .filter((t) => new Date(t).getHours() % 3 === 0);
   const minute = (t) => ((t - now) / 60_000).toFixed(1);
-  const axis = el("div.lane.axis", ticks.map((t) => {
-    const hour = String(new Date(t).getHours()).padStart(2, "0");
-    const label = el("span", { title: serversText(t) }, `${hour}:00`);
-    label.style.left = `${minute(t) / 14.4}%`;
-    return label;
-  }));
+  const axis = el("div.lane.axis", ticks.map((t) => el("span", { title: serversText(t) },
+    `${String(new Date(t).getHours()).padStart(2, "0")}:00`)));
+  [...axis.children].forEach((label, i) => { label.style.left = `${minute(ticks[i]) / 14.4}%`; });
   const hours = ticks.map((t) => `M${minute(t)} 0v24`).join("");
   const rows = entries.map((entry) => {
     const runs = runsOf(entry, now);
@@ -709,17 +652,16 @@ function drawSchedule() {
     el("div.when", el("small", "next "), next), el("div.lane", lane),
     el("button.quiet", { onclick: () => rescan(entry.id) }, "Read again…"));
   });
-  $("entries").replaceChildren(el("section.card.timeline", el("div.entry.head", el("span",
+  return $("entries").replaceChildren(el("section.card.timeline", el("div.entry.head", el("span",
     plural(entries.length, "entry", "entries")), el("span", "Last run"), el("span", "Next run"), axis), rows),
   upcoming.trouble ? el("p.muted", `Beyond this hour only intervals are known. ${upcoming.trouble.message}`) : "");
 }
 
 async function rescan(id) {
   const what = id === undefined ? "the whole schedule file" : `the entry “${id}”`;
-  const done = await act({ title: "Read again?", verb: "Read again", words: `Read ${what} again? What has run in this ` +
-    "minute can run in it once more, and last runs are forgotten." }, `Done: read ${what} again.`,
-  `/admin/sched/rescan${id === undefined ? "" : `?id=${encodeURIComponent(id)}`}`);
-  if (done) await refresh(true);
+  const path = `/admin/sched/rescan${id === undefined ? "" : `?id=${encodeURIComponent(id)}`}`;
+  if (await act({ title: "Read again?", verb: "Read again", words: `Read ${what} again? What has run in this minute can ` +
+    "run in it once more, and last runs are forgotten." }, `Done: read ${what} again.`, path)) await refresh(true);
 }
 
 // --- Daemon ---
@@ -727,10 +669,7 @@ async function rescan(id) {
 const facts = new Source(() => askProgram("daemon"));
 const log = new Source(() => askProgram("log"));
 
-function bytes(n) {
-  const step = n < 1e3 ? 0 : n < 1e6 ? 1 : n < 1e9 ? 2 : 3;
-  return `${(n / 1000 ** step).toFixed(step && 1)} ${["B", "kB", "MB", "GB"][step]}`;
-}
+const bytes = (n) => (n === null ? "none" : n < 1e6 ? `${(n / 1e3).toFixed(1)} kB` : `${(n / 1e6).toFixed(1)} MB`);
 
 function certificateFact(seconds) {
   if (!seconds) return "not told";
@@ -744,8 +683,7 @@ function drawDaemon() {
   const [v, f] = [vitals.value ?? {}, facts.value];
   const ahead = Math.round(server.skew / 1000);
   const started = f && momentOfSeconds(f.started);
-  const logs = Object.fromEntries((f?.logs ?? []).map(({ name, size }) =>
-    [name === "error" ? "Error log" : "Access log", size === null ? "none" : bytes(size)]));
+  const logs = Object.fromEntries((f?.logs ?? []).map(({ name, size }) => [`Log (${name})`, bytes(size)]));
   $("facts").replaceChildren(card("Daemon", factList({ Version: v.DOVMAD_VERSION,
     Mode: v.DOMAIN_MODE === "TRUE" ? "server of a domain" : v.DOMAIN_MODE && "standalone",
     Started: f && el("span", timeNode(started), `, ${duration((Date.now() - started) / 1000)} ago`),
@@ -766,22 +704,20 @@ function drawLog() {
   const words = $("log-filter").value.toLowerCase().split(/\s+/).filter(Boolean);
   const isAtEnd = box.scrollTop + box.clientHeight >= box.scrollHeight - 8;
   const lines = (log.value?.lines ?? []).filter((line) => words.every((word) => line.toLowerCase().includes(word)));
-  box.replaceChildren(...lines.map((line) => {
+  const blank = !log.value ? log.trouble?.message ?? "Loading…"
+    : log.value.lines.length ? "No line has these words." : "The log is empty.";
+  box.replaceChildren(...(lines.length ? [] : [el("p.muted", blank)]), ...lines.map((line) => {
     const [, clock, rest] = /^\[([^\]]+)\] (?:\[error\] )?(.*)$/.exec(line) ?? [];
     const shown = parseClock(clock ?? "");
     return el("div", Number.isNaN(shown) ? line : [timeNode(momentOf(shown)), " ", rest]);
   }));
-  if (lines.length === 0) {
-    box.append(el("p.muted", !log.value ? log.trouble?.message ?? "Loading…"
-      : log.value.lines.length ? "No line has these words." : "The log is empty."));
-  }
   if (isAtEnd) box.scrollTop = box.scrollHeight;
 }
 
 async function resetKeys() {
-  await act({ title: "Read keys again?", verb: "Read again", words: "Read the key, the certificate and the users again? " +
-    "A broken pair is not taken up; the error log says why." }, "Done: keys are read again.", "/admin/security/reset");
-  await refresh(true);
+  if (await act({ title: "Read keys again?", verb: "Read again", words: "Read the key, the certificate and the users " +
+    "again? A broken pair is not taken up; the error log says why." }, "Done: keys are read again.",
+  "/admin/security/reset")) await refresh(true);
 }
 
 async function stopDaemon() {
@@ -801,30 +737,26 @@ async function stopDaemon() {
 // The first source of a view tells how old the view is.
 const views = { hosts: { sources: [hosts], draw: drawHosts }, rights: { sources: [rights], draw: drawRights },
   schedule: { sources: [dump, upcoming], draw: drawSchedule }, daemon: { sources: [vitals, facts, log], draw: drawDaemon } };
-const current = () => (location.hash.slice(1) in views ? location.hash.slice(1) : "hosts");
+const current = () => (Object.hasOwn(views, location.hash.slice(1)) ? location.hash.slice(1) : "hosts");
 
+/** What there is to tell of a source, and how old its value is. */
 function freshness(source) {
   const age = duration((Date.now() - source.at) / 1000);
-  if (source.value === null) {
-    return source.busy ? ["busy", `Loading… ${source.progress}`] : ["trouble", source.trouble?.message ?? ""];
-  }
-  if (source.trouble) return ["trouble", `Not refreshed: ${source.trouble.message} What you see is ${age} old.`];
+  if (source.value === null) return source.busy ? ["", `Loading… ${source.progress}`] : [source.trouble?.message ?? "", ""];
+  if (source.trouble) return [`Not refreshed: ${source.trouble.message}`, `What you see is ${age} old.`];
   const missing = [...(source.value.missing ?? [])].join(", ");
-  const lack = missing && ` This daemon is of another version: it does not tell ${missing}.`;
-  return [source.busy ? "busy" : "", `As of ${readersText(source.at)}, ${age} ago.${lack}`];
+  const lack = missing && `This daemon is of another version: it does not tell ${missing}.`;
+  return [lack, `As of ${readersText(source.at)}, ${age} ago.`];
 }
 
 function drawFreshness() {
-  const line = $(current()).querySelector(".fresh");
-  const [kind, words] = freshness(vitals.trouble ? vitals : views[current()].sources[0]);
-  line.className = `fresh ${kind}`;
-  if (line.textContent !== words) line.textContent = words;
+  const [news, age] = $(current()).querySelector(".fresh").children;  // screen readers tell the news only
+  const [newsText, ageText] = freshness(vitals.trouble ? vitals : views[current()].sources[0]);
+  if (news.textContent !== newsText) news.textContent = newsText;
+  age.textContent = ageText;
 }
 
-function draw() {
-  views[current()].draw();
-  drawFreshness();
-}
+const draw = () => { views[current()].draw(); drawFreshness(); };
 
 /** Reads what is due of the view: all of it by hand, and else what was not read for some seconds. */
 async function refresh(byHand = false, seconds = 0) {
@@ -835,12 +767,6 @@ async function refresh(byHand = false, seconds = 0) {
   if (isDue(vitals)) await vitals.refresh();
   await Promise.all(sources.map((source) => source.refresh()));
   draw();
-}
-
-function tick() {
-  const pace = Number($("pace").value);
-  if (pace && !document.hidden) refresh(false, pace);
-  else drawFreshness();
 }
 
 function measure() {
@@ -873,10 +799,7 @@ async function signIn(event) {
       (sent.length > 42 ? " It takes at most 42 bytes of name and password together." : "");
   }
   $("login-fields").disabled = false;
-  if (session.login === "") {
-    $("login-form").elements.password.select();
-    return;
-  }
+  if (session.login === "") return $("login-form").elements.password.select();
   await vitals.refresh();
   $("login-form").reset();
   $("login").hidden = true;
@@ -884,7 +807,8 @@ async function signIn(event) {
   $("user").textContent = session.user;
   $("grant").elements.namespace.value = session.namespace;
   showView();
-  setInterval(tick, 1000);
+  const pace = () => Number($("pace").value);
+  setInterval(() => (pace() && !document.hidden ? refresh(false, pace()) : drawFreshness()), 1000);
   addEventListener("hashchange", showView);
   addEventListener("resize", measure);
 }
@@ -902,8 +826,8 @@ function drawHead() {
 }
 
 function pageKey(event) {
-  const isTyping = /^(INPUT|SELECT|TEXTAREA)$/.test(event.target.tagName);
-  if (isTyping || event.ctrlKey || event.metaKey || event.altKey || $("bar").hidden || $("dialog").open) return;
+  if (/^(INPUT|SELECT)$/.test(event.target.tagName) || event.ctrlKey || event.metaKey || event.altKey ||
+    $("bar").hidden || $("dialog").open) return;
   if (event.key === "r") refresh(true);
   if (event.key !== "/") return;
   event.preventDefault();
@@ -927,27 +851,17 @@ function listen() {
     const { user, role, type, namespace } = Object.fromEntries(new FormData(event.target));
     changeRight(event.submitter?.value ?? "grant", user.trim(), role, type, namespace.trim());
   });
-  let frame = 0;
-  $("table").addEventListener("scroll", () => {
-    frame ||= requestAnimationFrame(() => { frame = 0; drawRows(); });
-  }, { passive: true });
+  on("table", "scroll", () => drawRows());
   on("table", "keydown", tableKey);
   on("rows", "click", (event) => choose(hostAt(table.pool.find(({ node }) => node.contains(event.target)).place).id));
   addEventListener("keydown", pageKey);
   drawHead();
-}
-
-function start() {
-  const isLoopback = /^(localhost|127(\.\d+){3}|\[::1\])$/.test(location.hostname);
-  if (location.protocol !== "https:" && !isLoopback) {
-    $("login-words").textContent = "This page came over plain HTTP. Everybody on the way could read the password, or have " +
-      "changed the page itself, so it takes none. Open it over https, on the daemon's TLS port.";
-    return;
-  }
-  $("login-words").textContent = `Sign in to the daemon on ${location.host}.`;
-  listen();
   $("login-fields").disabled = false;
   $("login-form").elements.name.focus();
 }
 
-start();
+const isSafe = location.protocol === "https:" || /^(localhost|127(\.\d+){3}|\[::1\])$/.test(location.hostname);
+$("login-words").textContent = isSafe ? `Sign in to the daemon on ${location.host}.`
+  : "This page came over plain HTTP. Everybody on the way could read the password, or have changed the page itself, so it " +
+    "takes none. Open it over https, on the daemon's TLS port.";
+if (isSafe) listen();
