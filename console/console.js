@@ -549,7 +549,10 @@ async function changeCollectors() {
 
 // --- Rights ---
 
-const rights = new Source(() => askProgram("rights"), 60);
+const rights = new Source(() => askProgram("rights").catch(async (error) => {
+  const group = error.kind === "absent" && await ask("/admin/security/get_admin_group").catch(() => "");
+  throw group ? trouble("absent", `${error.message} Root and the group ${group.trim()} are administrators.`) : error;
+}), 60);
 const ROLES = { admin: "everything else", operator: "/operator/ and /pub/", pub: "/pub/", agent: "/agent/" };
 
 async function changeRight(verb, user, role, type, namespace) {
@@ -627,7 +630,8 @@ function runsOf(entry, now) {
 function drawSchedule() {
   const { now, entries } = dump.value ?? { entries: [] };
   if (entries.length === 0) {
-    return $("entries").replaceChildren(!dump.value ? notice("No schedule", dump.trouble?.message ?? "It is on its way.")
+    return $("entries").replaceChildren(!dump.value ? notice(dump.trouble ? "No schedule" : "Loading",
+      dump.trouble?.message ?? "The schedule is on its way.")
       : notice("The schedule is empty", "No scheduler_file is configured, or none of its lines was loaded; the error log " +
         "says which and why."));
   }
@@ -644,7 +648,7 @@ function drawSchedule() {
     const lane = svg("svg", { viewBox: "0 0 1440 24", preserveAspectRatio: "none", role: "img",
       "aria-label": `${plural(today.length, "run")} in 24 hours` }, svg("path", { class: "hours", d: hours }),
     svg("path", { class: today.length > 300 ? "runs dense" : "runs", d: today.map((t) => `M${minute(t)} 4v16`).join("") }));
-    const next = runs.length ? timeNode(runs[0]) : !upcoming.value && !entry.isKickoff ? "not this hour"
+    const next = runs.length ? timeNode(runs[0]) : !upcoming.value ? "not this hour"
       : entry.isKickoff ? "at start" : "not planned";
     return el("div.entry", el("div.id", el("b", entry.id), entry.isKickoff && el("span.tag", "at start"),
       entry.interval > 0 && el("span.tag", `every ${entry.interval} min`), entry.state && el("span.tag.strong", entry.state)),
@@ -683,7 +687,7 @@ function drawDaemon() {
   const [v, f] = [vitals.value ?? {}, facts.value];
   const ahead = Math.round(server.skew / 1000);
   const started = f && momentOfSeconds(f.started);
-  const logs = Object.fromEntries((f?.logs ?? []).map(({ name, size }) => [`Log (${name})`, bytes(size)]));
+  const logs = Object.fromEntries((f?.logs ?? []).map(({ name, size }) => [name === "error" ? "Error log" : "Access log", bytes(size)]));
   $("facts").replaceChildren(card("Daemon", factList({ Version: v.DOVMAD_VERSION,
     Mode: v.DOMAIN_MODE === "TRUE" ? "server of a domain" : v.DOMAIN_MODE && "standalone",
     Started: f && el("span", timeNode(started), `, ${duration((Date.now() - started) / 1000)} ago`),
@@ -736,13 +740,14 @@ async function stopDaemon() {
 
 // The first source of a view tells how old the view is.
 const views = { hosts: { sources: [hosts], draw: drawHosts }, rights: { sources: [rights], draw: drawRights },
-  schedule: { sources: [dump, upcoming], draw: drawSchedule }, daemon: { sources: [vitals, facts, log], draw: drawDaemon } };
+  schedule: { sources: [dump, upcoming], draw: drawSchedule }, daemon: { sources: [facts, log], draw: drawDaemon } };
 const current = () => (Object.hasOwn(views, location.hash.slice(1)) ? location.hash.slice(1) : "hosts");
 
 /** What there is to tell of a source, and how old its value is. */
 function freshness(source) {
   const age = duration((Date.now() - source.at) / 1000);
-  if (source.value === null) return source.busy ? ["", `Loading… ${source.progress}`] : [source.trouble?.message ?? "", ""];
+  if (source.value === null && source.busy) return ["", `Loading… ${source.progress}`];
+  if (source.value === null) return [source.trouble?.kind === "absent" ? "" : "No answer so far.", ""];
   if (source.trouble) return [`Not refreshed: ${source.trouble.message}`, `What you see is ${age} old.`];
   const missing = [...(source.value.missing ?? [])].join(", ");
   const lack = missing && `This daemon is of another version: it does not tell ${missing}.`;
@@ -751,7 +756,9 @@ function freshness(source) {
 
 function drawFreshness() {
   const [news, age] = $(current()).querySelector(".fresh").children;  // screen readers tell the news only
-  const [newsText, ageText] = freshness(vitals.trouble ? vitals : views[current()].sources[0]);
+  const [source] = views[current()].sources;
+  const isVitals = vitals.trouble || (source === facts && !facts.value && facts.trouble);
+  const [newsText, ageText] = freshness(isVitals ? vitals : source);
   if (news.textContent !== newsText) news.textContent = newsText;
   age.textContent = ageText;
 }
@@ -761,12 +768,12 @@ const draw = () => { views[current()].draw(); drawFreshness(); };
 /** Reads what is due of the view: all of it by hand, and else what was not read for some seconds. */
 async function refresh(byHand = false, seconds = 0) {
   const isDue = (source) => source.isDue(byHand, seconds);
-  const sources = views[current()].sources.filter((source) => source !== vitals && isDue(source));
+  const sources = views[current()].sources.filter(isDue);
   drawFreshness();
   if (sources.length === 0 && !isDue(vitals)) return;
   if (isDue(vitals)) await vitals.refresh();
-  await Promise.all(sources.map((source) => source.refresh()));
-  draw();
+  await Promise.all(sources.map((source) => source.refresh().then(draw)));
+  if (sources.length === 0) draw();
 }
 
 function measure() {
@@ -864,4 +871,5 @@ const isSafe = location.protocol === "https:" || /^(localhost|127(\.\d+){3}|\[::
 $("login-words").textContent = isSafe ? `Sign in to the daemon on ${location.host}.`
   : "This page came over plain HTTP. Everybody on the way could read the password, or have changed the page itself, so it " +
     "takes none. Open it over https, on the daemon's TLS port.";
+$("not-started").hidden = true;
 if (isSafe) listen();
