@@ -18,7 +18,7 @@ import tempfile
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-os.environ.update(DOVMAD_BINARY=sys.argv[1], DOVMAD_PROVIDER=sys.argv[2])
+os.environ.update(DOVMAD_BINARY=os.path.abspath(sys.argv[1]), DOVMAD_PROVIDER=os.path.abspath(sys.argv[2]))
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 import dovmad_harness as harness  # noqa: E402
 from browser import Browser  # noqa: E402

@@ -158,7 +158,7 @@ async function askProgram(show) {
 /** Something that is read again and again, by itself at most every `leastSeconds`. */
 class Source {
   constructor(read, leastSeconds = 0) {
-    Object.assign(this, { read, leastSeconds, value: null, at: 0, triedAt: 0, trouble: null, busy: false, progress: "" });
+    Object.assign(this, { read, leastSeconds, value: null, at: 0, triedAt: 0, trouble: null, busy: false, progress: 0 });
   }
 
   async refresh() {
@@ -170,7 +170,7 @@ class Source {
       if (!error.kind) console.error(error);
       this.trouble = error.kind ? error : trouble("form", "The answer has a form that this page does not know.");
     }
-    Object.assign(this, { busy: false, progress: "" });
+    Object.assign(this, { busy: false, progress: 0 });
   }
 
   /** Whether it should be read. A refusal would only be refused, and logged, again. */
@@ -235,7 +235,7 @@ const act = async (question, done, path, options) =>
 // Overdue stands first: it is what has just changed.
 const [OVERDUE, DOWN, UP] = [0, 1, 2];
 const STATES = ["overdue", "down", "up"];
-const NEVER = 2 ** 31;
+const NEVER = 2 ** 31 - 1;
 const flat = (text) => text.toLowerCase().replace(/\s/g, "_");
 
 /** The domain at one moment: a record for each host, and columns of numbers beside them. Records of hosts that have not
@@ -249,7 +249,7 @@ class Snapshot {
 
   add(raw) {
     const text = (key) => {
-      if (!(key in raw)) this.missing.add(key);
+      if (raw[key] === undefined) this.missing.add(key);
       return String(raw[key] ?? "");
     };
     const shared = (value) => this.texts.get(value) ?? (this.texts.set(value, value), value);
@@ -259,7 +259,7 @@ class Snapshot {
       release: shared(text("osrelease")) };
     const old = this.former.get(id);
     const isOld = old && Object.keys(host).every((key) => host[key] === old[key]);
-    if (!isOld) host.words = Object.values(host).join(" ").toLowerCase();
+    if (!isOld) host.words = `${id} ${name} ${reverse} ${host.spaces} ${host.os} ${host.release} ${host.cpu}`.toLowerCase();
     this.hosts.push(isOld ? old : host);
     this.columns.age.push(parseInt(text("pingtime"), 10) || 0);
     this.columns.due.push(parseInt(text("nexttime"), 10) || 0);
@@ -280,13 +280,13 @@ class Snapshot {
 
   /** The place of each host in the order of a column; numbers within names count as numbers. */
   rank(column) {
-    if (this.ranks[column]) return this.ranks[column];
     const { age, due, down, state } = this.columns;
-    const keys = this.hosts.map({
-      age: (_, i) => (age[i] || !down[i] ? age[i] : NEVER), due: (_, i) => (down[i] ? NEVER : due[i]),
-      state: (_, i) => state[i],
-      system: (host) => `${host.os} ${host.release}`.toLowerCase(),
-    }[column] ?? ((host) => host[column].toLowerCase().replace(/\d+/g, (n) => n.padStart(8, "0"))));
+    if (column === "state") return state;
+    if (column === "age") return age.map((seconds, i) => (seconds || !down[i] ? seconds : NEVER));
+    if (column === "due") return due.map((seconds, i) => (down[i] ? NEVER : seconds));
+    if (this.ranks[column]) return this.ranks[column];
+    const textOf = column === "system" ? (host) => `${host.os} ${host.release}` : (host) => host[column];
+    const keys = this.hosts.map((host) => textOf(host).toLowerCase().replace(/\d+/g, (n) => n.padStart(8, "0")));
     const order = Uint32Array.from(keys, (_, i) => i).sort((a, b) => (keys[a] < keys[b] ? -1 : keys[a] > keys[b] ? 1 : 0));
     const rank = this.ranks[column] = new Uint32Array(order.length);
     order.forEach((host, i) => { rank[host] = i && keys[host] === keys[order[i - 1]] ? rank[order[i - 1]] : i; });
@@ -339,7 +339,7 @@ const hosts = new Source(async (source) => {
   let [rest, hasBegun] = ["", false];
   const add = (text) => {
     for (const host of parseJson(`[${text}]`)) snapshot.add(Object(host));
-    source.progress = `${plural(snapshot.hosts.length, "host")} read`;
+    source.progress = snapshot.hosts.length;
   };
   const take = (piece) => {
     rest += piece;
@@ -746,7 +746,7 @@ const current = () => (Object.hasOwn(views, location.hash.slice(1)) ? location.h
 /** What there is to tell of a source, and how old its value is. */
 function freshness(source) {
   const age = duration((Date.now() - source.at) / 1000);
-  if (source.value === null && source.busy) return ["", `Loading… ${source.progress}`];
+  if (source.value === null && source.busy) return ["", `Loading… ${source.progress ? `${plural(source.progress, "host")} read` : ""}`];
   if (source.value === null) return [source.trouble?.kind === "absent" ? "" : "No answer so far.", ""];
   if (source.trouble) return [`Not refreshed: ${source.trouble.message}`, `What you see is ${age} old.`];
   const missing = [...(source.value.missing ?? [])].join(", ");
