@@ -201,14 +201,12 @@ function dialog({ title, words, verb, danger = false, fields = [], typed }) {
   const typedField = { name: "typed", label: `Type “${typed}” to go on`, pattern: typed, required: true, autocomplete: "off" };
   const inputs = typed ? [typedField] : fields;
   const box = $("dialog");
-  $("dialog-title").textContent = title;
-  $("dialog-words").textContent = words;
+  [$("dialog-title").textContent, $("dialog-words").textContent] = [title, words];
   $("dialog-fields").replaceChildren(...inputs.map(({ label, choices, hint, ...properties }) => el("label", label,
     choices ? el("select", properties, choices.map((choice) => el("option", choice))) : el("input", properties),
     hint && el("small.muted", hint))));
   Object.assign($("dialog-yes"), { textContent: verb, className: danger ? "danger" : "primary" });
-  box.returnValue = "";
-  box.showModal();
+  Object.assign(box, { returnValue: "" }).showModal();
   (box.querySelector("input, select") ?? $(danger ? "dialog-no" : "dialog-yes")).focus();
   return new Promise((resolve) => box.addEventListener("close", () => resolve(box.returnValue !== "yes" ? null
     : Object.fromEntries(new FormData(box.querySelector("form")))), { once: true }));
@@ -757,13 +755,19 @@ function freshness(source) {
 function drawFreshness() {
   const [news, age] = $(current()).querySelector(".fresh").children;  // screen readers tell the news only
   const [source] = views[current()].sources;
-  const isVitals = vitals.trouble || (source === facts && !facts.value && facts.trouble);
-  const [newsText, ageText] = freshness(isVitals ? vitals : source);
+  const [newsText, ageText] = freshness(vitals.trouble || (source === facts && facts.trouble && !facts.value) ? vitals : source);
   if (news.textContent !== newsText) news.textContent = newsText;
   age.textContent = ageText;
 }
 
-const draw = () => { views[current()].draw(); drawFreshness(); };
+/** Draws the view; whoever stands on a button that is made anew stands on its successor. */
+function draw() {
+  const buttons = () => [...$(current()).querySelectorAll("button")];
+  const place = buttons().indexOf(document.activeElement);
+  views[current()].draw();
+  drawFreshness();
+  if (place >= 0 && document.activeElement === document.body) buttons()[place]?.focus();
+}
 
 /** Reads what is due of the view: all of it by hand, and else what was not read for some seconds. */
 async function refresh(byHand = false, seconds = 0) {
@@ -809,8 +813,7 @@ async function signIn(event) {
   if (session.login === "") return $("login-form").elements.password.select();
   await vitals.refresh();
   $("login-form").reset();
-  $("login").hidden = true;
-  $("bar").hidden = false;
+  [$("login").hidden, $("bar").hidden] = [true, false];
   $("user").textContent = session.user;
   $("grant").elements.namespace.value = session.namespace;
   showView();
@@ -845,7 +848,9 @@ function listen() {
   const on = (id, type, act) => $(id).addEventListener(type, act);
   on("login-form", "submit", signIn);
   on("sign-out", "click", () => location.reload());
-  for (const button of document.querySelectorAll(".again")) button.addEventListener("click", () => refresh(true));
+  for (const button of document.querySelectorAll(".again")) {
+    Object.assign(button, { title: "Refresh now (r)", onclick: () => refresh(true) });
+  }
   on("search", "input", () => drawTable());
   on("collectors", "click", changeCollectors);
   on("rescan", "click", () => rescan());
