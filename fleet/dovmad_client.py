@@ -20,6 +20,7 @@ from urllib.parse import urlencode, urlsplit
 USAGE, DATA, UNREACHABLE, OUTPUT, CLOCK, REFUSED, SETTINGS = 64, 65, 69, 73, 75, 77, 78
 
 REPLY_MAX = 1 << 28  # bytes; ten times a listing of 100,000 hosts
+SECONDS_END = 1 << 40  # what every consumer's numbers hold
 LOGIN_MAX = 42  # bytes of "user:password" that the daemon takes
 NO_CHECK_TIME = 0x200000  # X509_V_FLAG_NO_CHECK_TIME, which the ssl module has no name for
 HOST_FIELDS = ("hostid", "hostname", "revhostname", "osname", "osrelease", "cputype", "status")
@@ -50,6 +51,14 @@ def run(main) -> None:
         sys.exit(130)
 
 
+def seconds(text: str) -> float:
+    """A span of time on the command line."""
+    value = float(text)
+    if not 0 <= value < 1e6:
+        raise ValueError
+    return value
+
+
 class Parser(argparse.ArgumentParser):
     """Ends with the status of the project's other tools when it is called wrongly."""
 
@@ -58,10 +67,12 @@ class Parser(argparse.ArgumentParser):
         self.exit(USAGE, f"{self.prog}: {message}\n")
 
 
-def check_secret(path: str) -> None:
-    """Refuses a file that anybody but its owner, this user or root, can read."""
+def secret_file(path: str):
+    """An open file that nobody but its owner, this user or root, can read; others are refused."""
     try:
-        status = os.stat(path)
+        file = open(path, encoding="utf-8", opener=lambda name, flags: os.open(
+            name, flags | os.O_NONBLOCK))  # a pipe must not make anybody wait
+        status = os.fstat(file.fileno())
     except OSError as error:
         raise Failure(SETTINGS, f"{path}: {error.strerror}") from None
     if not stat.S_ISREG(status.st_mode):
@@ -71,16 +82,13 @@ def check_secret(path: str) -> None:
                                 "secret; chmod 600 it")
     if status.st_uid not in (0, os.geteuid()):
         raise Failure(SETTINGS, f"{path}: belongs to somebody else")
+    return file
 
 
 def password_in(path: str) -> str:
     """The first line of a file that nobody else can read."""
-    check_secret(path)
-    try:
-        with open(path, encoding="utf-8") as file:
-            password = file.readline().rstrip("\r\n")
-    except (OSError, UnicodeDecodeError) as error:
-        raise Failure(SETTINGS, f"{path}: {error}") from None
+    with secret_file(path) as file, settings_of(path):
+        password = file.readline(256).rstrip("\r\n")
     if not password:
         raise Failure(SETTINGS, f"{path}: no password in its first line")
     return password
@@ -127,6 +135,8 @@ class Daemon:
         if not self.tls and not re.fullmatch(r"localhost|127(\.\d+){3}|::1", self.host):
             raise Failure(SETTINGS, f"{self.url}: without TLS everybody on the way reads along; "
                                     "https://, or an address of this host")
+        if self.timeout <= 0:
+            raise Failure(SETTINGS, f"a timeout of {self.timeout:g} s")
         if bool(self.user) != bool(self.password_file):
             raise Failure(SETTINGS, "--user and --password-file belong together")
         self.name = self.name or self.host
@@ -141,7 +151,7 @@ class Daemon:
         if expired:
             context.verify_flags |= NO_CHECK_TIME
         if self.cert:
-            check_secret(self.key or self.cert)
+            secret_file(self.key or self.cert).close()
             with settings_of(self.cert):
                 context.load_cert_chain(self.cert, self.key)
         return context
@@ -185,6 +195,8 @@ class Daemon:
         except OSError as error:
             reason = getattr(error, "reason", None) or error.strerror or error
             raise self.failure(UNREACHABLE, f"{reason}") from None
+        except ValueError as error:  # a name that can be none of a host, a header that can be none
+            raise self.failure(SETTINGS, f"{error}") from None
         finally:
             connection.close()
 
@@ -238,7 +250,7 @@ class Daemon:
         body = self.ask(path)
         try:
             return json.loads(body)
-        except ValueError as error:  # or no UTF-8
+        except (ValueError, RecursionError) as error:  # no UTF-8 is the former, too
             where = "is cut short" if not body.rstrip().endswith((b"}", b"]")) else "is no JSON"
             raise self.failure(DATA, f"{path.partition('?')[0]} {where}: {error}") from None
 
@@ -249,7 +261,7 @@ class Daemon:
         try:
             text = {key: vitals[key] for key in ("DOVMAD_VERSION", "DOMAIN_MODE", "OSUUID")}
             offset = int(vitals["LOCAL_TIME"]) - (before + time.time()) / 2
-        except (KeyError, TypeError, ValueError) as error:
+        except (KeyError, TypeError, ValueError, OverflowError) as error:
             raise self.failure(DATA, f"its vitals are not those of a dovmad: {error!r}") from None
         # The daemon tells whole seconds.
         return {**text, "offset": 0.0 if -1 < offset <= 0 else offset}
@@ -260,19 +272,23 @@ class Daemon:
         listing = self.ask_json("/agent/domain/enum?format=json&scope=all")
         if not isinstance(listing, list):
             raise self.failure(DATA, "the listing is no list of hosts")
-        seconds: dict[str, int] = {}
+        known: dict[str, int] = {}
         number = 0
         try:
             for number, host in enumerate(listing, 1):
                 for name in HOST_FIELDS:
                     if "\\" in ascii(host[name]) or not isinstance(host[name], str):
                         host[name] = cleaned(host[name])
+                if not isinstance(host["namespaces"], list):
+                    raise TypeError("its namespaces are no list")
                 host["namespaces"] = [cleaned(name) for name in host["namespaces"]]
                 for name in ("pingtime", "nexttime"):
                     text = host[name]
-                    if text not in seconds:
-                        seconds[text] = int(text.removesuffix(" seconds"))
-                    host[name] = seconds[text]
+                    if text not in known:
+                        known[text] = int(text.removesuffix(" seconds"))
+                        if not 0 <= known[text] < SECONDS_END:
+                            raise ValueError(f"{name} {text!r}")
+                    host[name] = known[text]
                 if host["status"] not in ("UP", "DN"):
                     raise ValueError(f"status {host['status']!r}")
         except KeyError as error:
@@ -339,7 +355,7 @@ def add_daemon_options(parser: argparse.ArgumentParser) -> None:
                         help="the first line is the password; mode 0600")
     parser.add_argument("--cert", metavar="FILE", help="a client certificate instead")
     parser.add_argument("--key", metavar="FILE", help="its key; mode 0600")
-    parser.add_argument("--timeout", type=float, default=60.0, metavar="SECONDS",
+    parser.add_argument("--timeout", type=seconds, default=60.0, metavar="SECONDS",
                         help="for a request with its reply (default 60)")
 
 

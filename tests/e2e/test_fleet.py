@@ -17,6 +17,7 @@ import time
 import pytest
 from dovmad_harness import eventually, free_port
 from fleet_support import FLEET, as_root, plain, run, samples_of, secret
+from rights_support import Authority, add_user, full_name, grant, openssl
 
 
 def lines_of_domain(count):
@@ -51,9 +52,8 @@ def test_metrics_are_what_is_there(make_daemon, tmp_path):
                       'dovmad_hosts{namespace="lab",status="UP"}': 1,
                       'dovmad_hosts{namespace="plx",status="DN"}': 1,
                       'dovmad_hosts{namespace="plx",status="UP"}': 1}
-    end = subprocess.run(["openssl", "x509", "-in", daemon.ca, "-noout", "-enddate", "-dateopt",
-                          "iso_8601"], capture_output=True, text=True, check=True).stdout
-    end = time.strptime(end, "notAfter=%Y-%m-%d %H:%M:%SZ\n")
+    end = time.strptime(openssl("x509", "-in", daemon.ca, "-noout", "-enddate", "-dateopt",
+                                "iso_8601"), "notAfter=%Y-%m-%d %H:%M:%SZ\n")
     expected = {
         "dovmad_up": 1, "dovmad_registered_hosts": 3, "dovmad_schedule_entries": 2,
         'dovmad_info{version="2.1.213.0",osuuid="UNKNOWN",mode="domain"}'.replace(" ", ""): 1,
@@ -83,9 +83,8 @@ def test_metrics_are_what_is_there(make_daemon, tmp_path):
     assert again["dovmad_longest_pass_seconds"] == 9.12
 
     # A login that may not read the schedule costs that part, and nothing else.
-    daemon.user_tool("add", "agent", input="agents-password\n")
-    name = f"agent@local.{socket.gethostname().split('.')[0]}"
-    daemon.post("/admin/security/grant", {"user": name, "role": "agent", "type": "user"}, user=root)
+    add_user(daemon, "agent", "agents-password")
+    grant(daemon, full_name(daemon, "agent"), "agent")
     agent = ["--user", "agent", "--password-file", secret(tmp_path / "agent", "agents-password")]
     done = run("dovmad-metrics", *options, *agent, status=77)
     part = samples_of(done.stdout)
@@ -200,7 +199,10 @@ BAD = {
     "an older one": (VITALS, reply(without(HOST, "nexttime")), 65, "has no 'nexttime'"),
     "a newer one": (VITALS, reply(without(HOST, "", status="??")), 65, "status '??'"),
     "types": (VITALS, reply(without(HOST, "", hostname=[1])), 65, "is no text"),
-    "no list": (VITALS, reply("{}"), 65, "no list of hosts"),
+    "no list": (VITALS, reply(without(HOST, "", namespaces="plx")), 65, "are no list"),
+    "numbers": (VITALS, reply(without(HOST, "", pingtime=f"{1 << 70} seconds")), 65, "pingtime"),
+    "depth": (VITALS, reply("[" * 100000), 65, "is cut short"),
+    "no hosts": (VITALS, reply("{}"), 65, "no list of hosts"),
     "bytes": (VITALS, b"HTTP/1.1 200 OK\r\n\r\n[\xff]", 65, "is no JSON"),
     "no HTTP": (VITALS, b"SSH-2.0-x\r\n", 65, "no reply of a daemon"),
     "no reply": (VITALS, b"", 69, "without a reply"),
@@ -281,20 +283,19 @@ def test_credentials_are_kept(make_daemon, tmp_path):
     daemon = make_daemon(auth=True)
     good = as_root(daemon)
     loose = tmp_path / "loose"
-    other = tmp_path / "other.pem"
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                    "ec_paramgen_curve:P-256", "-nodes", "-subj", "/CN=other", "-keyout",
-                    tmp_path / "other.key", "-out", other], check=True, capture_output=True)
+    authority = Authority(tmp_path / "ca", "ours")
+    other = authority.certificate
     for options, words in (
             (["--password-file", loose], "No such file"),
-            (["--password-file", tmp_path], "not a regular file"),
+            (["--password-file", "/dev/null"], "not a regular file"),
             (["--password-file", secret(tmp_path / "empty", "")], "no password"),
             (["--password-file", secret(tmp_path / "long", "x" * 60)], "more than"),
             (["--ca", other], "its certificate is refused"), (["--ca", loose], "No such file"),
             (["--url", f"https://127.0.0.2:{daemon.tls_port}"], "its certificate is refused"),
             (["--url", "https://me:pw@localhost"], "can be seen by everybody"),
             (["--url", "http://192.0.2.1:1"], "without TLS"),
-            (["--url", "localhost"], "no address"),
+            (["--url", "localhost"], "no address"), (["--url", "https://a..b"], "idna"),
+            (["--timeout", "0"], "a timeout of 0"),
             (["--cert", other, "--key", tmp_path / "none"], "No such file")):
         for program in ("dovmad-agent-report", "dovmad-inventory"):
             form = ["--csv"] if program == "dovmad-inventory" else []
@@ -304,6 +305,27 @@ def test_credentials_are_kept(make_daemon, tmp_path):
         assert f"{mode:04o}" in run("dovmad-metrics", *good, "--password-file", loose,
                                     status=78).stderr
     assert "401" not in daemon.error_log.read_text()
+
+    (daemon.ca.parent / "client_ca.pem").write_text(other.read_text())
+    daemon.restart()
+    cert, key = authority.issue("robot")
+    robot = ["--url", good[1], "--ca", daemon.ca, "--cert", cert, "--key", key, "--id", "r"]
+    assert "robot" in run("dovmad-agent-report", *robot, status=77).stderr
+    grant(daemon, full_name(daemon, "robot", "cert"), "agent")
+    assert "server of no domain" in run("dovmad-agent-report", *robot, status=65).stderr
+    key.chmod(0o644)
+    assert "0644" in run("dovmad-agent-report", *robot, status=78).stderr
+
+    # A certificate that has ended is refused, and its end is known all the same.
+    openssl("x509", "-in", daemon.ca, "-signkey", daemon.ca.parent / "server.key", "-days", "-1",
+            "-out", tmp_path / "ended")
+    (tmp_path / "ended").replace(daemon.ca)
+    daemon.restart()
+    done = run("dovmad-metrics", *good, status=78)
+    assert "certificate has expired" in done.stderr
+    seen = samples_of(done.stdout)
+    age = time.time() - seen["dovmad_certificate_end_time_seconds"]
+    assert seen["dovmad_up"] == 0 and 86000 < age < 87000
 
 
 # --- Agents ---
