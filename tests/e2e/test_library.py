@@ -227,15 +227,6 @@ def test_half_handshakes_give_their_memory_back(make_daemon):
         assert eventually(lambda: daemon.rss_kib() < before + 8000), (before, daemon.rss_kib())
 
 
-def test_logins_do_not_stay_in_memory(make_daemon):
-    """Neither in TLS buffers nor in those of the library; only what was mistyped is looked for."""
-    daemon = make_daemon(auth=True)
-    for tls in (True, False):
-        assert status(daemon, "root:Wr0ng-horse-battery", "/pub/", tls=tls) == 401
-        assert status(daemon, f"root:{daemon.password}", "/pub/", tls=tls) == 404
-    assert not daemon.find_in_memory(b"Wr0ng-horse-battery")
-
-
 # --- Renewing the certificate ---
 
 
