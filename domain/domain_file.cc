@@ -191,11 +191,7 @@ void write_ended(const shttpd_ctx* ctx, const written_file& which, int error) {
     } else if (error == 0 && failed_before) {
         tell(ctx, nullptr, which.path, " is written again");
     }
-    if (present) {
-        // After a failure the next change writes, whatever it changes.
-        file.written = error != 0 ? 0 : file.written;
-        file.write_failed = error != 0;
-    }
+    file.write_failed = present ? error != 0 : file.write_failed;
 }
 
 }  // namespace

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "core/connection.h"
+#include "core/context.h"
 #include "core/resolver.h"
 #include "core/shttpd.h"
 #include "domain/domain.h"
@@ -279,6 +281,20 @@ TEST_F(domain_server, LongAnswersArriveWholeThroughASmallBuffer) {
     EXPECT_EQ(body_of(report("id=id1001&dhc=1&list=" + unknown)), "Success\n" + unknown + "\n");
     reload(engine.root.path() / "many");
     EXPECT_EQ(list(), expected.substr(expected.find('\n') + 1));
+    // Somebody who is still reading shares the listing with nobody who would get another one.
+    const unique_fd reader = engine.connect();
+    const int small = 4096;
+    const int channel = engine.ctx->connections.first()->remote.channel.fd;
+    ASSERT_EQ(setsockopt(channel, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    const std::string request = make_request("GET", "/agent/domain/enum");
+    ASSERT_GT(send(reader.get(), request.data(), request.size(), 0), 0);
+    engine.poll();
+    for (const char* id : {"new1", "new2", "new3"}) {
+        enrol(id);
+        EXPECT_NE(list().find(id), std::string::npos);
+        (void)report(std::string("id=") + id);
+        EXPECT_NE(list().find("360 seconds,UP\n"), std::string::npos);
+    }
     // The longest values of a registration fit as they are.
     std::string form = "host=" + std::string(299, 'h');
     for (const char* name : {"id", "osname", "osrelease", "cputype"}) {
