@@ -23,7 +23,8 @@ class Browser:
         self._folder = tempfile.TemporaryDirectory(dir="/tmp", ignore_cleanup_errors=True)
         # It reads commands from descriptor 3 and writes to 4, which the pipes must not have themselves.
         ends = [*os.pipe(), *os.pipe()]
-        to_child, self._out, self._in, from_child = (fcntl.fcntl(end, fcntl.F_DUPFD_CLOEXEC, 10) for end in ends)
+        to_child, self._out, self._in, from_child = (
+            fcntl.fcntl(end, fcntl.F_DUPFD_CLOEXEC, 10) for end in ends)
         for end in ends:
             os.close(end)
         self.process = subprocess.Popen(
@@ -112,28 +113,34 @@ class Browser:
         assert "exceptionDetails" not in result, (script, result["exceptionDetails"])
         return result["result"].get("value")
 
-    def wait(self, script, seconds=30):
+    def wait(self, script, seconds=60):
         """Waits until an expression is true."""
         deadline = time.monotonic() + seconds
         while not self.run(f"!!({script})"):
             assert time.monotonic() < deadline, (script, self.text(), self.problems)
             time.sleep(0.02)
 
+    def wait_text(self, selector, words):
+        """Waits until an element shows these words."""
+        self.wait(f"document.querySelector({json.dumps(selector)})?.innerText"
+                  f".includes({json.dumps(words)})")
+
     def text(self, selector="body"):
         return self.run(f"document.querySelector({json.dumps(selector)}).innerText")
 
     def click(self, selector):
         """A press of the mouse in the middle of an element, once it has been painted."""
-        x, y = self.run("new Promise(f => requestAnimationFrame(() => requestAnimationFrame(f))).then(() => {"
-                        f"const r = document.querySelector({json.dumps(selector)}).getBoundingClientRect();"
-                        "return [r.x + r.width / 2, r.y + r.height / 2] })")
+        x, y = self.run("new Promise(f => requestAnimationFrame(() => requestAnimationFrame(f)))"
+                        f".then(() => {{ const r = document.querySelector({json.dumps(selector)})"
+                        ".getBoundingClientRect(); return [r.x + r.width / 2, r.y + r.height / 2] })")
         for kind in ("mousePressed", "mouseReleased"):
             self.call("Input.dispatchMouseEvent", type=kind, x=x, y=y, button="left", clickCount=1)
 
     def type(self, text, selector=None):
         """Types into an element, in place of what it holds."""
         if selector:
-            self.run(f"(e => {{ e.focus(); e.select?.() }})(document.querySelector({json.dumps(selector)}))")
+            self.run("(e => { e.focus(); e.select?.() })"
+                     f"(document.querySelector({json.dumps(selector)}))")
         self.call("Input.insertText", text=text)
 
     def press(self, key, code=0):

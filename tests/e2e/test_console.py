@@ -108,16 +108,18 @@ def test_a_hundred_thousand_hosts(make_console):
         assert browser.text("#found") == "100\u2009000 hosts"
         assert browser.text("#tiles").split("\n") == ["up", "23", "overdue", "0", "down", "99\u2009977"]
         assert browser.text("#by-namespace .bar").split("\n")[0] == "plx"
-        assert "20\u2009000 down" in browser.text("#by-namespace .bar:last-child").replace("19\u2009995", "20\u2009000")
+        assert "19\u2009995 down" in browser.text("#by-namespace .bar:last-child")
         browser.type("lab WEB77", "#search")
-        assert browser.text("#found").startswith(f"{sum('77' == str(i)[:2] for i in range(0, MANY, 5))} of")
+        matching = sum(str(i).startswith("77") for i in range(0, MANY, 5))
+        assert browser.text("#found") == f"{matching} of 100\u2009000 hosts"
         browser.type("id:none web", "#search")
         assert "No host has" in browser.text("#blank")
         # Sorted by name, numbers count as numbers; keys choose, and a refresh moves nothing.
         browser.type("os:aix r9999", "#search")
         browser.click("#head .name button")
-        shown = browser.run("[...document.querySelectorAll('.row:not([hidden])')].sort((a, b) => a.ariaRowIndex"
-                            " - b.ariaRowIndex).map(r => r.children[1].innerText)")
+        shown = browser.run("[...document.querySelectorAll('.row:not([hidden])')]"
+                            ".sort((a, b) => a.ariaRowIndex - b.ariaRowIndex)"
+                            ".map(r => r.children[1].innerText)")
         assert shown == [f"web{n}.example" for n in (9999, 99990, 99993, 99996, 99999)]
         browser.type("", "#search")
         browser.run("document.querySelector('#search').value = ''; document.querySelector('#search')"
@@ -130,7 +132,8 @@ def test_a_hundred_thousand_hosts(make_console):
         browser.click("#hosts .again")
         browser.wait("document.getElementById('found').innerText === '100\\u2009001 hosts'")
         assert browser.run("document.querySelector('#table').scrollTop") == top + 36
-        assert browser.text("#details h2") == browser.text(".row[aria-selected=true] .name") == "web99998.example"
+        chosen = [browser.text(at) for at in ("#details h2", ".row[aria-selected=true] .name")]
+        assert chosen == ["web99998.example"] * 2
         browser.press("Escape", 27)
         browser.click(".tile:first-child")
         assert browser.text("#found") == "23 of 100\u2009001 hosts"
@@ -142,13 +145,15 @@ def test_hostile_registrations_are_shown_as_text(make_console):
     daemon = make_console()
     user = f"root:{daemon.password}"
     random.seed(15)
-    bits = ["<img src=x onerror=alert(1)>", "<script>alert(1)</script>", "</span>", "&lt;", "&#60;", "{{7*7}}",
-            "javascript:alert(1)", "${1}", "%3C", "'", "`", "--", ";", ",", "\u202e", "\u200b", "é", "漢", "😀", "A" * 60]
+    bits = ["<img src=x onerror=alert(1)>", "<script>alert(1)</script>", "</span>", "&lt;", "&#60;",
+            "{{7*7}}", "javascript:alert(1)", "${1}", "%3C", "'", "`", "--", ";", ",", "\u202e",
+            "\u200b", "é", "漢", "😀", "A" * 60]
     names = ["<img src=x onerror=alert(1)>"]
     names += ["".join(random.choices(bits, k=random.randint(1, 4)))[:60] for _ in range(4999)]
 
     def register(i):
-        fields = {"id": f"{{{i:04d}}}", "host": names[i], "osname": random.choice(bits)[:30], "cputype": "<b>"}
+        fields = {"id": f"{{{i:04d}}}", "host": names[i], "osname": random.choice(bits)[:30],
+                  "cputype": "<b>"}
         return daemon.post("/agent/domain/register", fields, user=user).status
 
     with ThreadPoolExecutor(32) as pool:
@@ -195,60 +200,63 @@ def test_rights_and_what_other_pages_can_do(make_console):
         def log_message(self, *_):
             pass
 
-    with http.server.ThreadingHTTPServer(("127.0.0.1", free_port("upstream")), Foreign) as foreign, Browser() as browser:
+    address = ("127.0.0.1", free_port("upstream"))
+    with http.server.ThreadingHTTPServer(address, Foreign) as foreign, Browser() as browser:
         threading.Thread(target=foreign.serve_forever, daemon=True).start()
         sign_in(browser, origin, "root", daemon.password, "rights")
         browser.wait("document.querySelector('.roles')")
         browser.type("zoe@cert.h", "#grant [name=user]")
         browser.click("#grant .primary")
         confirm(browser, "Grant the role operator in the namespace plx to the user “zoe@cert.h”?")
-        browser.wait("document.querySelector('#holders').innerText.includes('zoe@cert.h')")
+        browser.wait_text("#holders", "zoe@cert.h")
         assert listed.read_text() == "zoe@cert.h:user\n"
         take_pictures(browser, "rights")
         browser.click("[aria-label='Take operator away from zoe@cert.h']")
-        confirm(browser, "Take the role operator in the namespace plx away from the user “zoe@cert.h”?")
+        confirm(browser, "Take the role operator in the namespace plx away from the user “zoe@cert.h”")
         browser.wait("!document.querySelector('#holders').innerText.includes('zoe')")
         assert listed.read_text() == ""
-        assert "Grant the role" in browser.text("#changes") and "Take the role" in browser.text("#changes")
+        assert browser.text("#changes").count(" the role operator in the namespace plx ") == 2
         # The browser has no login to lend, though the console is signed in.
-        browser.call("Target.createTarget", url=f"http://127.0.0.1:{foreign.server_port}/", background=True)
-        assert eventually(lambda: re.search(r"user=evil&.*\" 401 Unauthorized", daemon.error_log.read_text()))
+        browser.call("Target.createTarget", url=f"http://127.0.0.1:{foreign.server_port}/",
+                     background=True)
+        assert eventually(lambda: re.search(r"user=evil&.*\" 401 Unauthorized",
+                                            daemon.error_log.read_text()))
         assert grants and not (daemon.root / "admin/.dovmaaccess").exists()
         foreign.shutdown()
         assert_clean(browser, origin)
         # Somebody without rights is told so, in words.
         sign_in(browser, origin, "alice", "alices-own")
-        words = "alice does not hold the role agent in the namespace plx"
-        browser.wait(f"document.querySelector('#blank').innerText.includes({json.dumps(words)})")
+        browser.wait_text("#blank", "alice does not hold the role agent in the namespace plx")
         browser.run("location.hash = '#rights'")
-        browser.wait("document.querySelector('#holders').innerText.includes('alice does not hold the role admin')")
+        browser.wait_text("#holders", "alice does not hold the role admin")
         browser.type("x", "#grant [name=user]")
         browser.click("#grant .primary")
         confirm(browser, "to the user “x”")
-        browser.wait("document.querySelector('#said').innerText.includes('Not done. alice does not hold')")
+        browser.wait_text("#said", "Not done. alice does not hold")
 
 
 def test_schedule_and_daemon(make_console, tmp_path):
-    (tmp_path / "schedule").write_text("start kickoff - - x x x /bin/true\nhalf - */30 * * * * /bin/true secret\n"
-                                       "<b> - 7 - x x x /bin/true\n")
+    (tmp_path / "schedule").write_text("start kickoff - - x x x /bin/true\n<b> - 7 - x x x /bin/true\n"
+                                       "half - */30 * * * * /bin/true secret\n")
     daemon = make_console(scheduler_file=tmp_path / "schedule")
     origin = f"https://localhost:{daemon.tls_port}"
     user = f"root:{daemon.password}"
     with Browser() as browser:
         sign_in(browser, origin, "root", daemon.password, "schedule")
-        browser.wait("document.querySelectorAll('.entry .runs')[1]?.getAttribute('d').split('M').length === 49")
-        runs = browser.run("[...document.querySelectorAll('.entry:not(.head)')].map(e => [e.querySelector('b').innerText, "
-                           "e.querySelector('.runs').getAttribute('d').split('M').length - 1])")
-        assert [runs[0][0], runs[2][0]] == ["<b>", "start"] and runs[1][0] == "half" and runs[2][1] == 0
-        assert abs(runs[0][1] - 24 * 60 / 7) < 2 and "at start" in browser.text(".entry:last-child")
+        marks = "[...document.querySelectorAll('.runs')].map(e => e.getAttribute('d').split('M').length - 1)"
+        browser.wait(f"{marks}[1] === 48")
+        every7, _, at_start = browser.run(marks)
+        assert abs(every7 - 24 * 60 / 7) < 2 and at_start == 0
+        ids = browser.run("[...document.querySelectorAll('.entry b')].map(e => e.innerText)")
+        assert ids == ["<b>", "half", "start"] and "at start" in browser.text(".entry:last-child")
         browser.click("#rescan")
         confirm(browser, "Read the whole schedule file again?")
         browser.wait("document.querySelector('#said').innerText.startsWith('Done')")
         take_pictures(browser, "schedule")
         go(browser, "daemon")
         browser.wait("/\\d left|days left/.test(document.querySelector('#facts').innerText)")
-        assert "server of a domain" in browser.text("#facts") and "agrees with yours" in browser.text("#facts")
-        browser.wait("document.querySelector('#lines').innerText.includes('3 entries')")
+        assert {"server of a domain", "agrees with yours"} <= set(browser.text("#facts").split("\n"))
+        browser.wait_text("#lines", "3 entries")
         browser.type("SCHEDULE 3 entries", "#log-filter")
         assert "3 entries, 0 lines not loaded" in browser.text("#lines")
         browser.type(" no such words", None)
@@ -256,14 +264,15 @@ def test_schedule_and_daemon(make_console, tmp_path):
         browser.run("document.querySelector('#log-filter').value = ''")
         browser.click("#reset")
         confirm(browser, "A broken pair is not taken up")
-        browser.wait("document.querySelector('#lines').innerText.includes('admin/security/reset')")
+        browser.wait_text("#lines", "admin/security/reset")
         take_pictures(browser, "daemon")
         assert_clean(browser, origin)
         # The program tells administrators only, wherever it lies, and never a command of the schedule.
         shutil.copy(TREE / "packaging/console.cgi", daemon.root / "world/console.cgi")
         told = {show: daemon.request("GET", f"/admin/console.cgi?show={show}", user=user)
                 for show in ("next", "log", "daemon", "rights", "../etc", "next;id")}
-        assert [json.loads(reply.text).get("version") for reply in told.values()] == [1, 1, 1, 1, None, None]
+        versions = [json.loads(reply.text).get("version") for reply in told.values()]
+        assert versions == [1, 1, 1, 1, None, None]
         assert "secret" not in told["next"].text and daemon.password not in str(told)
         assert "for administrators" in daemon.request("GET", "/world/console.cgi?show=log").text
         # Stopping wants a word typed.
@@ -273,9 +282,9 @@ def test_schedule_and_daemon(make_console, tmp_path):
         browser.type("stop", "#dialog input")
         daemon.expected_end = True
         browser.click("#dialog-yes")
-        browser.wait("document.querySelector('#said').innerText.includes('The daemon has ended')")
+        browser.wait_text("#said", "The daemon has ended")
         assert daemon.process.wait(20) == 0
-        browser.wait("document.querySelector('#daemon .fresh').innerText.includes('Not refreshed')")
+        browser.wait_text("#daemon .fresh", "Not refreshed")
         assert "server of a domain" in browser.text("#facts")
 
 
@@ -287,7 +296,8 @@ class Fake(http.server.BaseHTTPRequestHandler):
         path = self.path.split("?")[0]
         name = path.removeprefix("/world/console/") or "index.html"
         if path.startswith("/world/console/"):
-            kind = {"js": "text/javascript", "css": "text/css", "svg": "image/svg+xml"}.get(name.split(".")[-1], "text/html")
+            kind = {"html": "text/html", "js": "text/javascript", "css": "text/css",
+                    "svg": "image/svg+xml"}[name.rsplit(".", 1)[1]]
             status, body = 200, (TREE / "console" / name).read_bytes()
         else:
             kind, (status, body) = "text/plain", self.answers.get(path, (404, "404 Not Found"))
@@ -309,7 +319,8 @@ def test_bad_answers_are_told_in_words():
         return 200, json.dumps({"LOCAL_TIME": str(int(time.time()) + ahead), "DOMAIN_MODE": "TRUE"})
 
     host = {"hostname": "one", "hostid": "{1}", "revhostname": "", "namespaces": ["plx"], "osname": "L",
-            "osrelease": "1", "cputype": "c", "pingtime": "5 seconds", "nexttime": "300 seconds", "status": "UP"}
+            "osrelease": "1", "cputype": "c", "pingtime": "5 seconds", "nexttime": "300 seconds",
+            "status": "UP"}
     old = {key: host[key] for key in ("hostname", "hostid", "status")}
     enum, fresh = "/agent/domain/enum", "#hosts .fresh"
     Fake.answers = {"/world/getvitals": vitals(10800), enum: (200, json.dumps([host]))}
@@ -322,37 +333,38 @@ def test_bad_answers_are_told_in_words():
         assert browser.run("document.getElementById('login-fields').disabled")
         sign_in(browser, origin, "root", "x")
         browser.wait("document.querySelector('#found').innerText === '1 host'")
-        for answer, words in (((200, json.dumps([host, host])[:-30]), "The list broke off after 0 hosts."),
+        for answer, words in (((200, json.dumps([host, host])[:-30]), "The list broke off after 0 hosts"),
                               ((200, '{"error": 1}'), "The answer is no list of hosts."),
-                              ((200, ""), "The list broke off"), ((500, "500 Internal Error"), "500 Internal Error"),
+                              ((200, ""), "The list broke off"),
+                              ((500, "500 Internal Error"), "500 Internal Error"),
                               ((403, "403 Forbidden"), "root does not hold the role agent"),
                               ((401, "no"), "refused this name and password")):
             Fake.answers[enum] = answer
             browser.click("#hosts .again")
-            browser.wait(f"document.querySelector({fresh!r}).innerText.includes({json.dumps(words)})")
+            browser.wait_text(fresh, words)
             assert re.search(r"Not refreshed: .* What you see is \d+ s old\.", browser.text(fresh))
             assert browser.text(".row:not([hidden]) .name") == "one"
         Fake.answers[enum] = 200, json.dumps([old])
         browser.click("#hosts .again")
-        browser.wait(f"document.querySelector({fresh!r}).innerText.includes('of another version: it does not tell')")
+        browser.wait_text(fresh, "of another version: it does not tell")
         assert "pingtime" in browser.text(fresh) and "revhostname" in browser.text(fresh)
         go(browser, "daemon")
         assert "3 h ahead of yours" in browser.text("#facts")
-        browser.wait("document.querySelector('#lines').innerText.includes('The program console.cgi does')")
-        Fake.answers["/admin/sched/dump"] = 200, "---- scheduler data structures ----\nnow=  Sun Nov 22 03:34:49 2026\n"
+        browser.wait_text("#lines", "The program console.cgi does")
+        Fake.answers["/admin/sched/dump"] = 200, "----\nnow=  Sun Nov 22 03:34:49 2026\n"
         Fake.answers["/admin/console.cgi"] = 200, "#!/usr/bin/python3\n"
         browser.run("location.hash = '#schedule'")
-        browser.wait("document.querySelector('#entries').innerText.includes('The dump broke off before its end.')")
+        browser.wait_text("#entries", "The dump broke off before its end.")
         browser.run("location.hash = '#rights'")
-        browser.wait("document.querySelector('#holders').innerText.includes('cgi_extensions must name .cgi')")
+        browser.wait_text("#holders", "cgi_extensions must name .cgi")
         # A collector has lists that reading empties: they are not asked for, its settings are offered.
-        Fake.answers["/world/getvitals"] = 200, json.dumps({"DOMAIN_MODE": "FALSE", "DOMAINS": {"corp": {}}})
+        Fake.answers["/world/getvitals"] = 200, '{"DOMAIN_MODE": "FALSE", "DOMAINS": {"corp": {}}}'
         Fake.answers["/admin/domain/add"] = 200, ""
         go(browser, "hosts")
         browser.run("document.querySelector('.tile').focus()")
         asked = sum(enum in url for url in browser.requests)
         browser.press("r", 82)
-        browser.wait(f"document.querySelector({fresh!r}).innerText.includes('not the server of a domain')")
+        browser.wait_text(fresh, "not the server of a domain")
         assert sum(enum in url for url in browser.requests) == asked
         assert browser.run("document.activeElement === document.querySelector('.tile')")
         browser.click("#collectors")
@@ -360,21 +372,20 @@ def test_bad_answers_are_told_in_words():
         browser.type("a:b&c", "#dialog [name=blacklist]")
         browser.click("#dialog-yes")
         browser.wait("document.querySelector('#said').innerText === 'Done: collector settings.'")
-        assert browser.requests[-1] == f"{origin}/admin/domain/add?domain=corp&freq=60&blacklist=a%3Ab%26c%3A"
+        assert browser.requests[-1].endswith("/add?domain=corp&freq=60&blacklist=a%3Ab%26c%3A")
         server.shutdown()
         server.server_close()
         browser.click("#hosts .again")
-        browser.wait(f"document.querySelector({fresh!r}).innerText.includes('does not answer')")
+        browser.wait_text(fresh, "does not answer")
         assert browser.text(".row:not([hidden]) .name") == "one"
 
 
 def test_accessibility(make_console, tmp_path):
     """By axe-core, which the npm registry has."""
-    if shutil.which("npm") is None:
-        pytest.skip("accessibility is not checked: npm is not installed")
-    got = subprocess.run(["npm", "pack", "--silent", "axe-core@4"], cwd=tmp_path, capture_output=True, text=True,
-                         check=False, timeout=120)
-    if got.returncode != 0:
+    try:
+        got = subprocess.run(["npm", "pack", "--silent", "axe-core@4"], cwd=tmp_path, text=True,
+                             capture_output=True, check=True, timeout=120)
+    except (OSError, subprocess.SubprocessError):
         pytest.skip("accessibility is not checked: axe-core cannot be had from npm")
     subprocess.run(["tar", "-xzf", got.stdout.strip()], cwd=tmp_path, check=True)
     axe = (tmp_path / "package/axe.min.js").read_text()
@@ -388,5 +399,6 @@ def test_accessibility(make_console, tmp_path):
             go(browser, view)
             for width, dark in ((1440, False), (390, True), (1440, True)):
                 browser.look(width, 900, dark)
-                found = browser.run("axe.run().then(r => r.violations.map(v => [v.id, v.nodes.map(n => n.html)]))")
+                found = browser.run("axe.run().then(r => r.violations.map(v => "
+                                    "[v.id, v.nodes.map(n => n.html)]))")
                 assert found == [], (view, width, dark)
