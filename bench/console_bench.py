@@ -58,11 +58,11 @@ SCROLL = """(async () => {
     return frames; })()"""
 
 REFRESH = """(async () => {
-    const start = performance.now(), line = document.querySelector("#found");
+    const start = performance.now(), frame = () => new Promise(requestAnimationFrame);
+    const lists = () => performance.getEntriesByType("resource").filter(e => e.name.includes("enum")).length;
+    const before = lists();
     document.querySelector("#hosts .again").click();
-    const before = performance.getEntriesByType("resource").length;
-    const frame = () => new Promise(requestAnimationFrame);
-    while (performance.getEntriesByType("resource").length === before) await frame();
+    while (lists() === before) await frame();
     await frame();
     return performance.now() - start; })()"""
 

@@ -646,7 +646,7 @@ function drawSchedule() {
     const lane = svg("svg", { viewBox: "0 0 1440 24", preserveAspectRatio: "none", role: "img",
       "aria-label": `${plural(today.length, "run")} in 24 hours` }, svg("path", { class: "hours", d: hours }),
     svg("path", { class: today.length > 300 ? "runs dense" : "runs", d: today.map((t) => `M${minute(t)} 4v16`).join("") }));
-    const next = runs.length ? timeNode(runs[0]) : !upcoming.value ? "not this hour"
+    const next = runs.length ? timeNode(runs[0]) : !upcoming.value ? (upcoming.trouble ? "unknown" : "…")
       : entry.isKickoff ? "at start" : "not planned";
     return el("div.entry", el("div.id", el("b", entry.id), entry.isKickoff && el("span.tag", "at start"),
       entry.interval > 0 && el("span.tag", `every ${entry.interval} min`), entry.state && el("span.tag.strong", entry.state)),
