@@ -247,9 +247,14 @@ TEST_F(state_writer_test, EditsOfSomebodyElseAreSavedOnce) {
     std::filesystem::remove(backup);
     EXPECT_EQ(write_as("d\n", ""), 3U);
     EXPECT_EQ(write_as("e\n", ""), 0U);
-    EXPECT_EQ(read(backup), "lost\nc\nmine\nmine too\n");
     EXPECT_EQ(read(file()), "e\n");
-    EXPECT_EQ(errors, (std::vector{0, 0, EISDIR, 0, 0}));
+    write(file(), "again\n");
+    unique_fd held = lock();
+    EXPECT_EQ(write_as("f\n", ""), 1U);
+    held.reset();
+    EXPECT_EQ(write_as("g\n", ""), 0U) << "saved by the write that failed";
+    EXPECT_EQ(read(backup), "lost\nc\nmine\nmine too\nagain\n");
+    EXPECT_EQ(errors, (std::vector{0, 0, EISDIR, 0, 0, EBUSY, 0}));
     std::filesystem::remove(file());
     EXPECT_EQ(write_as("f\n", ""), 0U);
 }
