@@ -296,6 +296,17 @@ TEST(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
     }
 }
 
+// A full read may have left bytes behind; behind a reply that is complete nobody wants them.
+TEST(HiddenInput, IsLookedForUntilTheReplyIsComplete) {
+    conn c;
+    c.local.size = 16;
+    c.local.channel.holds_bytes = true;
+    c.local.content_length = 5;
+    EXPECT_TRUE(has_hidden_input(&c));
+    c.local.total = 5;
+    EXPECT_FALSE(has_hidden_input(&c));
+}
+
 TEST(Files, AreReleasedWhenDescriptorsRunOut) {
     test_engine engine;
     engine.root.write("one", "1");
