@@ -20,23 +20,37 @@ constexpr std::size_t line_bytes = 256;  // with the terminator; longer lines co
 constexpr std::size_t stray_bytes_max = 65536;
 constexpr std::string_view white_space = " \t\n\v\f\r";
 
+enum class line_kind { nobody, listed, taken_for_another };
+
+// A name that the set finds in a longer one, or in other letters, is not in it: the next write
+// drops its line. Where everybody is listed nothing is lost by that.
+line_kind add_name(qz_map* set, std::string_view name) {
+    if (add_principal(set, name)) {
+        return line_kind::listed;
+    }
+    for (const qz_pair& entry : qz_each(set)) {
+        const std::string_view text = qz_as<const char>(entry.key);
+        if (text == name || text == "*") {
+            return line_kind::listed;
+        }
+    }
+    return line_kind::taken_for_another;
+}
+
 // Kept: the type counts by its beginning and ends at white space, so "NAME:users and more" names a
 // user, while blanks in a name belong to it.
-bool add_line(std::string_view line, role_entry* row) {
+line_kind add_line(std::string_view line, role_entry* row) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0) {
-        return false;
+        return line_kind::nobody;
     }
     std::string_view type = line.substr(colon + 1);
     type = type.substr(0, type.find_first_of(white_space));
     if (starts_with_nocase(type, "group")) {
-        add_principal(row->groups, line.substr(0, colon));
-    } else if (starts_with_nocase(type, "user")) {
-        add_principal(row->users, line.substr(0, colon));
-    } else {
-        return false;
+        return add_name(row->groups, line.substr(0, colon));
     }
-    return true;
+    return starts_with_nocase(type, "user") ? add_name(row->users, line.substr(0, colon))
+                                            : line_kind::nobody;
 }
 
 // The time as rows remember it: cut to 32 bits on both sides of the comparison, so 2038 changes
@@ -117,10 +131,11 @@ bool read_access_file(std::FILE* file, role_entry* row) {
     line_pieces lines(file, line_bytes);
     bool names_somebody = false;
     while (lines.next()) {
-        const bool named = add_line(lines.visible(), row);
-        names_somebody = names_somebody || named;
+        const line_kind kind = add_line(lines.visible(), row);
+        names_somebody = names_somebody || kind != line_kind::nobody;
         // What a zero byte hides would be lost, too.
-        const bool understood = named || is_idle_line(lines.text());
+        const bool understood =
+            kind == line_kind::listed || (kind == line_kind::nobody && is_idle_line(lines.text()));
         if ((!understood || lines.visible().size() < lines.text().size()) &&
             row->strays.size() <= stray_bytes_max) {
             row->stray_numbers.add(lines.number());

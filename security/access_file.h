@@ -43,10 +43,11 @@ bool add_principal(qz_map* set, std::string_view name);
 
 qz_map* principals(const role_entry* row, int kind);
 
-// Adds the principals of an open file to the row's sets and its other lines to the strays. Lines
-// without a name, without a type or of another type name nobody; a line of 256 bytes or more counts
-// as several. Returns false when the file can't stand for the row: reading failed, or there are
-// stray lines without a single principal, or more than 64 KiB of them. Requires: both sets exist.
+// Adds the principals of an open file to the row's sets and its other lines to the strays, among
+// them those whose name the set takes for another one. Lines without a name, without a type or of
+// another type name nobody; a line of 256 bytes or more counts as several. Returns false when the
+// file can't stand for the row: reading failed, or there are stray lines without a single
+// principal, or more than 64 KiB of them. Requires: both sets exist.
 bool read_access_file(std::FILE* file, role_entry* row);
 
 // Brings the row up to date with the file at `path`, which may be empty: no file. Returns true when
