@@ -493,6 +493,12 @@ TEST_F(kept_target_test, doubtful_answers_end_the_client) {
         EXPECT_EQ(talk_on(client.get(), ""), "") << reply;
         target.forget();
     }
+    client = engine.connect();
+    const std::string endless = "HTTP/1.1 200 OK\r\n\r\nok";
+    EXPECT_EQ(ask(&target, endless), endless);
+    target.peer.reset();
+    EXPECT_EQ(talk_on(client.get(), ""), "") << "only the close ends it";
+    target.forget();
     // The service can't know that the request was a HEAD.
     client = engine.connect();
     const std::string head = ok.substr(0, ok.size() - 2);
