@@ -1,0 +1,143 @@
+"""What the lines of the score-sheet share: how they are registered, daemons, small clients."""
+
+import contextlib
+import os
+import signal
+import socket
+import ssl
+import subprocess
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+from dovmad_harness import Daemon, eventually, receive_until_end
+
+ROOT = Path(__file__).resolve().parent.parent
+LINES = {}
+
+
+class Unavailable(Exception):
+    """The line can't be run on this machine; the text says why."""
+
+
+@dataclass
+class Line:
+    name: str
+    target: str
+    quick: int
+    full: int
+    run: object
+
+
+@dataclass
+class Outcome:
+    good: bool
+    figure: str
+
+
+def line(name, target, quick, full):
+    """Registers `run(amount, place) -> Outcome` as a line; `quick` and `full` are its amounts."""
+    def register(run):
+        LINES[name] = Line(name, target, quick, full, run)
+        return run
+    return register
+
+
+class Place:
+    """A folder and a build for one line; ends the daemons that the line has started."""
+
+    def __init__(self, folder, build, quick):
+        self.folder, self.build, self.quick = folder, build, quick
+        self.shim = build / "prove" / "libfault_shim.so"
+        self.daemons = []
+
+    def make(self, start=True, env=None, name=None, **options):
+        options.pop("slips", None)
+        daemon = Daemon(self.folder / (name or f"d{len(self.daemons)}"), env=env, **options)
+        self.daemons.append(daemon)
+        return daemon.start() if start else daemon
+
+    def close(self):
+        for daemon in self.daemons:
+            with contextlib.suppress(Exception):
+                if daemon.process is not None and daemon.process.poll() is None:
+                    daemon.stop(signal.SIGKILL)
+
+
+def get(path, *headers, method="GET", body=b""):
+    lines = [f"{method} {path} HTTP/1.1", "Host: localhost", *headers]
+    if body:
+        lines.append(f"Content-Length: {len(body)}")
+    return "\r\n".join([*lines, "", ""]).encode() + body
+
+
+def ask(daemon, data, timeout=10, tls=False):
+    """Everything that comes for the bytes until the connection ends."""
+    with connect(daemon, timeout, tls) as sock:
+        sock.sendall(data)
+        return receive_until_end(sock)
+
+
+def connect(daemon, timeout=10, tls=False):
+    sock = socket.create_connection(("127.0.0.1", daemon.tls_port if tls else daemon.port), timeout)
+    sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    if tls:
+        sock = trusting(daemon).wrap_socket(sock, server_hostname="localhost")
+    return sock
+
+
+def trusting(daemon):
+    context = getattr(daemon, "context", None)
+    if context is None:
+        context = daemon.context = ssl.create_default_context(cafile=str(daemon.ca))
+    return context
+
+
+def status_of(reply):
+    return int(reply[9:12]) if reply.startswith(b"HTTP/1.1 ") else 0
+
+
+def zombies(daemon):
+    count = 0
+    for child in daemon.children():
+        with contextlib.suppress(OSError):
+            state = Path(f"/proc/{child}/stat").read_text().rsplit(")", 1)[1].split()[0]
+            count += state == "Z"
+    return count
+
+
+def settled(daemon, descriptors, seconds=15):
+    """How many descriptors are left over once the daemon has had time to let go of them."""
+    eventually(lambda: daemon.fd_count() <= descriptors, seconds)
+    return daemon.fd_count() - descriptors
+
+
+def ping_ms(daemon, tls=False):
+    start = time.perf_counter()
+    with connect(daemon, 10, tls) as sock:
+        sock.sendall(get("/world/ping"))
+        if status_of(sock.recv(4096)) != 200:
+            return None
+    return (time.perf_counter() - start) * 1000
+
+
+def percentile(values, share):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(len(ordered) * share))] if ordered else 0.0
+
+
+def run(*command, timeout=600, **kwargs):
+    return subprocess.run([str(word) for word in command], text=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, check=False, timeout=timeout, **kwargs)
+
+
+def need_root(what):
+    if os.geteuid() != 0:
+        raise Unavailable(f"{what} needs root")
+
+
+def make_program(path, text):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text("#!/bin/sh\n" + text)
+    path.chmod(0o755)
+    return path

@@ -1,0 +1,307 @@
+"""Torture: in every scenario every n-th call of every kind fails once."""
+
+import contextlib
+import os
+import signal
+import socket
+import threading
+import time
+
+from common import Outcome, ask, get, line, make_program, run, settled
+from dovmad_harness import eventually
+from faults import KINDS, NEVER, Faults
+
+# Allocations are many and alike: beyond so many of a scenario they are sampled evenly.
+MALLOCS_FULL = 150
+LIBRARY_ABORT = "Error initializing MOLB AT"  # the documented end of a start without its library
+GROWTH_MAX = 24  # blocks that one kind of fault may leave behind in a scenario, whatever its number
+
+COMPANION = """#!/usr/bin/python3 -I
+import os
+os.write(1, b"PORT : 1\\n")
+while os.read(0, 65536):
+    os.write(1, b"HTTP/1.1 200 OK\\r\\nContent-Length: 9\\r\\n\\r\\ncompanion")
+"""
+
+
+class Target(threading.Thread):
+    """A small HTTP server behind the daemon."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.sock = socket.create_server(("127.0.0.1", 0))
+        self.port = self.sock.getsockname()[1]
+        self.start()
+
+    def run(self):
+        while True:
+            with contextlib.suppress(OSError):
+                client = self.sock.accept()[0]
+                with client:
+                    client.settimeout(5)
+                    data = b""
+                    while b"\r\n\r\n" not in data:
+                        piece = client.recv(4096)
+                        if not piece:
+                            break
+                        data += piece
+                    client.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\ntarget")
+
+
+def scenarios(target):
+    """(name, request, what the reply must hold, whether over TLS)."""
+    login = "Authorization: Basic {login}"
+    form = "id={n}&host=h{n}&osname=L&osrelease=6&cputype=x"
+    return [
+        ("file", get("/world/page"), b"the page", False),
+        ("file over TLS", get("/world/page"), b"the page", True),
+        ("large file", get("/world/large"), b"Content-Length: 300000", False),
+        ("upload", get("/up/f{n}", method="PUT", body=b"x" * 20000), b"HTTP/1.1 20", False),
+        ("removal", get("/up/gone", method="DELETE"), b"HTTP/1.1 ", False),
+        ("listing", get("/up/"), b"Index of", False),
+        ("program", get("/world/p.cgi", method="POST", body=b"input"), b"said input", False),
+        ("page with commands", get("/world/s.shtml"), b"ran it", False),
+        ("target", get(f"/http://127.0.0.1:{target.port}/world/x"), b"target", False),
+        ("secure target", get("/https://127.0.0.1:1/world/x"), b"404", False),
+        ("companion", get("/hob://x"), b"companion", False),
+        ("enrolment", get("/agent/domain/register", method="POST", body=form.encode()),
+         b"Success", False),
+        ("departure", get("/agent/domain/unregister", method="POST", body=b"id=x{n}"), b"404", False),
+        ("report", get("/agent/domain/report", method="POST", body=b"id=keeper&freq=60"),
+         b"Success", False),
+        ("enumeration", get("/agent/domain/enum?format=json"), b"keeper", False),
+        ("grant", get("/admin/security/grant?user=u{n}e&role=operator&type=user"), b"Success", False),
+        ("namespace", get("/admin/dovmad/config/namespace/add", method="POST",
+                          body=b"namespace=n{n}e&document_root=/tmp"), b"Success", False),
+        ("rescan", get("/admin/sched/rescan"), b"Success", False),
+        ("vital signs", get("/world/getvitals"), b"HTTP/1.1 200", False),
+        ("reload of the library", get("/admin/security/reset", method="POST", body=b"x=1"),
+         b"Success", False),
+        ("login", get("/pub/page", login), b"the page", False),
+    ]
+
+
+class Torture:
+    def __init__(self, place, amount):
+        self.place, self.amount = place, amount
+        self.faults = Faults(place.shim, place.folder / "control")
+        self.tallies = {"faults": 0, "aborts": 0, "refused": 0, "right": 0, "silent": 0}
+        self.wrong = []
+        self.number = 0
+
+    def build(self, folder, auth=False):
+        place = self.place
+        domain = place.folder / f"{folder}-domain"
+        domain.write_text("keeper::keeper:Linux:6.1:x86_64:plx\n")
+        schedule = place.folder / f"{folder}-schedule"
+        schedule.write_text("job - 0 3 * * * /bin/true\n")
+        service = place.folder / f"{folder}-service"
+        make_program(service / "bin" / "hobintf", "")
+        (service / "bin" / "hobintf").write_text(COMPANION)
+        daemon = place.make(start=False, name=folder, auth=auth, env=self.faults.environment,
+                            domain_file=domain, scheduler_file=schedule, cgi_extensions=".cgi",
+                            ssi_extensions=".shtml",
+                            cgi_envvar=f"PLX_INSTALL_ROOT={service}")
+        for name in ("world", "up", "operator", "pub"):
+            (daemon.root / name).mkdir(parents=True, exist_ok=True)
+        for name in ("world/page", "pub/page"):
+            (daemon.root / name).write_text("the page\n")
+        (daemon.root / "world" / "large").write_bytes(b"l" * 300_000)
+        (daemon.root / "operator" / ".dovmaaccess").write_text("kept:user\n")
+        make_program(daemon.root / "world" / "p.cgi",
+                     "printf 'Content-Type: text/plain\\n\\nsaid '\ncat\n")
+        (daemon.root / "world" / "s.shtml").write_text('<!--#exec "echo ran it" -->\n')
+        return daemon
+
+    def request(self, daemon, template, timeout, tls):
+        """The template with a number of its own; the library makes a password's base64 of it."""
+        self.number += 1
+        data = template.replace(b"{n}", str(self.number).encode())
+        if b"{login}" in data:
+            import base64
+            data = data.replace(b"{login}", base64.b64encode(
+                f"root:{daemon.password}".encode()))
+        head, blank, body = data.partition(b"\r\n\r\n")
+        if b"Content-Length" in head:
+            head = b"\r\n".join(line if not line.startswith(b"Content-Length")
+                                else f"Content-Length: {len(body)}".encode()
+                                for line in head.split(b"\r\n"))
+        head += b"\r\nConnection: close"
+        return ask(daemon, head + blank + body, timeout, tls)
+
+    def whole(self, daemon):
+        domain = self.place.folder / f"{daemon.dir.name}-domain"
+        hosts = domain.read_text()
+        access = (daemon.root / "operator" / ".dovmaaccess").read_text()
+        good = hosts.endswith("\n") and "keeper::keeper:" in hosts and access.endswith("\n") \
+            and "kept:user\n" in access
+        return "" if good else f"damaged: {hosts[-50:]!r} {access[-50:]!r}"
+
+    def after(self, daemon, what, scenario, may_abort):
+        """Judges the daemon behind one fault; it is running again afterwards."""
+        _, template, wanted, tls = scenario
+        reply = b""
+        for _ in range(4):  # out of descriptors it pauses for a second; one that aborts takes a moment
+            with contextlib.suppress(OSError):
+                reply = self.request(daemon, template, 10, tls)
+            if wanted in reply or daemon.process.poll() is not None:
+                break
+            time.sleep(0.3)
+        status = daemon.process.poll()
+        if status is not None:
+            daemon.expected_end = True
+            daemon.process.stdout.close()
+            if status == -signal.SIGABRT and may_abort:
+                self.tallies["aborts"] += 1
+            else:
+                self.wrong.append(f"{what}: ended with {status}")
+            daemon.start()
+        elif wanted not in reply:
+            self.wrong.append(f"{what}: then {reply[:60]!r}")
+        if problem := self.whole(daemon):
+            self.wrong.append(f"{what}: {problem}")
+
+    def places_of(self, calls, kind):
+        """Which of the calls fail: all, or a sample."""
+        most = self.amount if self.place.quick else (MALLOCS_FULL if kind == "malloc" else 400)
+        if calls <= most:
+            return range(calls)
+        return sorted({i * calls // most for i in range(most)})
+
+    def run_scenario(self, daemon, scenario):
+        name, template, wanted, tls = scenario
+        for _ in range(3):  # what is made at first use is there then
+            reply = self.request(daemon, template, 10, tls)
+        if wanted not in reply:
+            self.wrong.append(f"{name}: {reply[:80]!r}")
+            return
+        for kind in KINDS:
+            self.faults.arm(kind)
+            with contextlib.suppress(OSError):
+                self.request(daemon, template, 10, tls)
+            calls = self.faults.disarm()[0]
+            descriptors, live, begun = daemon.fd_count(), self.faults.get("live"), daemon.pid
+            count = 0
+            for nth in self.places_of(calls, kind):
+                self.faults.arm(kind, nth)
+                reply = b""
+                with contextlib.suppress(OSError):
+                    reply = self.request(daemon, template, 0.5 if kind != "wait" else 2, tls)
+                hit = self.faults.disarm()[1]
+                self.tallies["faults"] += hit
+                count += hit
+                word = "right" if wanted in reply else "refused" if reply else "silent"
+                self.tallies[word] += hit
+                self.after(daemon, f"{name}, {kind}[{nth}]", scenario, kind == "malloc")
+            if daemon.pid != begun:
+                continue  # started anew: nothing to compare with
+            left = settled(daemon, descriptors, 6)
+            if left > 0:
+                self.wrong.append(f"{name}, {kind}: {left} descriptors left")
+            # Replies that nobody took may still be under way.
+            growth = self.faults.get("live") - live
+            if count > 8 and growth > GROWTH_MAX + count // 2:
+                eventually(lambda: self.faults.get("live") - live <= GROWTH_MAX + count // 2, 8)
+                growth = self.faults.get("live") - live
+                if growth > GROWTH_MAX + count // 2:
+                    self.wrong.append(f"{name}, {kind}: {growth} blocks left by {count} faults")
+
+    def start_up(self, kind, nth, fresh):
+        """A start that meets one fault; whether there was one."""
+        name = f"s{self.number}"
+        self.number += 1
+        daemon = self.build(name)
+        if not fresh:
+            daemon.var.mkdir(parents=True, exist_ok=True)
+            run("cp", "-a", self.place.folder / "site", daemon.var / "sec")
+        self.faults.arm(kind, nth)
+        daemon.start(wait=False)
+        eventually(lambda: daemon.process.poll() is not None
+                   or " started on port" in daemon.stderr_text(), 20)
+        calls, hit = self.faults.disarm()
+        what = f"{'first use' if fresh else 'start'}, {kind}[{nth}]"
+        status = daemon.process.poll()
+        if hit:
+            self.tallies["faults"] += 1
+            allowed = kind == "malloc" or LIBRARY_ABORT in daemon.stderr_text()
+            if status not in (None, 1, -signal.SIGABRT if allowed else 1):
+                self.wrong.append(f"{what}: ended with {status}")
+            self.tallies["aborts"] += status == -signal.SIGABRT
+            self.tallies["refused"] += status == 1
+            self.tallies["right"] += status is None
+            if status == 1 and not daemon.stderr_text().strip():
+                self.wrong.append(f"{what}: ended without a word")
+        daemon.expected_end = True
+        if status is None:
+            daemon.stop()
+        else:
+            daemon.process.stdout.close()
+        if hit:
+            daemon.start()
+            if self.whole(daemon):
+                self.wrong.append(f"{what}: {self.whole(daemon)}")
+            if daemon.stop() != 0:
+                self.wrong.append(f"{what}: the next run did not end well")
+        for path in self.place.folder.glob(f"{name}*"):
+            run("rm", "-rf", path)
+        return calls, hit
+
+    def starts(self, fresh):
+        for kind in KINDS:
+            calls = self.start_up(kind, NEVER, fresh)[0]
+            most = max(1, self.amount // 3) if self.place.quick else (
+                MALLOCS_FULL if kind == "malloc" else 80)
+            for nth in sorted({i * calls // min(most, calls) for i in range(min(most, calls))}):
+                self.start_up(kind, nth, fresh)
+
+    def shutdowns(self):
+        """Faults between the signal and the end."""
+        for kind in KINDS:
+            for nth in range(self.amount if self.place.quick else 60):
+                daemon = self.shut
+                if daemon.process is None or daemon.process.poll() is not None:
+                    daemon.start()
+                self.request(daemon, get("/world/page"), 10, False)
+                self.faults.arm(kind, nth)
+                daemon.expected_end = True
+                os.kill(daemon.pid, signal.SIGTERM)
+                try:
+                    status = daemon.process.wait(20)
+                except Exception:
+                    self.wrong.append(f"shutdown, {kind}[{nth}]: does not end")
+                    daemon.process.kill()
+                    status = daemon.process.wait()
+                daemon.process.stdout.close()
+                if not self.faults.disarm()[1]:
+                    break
+                self.tallies["faults"] += 1
+                if status != 0 and not (kind == "malloc" and status == -signal.SIGABRT):
+                    self.wrong.append(f"shutdown, {kind}[{nth}]: ended with {status}")
+                if problem := self.whole(daemon):
+                    self.wrong.append(f"shutdown, {kind}[{nth}]: {problem}")
+
+
+@line("torture", "5,000 failing calls in 20 scenarios: 0 crashes but aborts without memory, 0 leaks, "
+      "0 damaged files, the same request right afterwards", 2, 1)
+def torture(amount, place):
+    rack = Torture(place, amount)
+    target = Target()
+    daemon = rack.build("plain").start()
+    guarded = rack.build("guarded", auth=True).start()
+    all_scenarios = scenarios(target)
+    for scenario in all_scenarios:
+        rack.run_scenario(guarded if scenario[0] == "login" else daemon, scenario)
+    daemon.stop()
+    guarded.stop()
+    run("cp", "-a", daemon.var / "sec", place.folder / "site")
+    rack.starts(fresh=False)
+    rack.starts(fresh=True)
+    rack.shut = rack.build("shut")
+    rack.shutdowns()
+    tally = ", ".join(f"{name} {count}" for name, count in rack.tallies.items())
+    enough = rack.tallies["faults"] >= (200 if place.quick else 5000)
+    return Outcome(enough and not rack.wrong,
+                   f"{len(all_scenarios) + 3} scenarios: {tally}; {len(rack.wrong)} wrong"
+                   + "".join(f"; {text}" for text in rack.wrong[:8]))
+
+
