@@ -40,7 +40,7 @@ class Mixed:
         (daemon.root / "world" / "list" / "entry").write_text("e")
         make_program(daemon.root / "world" / "p.cgi",
                      "printf 'Content-Type: text/plain\\n\\nsaid '\ncat\n")
-        (daemon.root / "world" / "s.shtml").write_text('a<!--#include "small" -->b')
+        (daemon.root / "world" / "s.shtml").write_text('a<!--#include file="small" -->b')
         self.target = Target()
         daemon.start()
         self.login = "Authorization: Basic " + base64.b64encode(

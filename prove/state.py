@@ -209,8 +209,10 @@ def start_cases(place, limit):
                                or " started on port" in d.stderr_text(), 20)
                     hit = faults.disarm()[1] > 0
                     status = daemon.process.poll()
-                    # Without its library it aborts, with a word about the file.
-                    ends = (1, -signal.SIGABRT if LIBRARY_ABORT in daemon.stderr_text() else 1)
+                    # Without its library or its configuration it aborts, with a word about the file.
+                    aborts = any(text in daemon.stderr_text()
+                                 for text in (LIBRARY_ABORT, "zel home dir not specified"))
+                    ends = (1, -signal.SIGABRT if aborts else 1)
                     if status is not None and (status not in ends
                                                or not daemon.stderr_text().strip()):
                         wrong.append(f"start, {part} {kind}[{nth}]: ended with {status}")
