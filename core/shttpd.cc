@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/background.h"
+#include "core/buffer_pool.h"
 #include "core/compat_unix.h"
 #include "core/config.h"
 #include "core/connection.h"
@@ -503,6 +504,7 @@ void shttpd_fini(shttpd_ctx* ctx) {
     ctx->ssi_funcs.free_all([](ssi_func* entry) { delete entry; });
     clean_poll_fd_set();
     drop_cached_files();
+    free_idle_buffers();
     tell_left_out_lines(ctx, true);
     close_log(&ctx->access_log);
     close_log(&ctx->error_log);
