@@ -116,8 +116,8 @@ void check_schedule_line(const settings& conf, const place& where, std::string_v
 
 // --- Access files ---
 
-std::size_t principal_count(const role_entry& row) {
-    return static_cast<std::size_t>(qz_set_size(row.groups) + qz_set_size(row.users));
+int principal_count(const role_entry& row) {
+    return qz_set_size(row.groups) + qz_set_size(row.users);
 }
 
 // False when the line names nobody; the row then counts no more than before.
@@ -155,7 +155,7 @@ void check_access_file(const settings& conf, const std::string& path) {
         if (is_comment(line)) {
             return;
         }
-        const std::size_t known = principal_count(row);
+        const int known = principal_count(row);
         if (!add_principals(line, &row)) {
             error(where, "neither NAME:user nor NAME:group");
         } else if (starts_with_nocase(line, "root")) {
