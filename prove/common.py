@@ -97,6 +97,15 @@ def status_of(reply):
     return int(reply[9:12]) if reply.startswith(b"HTTP/1.1 ") else 0
 
 
+def end_daemon(daemon, status):
+    """Ends a daemon that still runs: `status` is None; else lets go of what it has left."""
+    daemon.expected_end = True
+    if status is None:
+        daemon.stop()
+    else:
+        daemon.process.stdout.close()
+
+
 def zombies(daemon):
     count = 0
     for child in daemon.children():

@@ -20,7 +20,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -246,22 +245,4 @@ int clock_gettime(clockid_t id, struct timespec* result) {
         result->tv_sec += control->clock_s;
     }
     return status;
-}
-
-time_t time(time_t* result) {
-    struct timespec now;
-    (void)clock_gettime(CLOCK_REALTIME, &now);
-    if (result != NULL) {
-        *result = now.tv_sec;
-    }
-    return now.tv_sec;
-}
-
-int gettimeofday(struct timeval* restrict result, void* restrict zone) {
-    struct timespec now;
-    (void)zone;
-    (void)clock_gettime(CLOCK_REALTIME, &now);
-    result->tv_sec = now.tv_sec;
-    result->tv_usec = (suseconds_t)(now.tv_nsec / 1000);
-    return 0;
 }

@@ -12,7 +12,7 @@ import time
 import kill_domain
 import kill_rights
 import powercut
-from common import Outcome, Unavailable, ask, get, line, need_root, run, status_of
+from common import Outcome, Unavailable, ask, end_daemon, get, line, need_root, run, status_of
 from dovmad_harness import eventually
 from faults import Faults
 from torture import LIBRARY_ABORT
@@ -217,11 +217,7 @@ def start_cases(place, limit):
                     if status is not None and (status not in ends
                                                or not daemon.stderr_text().strip()):
                         wrong.append(f"start, {part} {kind}[{nth}]: ended with {status}")
-                    daemon.expected_end = True
-                    if status is None:
-                        daemon.stop()
-                    else:
-                        daemon.process.stdout.close()
+                    end_daemon(daemon, status)
                     if hit:
                         cases += 1
                         daemon.start()  # fails unless it serves

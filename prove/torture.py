@@ -7,7 +7,7 @@ import socket
 import threading
 import time
 
-from common import Outcome, ask, get, line, make_program, run, settled
+from common import Outcome, ask, end_daemon, get, line, make_program, run, settled
 from dovmad_harness import eventually
 from faults import KINDS, NEVER, Faults
 
@@ -231,11 +231,7 @@ class Torture:
             self.tallies["right"] += status is None
             if status == 1 and not daemon.stderr_text().strip():
                 self.wrong.append(f"{what}: ended without a word")
-        daemon.expected_end = True
-        if status is None:
-            daemon.stop()
-        else:
-            daemon.process.stdout.close()
+        end_daemon(daemon, status)
         if hit:
             daemon.start()
             if self.whole(daemon):

@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -36,24 +35,6 @@ int clock_gettime(clockid_t id, struct timespec* result) {
     result->tv_sec = (time_t)(now / 1000000000);
     result->tv_nsec = (long)(now % 1000000000);
     return (int)status;
-}
-
-time_t time(time_t* result) {
-    struct timespec now;
-    (void)clock_gettime(CLOCK_REALTIME, &now);
-    if (result != NULL) {
-        *result = now.tv_sec;
-    }
-    return now.tv_sec;
-}
-
-int gettimeofday(struct timeval* restrict result, void* restrict zone) {
-    struct timespec now;
-    (void)zone;
-    (void)clock_gettime(CLOCK_REALTIME, &now);
-    result->tv_sec = now.tv_sec;
-    result->tv_usec = (suseconds_t)(now.tv_nsec / 1000);
-    return 0;
 }
 
 int nanosleep(const struct timespec* wanted, struct timespec* left) {
