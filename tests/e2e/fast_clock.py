@@ -1,32 +1,36 @@
-"""Programs on a clock that is fast, and the moments at which they started their children."""
+"""Programs whose time passes only while they wait, and the minutes in which they started others."""
 
 import os
-import time
+
+from dovmad_harness import eventually
 
 LIBRARY = os.environ.get("DOVMAD_FAST_CLOCK", "")
-SPEED = 12
 
 
-def setting(real, begin):
-    """The variables for a program whose clock says `begin` when the system's says `real`."""
-    return {"LD_PRELOAD": LIBRARY, "FAST_CLOCK": f"{int(real * 1e9)} {int(begin)} {SPEED}"}
+class Clock:
+    """A program's clock from `begin` to `begin` + `end` seconds; it stands still at `hold` until it is
+    let go. What it starts shall be named by the last word of its command."""
 
+    def __init__(self, folder, begin, end, hold=None):
+        self.begin, self.record = int(begin), folder / "record"
+        moments = [self.begin, self.begin + (end if hold is None else hold), self.begin + end]
+        self.environment = {"LD_PRELOAD": LIBRARY,
+                            "FAST_CLOCK": " ".join(map(str, [*moments, self.record]))}
 
-class Marks:
-    """A program that notes, for the job that it is given, when its own process began: that is when
-    it was started, however long it had to wait for the processor since."""
+    def __reached(self, word):
+        return eventually(self.record.with_suffix(f".{word}").exists, 120)
 
-    def __init__(self, folder):
-        self.file, self.program = folder / "marks", folder / "mark"
-        self.program.write_text('#!/bin/sh\nread -r line </proc/$$/stat\n'
-                                f'echo "$1 ${{line##*) }}" >>{self.file}\n')
-        self.program.chmod(0o755)
+    def held(self):
+        return self.__reached("held")
 
-    def minutes(self, real):
-        """(job, minute of the fast clock since the moment `real`) of every start."""
-        text = self.file.read_text() if self.file.exists() else ""
-        booted = time.time() - time.clock_gettime(time.CLOCK_BOOTTIME)
-        ticks = os.sysconf("SC_CLK_TCK")
-        for row in text.splitlines():
-            job, *fields = row.split()
-            yield job, int((booted + int(fields[19]) / ticks - real) * SPEED // 60)
+    def go(self):
+        self.record.with_suffix(".go").touch()
+
+    def at_end(self):
+        return self.__reached("end")
+
+    def runs(self, lead=0):
+        """(name, minute since `begin` + `lead` seconds) of every start."""
+        for line in self.record.read_text().splitlines() if self.record.exists() else []:
+            moment, *_, name = line.split()
+            yield name, (int(moment) - self.begin - lead) // 60

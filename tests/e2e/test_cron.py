@@ -1,13 +1,12 @@
-"""The daemon beside Debian's cron: the same table, ten minutes of a fast clock, each program in name
-spaces of its own and otherwise idle. Both must start the same commands in the same minutes, each
-once, but for what the manual says about hours that are skipped or repeated."""
+"""The daemon beside Debian's cron: the same table, ten minutes each, in name spaces of its own and
+otherwise idle. Both must start the same commands in the same minutes, each once, but for what the
+manual says about hours that are skipped or repeated."""
 
 import datetime
 import os
 import shutil
 import signal
 import subprocess
-import time
 from collections import Counter
 from pathlib import Path
 from zoneinfo import ZoneInfo
@@ -18,7 +17,7 @@ import fast_clock
 from dovmad_harness import SANITIZED_BUILD
 
 MINUTES = 10
-LEAD = 40  # seconds of the fast clock before the first minute that counts
+LEAD = 40  # seconds before the first minute that counts
 ZONES = Path("/usr/share/zoneinfo")
 CRON = shutil.which("cron", path="/usr/sbin:/usr/bin")
 
@@ -53,16 +52,17 @@ def why_not():
 
 
 class Side:
-    """One program with a zone file and a record of its own."""
+    """One program with a zone file, a clock and a record of its own."""
 
-    def __init__(self, base, zone):
+    def __init__(self, base, zone, begin):
         base.mkdir()
-        self.base, self.process = base, None
-        self.zone_file, self.marks = base / "zone", fast_clock.Marks(base)
+        self.base, self.process, self.age = base, None, 0
+        self.clock = fast_clock.Clock(base, begin - LEAD, LEAD + 60 * MINUTES + 30, LEAD + 5 * 60 + 45)
+        self.zone_file = base / "zone"
         self.move_to(zone)
 
-    def start(self, command, mounts, clock, env):
-        clock = " ".join(f"{name}='{value}'" for name, value in clock.items())
+    def start(self, command, mounts, env):
+        clock = " ".join(f"{name}='{value}'" for name, value in self.clock.environment.items())
         lines = [f"mount --bind {self.zone_file} /etc/localtime", *mounts,
                  f"exec env {clock} {command}"]
         with open(self.base / "said", "wb") as said:
@@ -72,14 +72,17 @@ class Side:
 
     def move_to(self, zone):
         self.zone_file.write_bytes((ZONES / zone).read_bytes())
+        # The C library looks at the whole seconds of a file's age only.
+        self.age += 10
+        os.utime(self.zone_file, (self.age, self.age))
 
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
         self.process.wait(30)
 
-    def runs(self, begin):
+    def runs(self):
         """How often each job ran in each of the minutes that count."""
-        found = Counter(self.marks.minutes(begin))
+        found = Counter(self.clock.runs(LEAD))
         return Counter({run: n for run, n in found.items() if 0 <= run[1] < MINUTES})
 
 
@@ -87,25 +90,25 @@ def clean_environment():
     return {"PATH": os.environ["PATH"]}
 
 
-def start_cron(side, table, clock):
+def start_cron(side, table):
     tabs, empty = side.base / "tabs", side.base / "empty"
     tabs.mkdir()
     empty.mkdir()
-    (tabs / "root").write_text("".join(f"{times} {side.marks.program} {job}\n" for job, times in table))
+    (tabs / "root").write_text("".join(f"{times} /bin/true {job}\n" for job, times in table))
     (tabs / "root").chmod(0o600)
     nothing = side.base / "nothing"
     nothing.write_text("")
     side.start(f"{CRON} -f", [f"mount --bind {tabs} /var/spool/cron/crontabs",
                               f"mount --bind {empty} /etc/cron.d",
                               f"mount --bind {nothing} /etc/crontab",
-                              "mount -t tmpfs none /run"], clock, clean_environment())
+                              "mount -t tmpfs none /run"], clean_environment())
 
 
-def start_daemon(side, table, clock, make_daemon):
+def start_daemon(side, table, make_daemon):
     schedule = side.base / "schedule"
-    schedule.write_text("".join(f"{job} - {times} {side.marks.program} {job}\n" for job, times in table))
+    schedule.write_text("".join(f"{job} - {times} /bin/true {job}\n" for job, times in table))
     daemon = make_daemon(start=False, scheduler_file=schedule)
-    side.start(f"{os.environ['DOVMAD_BINARY']} {daemon.config}", [], clock,
+    side.start(f"{os.environ['DOVMAD_BINARY']} {daemon.config}", [],
                {**clean_environment(), "DOVMAD_TEST_ROOT": str(daemon.prefix)})
 
 
@@ -119,32 +122,28 @@ def table_of(begin, fixed):
 def test_same_minutes_as_cron(make_daemon, tmp_path):
     if reason := why_not():
         pytest.skip(reason)
-    sides, real = {}, time.time()
-    for name, (text, zone, fixed, _, _, _) in DAYS.items():
-        begin = datetime.datetime.fromisoformat(text).replace(tzinfo=ZoneInfo(zone))
-        clock = fast_clock.setting(real, begin.timestamp() - LEAD)
-        table = table_of(begin, fixed)
-        pair = (Side(tmp_path / f"{name}-cron", zone), Side(tmp_path / f"{name}-daemon", zone))
-        sides[name] = pair
-        start_cron(pair[0], table, clock)
-        start_daemon(pair[1], table, clock, make_daemon)
-
-    def sleep_until(minute):
-        time.sleep(max(0, real + (LEAD + 60 * minute) / fast_clock.SPEED - time.time()))
+    sides = {}
     try:
-        sleep_until(5.75)  # neither is at work
-        for name, pair in sides.items():
-            if DAYS[name][3]:
-                for side in pair:
-                    side.move_to(DAYS[name][3])
-        sleep_until(MINUTES + 0.8)
+        for name, (text, zone, fixed, moved, _, _) in DAYS.items():
+            begin = datetime.datetime.fromisoformat(text).replace(tzinfo=ZoneInfo(zone))
+            table = table_of(begin, fixed)
+            pair = sides[name] = [Side(tmp_path / f"{name}-{who}", zone, int(begin.timestamp()))
+                                  for who in ("cron", "daemon")]
+            start_cron(pair[0], table)
+            start_daemon(pair[1], table, make_daemon)
+            for side in pair:
+                assert side.clock.held(), (name, (side.base / "said").read_text())
+                side.move_to(moved or zone)
+                side.clock.go()
+        assert all(side.clock.at_end() for pair in sides.values() for side in pair)
     finally:
         for pair in sides.values():
             for side in pair:
-                side.stop()
+                if side.process is not None:
+                    side.stop()
 
     for name, (_, _, fixed, _, only_cron, only_daemon) in DAYS.items():
-        theirs, ours = (side.runs(real + LEAD / fast_clock.SPEED) for side in sides[name])
+        theirs, ours = (side.runs() for side in sides[name])
         assert sum(theirs.values()) > 20, (name, theirs, (sides[name][0].base / "said").read_text())
         assert max(theirs.values()) == max(ours.values()) == 1, name
         dashed = [{job.replace(" ", "-") for job in jobs} for jobs in (only_cron, only_daemon)]

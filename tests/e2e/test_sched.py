@@ -4,7 +4,6 @@ import json
 import os
 import re
 import socket
-import time
 
 import pytest
 
@@ -116,22 +115,22 @@ def test_surroundings_of_a_command(make_daemon, schedule, tmp_path):
 
 @pytest.mark.skipif(SANITIZED_BUILD or not fast_clock.LIBRARY, reason="needs the preloaded clock")
 def test_idle_daemon_starts_each_minute_once(make_daemon, schedule, tmp_path):
-    """Nobody asks it for anything: it looks at its schedule by itself, on a clock that is fast."""
-    real, marks = time.time(), fast_clock.Marks(tmp_path)
-    schedule.write_text(f"every - * * * * * {marks.program} every\n"
-                        f"interval - 2 - x x x {marks.program} interval\n"
-                        f"odd - 31-59/2 * * * * {marks.program} odd\n"
-                        f"bad - 61 * * * * {marks.program} bad\n")
-    daemon = make_daemon(scheduler_file=schedule, slips=True,
-                         env=fast_clock.setting(real, 1750069800))  # half past ten
+    """Nobody asks it for anything: it looks at its schedule by itself."""
+    clock = fast_clock.Clock(tmp_path, 1750069800 - 20, 650, hold=590)  # half past ten
+    schedule.write_text("every - * * * * * /bin/true every\n"
+                        "interval - 2 - x x x /bin/true interval\n"
+                        "odd - 31-59/2 * * * * /bin/true odd\n"
+                        "bad - 61 * * * * /bin/true bad\n")
+    daemon = make_daemon(scheduler_file=schedule, slips=True, env=clock.environment)
+    assert clock.held()
 
     def minutes(job):
-        return [minute for name, minute in marks.minutes(real) if name == job]
-    assert eventually(lambda: len(minutes("every")) >= 6, 120)
-    assert minutes("every") == list(range(minutes("every")[0], minutes("every")[-1] + 1))
-    assert minutes("odd") == [minute for minute in minutes("every") if minute % 2]
-    assert len(minutes("interval")) >= 2 and minutes("bad") == []
-    assert all(b - a == 2 for a, b in zip(minutes("interval"), minutes("interval")[1:]))
+        return [minute for name, minute in clock.runs(20) if name == job and minute >= 0]
+    assert minutes("every") == list(range(10))
+    assert minutes("odd") == list(range(1, 10, 2)) and minutes("bad") == []
+    assert minutes("interval") in (list(range(0, 10, 2)), list(range(1, 10, 2)))
+    clock.go()
+    assert clock.at_end()
     assert "prev=Thu Jan  1" not in dump(daemon)
     # A starved machine makes passes slow, which is told, too.
     lines = [line for line in re.findall(r'"-" (.*)', daemon.error_log.read_text())
