@@ -1,9 +1,9 @@
 /* A preloaded library under which a program's time passes only while it waits, and at once: a wait
  * with nothing to wait for moves both of its clocks on by its length, however fast the machine is.
- * No time passes while a child runs. FAST_CLOCK="BEGIN_S HOLD_S END_S RECORD": the wall clock begins
- * at BEGIN_S, stands still at HOLD_S until there is RECORD.go, and at END_S for ever; RECORD.held and
- * RECORD.end are made then. Each program that is started is noted in RECORD with its moment and the
- * last word of its command. */
+ * No time passes while a child runs. FAST_CLOCK="BEGIN_S HOLD_S END_S RECORD": the wall clock
+ * begins at BEGIN_S, stands still at HOLD_S until there is RECORD.go, and at END_S for ever;
+ * RECORD.held and RECORD.end are made then. Each program that is started is noted in RECORD with
+ * its moment and the last word of its command. */
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <poll.h>
@@ -71,7 +71,8 @@ static int64_t limit(void) {
 static void pass(int64_t ns) {
     static int child_ms;
     siginfo_t info;
-    if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && ++child_ms < longest_child_ms) {
+    if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        ++child_ms < longest_child_ms) {
         return;
     }
     child_ms = 0;
