@@ -3,11 +3,14 @@
 
 Every server gets the same document root and one core; the load comes from the other: from wrk where
 connections are kept, from ab where each request has its own (wrk would open two for a reply that
-ends with the connection or that does not repeat "Connection: close"). Rounds are interleaved, so that a machine whose speed drifts slows everybody alike; what is printed are medians
-and ratios to nginx. Only ratios carry over to another machine."""
+ends with the connection or that does not repeat "Connection: close"). Rounds are interleaved, so that
+a machine whose speed drifts slows everybody alike; what is printed are medians and ratios to nginx,
+and beside them the ratios that were recorded last (bench/recorded.json; --record writes them). Only
+ratios carry over to another machine."""
 
 import argparse
 import base64
+import json
 import os
 import re
 import shutil
@@ -23,12 +26,17 @@ PORTS = {"nginx": 21100, "lighttpd": 22200, "dovmad": 23300}
 TLS, BASIC = 1, 2
 USER, PASSWORD = "bench", "benchmark-password"
 SERVER_CPU, LOAD_CPU = "0", "1"
+RECORDED = Path(__file__).resolve().parent / "recorded.json"
 
 CGI = "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\nContent-Length: 3\\r\\n\\r\\nhi\\n'\n"
 
 KEEP, CLOSE = [], None
 LOGIN = ["-H", "Authorization: Basic " +
          base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()]
+
+# What a look at the speed after each change wants to see.
+SHORT = ("1 KB keep-alive, 64 connections", "1 KB, Connection: close, 64 clients",
+         "1 KB, TLS, keep-alive, 16", "100 KB keep-alive, 16 connections", "proxied 1 KB, close")
 
 # title, path, connections, CLOSE or further arguments for wrk, port offset, servers that offer it
 ROWS = [
@@ -186,6 +194,8 @@ def main():
     parser.add_argument("--build", type=Path, required=True)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--seconds", type=int, default=2)
+    parser.add_argument("--short", action="store_true", help="the rows marked as such only")
+    parser.add_argument("--record", action="store_true", help="keep the ratios for later runs")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         work = Path(folder)
@@ -216,8 +226,12 @@ def start(processes, name, command, port):
 
 
 def run(options, pids):
-    print(f"{'':42}{'nginx':>10}{'lighttpd':>10}{'dovmad':>10}{'ratio':>8}{'CPU ratio':>11}")
+    recorded = json.loads(RECORDED.read_text()) if RECORDED.exists() else {}
+    print(f"{'':42}{'nginx':>10}{'lighttpd':>10}{'dovmad':>10}{'ratio':>8}{'CPU ratio':>11}"
+          f"{'recorded':>15}")
     for title, path, connections, extra, offset, servers in ROWS:
+        if options.short and title not in SHORT:
+            continue
         names = servers or tuple(PORTS)
         samples = {name: [] for name in names}
         for _ in range(options.rounds):
@@ -230,11 +244,14 @@ def run(options, pids):
         peer = next((name for name in ("nginx", "lighttpd") if name in median), None)
         cells = "".join(f"{median[name][0]:10.0f}" if name in median else f"{'-':>10}"
                         for name in PORTS)
-        ratios = ""
-        if peer:
-            ratios = (f"{median['dovmad'][0] / max(median[peer][0], 1e-9):8.2f}"
-                      f"{median['dovmad'][1] / max(median[peer][1], 1e-9):11.2f}")
-        print(f"{title:42}{cells}{ratios}", flush=True)
+        ratios = [round(ours / max(theirs, 1e-9), 2)
+                  for ours, theirs in zip(median["dovmad"], median[peer])]
+        before = recorded.get(title, ["-", "-"])
+        print(f"{title:42}{cells}{ratios[0]:8.2f}{ratios[1]:11.2f}{before[0]:>9}{before[1]:>6}",
+              flush=True)
+        if options.record:
+            recorded[title] = ratios
+            RECORDED.write_text(json.dumps(recorded, indent=1) + "\n")
 
 
 if __name__ == "__main__":
