@@ -158,6 +158,8 @@ TEST_F(login_test, only_strong_hashes_and_known_options_count) {
 
 TEST_F(login_test, changed_files_count_at_once) {
     EXPECT_EQ(log_in("local", "alice", "wonder"), alice);
+    add_user("alice", quick_hash("changed"));
+    EXPECT_EQ(log_in("local", "alice", "wonder"), refused) << "remembered no longer";
     fs::remove(site() / "users" / "alice");
     EXPECT_EQ(log_in("local", "alice", "wonder"), refused);
     write_file(site() / "domains", "fresh:password:box\n");

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "lib/rbtree.h"
+#include "sched/sched.h"
 #include "sched/sched_file.h"
 #include "tests/support/engine_fixture.h"
 
@@ -473,6 +474,11 @@ TEST_F(scheduler_engine, AnotherZoneCountsAtOnce) {
     EXPECT_EQ(scheduler.check(half_past_ten + 61), texts{"every"});
     EXPECT_EQ(calc_next_wakeup(scheduler.state(), half_past_ten + 62), half_past_ten + 120);
     EXPECT_EQ(scheduler.state()->floor, half_past_ten + 3600);
+    // A daemon asks the C library for the zone itself.
+    test_engine engine;
+    setenv("TZ", "JST-9", 1);
+    (void)sched_check_run(engine.ctx);
+    EXPECT_STREQ(tzname[0], "JST");
 }
 
 TEST_F(scheduler_engine, NothingToRead) {
@@ -484,6 +490,7 @@ TEST_F(scheduler_engine, NothingToRead) {
         EXPECT_EQ(logged.size(), path == nullptr ? 0U : 1U);
         EXPECT_EQ(qz_map_size(state->entries), 0);
         EXPECT_EQ(calc_next_wakeup(state.get(), half_past_ten), half_past_ten + 1800);
+        scheduler_resume(state.get(), "nobody", true, half_past_ten);
     }
 }
 
