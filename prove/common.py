@@ -7,7 +7,7 @@ import socket
 import ssl
 import subprocess
 import time
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 
 from dovmad_harness import Daemon, eventually, receive_until_end
@@ -27,20 +27,39 @@ class Line:
     quick: int
     full: int
     run: object
+    piece: int
+    alone: bool
 
 
 @dataclass
 class Outcome:
+    """`figure` may name `counts` in braces. Those of a line's pieces are added up, but for the ones
+    that begin with "most", of which the largest counts."""
+
     good: bool
     figure: str
+    counts: dict = field(default_factory=dict)
+    partial: bool = False
 
 
-def line(name, target, quick, full):
-    """Registers `run(amount, place) -> Outcome` as a line; `quick` and `full` are its amounts."""
+def line(name, target, quick, full, piece=None, alone=False):
+    """Registers `run(amount, place) -> Outcome` as a line; `quick` and `full` are its amounts. In
+    full it is run in pieces of `piece`, which a later call goes on with. Nothing else runs beside a
+    line that is `alone`, because it measures times."""
     def register(run):
-        LINES[name] = Line(name, target, quick, full, run)
+        LINES[name] = Line(name, target, quick, full, run, piece or full, alone)
         return run
     return register
+
+
+def literal(text):
+    """The text as a part of an outcome's figure."""
+    return str(text).replace("{", "{{").replace("}", "}}")
+
+
+def add_counts(old, new):
+    return {key: max(old.get(key, 0), value) if key.startswith("most") else old.get(key, 0) + value
+            for key, value in new.items()}
 
 
 class Place:

@@ -8,8 +8,8 @@ import struct
 import threading
 import time
 
-from common import (Outcome, ask, connect, get, line, make_program, percentile, ping_ms, settled,
-                    status_of, zombies)
+from common import (Outcome, ask, connect, get, line, literal, make_program, percentile, ping_ms,
+                    settled, status_of, zombies)
 from dovmad_harness import eventually
 from torture import Target
 
@@ -191,20 +191,26 @@ class Mixed:
             sock.close()
         kept, self.kept = len(self.kept), {}
         left = settled(daemon, descriptors - kept)
-        log = daemon.error_log.read_text(errors="replace")
-        refused = len(re.findall(r'" 5\d\d ', log))
-        # The allocator's own steps are pages; what leaks grows with the number of requests.
-        allowed = 256
+        refused = self.server_errors()
+        # A short run still meets steps of the allocator; what leaks grows with the requests.
+        allowed = 256 if self.place.quick else 0
         good = not self.wrong and left <= 0 and growth <= allowed and not zombies(daemon) \
             and refused == 0
         daemon.stop()
-        return Outcome(good, f"{self.done} requests in {took:.0f} s ({self.done / took:.0f}/s): "
-                       f"{len(self.wrong)} wrong, {refused} of 5xx; descriptors {left:+d}, memory "
-                       f"of the last half {growth:+d} KiB" + "".join(f"; {w}" for w in self.wrong[:3]))
+        return Outcome(good, "{requests} requests in {seconds} s: {wrong} wrong, {refused} of 5xx; "
+                       "descriptors at most {most_left:+d}, memory of the last half at most "
+                       "{most_growth:+d} KiB" + "".join(
+                           f"; {literal(w)}" for w in self.wrong[:3]),
+                       {"requests": self.done, "seconds": round(took), "wrong": len(self.wrong),
+                        "refused": refused, "most_left": max(left, 0), "most_growth": max(growth, 0)})
+
+    def server_errors(self):
+        with open(self.daemon.access_log, "rb") as log:
+            return sum(1 for row in log if re.search(rb'" 5\d\d ', row))
 
 
 @line("mixed-load", "10 M requests of every feature, plain and TLS: 0 wrong bytes, +0 descriptors, "
-      "+0 KiB in the last half", 60_000, 10_000_000)
+      "+0 KiB in the last half", 60_000, 10_000_000, piece=2_500_000)
 def mixed_load(amount, place):
     mixed = Mixed(place)
     return mixed.judge(lambda half: mixed.go(requests=amount * (half + 1) // 2))
@@ -215,9 +221,9 @@ def soak(amount, place):
     mixed = Mixed(place)
 
     def half(_):
-        rate_start, mixed.done = mixed.done, 0
+        before, mixed.done = mixed.done, 0
         took = mixed.go(seconds=amount / 2, rate=200)
-        mixed.done += rate_start
+        mixed.done += before
         return took
     return mixed.judge(half)
 
@@ -228,7 +234,7 @@ MALFORMED = [b"\r\n\r\n", b"NONSENSE / HTTP/1.1\r\nA: b\r\n\r\n", b"GET\x01/ HTT
 
 
 @line("malformed", "250,000 silent malformed requests: +0 descriptors, +0 KiB in the last half, "
-      "no CPU afterwards", 8_000, 250_000)
+      "no CPU afterwards", 8_000, 250_000, piece=125_000)
 def malformed(amount, place):
     daemon = place.make()
     rng = random.Random(2)
@@ -252,13 +258,16 @@ def malformed(amount, place):
     before = daemon.cpu_seconds()
     time.sleep(2)
     used = daemon.cpu_seconds() - before
-    good = left <= 0 and growth <= 128 and used <= 0.1 and ping_ms(daemon) is not None
+    good = left <= 0 and growth <= (128 if place.quick else 0) and used <= 0.1 and ping_ms(daemon) is not None
     daemon.stop()
-    return Outcome(good, f"{amount} requests: descriptors {left:+d}, memory of the last half "
-                   f"{growth:+d} KiB, CPU afterwards {used / 2:.1%}")
+    return Outcome(good, "{requests} requests: descriptors at most {most_left:+d}, memory of the last "
+                   "half at most {most_growth:+d} KiB, CPU afterwards at most {most_cpu:.1%}",
+                   {"requests": amount, "most_left": max(left, 0), "most_growth": max(growth, 0),
+                    "most_cpu": used / 2})
 
 
-@line("vanishing", "30,000 clients that vanish in mid-reply: +0 descriptors, no zombies", 900, 30_000)
+@line("vanishing", "30,000 clients that vanish in mid-reply: +0 descriptors, no zombies", 900, 30_000,
+      piece=10_000)
 def vanishing(amount, place):
     daemon = place.make(cgi_extensions=".cgi")
     (daemon.root / "large").write_bytes(b"x" * 3_000_000)
@@ -287,10 +296,12 @@ def vanishing(amount, place):
     dead = zombies(daemon)
     good = left <= 0 and dead == 0 and ping_ms(daemon) is not None
     daemon.stop()
-    return Outcome(good, f"{amount} clients: descriptors {left:+d}, {dead} zombies")
+    return Outcome(good, "{clients} clients: descriptors at most {most_left:+d}, {dead} zombies",
+                   {"clients": amount, "most_left": max(left, 0), "dead": dead})
 
 
-@line("programs", "100,000 programs: 0 zombies, 0 stray descriptors in them", 900, 100_000)
+@line("programs", "100,000 programs: 0 zombies, 0 stray descriptors in them", 900, 100_000,
+      piece=20_000)
 def programs(amount, place):
     daemon = place.make(cgi_extensions=".cgi")
     # The third descriptor is that of the folder that is being listed.
@@ -304,21 +315,20 @@ def programs(amount, place):
             if not reply.endswith(b"\r\n\r\n0, 1, 2, 3\n") and not reply.endswith(b"\n\n0, 1, 2, 3\n"):
                 with lock:
                     wrong.append(bytes(reply))
-    start = time.monotonic()
     threads = [threading.Thread(target=client, args=(amount // 4,)) for _ in range(4)]
     for thread in threads:
         thread.start()
     for thread in threads:
         thread.join()
-    took = time.monotonic() - start
     left, dead = settled(daemon, descriptors), zombies(daemon)
     daemon.stop()
     return Outcome(not wrong and left <= 0 and dead == 0,
-                   f"{amount} programs ({amount / took:.0f}/s): {len(wrong)} wrong, descriptors "
-                   f"{left:+d}, {dead} zombies" + "".join(f"; {w[-80:]!r}" for w in wrong[:1]))
+                   "{programs} programs: {wrong} wrong, descriptors at most {most_left:+d}, {dead} "
+                   "zombies" + "".join(f"; {literal(w[-80:])}" for w in wrong[:1]),
+                   {"programs": amount, "wrong": len(wrong), "most_left": max(left, 0), "dead": dead})
 
 
-@line("scheduled", "10,000 scheduled starts: each once, 0 zombies, pings within 50 ms", 400, 10_000)
+@line("scheduled", "10,000 scheduled starts: each once, 0 zombies", 400, 10_000, piece=2000)
 def scheduled(amount, place):
     schedule, marks = place.folder / "schedule", place.folder / "marks"
     schedule.write_text("")
@@ -350,6 +360,8 @@ def scheduled(amount, place):
     dead, left = zombies(daemon), settled(daemon, descriptors)
     slowest = percentile(pings, 0.99)
     daemon.stop()
-    return Outcome(missing == 0 and twice == 0 and dead == 0 and left <= 0 and slowest <= 50,
-                   f"{amount} starts: {missing} missing, {twice} twice, {dead} zombies, descriptors "
-                   f"{left:+d}, ping p99 {slowest:.1f} ms, longest {max(pings):.1f} ms")
+    return Outcome(missing == 0 and twice == 0 and dead == 0 and left <= 0,
+                   "{starts} starts: {missing} missing, {twice} twice, {dead} zombies, descriptors at "
+                   "most {most_left:+d}; ping p99 at most {most_p99:.1f} ms meanwhile",
+                   {"starts": amount, "missing": missing, "twice": twice, "dead": dead,
+                    "most_left": max(left, 0), "most_p99": slowest})

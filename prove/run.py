@@ -1,13 +1,22 @@
 """The score-sheet: runs its lines, prints one row for each, and keeps docs/reliability.md.
 
-    script/prove [quick|full] [LINE ...]
+    script/prove [quick|full|list] [--jobs N] [--minutes N] [--again] [LINE ...]
 
-`quick` (the default) gives each line a small amount of work, `full` the whole one: at most eight
-hours, begun lines are finished, and a later call goes on with the lines that are missing for this
-commit. `full` writes the table of docs/reliability.md from what it has seen. "script/prove list"
-names the lines.
+`quick` (the default) gives each line a small amount of work, `full` the whole one, for at most eight
+hours or as many minutes as are said: begun pieces are finished, and a later call goes on. N lines run
+at a time, by default one for each of at most two processors; those that measure times run alone,
+last, and with more priority than others where that is allowed.
+
+What `full` has seen stays in the build folder, and each line's row tells the commit at which it was
+measured. Without names `full` runs the lines that have not passed, or whose product (PRODUCT, the
+folders that the binaries are made of) has changed since; `--again` runs all. Lines that are run in
+pieces add up over calls as long as the product is the same. "script/prove list" names the lines.
 """
 
+import argparse
+import concurrent.futures
+import contextlib
+import fcntl
 import json
 import os
 import platform
@@ -23,7 +32,9 @@ ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "prove"
 STATE = BUILD / "state.json"
 TABLE = ROOT / "docs" / "reliability.md"
-FULL_LIMIT_S = 8 * 3600
+FULL_LIMIT_MINUTES = 8 * 60
+PRODUCT = ("CMakeLists.txt", "check", "cmake", "console", "core", "domain", "handlers", "lib",
+           "provider", "sched", "security")
 BEGIN, END = "<!-- written by script/prove full -->\n", "<!-- end -->\n"
 
 os.environ |= {"DOVMAD_BINARY": str(BUILD / "tests/support/dovmad_under_test"),
@@ -45,34 +56,112 @@ import tools  # noqa: E402,F401
 def machine():
     memory = next((line.split()[1] for line in open("/proc/meminfo", encoding="ascii")
                    if line.startswith("MemTotal")), "0")
+    files = common.run("findmnt", "-no", "FSTYPE", "-T", tempfile.gettempdir()).stdout.strip()
     return (f"{os.cpu_count()} cores of {platform.machine()}, {int(memory) >> 20} GiB, "
-            f"Linux {platform.release().split('-')[0]}")
+            f"Linux {platform.release().split('-')[0]}, files on {files}")
+
+
+def git(*words):
+    return common.run("git", *words, cwd=ROOT).stdout.strip()
 
 
 def commit():
-    head = common.run("git", "describe", "--always", "--dirty", "--abbrev=10", cwd=ROOT).stdout
-    return head.strip() or "unknown"
+    """The commit, and the contents of the product's folders in one word."""
+    changed = git("status", "--porcelain", "--", *PRODUCT)
+    trees = git("rev-parse", *(f"HEAD:{path}" for path in PRODUCT))
+    dirty = "-dirty" if changed else ""
+    return git("rev-parse", "--short=10", "HEAD") + dirty, " ".join(
+        tree[:8] for tree in trees.split()) + dirty
 
 
-def run_line(line, quick):
-    start = time.monotonic()
+COMMIT, CODE = commit()
+
+
+def run_piece(line, amount, quick):
     # Short: paths of Unix sockets lie below it.
     folder = Path(tempfile.mkdtemp(prefix="prove-"))
     place = common.Place(folder, BUILD, quick)
     try:
-        outcome = line.run(line.quick if quick else line.full, place)
-        verdict, figure = ("pass" if outcome.good else "FAIL"), outcome.figure
+        return line.run(amount, place)
     except common.Unavailable as why:
-        verdict, figure = "NOT RUN", str(why)
+        return why
     except Exception as problem:  # whatever a line stumbles over is its result
         traceback.print_exc()
-        verdict, figure = "FAIL", f"{type(problem).__name__}: {problem}"[:400]
+        return common.Outcome(False, common.literal(f"{type(problem).__name__}: {problem}"[:400]))
     finally:
         place.close()
         shutil.rmtree(folder, ignore_errors=True)
-    return {"verdict": verdict, "figure": " ".join(figure.split()),
-            "seconds": round(time.monotonic() - start), "date": time.strftime("%Y-%m-%d"),
-            "commit": commit(), "machine": machine()}
+
+
+def add_piece(known, line, amount, outcome, seconds, whole):
+    """The line's result with that of another piece of work."""
+    result = {"seconds": known.get("seconds", 0) + round(seconds), "date": time.strftime("%Y-%m-%d"),
+              "commit": COMMIT, "code": CODE, "machine": machine(), "done": known.get("done", 0),
+              "counts": known.get("counts", {})}
+    if isinstance(outcome, common.Unavailable):
+        return {**result, "verdict": "NOT RUN", "figure": str(outcome)}
+    if outcome.good:
+        result["done"] += amount
+        result["counts"] = common.add_counts(result["counts"], outcome.counts)
+    figure = " ".join(outcome.figure.format_map({**result["counts"], **(
+        {} if outcome.good else outcome.counts)}).split())
+    part = result["done"] < whole
+    if not outcome.good:
+        verdict = "FAIL"
+    elif part or outcome.partial:
+        verdict = "partial"
+        figure = (f"partial: {result['done']:,} of {whole:,}; " if part else "") + figure
+    else:
+        verdict = "pass"
+    return {**result, "verdict": verdict, "figure": figure}
+
+
+def say(name, result):
+    print(f"{result['verdict']:<8} {name:<20} {result['seconds']:>5} s  {result['figure']}\n"
+          f"{'':<8} {'':<20} {'':>7}  target: {common.LINES[name].target}", flush=True)
+
+
+def quick_line(name):
+    line, start = common.LINES[name], time.monotonic()
+    outcome = run_piece(line, line.quick, True)
+    result = add_piece({}, line, line.quick, outcome, time.monotonic() - start, line.quick)
+    say(name, result)
+    return result
+
+
+@contextlib.contextmanager
+def kept_results():
+    """The results of all calls, several of which may go on at a time."""
+    STATE.parent.mkdir(parents=True, exist_ok=True)
+    with open(STATE.with_suffix(".lock"), "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        results = json.loads(STATE.read_text()) if STATE.exists() else {}
+        yield results
+        STATE.write_text(json.dumps(results, indent=1))
+
+
+def full_line(name, again, deadline):
+    """All pieces of a line that are missing, while there is time."""
+    line = common.LINES[name]
+    with kept_results() as results:
+        known = results.get(name, {})
+    if again or known.get("code") != CODE or known.get("done", 0) >= line.full:
+        known = {}
+    result = None
+    while time.monotonic() < deadline:
+        start, amount = time.monotonic(), min(line.piece, line.full - known.get("done", 0))
+        outcome = run_piece(line, amount, False)
+        result = known = add_piece(known, line, amount, outcome, time.monotonic() - start, line.full)
+        with kept_results() as results:
+            results[name] = result
+            write_table(results)
+        if result["verdict"] != "partial" or result["done"] >= line.full:
+            break
+    if result is None:
+        print(f"{name:<20} left for the next call", flush=True)
+        return known
+    say(name, result)
+    return result
 
 
 def write_table(results):
@@ -93,41 +182,58 @@ def write_table(results):
     TABLE.write_text(before + BEGIN + text + END + rest.split(END, 1)[1])
 
 
-def main():
-    words = sys.argv[1:]
-    mode = words.pop(0) if words and words[0] in ("quick", "full", "list") else "quick"
-    if mode == "list":
-        for name, line in common.LINES.items():
-            print(f"{name:<20} {line.target}")
-        return 0
+def arguments():
+    parser = argparse.ArgumentParser(prog="script/prove", usage="script/prove [quick|full|list] "
+                                     "[--jobs N] [--minutes N] [--again] [LINE ...]")
+    parser.add_argument("--jobs", type=int, default=min(2, os.cpu_count() or 1))
+    parser.add_argument("--minutes", type=float, default=FULL_LIMIT_MINUTES)
+    parser.add_argument("--again", action="store_true")
+    parser.add_argument("words", nargs="*")
+    options = parser.parse_args()
+    words = options.words
+    options.mode = words.pop(0) if words and words[0] in ("quick", "full", "list") else "quick"
     unknown = [word for word in words if word not in common.LINES]
     if unknown:
         sys.exit(f"no such line: {', '.join(unknown)}; script/prove list names them")
-    quick = mode == "quick"
-    results = json.loads(STATE.read_text()) if STATE.exists() else {}
-    deadline, now = time.monotonic() + FULL_LIMIT_S, commit()
-    start, bad, seen = time.monotonic(), 0, 0
+    return options
+
+
+def chosen(options):
+    if options.words or options.mode == "quick" or options.again:
+        return [name for name in common.LINES if not options.words or name in options.words]
+    with kept_results() as results:
+        return [name for name in common.LINES if results.get(name, {}).get("verdict") != "pass"
+                or results[name]["code"] != CODE]
+
+
+def main():
+    options = arguments()
+    if options.mode == "list":
+        for name, line in common.LINES.items():
+            print(f"{name:<20} {line.target}")
+        return 0
+    start = time.monotonic()
     subprocess.run(["prlimit", f"--pid={os.getpid()}", "--nofile=16384:16384"], check=False,
                    stderr=subprocess.DEVNULL)
-    for name, line in common.LINES.items():
-        known = results.get(name, {})
-        done = not quick and known.get("commit") == now and known.get("verdict") == "pass"
-        if words and name not in words or not words and done:
-            continue
-        if time.monotonic() > deadline:
-            print(f"{name:<20} left for the next call", flush=True)
-            bad += 1
-            continue
-        result = run_line(line, quick)
-        seen += 1
-        bad += result["verdict"] == "FAIL"
-        print(f"{result['verdict']:<8} {name:<20} {result['seconds']:>5} s  {result['figure']}\n"
-              f"{'':<8} {'':<20} {'':>7}  target: {line.target}", flush=True)
-        if not quick:
-            results[name] = result
-            STATE.write_text(json.dumps(results, indent=1))
-            write_table(results)
-    print(f"prove {mode}: {seen} lines, {bad} failed, {time.monotonic() - start:.0f} s")
+    names, results = chosen(options), []
+
+    def work(workers, some):
+        with concurrent.futures.ProcessPoolExecutor(max(1, workers)) as pool:
+            if options.mode == "quick":
+                results.extend(pool.map(quick_line, some))
+            else:
+                deadline = start + 60 * options.minutes
+                results.extend(pool.map(full_line, some, [options.again] * len(some),
+                                        [deadline] * len(some)))
+
+    alone = [name for name in names if common.LINES[name].alone]
+    work(options.jobs, [name for name in names if name not in alone])
+    if alone and os.geteuid() == 0:
+        os.setpriority(os.PRIO_PROCESS, 0, -10)
+    work(1, alone)
+    bad = sum(result.get("verdict") == "FAIL" for result in results)
+    print(f"prove {options.mode}: {len(results)} lines, {bad} failed, "
+          f"{time.monotonic() - start:.0f} s")
     return 1 if bad else 0
 
 

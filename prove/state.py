@@ -11,6 +11,7 @@ import time
 
 import kill_domain
 import kill_rights
+import kill_support
 import powercut
 from common import Outcome, Unavailable, ask, end_daemon, get, line, need_root, run, status_of
 from dovmad_harness import eventually
@@ -18,27 +19,27 @@ from faults import Faults
 from torture import LIBRARY_ABORT
 
 
-def outcome_of_kills(report):
-    return Outcome(report.cut_short > 0,
-                   f"{report.kills} kills, {report.rewrites} changes answered, "
-                   f"{report.cut_short} cut short: 0 lost, 0 half lines")
+def kills(run_kills, amount, place):
+    """What is lost raises an error, which is the line's result."""
+    kill_support.LONGEST_RUN_S = 0.04
+    report = run_kills(functools.partial(place.make, start=False), place.folder, amount,
+                       random.randrange(1 << 32))
+    return Outcome(report.cut_short > 0, "{kills} kills, {changes} changes answered, {cut} cut short: "
+                   "0 lost, 0 half lines", {"kills": report.kills, "changes": report.rewrites,
+                                            "cut": report.cut_short})
 
 
-@line("kills-domain", "10,000 kills amid enrolments: 0 hosts lost", 40, 10_000)
+@line("kills-domain", "10,000 kills amid enrolments: 0 hosts lost", 40, 10_000, piece=500)
 def kills_domain(amount, place):
-    make = functools.partial(place.make, start=False)
-    return outcome_of_kills(kill_domain.kill_during_enrolments(
-        make, place.folder, amount, random.randrange(1 << 32)))
+    return kills(kill_domain.kill_during_enrolments, amount, place)
 
 
-@line("kills-access", "10,000 kills amid grants: 0 entries lost", 40, 10_000)
+@line("kills-access", "10,000 kills amid grants: 0 entries lost", 40, 10_000, piece=500)
 def kills_access(amount, place):
-    make = functools.partial(place.make, start=False)
-    return outcome_of_kills(kill_rights.kill_during_rewrites(
-        make, place.folder, amount, random.randrange(1 << 32)))
+    return kills(kill_rights.kill_during_rewrites, amount, place)
 
 
-@line("kills-ini", "10,000 kills amid changes of an INI store: 0 values lost", 60, 10_000)
+@line("kills-ini", "10,000 kills amid changes of an INI store: 0 values lost", 60, 10_000, piece=2000)
 def kills_ini(amount, place):
     """The last value that was told, or the one behind it, must stand; all keys whole."""
     store, keys = place.folder / "store.ini", 40
@@ -65,10 +66,11 @@ def kills_ini(amount, place):
             assert value <= found[key] <= value + 3 * keys, (key, value, found.get(key))
         held = found
         number = max(found.values(), default=-1) + 1
-    return Outcome(told_in_all > 0, f"{amount} kills, {told_in_all} changes told: 0 lost")
+    return Outcome(told_in_all > 0, "{kills} kills, {changes} changes told: 0 lost",
+                   {"kills": amount, "changes": told_in_all})
 
 
-@line("power-cuts", "500 power cuts of ext4 and XFS: 0 answered changes lost", 4, 500)
+@line("power-cuts", "500 power cuts of ext4 and XFS: 0 answered changes lost", 4, 500, piece=50)
 def power_cuts(amount, place):
     done, problems = [], []
     for kind in powercut.MAKE:
@@ -81,10 +83,10 @@ def power_cuts(amount, place):
         done.append(report)
     if not done:
         raise Unavailable("; ".join(problems))
-    lost = sum(report.lost for report in done)
-    figure = (f"{sum(r.cuts for r in done)} cuts, {sum(r.answered for r in done)} changes answered, "
-              f"{sum(r.looked_for for r in done)} looked for: {lost} lost")
-    return Outcome(lost == 0, "; ".join([figure, *problems]))
+    counts = {name: sum(getattr(report, name) for report in done)
+              for name in ("cuts", "answered", "looked_for", "lost")}
+    figure = "{cuts} cuts, {answered} changes answered, {looked_for} looked for: {lost} lost"
+    return Outcome(counts["lost"] == 0, "; ".join([figure, *problems]), counts)
 
 
 # --- Full and failing disks ---

@@ -19,6 +19,8 @@ from pathlib import Path
 
 from dovmad_harness import Daemon
 
+LONGEST_RUN_S = 0.1  # between the start of a daemon and its kill
+
 
 @dataclass
 class Report:
@@ -105,7 +107,7 @@ def kill_repeatedly(daemon, kills, seed, names, *, change, present, look=lambda 
                 for i, held in enumerate(helds)]
         for writer in team:
             writer.start()
-        report.looks += follow(team, present, rng.uniform(0, 0.1))
+        report.looks += follow(team, present, rng.uniform(0, LONGEST_RUN_S))
         daemon.stop(signal.SIGKILL)
         found = None
         for writer in team:
