@@ -7,10 +7,10 @@ hours or as many minutes as are said: begun pieces are finished, and a later cal
 at a time, by default one for each of at most two processors; those that measure times run alone,
 last, and with more priority than others where that is allowed.
 
-What `full` has seen stays in the build folder, and each line's row tells the commit at which it was
-measured. Without names `full` runs the lines that have not passed, or whose product (PRODUCT, the
-folders that the binaries are made of) has changed since; `--again` runs all. Lines that are run in
-pieces add up over calls as long as the product is the same. "script/prove list" names the lines.
+What `full` has seen stays in the build folder, and each line's row tells the commit that it measured:
+the last one that changed the product (PRODUCT, the folders that the binaries are made of). Without
+names `full` runs the lines that have not passed at this one; `--again` runs all. Lines that are run
+in pieces add up over calls as long as the product is the same. "script/prove list" names the lines.
 """
 
 import argparse
@@ -66,15 +66,12 @@ def git(*words):
 
 
 def commit():
-    """The commit, and the contents of the product's folders in one word."""
-    changed = git("status", "--porcelain", "--", *PRODUCT)
-    trees = git("rev-parse", *(f"HEAD:{path}" for path in PRODUCT))
-    dirty = "-dirty" if changed else ""
-    return git("rev-parse", "--short=10", "HEAD") + dirty, " ".join(
-        tree[:8] for tree in trees.split()) + dirty
+    """The last commit that changed the product; what changed elsewhere makes no other binaries."""
+    dirty = "-dirty" if git("status", "--porcelain", "--", *PRODUCT) else ""
+    return git("log", "-1", "--format=%h", "--abbrev=10", "--", *PRODUCT) + dirty
 
 
-COMMIT, CODE = commit()
+COMMIT = commit()
 
 
 def run_piece(line, amount, quick):
@@ -96,7 +93,7 @@ def run_piece(line, amount, quick):
 def add_piece(known, line, amount, outcome, seconds, whole):
     """The line's result with that of another piece of work."""
     result = {"seconds": known.get("seconds", 0) + round(seconds), "date": time.strftime("%Y-%m-%d"),
-              "commit": COMMIT, "code": CODE, "machine": machine(), "done": known.get("done", 0),
+              "commit": COMMIT, "machine": machine(), "done": known.get("done", 0),
               "counts": known.get("counts", {})}
     if isinstance(outcome, common.Unavailable):
         return {**result, "verdict": "NOT RUN", "figure": str(outcome)}
@@ -145,7 +142,7 @@ def full_line(name, again, deadline):
     line = common.LINES[name]
     with kept_results() as results:
         known = results.get(name, {})
-    if again or known.get("code") != CODE or known.get("done", 0) >= line.full:
+    if again or known.get("commit") != COMMIT or known.get("done", 0) >= line.full:
         known = {}
     result = None
     while time.monotonic() < deadline:
@@ -203,7 +200,7 @@ def chosen(options):
         return [name for name in common.LINES if not options.words or name in options.words]
     with kept_results() as results:
         return [name for name in common.LINES if results.get(name, {}).get("verdict") != "pass"
-                or results[name]["code"] != CODE]
+                or results[name]["commit"] != COMMIT]
 
 
 def main():
