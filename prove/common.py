@@ -63,10 +63,11 @@ def add_counts(old, new):
 
 
 class Place:
-    """A folder and a build for one line; ends the daemons that the line has started."""
+    """A folder and a build for one line; ends the daemons that the line has started. `done` is the
+    amount of the pieces before this one."""
 
-    def __init__(self, folder, build, quick):
-        self.folder, self.build, self.quick = folder, build, quick
+    def __init__(self, folder, build, quick, done):
+        self.folder, self.build, self.quick, self.done = folder, build, quick, done
         self.shim = build / "prove" / "libfault_shim.so"
         self.daemons = []
 
@@ -97,8 +98,16 @@ def ask(daemon, data, timeout=10, tls=False):
         return receive_until_end(sock)
 
 
-def connect(daemon, timeout=10, tls=False):
-    sock = socket.create_connection(("127.0.0.1", daemon.tls_port if tls else daemon.port), timeout)
+def connect(daemon, timeout=10, tls=False, receive_buffer=None):
+    sock = socket.socket()
+    sock.settimeout(timeout)
+    if receive_buffer:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    try:
+        sock.connect(("127.0.0.1", daemon.tls_port if tls else daemon.port))
+    except OSError:
+        sock.close()
+        raise
     sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
     if tls:
         sock = trusting(daemon).wrap_socket(sock, server_hostname="localhost")

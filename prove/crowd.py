@@ -3,6 +3,7 @@
 import contextlib
 import resource
 import select
+import ssl
 import subprocess
 import time
 
@@ -28,59 +29,78 @@ def dropped(socks):
                if events & (select.POLLRDHUP | select.POLLHUP | select.POLLERR))
 
 
-@line("slow-clients", "4,000 idle and slow clients, plain and TLS, for 10 minutes: 0 dropped, ping p99 "
-      "at most 20 ms, CPU at most 10 % of a core", 6, 600)
+# What slow clients have begun when they slow down; idle ones ask for something now and then.
+SLOW = {"heads": b"GET /world/x HTTP/1.1\r\nX: ",
+        "bodies": b"POST /agent/domain/register HTTP/1.1\r\nContent-Length: 4000\r\n\r\nid=",
+        "readers": get("/large"), "idle": get("/small")}
+SPARE = 70  # of the daemon's 4,096 descriptors, for itself, the uploads and those who ask
+UPLOADS = 24
+UPLOAD = b"PUT /f%d HTTP/1.1\r\nContent-Length: 100000\r\n\r\nx"
+TURN_S, IDLE_TURNS = 10, 20  # a connection on which nothing moves for 300 seconds is closed
+
+
+def slow_step(kind, sock, turn):
+    """One client's turn: it sends a byte, takes what has come, or asks."""
+    with contextlib.suppress(OSError):  # the end of a connection is looked for later
+        if kind in ("heads", "bodies"):
+            sock.sendall(b"y")
+        elif kind == "readers" or turn % IDLE_TURNS == 1:
+            sock.setblocking(False)
+            with contextlib.suppress(BlockingIOError, ssl.SSLWantReadError):
+                while sock.recv(1 << 14):
+                    pass
+            sock.setblocking(True)
+        elif turn % IDLE_TURNS == 0:
+            sock.sendall(SLOW[kind])
+
+
+@line("slow-clients", "4,000 idle and slow clients (headers, bodies, reading; plain and TLS) for 10 "
+      "minutes: 0 dropped, ping p99 at most 20 ms, CPU at most 10 % of a core", 5, 600, alone=True)
 def slow_clients(amount, place):
     raise_own_limit(6000)
-    count = 400 if place.quick else 3900  # the daemon itself has 4,096 descriptors
-    daemon = place.make()
-    (daemon.root / "large").write_bytes(b"x" * 30_000_000)
+    count = 400 if place.quick else 4000
+    (place.folder / "domain").write_text("h::id:Linux:6.1:x86_64:plx\n")
+    daemon = place.make(domain_file=place.folder / "domain")
+    (daemon.root / "small").write_text("small")
+    with open(daemon.root / "large", "wb") as large:
+        large.truncate(30_000_000)
     with contextlib.ExitStack() as stack:
-        heads, bodies, readers, idle = [], [], [], []
+        crowd = []
         for number in range(count):
-            tls = number % 4 == 0
-            sock = stack.enter_context(connect(daemon, 30, tls))
-            kind = number % 8
-            if kind in (0, 1):
-                sock.sendall(b"GET /world/x HTTP/1.1\r\nX: ")
-                heads.append(sock)
-            elif kind in (4, 5) and number % 16 < 8:
-                sock.sendall(b"PUT /f%d HTTP/1.1\r\nContent-Length: 100000\r\n\r\nx" % (number % 50))
-                bodies.append(sock)
-            elif kind == 2 and number % 32 < 8:
-                sock.sendall(get("/large"))
-                readers.append(sock)
-            else:
-                idle.append(sock)
-        everybody = heads + bodies + readers + idle
+            kind = list(SLOW)[number // 4 % 4]
+            sock = stack.enter_context(connect(daemon, 60, number % 4 == 0,
+                                               8192 if kind == "readers" else None))
+            sock.sendall(UPLOAD % number if kind == "bodies" and number // 16 < UPLOADS // 4
+                         else SLOW[kind])
+            crowd.append((kind, sock))
+        eventually(lambda: ping_ms(daemon) is not None)
         descriptors, memory = daemon.fd_count(), daemon.rss_kib()
         pings, before, start = [], daemon.cpu_seconds(), time.monotonic()
-        step = 0
-        while time.monotonic() - start < amount:
-            # Each slow one sends a byte, or takes a few, every ten seconds.
-            for at in range(step % 20, len(everybody), 20):
-                sock = everybody[at]
-                with contextlib.suppress(OSError):
-                    if at < len(heads) + len(bodies):
-                        sock.sendall(b"y")
-                    elif at < len(heads) + len(bodies) + len(readers):
-                        sock.settimeout(0.01)
-                        sock.recv(100)
-            for _ in range(4):
-                pings.append(ping_ms(daemon) or 1e9)
-                time.sleep(0.1)
-            step += 1
+        at, turn = 0, 1
+        while (now := time.monotonic() - start) < amount:
+            # As many as are due by now; each has its turn every ten seconds.
+            while at + turn * count - count < now * count / TURN_S:
+                slow_step(*crowd[at], turn)
+                at += 1
+                if at == count:
+                    at, turn = 0, turn + 1
+            pings.append(ping_ms(daemon) or 1e9)
+            time.sleep(0.1)
         took = time.monotonic() - start
         # What the pings cost is no part of it, but too little to be worth taking off.
         share = (daemon.cpu_seconds() - before) / took
-        lost = dropped(everybody)
+        lost = dropped([sock for _, sock in crowd])
+        memory = max(memory, daemon.rss_kib())
         slowest = percentile(pings, 0.99)
     left = settled(daemon, 40)
     daemon.stop()
-    good = lost == 0 and slowest <= 20 and share <= 0.10 and left <= 0
+    # Of a short run on whatever machine only the median says something.
+    good = lost == 0 and share <= 0.10 and left <= 0 and \
+        (percentile(pings, 0.5) if place.quick else slowest) <= 20
     return Outcome(good, f"{count} clients for {took:.0f} s: {lost} dropped, ping p50 "
                    f"{percentile(pings, 0.5):.1f} / p99 {slowest:.1f} / max {max(pings):.1f} ms, CPU "
-                   f"{share:.1%}, {memory / 1024:.0f} MiB, {descriptors} descriptors")
+                   f"{share:.1%}, {memory / 1024:.0f} MiB, {descriptors} descriptors"
+                   + (" (judged by p50)" if place.quick else ""))
 
 
 @line("descriptors", "4,096 descriptors taken: no exit, CPU at most 2 % meanwhile, new clients served "
@@ -107,16 +127,14 @@ def descriptors(amount, place):
                    f"{took:.2f} s after the release, exit {status}")
 
 
-@line("memory-ceiling", "64 MB of address space beyond the program, 1,500 clients: lives or ends by "
-      "itself, starts anew within a second, no host lost", 1500, 1500)
+@line("memory-ceiling", "64 MB of address space in all, 1,500 clients: lives or ends by itself, starts "
+      "anew within a second, no host lost", 1500, 1500)
 def memory_ceiling(amount, place):
     raise_own_limit(6000)
     domain = place.folder / "domain"
     domain.write_text("".join(f"h{n}::id{n}:Linux:6.1:x86_64:plx\n" for n in range(1000)))
     daemon = place.make(domain_file=domain)
-    size = int(open(f"/proc/{daemon.pid}/statm", encoding="ascii").read().split()[0]) * 4096
-    limit = size + (64 << 20)
-    subprocess.run(["prlimit", f"--pid={daemon.pid}", f"--as={limit}"], check=True)
+    subprocess.run(["prlimit", f"--pid={daemon.pid}", f"--as={64 << 20}"], check=True)
     refused = 0
     with contextlib.ExitStack() as stack:
         for number in range(amount):

@@ -1,36 +1,62 @@
 """Clocks, starts and ends."""
 
 import contextlib
+import datetime
 import os
 import signal
 import subprocess
 import sys
 import threading
 import time
+from collections import Counter
+from pathlib import Path
+from zoneinfo import ZoneInfo
 
-from common import ROOT, Outcome, ask, connect, get, line, percentile, ping_ms, status_of
+import fast_clock
+from common import (ROOT, Outcome, Unavailable, ask, connect, get, line, literal, need_root, percentile,
+                    ping_ms, status_of)
 from dovmad_harness import eventually
 from faults import Faults
 
+ZONE_FILES = Path("/usr/share/zoneinfo")
+
+
+QUICK_STALL_MS = 100  # a stall is seconds long; on whatever machine less may be the machine's
+
 
 @line("longest-pass", "no situation of the stall bench holds others up for more than 20 ms, 50 ms beside "
-      "100,000 hosts", 1, 1)
+      "100,000 hosts", 1, 1, alone=True)
 def longest_pass(_, place):
-    quick = ["nobody", "own-port-with-zero", "silent-tls-target", "cgi-flood", "ssi-exec-sleep-3"]
-    done = subprocess.run([sys.executable, "-B", str(ROOT / "bench" / "stall_bench.py"),
-                           str(place.build), *(quick if place.quick else [])],
-                          capture_output=True, text=True, timeout=1200, check=False)
-    rows = [text.split() for text in done.stdout.splitlines()[2:] if text.strip()]
-    waits = {row[0]: float(row[1]) for row in rows if len(row) > 1 and row[1] != "skipped"}
-    skipped = [row[0] for row in rows if len(row) > 1 and row[1] == "skipped"]
-    if not waits:
-        return Outcome(False, (done.stdout + done.stderr)[-300:])
+    """A situation that misses its goal is met again, twice at most: what the machine does to a
+    request does not come back, what the daemon does to it does."""
+    wanted = ["nobody", "own-port-with-zero", "silent-tls-target", "cgi-flood", "ssi-exec-sleep-3"] \
+        if place.quick else []
+    waits, skipped, again = {}, set(), 0
+    for attempt in range(3):
+        done = subprocess.run([sys.executable, "-B", str(ROOT / "bench" / "stall_bench.py"),
+                               str(place.build), *wanted],
+                              capture_output=True, text=True, timeout=1200, check=False)
+        rows = [text.split() for text in done.stdout.splitlines()[2:] if text.strip()]
+        for row in rows:
+            if row[1:2] == ["skipped"]:
+                skipped.add(row[0])
+            elif len(row) > 1:
+                waits[row[0]] = min(float(row[1]), waits.get(row[0], 1e9))
+        if not waits:
+            return Outcome(False, literal((done.stdout + done.stderr)[-300:]))
+        goals = {name: QUICK_STALL_MS if place.quick else 50 if "hosts" in name else 20
+                 for name in waits}
+        wanted = [name for name in waits if waits[name] > goals[name]]
+        if not wanted:
+            break
+        again += len(wanted) if attempt < 2 else 0
     base = waits.pop("nobody", 0.0)
     name, longest = max(waits.items(), key=lambda item: item[1])
-    # The machine's own hiccups stand in "nobody"; what exceeds them is the daemon's.
-    good = all(wait <= max(50 if "hosts" in key else 20, 2 * base) for key, wait in waits.items())
-    return Outcome(good, f"{len(waits)} situations, longest {longest:.1f} ms ({name}), nobody "
-                   f"{base:.1f} ms" + (f"; skipped: {', '.join(skipped)}" if skipped else ""))
+    return Outcome(not [key for key in wanted if key != "nobody"],
+                   f"{len(waits)} situations, longest {longest:.1f} ms ({name}), nobody {base:.1f} ms, "
+                   f"{again} repeated" + (f"; judged by {QUICK_STALL_MS} ms" if place.quick else "")
+                   + (f"; skipped: {', '.join(sorted(skipped))}" if skipped else "")
+                   + (f"; missed: {', '.join(wanted)}" if wanted else ""))
 
 
 @line("clock-steps", "the wall clock steps by an hour and a day, both ways: no connection ends, no job "
@@ -79,6 +105,105 @@ def clock_steps(amount, place):
                    f"{amount} steps: {lost} connections lost, {twice} double starts, {wrong} wrong")
 
 
+# --- Zones ---
+
+LEAD_S, BEFORE = 40, 2  # of the fast clock: before the first minute, minutes before the change
+ZONES = ("Europe/Berlin", "America/New_York", "Australia/Lord_Howe", "America/St_Johns",
+         "Pacific/Chatham", "Africa/Casablanca", "America/Santiago", "Asia/Gaza", "Europe/Dublin",
+         "Pacific/Auckland")
+MOVES = (("UTC", "Asia/Tokyo"), ("Europe/Berlin", "America/New_York"), ("Asia/Kolkata", "UTC"))
+
+
+def changes(zone):
+    """The moments of 2024 at which the zone's offset changes."""
+    def offset(at):
+        return datetime.datetime.fromtimestamp(at, ZoneInfo(zone)).utcoffset()
+    first = int(datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc).timestamp())
+    return [at for at in range(first, first + 366 * 86400, 1800) if offset(at) != offset(at - 1800)]
+
+
+class Zoned:
+    """A daemon on a fast clock whose /etc/localtime is its own; `begin` is the first minute that
+    counts. Without `other` the zone changes by its own rules, else its file is replaced half-way."""
+
+    def __init__(self, place, begin, minutes, zone, other=None):
+        self.begin, self.minutes, self.zones = begin, minutes, [ZoneInfo(zone), ZoneInfo(other or zone)]
+        self.other, self.real = other, time.time()
+        daemon = self.daemon = place.make(start=False, scheduler_file="schedule")
+        schedule, self.zone_file = daemon.dir / "schedule", daemon.dir / "zone"
+        daemon.config.write_text(daemon.config.read_text().replace(
+            "scheduler_file schedule", f"scheduler_file {schedule}"))
+        self.marks = fast_clock.Marks(daemon.dir)
+        self.zone_file.write_bytes(ZONE_FILES.joinpath(zone).read_bytes())
+        # Every wall clock time near the change, also those that are left out or come twice.
+        self.jobs = {(at.hour, at.minute) for z in self.zones for minute in range(-90, minutes + 90)
+                     for at in [datetime.datetime.fromtimestamp(begin + 60 * minute, z)]}
+        schedule.write_text("".join(
+            f"{hour:02}{minute:02} - {minute} {hour} * * * {self.marks.program} {hour:02}{minute:02}\n"
+            for hour, minute in sorted(self.jobs)) + f"every - * * * * * {self.marks.program} every\n")
+        self.setting = fast_clock.setting(self.real, begin - LEAD_S)
+
+    def start(self):
+        clock = [f"{name}={value}" for name, value in self.setting.items()]
+        with open(self.daemon.stderr_file, "ab") as stderr:
+            self.daemon.process = subprocess.Popen(
+                ["unshare", "-m", "sh", "-ec", f"mount --bind {self.zone_file} /etc/localtime\n"
+                 'exec env "$@"', "sh", *clock, os.environ["DOVMAD_BINARY"], str(self.daemon.config)],
+                env={key: value for key, value in self.daemon.env.items() if key != "TZ"},
+                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=stderr)
+
+    def moment(self, minute):
+        """When it is so late by the system's clock."""
+        return self.real + (LEAD_S + 60 * minute) / fast_clock.SPEED
+
+    def job_at(self, minute, zone):
+        at = datetime.datetime.fromtimestamp(self.begin + 60 * minute, zone)
+        return f"{at.hour:02}{at.minute:02}", minute
+
+    def due(self):
+        """Which starts are due, by the zone's rules: (job, minute), each once."""
+        return Counter(run for minute in range(self.minutes) for run in (
+            ("every", minute), self.job_at(minute, self.zones[minute > self.minutes // 2])))
+
+    def seen(self):
+        runs = Counter(run for run in self.marks.minutes(self.moment(0))
+                       if 0 <= run[1] < self.minutes)
+        if self.other:  # in the minute of the move both zones' times have come
+            runs -= Counter([self.job_at(self.minutes // 2, self.zones[1])])
+        return runs
+
+
+@line("zone-changes", "summer time begins and ends, the zone's file is replaced: every start at the "
+      "minute that the zone's rules say, each once", 3, 70)
+def zone_changes(amount, place):
+    need_root("a zone file of its own")
+    if not place.build.joinpath("tests/support/libfast_clock.so").exists():
+        raise Unavailable("the preloaded clock was not built")
+    cases = [(at - 60 * BEFORE, zone, None) for zone in ZONES for at in changes(zone)]
+    cases += [(1718614500, *move) for move in MOVES]
+    if place.quick:
+        cases = [*cases[:2], cases[-1]]
+    sides = [Zoned(place, begin, amount, zone, other) for begin, zone, other in cases]
+    for side in sides:
+        side.start()
+    for side in sides:
+        if side.other:  # amid a minute, when nothing is due
+            time.sleep(max(0.0, side.moment(amount // 2 + 0.5) - time.time()))
+            side.zone_file.write_bytes(ZONE_FILES.joinpath(side.other).read_bytes())
+    time.sleep(max(0.0, max(side.moment(amount + 0.7) for side in sides) - time.time()))
+    due = seen = 0
+    wrong = []
+    for side, case in zip(sides, cases):
+        side.daemon.stop()
+        expected, found = side.due(), side.seen()
+        due, seen = due + expected.total(), seen + found.total()
+        wrong += [f"{case[1]}: {'missing' if run in expected - found else 'too many'} {run}"
+                  for run in (expected - found) + (found - expected)]
+    return Outcome(not wrong, f"{len(cases)} changes in {len({case[1] for case in cases})} zones, "
+                   f"{amount} minutes each: {due} starts due, {seen} seen, {len(wrong)} wrong"
+                   + "".join(f"; {literal(text)}" for text in wrong[:4]))
+
+
 @line("cold-start", "start to first answer within 100 ms, SIGTERM to the end within a pass", 10, 200)
 def cold_start(amount, place):
     daemon = place.make()
@@ -97,14 +222,15 @@ def cold_start(amount, place):
         ends.append(1000 * (time.perf_counter() - begin))
         if status != 0:
             return Outcome(False, f"it ended with {status}")
-    good = percentile(starts, 0.5) <= 100 and percentile(ends, 0.5) <= 100
+    most = 1000 if place.quick else 100
+    good = percentile(starts, 0.5) <= most and percentile(ends, 0.5) <= most
     return Outcome(good, f"{amount} times: start p50 {percentile(starts, 0.5):.0f} / max "
                    f"{max(starts):.0f} ms; end p50 {percentile(ends, 0.5):.0f} / max "
-                   f"{max(ends):.0f} ms")
+                   f"{max(ends):.0f} ms" + (f" (judged by {most} ms)" if place.quick else ""))
 
 
 @line("sigterm-under-load", "SIGTERM amid requests: exit 0, no answered change lost, no half reply of a "
-      "small file", 5, 200)
+      "small file", 5, 200, piece=50)
 def sigterm_under_load(amount, place):
     domain = place.folder / "domain"
     domain.write_text("keeper::keeper:Linux:6.1:x86_64:plx\n")
@@ -146,7 +272,8 @@ def sigterm_under_load(amount, place):
             wrong.append(f"exit {status}")
         if told - kept:
             wrong.append(f"{len(told - kept)} enrolments lost")
-    return Outcome(not wrong and answered > 0, f"{amount} ends, {answered} enrolments answered: "
-                   f"{len(wrong)} wrong" + "".join(f"; {text}" for text in wrong[:3]))
+    return Outcome(not wrong and answered > 0, "{ends} ends, {answered} enrolments answered: "
+                   "{wrong} wrong" + "".join(f"; {literal(text)}" for text in wrong[:3]),
+                   {"ends": amount, "answered": answered, "wrong": len(wrong)})
 
 

@@ -74,10 +74,10 @@ def commit():
 COMMIT = commit()
 
 
-def run_piece(line, amount, quick):
+def run_piece(line, amount, quick, done=0):
     # Short: paths of Unix sockets lie below it.
     folder = Path(tempfile.mkdtemp(prefix="prove-"))
-    place = common.Place(folder, BUILD, quick)
+    place = common.Place(folder, BUILD, quick, done)
     try:
         return line.run(amount, place)
     except common.Unavailable as why:
@@ -147,7 +147,7 @@ def full_line(name, again, deadline):
     result = None
     while time.monotonic() < deadline:
         start, amount = time.monotonic(), min(line.piece, line.full - known.get("done", 0))
-        outcome = run_piece(line, amount, False)
+        outcome = run_piece(line, amount, False, known.get("done", 0))
         result = known = add_piece(known, line, amount, outcome, time.monotonic() - start, line.full)
         with kept_results() as results:
             results[name] = result

@@ -1,14 +1,17 @@
 """Fuzzing, sanitizers, valgrind, and what is true of the build."""
 
+import contextlib
 import hashlib
 import json
 import os
 import re
 import shutil
-import subprocess
 import time
 
-from common import (ROOT, Outcome, Unavailable, ask, get, line, make_program, run, status_of)
+import dovmad_harness as harness
+import load
+import torture
+from common import ROOT, Outcome, Unavailable, ask, get, line, literal, make_program, run
 
 COUNTS = ROOT / "fuzz" / "executions.json"
 
@@ -57,88 +60,102 @@ def fuzzing(amount, place):
                    + "".join(f"; {text}" for text in found[:2]))
 
 
-@line("threads", "10 minutes of the threads under ThreadSanitizer: 0 reports", 4, 600)
+# What has threads, by the folder of its test programs.
+THREADED = {"core": ("background_test", "resolver_test", "state_writer_test"),
+            "shim": ("shim_test_O2",), "lib": ("lib.replace_file",)}
+
+
+@contextlib.contextmanager
+def other_daemon(binary, provider=None):
+    """Daemons that are made meanwhile are of this program."""
+    before = harness.BINARY, harness.PROVIDER
+    harness.BINARY, harness.PROVIDER = str(binary), str(provider or harness.PROVIDER)
+    try:
+        yield
+    finally:
+        harness.BINARY, harness.PROVIDER = before
+
+
+@line("threads", "10 minutes of the library's monitor and locks, the resolver, the writer and a daemon "
+      "under load, under ThreadSanitizer: 0 reports", 4, 600, piece=120)
 def threads(amount, place):
     build = ROOT / "build" / "tsan"
-    names = ["background_test", "resolver_test", "state_writer_test"]
-    done = run("cmake", "--preset", "tsan", cwd=ROOT)
-    if done.returncode == 0:
-        done = run("cmake", "--build", "--preset", "tsan", "--target", *names, cwd=ROOT, timeout=1800)
-    if done.returncode != 0:
-        return Outcome(False, done.stdout[-300:])
-    start, runs, bad = time.monotonic(), 0, []
+    programs = {name: build / "tests" / folder / name for folder, names in THREADED.items()
+                for name in names if folder == "core" or not place.quick}
+    # The INI store's has the sanitizer built in.
+    programs["lib.ini_threads"] = place.build / "tests" / "lib" / "lib.ini_threads"
+    some = [] if place.quick else ["dovmad_under_test", "molbat_provider"]
+    for words in (["--preset", "tsan"],
+                  ["--build", "--preset", "tsan", "--target", *list(programs)[:-1], *some],
+                  ["--build", place.build, "--target", "lib.ini_threads"]):
+        done = run("cmake", *words, cwd=ROOT, timeout=3000)
+        if done.returncode != 0:
+            return Outcome(False, literal(done.stdout[-300:]))
+    start, runs, bad, requests = time.monotonic(), 0, [], 0
+    if not place.quick:
+        with other_daemon(build / "tests" / "support" / "dovmad_under_test",
+                          build / "provider" / "libmolbat4L_t.so"):
+            mixed = load.Mixed(place)
+            mixed.go(seconds=amount / 2)
+            status, requests = mixed.daemon.stop(), mixed.done
+        said = mixed.daemon.stderr_text()
+        if status != 0 or mixed.wrong or "ThreadSanitizer" in said:
+            bad.append(f"the daemon: {status} {mixed.wrong[:1]} {said[-400:]}")
     while time.monotonic() - start < amount:
-        for name in names:
-            program = build / "tests" / "core" / name
+        for name, program in programs.items():
             done = run(program, cwd=place.folder, timeout=300)
             runs += 1
             if done.returncode != 0 or "ThreadSanitizer" in done.stdout:
                 bad.append(f"{name}: {done.stdout[-200:]}")
-    return Outcome(not bad, f"{runs} runs of {len(names)} programs in "
-                   f"{time.monotonic() - start:.0f} s: {len(bad)} with reports"
-                   + "".join(f"; {text}" for text in bad[:2]))
+    return Outcome(not bad, f"{len(programs)} programs, {{runs}} runs, a daemon through {{requests}} "
+                   "requests, {seconds} s: {bad} with reports"
+                   + "".join(f"; {literal(text)}" for text in bad[:2]),
+                   {"runs": runs, "requests": requests, "bad": len(bad),
+                    "seconds": round(time.monotonic() - start)})
 
 
-@line("valgrind", "the daemon under valgrind through its features: 0 errors, 0 bytes lost", 1, 20)
-def valgrind(amount, place):
+VALGRIND = """#!/bin/sh
+exec valgrind --quiet --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \\
+    --errors-for-leak-kinds=definite --log-file={folder}/%p.txt --child-silent-after-fork=yes \\
+    {binary} "$@"
+"""
+E2E = ("engine", "world", "cgi", "dir", "ssi", "proxy", "hob", "domain", "rights", "sched", "auth",
+       "log", "startup")
+
+
+def valgrind_reports(folder):
+    """What valgrind had to say; lines that begin with "--" are about itself."""
+    texts = {path.name: "\n".join(row for row in path.read_text(errors="replace").splitlines()
+                                  if not row.startswith("--")) for path in folder.glob("*.txt")}
+    return [text for text in texts.values() if text.strip()], len(texts)
+
+
+@line("valgrind", "valgrind over the torture's scenarios and the end-to-end tests of the daemon: 0 "
+      "reports", 1, 1 + len(E2E), piece=1)
+def valgrind(_, place):
     if not shutil.which("valgrind"):
         raise Unavailable("valgrind is not installed")
-    domain = place.folder / "domain"
-    domain.write_text("keeper::keeper:Linux:6.1:x86_64:plx\n")
-    schedule = place.folder / "schedule"
-    schedule.write_text("job - * * * * * /bin/true\n")
-    daemon = place.make(start=False, domain_file=domain, scheduler_file=schedule,
-                        cgi_extensions=".cgi", ssi_extensions=".shtml")
-    (daemon.root / "operator").mkdir()
-    (daemon.root / "page").write_text("the page\n")
-    (daemon.root / "s.shtml").write_text('<!--#exec "echo ran" --><!--#include "page" -->')
-    make_program(daemon.root / "p.cgi", "printf 'Content-Type: text/plain\\n\\n'\ncat\n")
-    report = place.folder / "valgrind.txt"
-    with open(daemon.stderr_file, "ab") as stderr:
-        process = subprocess.Popen(
-            ["valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full",
-             "--errors-for-leak-kinds=definite", f"--log-file={report}", "--child-silent-after-fork=yes",
-             os.environ["DOVMAD_BINARY"], str(daemon.config)], env=daemon.env, stderr=stderr,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
-    daemon.process, daemon.expected_end = process, False
-    deadline = time.monotonic() + 120
-    while time.monotonic() < deadline:
-        try:
-            daemon.connect().close()
-            break
-        except OSError:
-            time.sleep(0.2)
-    requests = [get("/page"), get("/page", "Range: bytes=1-4"), get("/none"), get("/"),
-                get("/up", method="PUT", body=b"x" * 30000), get("/up", method="DELETE"),
-                get("/p.cgi", method="POST", body=b"b" * 500), get("/s.shtml"), b"NONSENSE\r\n\r\n",
-                get("/http://127.0.0.1:1/x"), get("/https://127.0.0.1:1/x"), get("/hob://x"),
-                get("/agent/domain/register", method="POST", body=b"id=a&host=b"),
-                get("/agent/domain/enum?format=json"),
-                get("/agent/domain/report", method="POST", body=b"id=keeper&freq=9"),
-                get("/agent/domain/unregister", method="POST", body=b"id=a"),
-                get("/admin/security/grant?user=u&role=operator&type=user"),
-                get("/admin/security/deny?user=u&role=operator&type=user"),
-                get("/admin/security/reset", method="POST", body=b"x=1"),
-                get("/admin/sched/rescan"), get("/admin/sched/dump"), get("/world/getvitals")]
-    answered = 0
-    for _ in range(amount):
-        for data in requests:
-            for tls in (False, True):
-                text = data.replace(b"\r\nHost", b"\r\nConnection: close\r\nHost", 1)
-                # What is no request gets no answer: it is not waited for.
-                patience = 1 if text.startswith(b"NONSENSE") else 60
-                answered += status_of(ask(daemon, text, patience, tls)) > 0
-    process.terminate()
-    status = process.wait(120)
-    process.stdout.close()
-    daemon.expected_end = True
-    # Lines that begin with "--" are about valgrind itself, such as calls newer than it.
-    text = "\n".join(row for row in (report.read_text() if report.exists() else "").splitlines()
-                     if not row.startswith("--"))
-    return Outcome(status == 0 and not text.strip() and answered > 0,
-                   f"{amount * 2 * len(requests)} requests, {answered} answered, exit {status}, "
-                   f"{len(re.findall('== at |lost', text))} reports" + (
-                       f": {text[-1500:]}" if text.strip() else ""))
+    folder, answered, tests, failed = place.folder / "valgrind", 0, 0, 0
+    folder.mkdir()
+    program = make_program(place.folder / "daemon", "")
+    program.write_text(VALGRIND.format(folder=folder, binary=os.environ["DOVMAD_BINARY"]))
+    if place.done == 0:
+        with other_daemon(program):
+            answered = torture.once(place)
+    else:
+        # What needs more speed than valgrind leaves fails: it is counted, and no fault of the daemon.
+        done = run("python3", "-B", "-m", "pytest", "-q", "--no-header", "-p", "no:cacheprovider",
+                   ROOT / "tests" / "e2e" / f"test_{E2E[place.done - 1]}.py", timeout=1800,
+                   env={**os.environ, "DOVMAD_BINARY": str(program)})
+        tests = sum(map(int, re.findall(r"(\d+) passed", done.stdout)))
+        failed = sum(map(int, re.findall(r"(\d+) failed", done.stdout)))
+    reports, daemons = valgrind_reports(folder)
+    return Outcome(not reports and (answered or tests) > 0,
+                   "{answered} requests of the scenarios, {tests} tests and {failed} that were too slow, "
+                   "{daemons} processes: {reports} with reports"
+                   + "".join(f": {literal(text[-1500:])}" for text in reports[:1]),
+                   {"answered": answered, "tests": tests, "failed": failed, "daemons": daemons,
+                    "reports": len(reports)})
 
 
 def products(build):

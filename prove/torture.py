@@ -277,6 +277,22 @@ class Torture:
                     self.wrong.append(f"shutdown, {kind}[{nth}]: {problem}")
 
 
+def once(place):
+    """Every scenario once, without a fault, over plain and TLS; how many were answered right."""
+    rack, target = Torture(place, 0), Target()
+    rack.faults.environment.pop("LD_PRELOAD")
+    daemons = {auth: rack.build(f"a{auth}", auth=auth).start() for auth in (False, True)}
+    right = 0
+    for name, template, wanted, _ in scenarios(target):
+        for tls in (False, True):
+            reply = rack.request(daemons[name == "login"], template, 60, tls)
+            right += wanted in reply
+            assert wanted in reply, (name, tls, bytes(reply[:200]))
+    for daemon in daemons.values():
+        assert daemon.stop(timeout=120) == 0
+    return right
+
+
 @line("torture", "5,000 failing calls in 20 scenarios: 0 crashes but aborts without memory, 0 leaks, "
       "0 damaged files, the same request right afterwards", 2, 1)
 def torture(amount, place):
