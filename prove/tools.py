@@ -17,18 +17,14 @@ COUNTS = ROOT / "fuzz" / "executions.json"
 
 
 def fuzz(target, seconds, counted):
-    """Runs one target and adds its executions to the file; the count, and what it found."""
+    """Runs one target, which adds its executions to the file; how many, and what it found."""
     shared = ROOT / "build" / "dev" / "fuzz"  # the tests' own, where they have been run
-    environment = {**os.environ, **({"DOVMAD_FUZZ_BUILD": str(shared)} if shared.is_dir() else {})}
+    environment = {**os.environ, **({"DOVMAD_FUZZ_BUILD": str(shared)} if shared.is_dir() else {}),
+                   **({} if counted else {"DOVMAD_FUZZ_UNCOUNTED": "1"})}
     done = run(ROOT / "script" / "fuzz", target, str(seconds), timeout=seconds + 900, cwd=ROOT,
                env=environment)
-    match = re.search(r"number_of_executed_units: (\d+)", done.stdout)
-    count = int(match[1]) if match else 0
-    counts = json.loads(COUNTS.read_text())
-    counts[target] = counts.get(target, 0) + count
-    if counted:
-        COUNTS.write_text(json.dumps(dict(sorted(counts.items())), indent=1) + "\n")
-    return count, "" if done.returncode == 0 else done.stdout[-300:]
+    match = re.search(r"(\d+) runs,", done.stdout)
+    return int(match[1]) if match else 0, "" if done.returncode == 0 else done.stdout[-300:]
 
 
 def fuzz_targets():
@@ -54,10 +50,10 @@ def fuzzing(amount, place):
     least = min(fuzz_targets(), key=lambda name: counts.get(name, 0))
     # Executions add up over runs: what is still missing is told, and is no failure of this run.
     return Outcome(not found, f"{len(targets)} targets, {now / 1e6:.2f} M executions now, "
-                   f"{sum(counts.values()) / 1e6:.1f} M in all, {len(found)} findings; partial: "
-                   f"{len(short)} of {len(fuzz_targets())} targets below their number, least "
-                   f"{least} with {counts.get(least, 0) / 1e6:.2f} M"
-                   + "".join(f"; {text}" for text in found[:2]))
+                   f"{sum(counts.values()) / 1e6:.1f} M in all, {len(found)} findings"
+                   + (f"; partial: {len(short)} of {len(fuzz_targets())} targets below their number, "
+                      f"least {least} with {counts.get(least, 0) / 1e6:.2f} M" if short else "")
+                   + "".join(f"; {literal(text)}" for text in found[:2]), partial=bool(short))
 
 
 # What has threads, by the folder of its test programs.

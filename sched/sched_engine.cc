@@ -39,6 +39,22 @@ struct local_moment {
     [[nodiscard]] std::time_t hour_start() const {
         return minute_start() - local.tm_min * minute_s;
     }
+    // Where the hour ends, or where a change of the zone's offset within it makes another time of
+    // it: there are zones whose clocks change at a quarter to.
+    [[nodiscard]] std::time_t hour_end() const {
+        const std::time_t end = hour_start() + hour_s;
+        if (offset_at(end - minute_s) == local.tm_gmtoff) {
+            return end;
+        }
+        std::time_t t = minute_start();
+        while (t < end && offset_at(t) == local.tm_gmtoff) {
+            t += minute_s;
+        }
+        return t;
+    }
+
+  private:
+    static long offset_at(std::time_t t) { return local_moment(t).local.tm_gmtoff; }
 };
 
 void free_entry(void* word) {
@@ -86,7 +102,8 @@ std::time_t next_match(const schedule_entry* entry, const local_moment& at) {
     if (minute == nullptr) {
         return 0;
     }
-    return at.hour_start() + (minute - entry->minute_mask) * minute_s;
+    const std::time_t next = at.hour_start() + (minute - entry->minute_mask) * minute_s;
+    return next < at.hour_end() ? next : 0;
 }
 
 // Also when another entry stands under the same key, which only ids longer than 52 characters or
@@ -260,7 +277,7 @@ int local_minutes(std::time_t t) {
 }
 
 void set_floor(scheduler_state* state, std::time_t now) {
-    state->floor = local_moment(now).hour_start() + hour_s;
+    state->floor = local_moment(now).hour_end();
     state->floor_local = local_minutes(state->floor);
 }
 

@@ -28,6 +28,7 @@ ZONES = {
     "Australia/Lord_Howe": "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0",
     "Asia/Kathmandu": "<+0545>-5:45",
 }
+LATE_ZONE = {"Pacific/Chatham": "<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45"}
 # A leap day, the turn of a year, and moments between.
 STARTS = ["2024-02-28 22:59:59", "2024-12-31 23:58:20", "2025-06-15 10:30:00",
           "2026-01-01 00:00:00", "2026-11-21 05:12:34"]
@@ -114,6 +115,18 @@ def random_start(rng, zone):
     return int(datetime.fromisoformat(rng.choice(STARTS) + "+00:00").timestamp())
 
 
+def rows_within_an_hour():
+    """Where clocks change within an hour, which croniter does not get right: minute by minute."""
+    zone = "Pacific/Chatham"
+    for change in changes(ZoneInfo(zone)):
+        start = change - 65 * 60 + 17
+        local = [datetime.fromtimestamp(start + 60 * minute, ZoneInfo(zone)) for minute in range(9000)]
+        for minutes, hours in (("50", "2"), ("50", "3"), ("0,20,40", "2,3,4"), ("44,45,46", "2,3")):
+            runs = [str(number) for number, at in enumerate(local) if str(at.minute) in minutes.split(",")
+                    and str(at.hour) in hours.split(",")]
+            yield zone, start, f"{minutes} {hours} * * *", " ".join(runs[:6])
+
+
 def main():
     rng = random.Random(20240331)
     expressions = list(dict.fromkeys(e for e in HAND_WRITTEN.split("|") if e))
@@ -132,8 +145,8 @@ def main():
             deltas = " ".join(str((t - (start - start % 60)) // 60) for t in times)
             rows.append((zone, start, expression, deltas))
     print("# zone rule|start|expression|minutes from the start's minute to the runs that follow")
-    for zone, start, expression, deltas in sorted(rows):
-        print(f"{ZONES[zone]}|{start}|{expression}|{deltas}")
+    for zone, start, expression, deltas in sorted([*rows, *rows_within_an_hour()]):
+        print(f"{(ZONES | LATE_ZONE)[zone]}|{start}|{expression}|{deltas}")
 
 
 if __name__ == "__main__":
