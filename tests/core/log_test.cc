@@ -154,6 +154,8 @@ TEST_F(Logs, RefusalsNameReasonCauseAndUser) {
     refuse(401, "Unauthorized", 0);
     c_.request.typed_user = "a\r\n\"b\x7f\xc3\xa9\xc2\x9b";
     refuse(401, "Unauthorized", 0);
+    c_.request.typed_user = std::string(300, 'n');
+    refuse(401, "Unauthorized", 0);
     log_muted(&c_, "unknown method");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(messages(error_lines()),
@@ -161,7 +163,10 @@ TEST_F(Logs, RefusalsNameReasonCauseAndUser) {
               "403 Forbidden, user alice@local.vm\n401 Unauthorized\n"
               "401 Unauthorized, user dom\\bob\n"
               "401 Unauthorized, user a\\x0d\\x0a\\x22b\\x7f\xc3\xa9\xc2\\x9b\n"
-              "muted: unknown method\n");
+              "401 Unauthorized, user " +
+                  std::string(255, 'n') +
+                  "\n"
+                  "muted: unknown method\n");
 }
 
 TEST_F(Logs, ChangesNameWhoAndForWhom) {

@@ -96,6 +96,11 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
     struct sigaction before {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, &before);
+    sigset_t blocked;
+    sigset_t mask;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &blocked, &mask);
     const unique_fd leak(open("/dev/null", O_RDONLY));  // not close-on-exec
     process_record record;
     const auto script =
@@ -108,6 +113,7 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
     EXPECT_EQ(chmod(script.c_str(), 0755), 0);
     const std::string output = run(script, &record);
     sigaction(SIGPIPE, &before, nullptr);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
     EXPECT_LT(leak.get(), 10);
     EXPECT_EQ(output, "show.sh blue .\n" + std::filesystem::canonical(folder_.path()).string() +
                           "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n");

@@ -303,7 +303,8 @@ TEST_F(forward_test, answers_end_where_they_say_however_they_are_cut) {
 }
 
 TEST_F(forward_test, answers_without_a_length_that_can_be_read_end_with_the_target) {
-    for (const char* value : {": undefined", ": +5", ": -5", ":", ": 5\r\nContent-Length: 0"}) {
+    for (const char* value : {": undefined", ": +5", ": -5", ":", ": 5\r\nContent-Length: 0",
+                              ": 0000000000000000004"}) {
         const std::string answer =
             "HTTP/1.1 200 OK\r\nContent-Length" + std::string(value) + "\r\n\r\nhello";
         EXPECT_EQ(forward(request(), {answer}), answer);
