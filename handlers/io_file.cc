@@ -169,14 +169,11 @@ file_range parse_range(std::string_view value, unsigned long size) {
     if (converted <= 0) {
         return {};
     }
-    file_range range{.present = true, .satisfiable = first <= size, .first = first};
-    if (!range.satisfiable) {
-        return range;
-    }
     const unsigned long end = converted == 2 ? std::min(size, second) : size;
-    range.satisfiable = end >= first;
-    range.length = range.satisfiable ? end - first : 0;
-    return range;
+    return {.present = true,
+            .satisfiable = first <= end,
+            .first = first,
+            .length = first <= end ? end - first : 0};
 }
 
 class number_text {

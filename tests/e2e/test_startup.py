@@ -261,9 +261,13 @@ def test_runs_as_an_unprivileged_user(make_daemon):
     nobody = pwd.getpwnam("nobody")
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o777)
-        pid_file = Path(folder) / "pid"
-        daemon = make_daemon(slips=True, runtime_uid="nobody", pid_file=pid_file)
-        assert daemon.request("GET", "/world/ping").status == 200
+        pid_file, kept = Path(folder) / "pid", Path(folder) / "kept"
+        daemon = make_daemon(slips=True, runtime_uid="nobody", pid_file=pid_file,
+                             document_root=folder)
+        kept.write_text("kept open")
+        assert daemon.request("GET", "/kept").text == "kept open"
+        kept.chmod(0)
+        assert daemon.request("GET", "/kept").status == 500
         fields = status_of(daemon.pid)
         assert fields["Uid"].split() == [str(nobody.pw_uid)] * 4
         assert fields["Gid"].split() == [str(nobody.pw_gid)] * 4

@@ -5,9 +5,13 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <map>
 #include <numeric>
 #include <optional>
@@ -18,11 +22,26 @@
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/request.h"
+#include "handlers/cgi_service.h"
 #include "handlers/proxy_head.h"
 #include "handlers/proxy_target.h"
+#include "handlers/target.h"
 #include "lib/base64.h"
 #include "lib/qzstream.h"
 #include "tests/handlers/relay_fixture.h"
+
+namespace {
+
+std::time_t clock_step = 0;
+
+}  // namespace
+
+// Stands in front of the C library's, so that a test need not wait for minutes.
+extern "C" int clock_gettime(clockid_t id, timespec* result) noexcept {
+    const auto status = static_cast<int>(syscall(SYS_clock_gettime, id, result));
+    result->tv_sec += clock_step;
+    return status;
+}
 
 namespace {
 
@@ -413,6 +432,32 @@ TEST_F(forward_test, head_larger_than_the_buffer_is_refused) {
     EXPECT_EQ(forward(with_path(930), {answer}), answer);
 }
 
+// The companion takes the request of a client that leaves, and never answers it.
+TEST_F(forward_test, answer_that_nobody_waits_for_holds_others_up_for_five_minutes) {
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    const std::string take = "dd bs=100 count=1 >/dev/null 2>&1\n";
+    const auto program = engine.root.write(
+        "bin/hobintf", "#!/bin/sh\necho 'PORT : 1'\n" + take + take + "printf '" + answer + "'\n");
+    ASSERT_EQ(chmod(program.c_str(), 0755), 0);
+    engine.ctx->cgi_envvar = "PLX_INSTALL_ROOT=" + engine.root.path().string();
+    ASSERT_EQ(run_cgi_as_service(engine.ctx, "HOBINTF", "hobintf"), 0);
+    const std::string request = "GET /hob://h:/x HTTP/1.1\r\n\r\n";
+    unique_fd leaver = engine.connect();
+    ASSERT_GT(send(leaver.get(), request.data(), request.size(), 0), 0);
+    passes(3);
+    leaver.reset();
+    passes(1);
+    clock_step = 200;
+    const unique_fd client = engine.connect();
+    ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+    passes(3);
+    EXPECT_TRUE(engine.ctx->connections.first()->held);
+    clock_step = 301;
+    EXPECT_EQ(talk_on(client.get(), "", answer), answer);
+    clock_step = 0;
+    (void)stop_cgi_services();
+}
+
 // Only service requests keep the client's connection, and with it the target's.
 class kept_target_test : public forward_test {
   protected:
@@ -438,6 +483,11 @@ TEST_F(kept_target_test, serves_until_it_says_something) {
     EXPECT_EQ(ask(&target, ok), ok);
     EXPECT_EQ(ask(&target, ok), ok);
     EXPECT_EQ(target.connections, 1);
+    int no_delay = 0;
+    socklen_t size = sizeof no_delay;
+    const int fd = engine.ctx->connections.first()->target->fd.get();
+    EXPECT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, &size), 0);
+    EXPECT_NE(no_delay, 0) << "the second would wait for the first one's acknowledgement";
     // A target that closes while it is idle costs nothing and is connected anew.
     target.peer.reset();
     passes(5);
