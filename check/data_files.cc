@@ -31,6 +31,7 @@ constexpr std::size_t schedule_line_bytes = 1023;
 constexpr std::size_t access_line_bytes = 255;
 constexpr std::size_t domain_line_bytes = 1023;
 constexpr std::string_view blanks = " \t";
+constexpr std::string_view white_space = " \t\v\f\r";
 
 // The file's content; false when it can't be read, with the reason in *problem.
 bool read_content(const std::string& path, std::string* content, int* problem) {
@@ -47,6 +48,8 @@ void each_line(const std::string& path, std::string_view text, std::size_t longe
         text.remove_prefix(std::min(text.size(), line.size() + 1));
         if (line.size() > longest) {
             error({path, number}, "longer than %zu characters: read as several lines", longest);
+        } else if (line.find('\0') != std::string_view::npos) {
+            error({path, number}, "holds a zero byte: what stands behind it is not read");
         } else if (!line.empty()) {
             look({path, number}, line);
         }
@@ -219,9 +222,9 @@ void check_mime_file(const settings& conf) {
     }
     each_line(path, content, 510, [](const place& where, std::string_view line) {
         std::size_t words = 0;
-        for (std::size_t at = line.find_first_not_of(blanks); at < line.size(); ++words) {
-            at = line.find_first_not_of(blanks,
-                                        std::min(line.find_first_of(blanks, at), line.size()));
+        for (std::size_t at = line.find_first_not_of(white_space); at < line.size(); ++words) {
+            at = line.find_first_not_of(white_space,
+                                        std::min(line.find_first_of(white_space, at), line.size()));
         }
         if (line.front() != '#' && words == 1) {
             error(where, "a type without an extension");

@@ -3,23 +3,17 @@
 // A line that is accepted must have masks of the right length and form, and the engine must plan
 // its next run at a minute that the masks allow, for every hour of a day.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "fuzz/check.h"
 #include "lib/rbtree.h"
 #include "sched/sched_engine.h"
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
 void check_mask(const char* mask, std::size_t length) {
-    require(std::strlen(mask) == length && std::strspn(mask, "01") == length);
+    check(std::strlen(mask) == length && std::strspn(mask, "01") == length);
 }
 
 void check_next(const schedule_entry* entry, std::time_t asked) {
@@ -28,9 +22,9 @@ void check_next(const schedule_entry* entry, std::time_t asked) {
     }
     std::tm local{};
     localtime_r(&entry->next, &local);
-    require(entry->next + 60 > asked && entry->next < asked + 3600 && local.tm_sec == 0);
-    require(entry->minute_mask[local.tm_min] == '1' && entry->hour_mask[local.tm_hour] == '1' &&
-            entry->month_mask[local.tm_mon] == '1');
+    check(entry->next + 60 > asked && entry->next < asked + 3600 && local.tm_sec == 0);
+    check(entry->minute_mask[local.tm_min] == '1' && entry->hour_mask[local.tm_hour] == '1' &&
+          entry->month_mask[local.tm_mon] == '1');
 }
 
 child_start no_start(const schedule_entry* /*entry*/, const shttpd_ctx* /*ctx*/) {
@@ -45,13 +39,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (entry == nullptr) {
         return 0;
     }
-    require(!entry->id.empty() && !entry->command.empty());
+    check(!entry->id.empty() && !entry->command.empty());
     check_mask(entry->minute_mask, 60);
     check_mask(entry->hour_mask, 24);
     check_mask(entry->day_mask, 32);
     check_mask(entry->month_mask, 12);
     check_mask(entry->weekday_mask, 7);
-    require(entry->day_mask[0] == '0');
+    check(entry->day_mask[0] == '0');
 
     scheduler_state* state = new_scheduler_state(no_start);
     if (entry->id.find('\0') == std::string::npos &&

@@ -3,37 +3,31 @@
 // What the scanner hands on, text and directives, is the page again; what a directive's parts point
 // to lies inside the directive.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/check.h"
 #include "handlers/ssi_scanner.h"
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-void require_inside(std::string_view part, std::string_view whole) {
-    require(part.empty() || (part.data() >= whole.data() &&
-                             part.data() + part.size() <= whole.data() + whole.size()));
+void check_inside(std::string_view part, std::string_view whole) {
+    check(part.empty() || (part.data() >= whole.data() &&
+                           part.data() + part.size() <= whole.data() + whole.size()));
 }
 
 void check_directive(std::string_view text) {
-    require(text.size() <= ssi_scanner::directive_max && text.starts_with("<!--#") &&
-            text.ends_with("-->"));
+    check(text.size() <= ssi_scanner::directive_max && text.starts_with("<!--#") &&
+          text.ends_with("-->"));
     const ssi_directive directive = parse_ssi_directive(text);
-    require_inside(directive.argument, text);
-    require_inside(trim_blanks(directive.argument), directive.argument);
+    check_inside(directive.argument, text);
+    check_inside(trim_blanks(directive.argument), directive.argument);
     if (const auto include = parse_ssi_include(directive.argument)) {
-        require_inside(include->name, directive.argument);
-        require(include->name.find('"') == std::string_view::npos);
+        check_inside(include->name, directive.argument);
+        check(include->name.find('"') == std::string_view::npos);
     }
     if (const auto command = parse_ssi_exec(directive.argument)) {
-        require_inside(*command, directive.argument);
+        check_inside(*command, directive.argument);
     }
 }
 
@@ -45,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string out;
     for (const char c : page) {
         const ssi_scanner::event event = scanner.feed(c);
-        require(scanner.pending().size() <= ssi_scanner::directive_max + 1);
+        check(scanner.pending().size() <= ssi_scanner::directive_max + 1);
         if (event == ssi_scanner::event::held) {
             continue;
         }
@@ -60,6 +54,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         scanner.clear();
     }
     out += scanner.pending();
-    require(out == page);
+    check(out == page);
     return 0;
 }
