@@ -96,11 +96,6 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
     struct sigaction before {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, &before);
-    sigset_t blocked;
-    sigset_t mask;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    sigprocmask(SIG_BLOCK, &blocked, &mask);
     const unique_fd leak(open("/dev/null", O_RDONLY));  // not close-on-exec
     process_record record;
     const auto script =
@@ -113,13 +108,28 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
     EXPECT_EQ(chmod(script.c_str(), 0755), 0);
     const std::string output = run(script, &record);
     sigaction(SIGPIPE, &before, nullptr);
-    sigprocmask(SIG_SETMASK, &mask, nullptr);
     EXPECT_LT(leak.get(), 10);
     EXPECT_EQ(output, "show.sh blue .\n" + std::filesystem::canonical(folder_.path()).string() +
                           "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n");
     EXPECT_EQ(read_whole_file(error_path_), "to-the-log\n");
     EXPECT_STREQ(record.name, "show.sh");
     EXPECT_EQ(status_, 0);
+}
+
+// Shells begin with an empty mask whatever they get.
+TEST_F(Children, DoNotBlockTheSignalsThatTheirParentBlocks) {
+    sigset_t blocked;
+    sigset_t mask;
+    sigfillset(&blocked);
+    const auto script = folder_.write("mask",
+                                      "#!/usr/bin/awk -f\nBEGIN { while (getline < "
+                                      "\"/proc/self/status\" > 0) if (/^SigBlk/) print }\n");
+    EXPECT_EQ(chmod(script.c_str(), 0755), 0);
+    sigprocmask(SIG_BLOCK, &blocked, &mask);
+    process_record record;
+    const std::string output = run(script, &record);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+    EXPECT_EQ(output, "SigBlk:\t0000000000000000\n");
 }
 
 TEST_F(Children, AreRunByTheInterpreterWhenOneIsSet) {

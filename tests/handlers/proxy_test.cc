@@ -322,8 +322,7 @@ TEST_F(forward_test, answers_end_where_they_say_however_they_are_cut) {
 }
 
 TEST_F(forward_test, answers_without_a_length_that_can_be_read_end_with_the_target) {
-    for (const char* value : {": undefined", ": +5", ": -5", ":", ": 5\r\nContent-Length: 0",
-                              ": 0000000000000000004"}) {
+    for (const char* value : {": undefined", ": +5", ": -5", ":", ": 5\r\nContent-Length: 0"}) {
         const std::string answer =
             "HTTP/1.1 200 OK\r\nContent-Length" + std::string(value) + "\r\n\r\nhello";
         EXPECT_EQ(forward(request(), {answer}), answer);
@@ -466,7 +465,8 @@ class kept_target_test : public forward_test {
         const std::string request =
             method + " " + to->uri("hob", "/x") + " HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
         to->received.clear();
-        const std::string& enough = method == "HEAD" ? reply.substr(0, reply.size() - 2) : reply;
+        const std::string enough =
+            reply.substr(0, method == "HEAD" ? reply.find("\r\n\r\n") + 4 : reply.size());
         return talk_on(client.get(), request, enough, [&] {
             if (to->has_received("body")) {
                 to->received.clear();
@@ -537,6 +537,7 @@ TEST_F(kept_target_test, doubtful_answers_end_the_client) {
          {"HTTP/1.1 304 No\r\nContent-Length: 2\r\n\r\n",
           "HTTP/1.1 204 OK\r\nContent-Length: 2\r\n\r\n",
           "HTTP/1.1 200 OK\r\nContent-Length: 2, 50\r\n\r\nok",
+          "HTTP/1.1 200 OK\r\nContent-Length: 0000000000000000002\r\n\r\nok",
           "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nContent-Length: 2\r\n\r\nok",
           "HTTP/1.1 200 OK\r\nConnection: Close\r\nContent-Length: 2\r\n\r\nok"}) {
         client = engine.connect();
@@ -550,11 +551,14 @@ TEST_F(kept_target_test, doubtful_answers_end_the_client) {
     target.peer.reset();
     EXPECT_EQ(talk_on(client.get(), ""), "") << "only the close ends it";
     target.forget();
-    // The service can't know that the request was a HEAD.
-    client = engine.connect();
+    // The service can't know that the request was a HEAD; the body may come later.
     const std::string head = ok.substr(0, ok.size() - 2);
-    EXPECT_EQ(ask(&target, ok, "HEAD"), head);
-    EXPECT_EQ(talk_on(client.get(), ""), "");
+    for (const std::string& reply : {ok, head}) {
+        client = engine.connect();
+        EXPECT_EQ(ask(&target, reply, "HEAD"), head);
+        EXPECT_EQ(talk_on(client.get(), ""), "");
+        target.forget();
+    }
 }
 
 TEST_F(kept_target_test, gives_way_to_another_one) {

@@ -189,7 +189,7 @@ TEST_F(ssi_page, Calls) {
 }
 
 TEST_F(ssi_page, Commands) {
-    EXPECT_EQ(page("(<!--#exec \"echo a; sleep 0.1; echo b\"-->)"), "(a\nb\n)");
+    EXPECT_EQ(page("(<!--#exec \"echo a; sleep 0.1; echo log >&2; echo b\"-->)"), "(a\nb\n)");
     EXPECT_EQ(page("<!--#exec \"printf x\"-->|<!--#exec \"cat\"-->|"), "x||");
     // More than any buffer, in the middle of a page and from an included one.
     engine.root.write("inner", "[<!--#exec \"head -c 200000 /dev/zero | tr '%5C0' x\"-->]");
