@@ -21,6 +21,7 @@
 #include "core/background.h"
 #include "core/connection.h"
 #include "core/context.h"
+#include "core/poll_set.h"
 #include "core/request.h"
 #include "handlers/cgi_service.h"
 #include "handlers/proxy_head.h"
@@ -429,6 +430,24 @@ TEST_F(forward_test, head_larger_than_the_buffer_is_refused) {
     target.has_received("");  // takes the refused connection away
     const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
     EXPECT_EQ(forward(with_path(930), {answer}), answer);
+}
+
+// What it says would be reported in every pass for as long as the client takes nothing.
+TEST_F(forward_test, target_is_not_listened_to_behind_a_whole_answer) {
+    const unique_fd client = engine.connect();
+    const conn* c = begin_stalled(client, request());
+    while (!target.has_received("\r\n\r\n")) {
+        passes(1);
+    }
+    target.answer("HTTP/1.1 200 OK\r\nContent-Length: 12000\r\n\r\n" + std::string(12000, 'x'));
+    while (c->local.total < 12000) {
+        passes(1);
+    }
+    target.answer("surplus");
+    passes(3);
+    EXPECT_GT(c->local.pending(), 0U);
+    EXPECT_EQ(poll_revents(c->local.poll_index), 0);
+    EXPECT_EQ(body_of(talk_on(client.get(), "")).size(), 12000U);
 }
 
 // The companion takes the request of a client that leaves, and never answers it.

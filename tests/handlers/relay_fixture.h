@@ -56,6 +56,15 @@ class relay_fixture : public ::testing::Test {
         const unique_fd client = engine.connect();
         return talk_on(client.get(), bytes, {}, meanwhile);
     }
+    // Sends a request on a new connection that has room for little of the reply.
+    conn* begin_stalled(const unique_fd& client, std::string_view request) {
+        conn* c = engine.ctx->connections.first();
+        const int small = 4096;
+        EXPECT_EQ(setsockopt(c->remote.channel.fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+        EXPECT_EQ(send(client.get(), request.data(), request.size(), 0),
+                  static_cast<ssize_t>(request.size()));
+        return c;
+    }
     void passes(int count) {
         for (int i = 0; i < count; ++i) {
             shttpd_poll(engine.ctx, 10);
