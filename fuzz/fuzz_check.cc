@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <string_view>
@@ -51,15 +50,11 @@ ssize_t print(void*, const char* text, std::size_t length) {
 struct scene {
     scene() {
         stdout = fopencookie(nullptr, "w", {nullptr, print, nullptr, nullptr});
-        std::filesystem::create_directories(root + "/pub");
-        check(symlink(file.path().c_str(), (root + "/pub/.dovmaaccess").c_str()) == 0);
-    }
-    ~scene() {
-        std::error_code ignored;
-        std::filesystem::remove_all(root, ignored);
+        std::filesystem::create_directories(root.path + "/pub");
+        check(symlink(file.path().c_str(), (root.path + "/pub/.dovmaaccess").c_str()) == 0);
     }
     memory_file file;
-    const std::string root = "/dev/shm/fuzz_check." + std::to_string(getpid());
+    memory_folder root;
 };
 
 std::size_t row_of(const char* keyword) {
@@ -192,10 +187,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             expect_schedule_errors(path, lines, read_findings(path, lines.size()));
             break;
         case 2:
-            conf.values[row_of("document_root")] = here.root;
+            conf.values[row_of("document_root")] = here.root.path;
             check_access_files(conf);
             expect_access_errors(
-                path, !read_findings(here.root + "/pub/.dovmaaccess", lines.size()).empty());
+                path, !read_findings(here.root.path + "/pub/.dovmaaccess", lines.size()).empty());
             break;
         case 3:
             conf.values[row_of("domain_file")] = path;

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
@@ -138,11 +137,8 @@ struct scene {
         std::ofstream(top + "/sec/dovmad-at/users/known")
             << "known:$6$salt$" << std::string(86, 'x') << "\n";
     }
-    ~scene() {
-        std::error_code ignored;
-        std::filesystem::remove_all(top, ignored);
-    }
-    const std::string top = "/dev/shm/fuzz_tool." + std::to_string(getpid());
+    memory_folder folder;
+    const std::string& top = folder.path;
     memory_file config;
 };
 

@@ -1,11 +1,13 @@
-// A file in memory for parsers that take a path.
+// Files in memory for parsers that take a path, and a folder for what needs more of them.
 #pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "fuzz/check.h"
 
@@ -21,4 +23,20 @@ class memory_file {
   private:
     const int fd_ = memfd_create("fuzz", MFD_CLOEXEC);
     const std::string path_ = "/proc/self/fd/" + std::to_string(fd_);
+};
+
+// Gone again when the run ends in order.
+class memory_folder {
+  public:
+    memory_folder() { std::filesystem::create_directories(path); }
+    ~memory_folder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    memory_folder(const memory_folder&) = delete;
+    memory_folder& operator=(const memory_folder&) = delete;
+    memory_folder(memory_folder&&) = delete;
+    memory_folder& operator=(memory_folder&&) = delete;
+
+    const std::string path = "/dev/shm/dovmad_fuzz." + std::to_string(getpid());
 };
