@@ -14,7 +14,8 @@ from dovmad_harness import eventually
 from torture import Target
 
 DATE = re.compile(rb"\r\n(Date|Last-Modified): [^\r]*")
-PIPELINED = 50
+PIPELINED = 100
+CLIENTS = 6  # at a time
 SMALL = b"0123456789abcdef" * 64
 
 
@@ -27,7 +28,7 @@ class Mixed:
     the files hold, or from what the daemon must make of the request."""
 
     def __init__(self, place):
-        self.place, self.rng = place, random.Random(1)
+        self.place, self.mine, self.lock = place, threading.local(), threading.Lock()
         domain = place.folder / "domain"
         domain.write_text("keeper::keeper:Linux:6.1:x86_64:plx\n")
         self.daemon = daemon = place.make(start=False, auth=True, domain_file=domain,
@@ -35,7 +36,7 @@ class Mixed:
         for name in ("world", "world/list", "operator", "pub", "agent", "admin"):
             (daemon.root / name).mkdir(parents=True, exist_ok=True)
         (daemon.root / "world" / "small").write_bytes(SMALL)
-        (daemon.root / "world" / "large").write_bytes(self.rng.randbytes(200_000))
+        (daemon.root / "world" / "large").write_bytes(random.Random(1).randbytes(200_000))
         (daemon.root / "pub" / "page").write_text("for users\n")
         (daemon.root / "world" / "list" / "entry").write_text("e")
         make_program(daemon.root / "world" / "p.cgi",
@@ -45,8 +46,7 @@ class Mixed:
         daemon.start()
         self.login = "Authorization: Basic " + base64.b64encode(
             f"root:{daemon.password}".encode()).decode()
-        self.kept = {}
-        self.wrong, self.done, self.count = [], 0, 0
+        self.wrong, self.done = [], 0
         # Share, name, action; the actions return how many requests they have made.
         self.mix = [(70, self.pipelined), (8, self.range_request), (4, self.missing),
                     (3, self.large), (3, self.user), (3, self.listing), (2, self.upload),
@@ -61,30 +61,34 @@ class Mixed:
         return undated(bytes(ask(self.daemon, data, 30, tls)))
 
     def kept_connection(self, tls):
-        if tls not in self.kept:
-            self.kept[tls] = connect(self.daemon, 30, tls)
-        return self.kept[tls]
+        if tls not in self.mine.kept:
+            self.mine.kept[tls] = connect(self.daemon, 30, tls)
+        return self.mine.kept[tls]
 
     def whole_file(self, tls, count, request, body, head):
         """Requests in one piece on a kept connection; all replies are the same but for the date."""
         sock = self.kept_connection(tls)
         sock.sendall(request * count)
-        received = bytearray()
-        first = None
-        for _ in range(count):
-            while (end := received.find(b"\r\n\r\n")) < 0 or len(received) < end + 4 + len(body):
+        received, first = bytearray(), None
+        while count > 0:
+            end = received.find(b"\r\n\r\n")
+            size = len(first) if first else end + 4 + len(body) if end >= 0 else 1
+            # In one go, unless the second changes amid the replies.
+            some = count if first and len(received) >= size * count else 1
+            if len(received) < size * some or (some == 1 and end < 0):
                 piece = sock.recv(1 << 18)
                 if not piece:
-                    self.kept.pop(tls).close()
+                    self.mine.kept.pop(tls).close()
                     self.expect("kept connection", False, b"closed")
                     return
                 received += piece
-            reply = bytes(received[:end + 4 + len(body)])
-            del received[:end + 4 + len(body)]
-            if first is None or reply != first:
-                first = reply
-                self.expect("file", reply.startswith(head) and reply.endswith(b"\r\n\r\n" + body),
-                            reply)
+                continue
+            if first is None or received[:size * some] != first * some:
+                some, first = 1, bytes(received[:size])
+                self.expect("file", first.startswith(head)
+                            and first.endswith(b"\r\n\r\n" + body), first)
+            del received[:size * some]
+            count -= some
         self.expect("pipelined", not received, bytes(received))
 
     def pipelined(self, tls):
@@ -92,8 +96,8 @@ class Mixed:
         return PIPELINED
 
     def range_request(self, tls):
-        first = self.rng.randrange(len(SMALL) - 2)
-        last = self.rng.randrange(first + 1, len(SMALL))
+        first = self.mine.rng.randrange(len(SMALL) - 2)
+        last = self.mine.rng.randrange(first + 1, len(SMALL))
         self.whole_file(tls, 1, get("/world/small", f"Range: bytes={first}-{last}"),
                         SMALL[first:last], b"HTTP/1.1 206 Partial Content\r\n")
         return 1
@@ -128,8 +132,8 @@ class Mixed:
         return 1
 
     def upload(self, tls):
-        body = self.rng.randbytes(self.rng.randrange(1, 40_000))
-        name = f"up{self.rng.randrange(8)}"
+        body = self.mine.rng.randbytes(self.mine.rng.randrange(1, 40_000))
+        name = f"up{self.mine.number}-{self.mine.rng.randrange(8)}"
         reply = self.once(get(f"/world/{name}", method="PUT", body=body), tls)
         stored = (self.daemon.root / "world" / name).read_bytes()
         self.expect("upload", status_of(reply) in (200, 201) and stored == body, reply)
@@ -141,7 +145,7 @@ class Mixed:
         return 1
 
     def program(self, tls):
-        body = self.rng.randbytes(3000)
+        body = self.mine.rng.randbytes(3000)
         reply = self.once(get("/world/p.cgi", method="POST", body=body), tls)
         self.expect("program", status_of(reply) == 200 and reply.endswith(b"said " + body), reply)
         return 1
@@ -153,7 +157,7 @@ class Mixed:
         return 1
 
     def enrolment(self, tls):
-        name = f"host{self.rng.randrange(50)}"
+        name = f"host{self.mine.number}-{self.mine.rng.randrange(50)}"
         body = f"id={name}&host={name}&osname=L&osrelease=6&cputype=x".encode()
         for action in ("register", "unregister"):
             reply = self.once(get(f"/agent/domain/{action}", self.login, method="POST", body=body),
@@ -166,31 +170,45 @@ class Mixed:
         self.expect("enumeration", status_of(reply) == 200 and b"keeper" in reply, reply)
         return 1
 
-    def go(self, requests=None, seconds=None, rate=None):
-        """So many requests, or for so long, at most `rate` a second."""
+    def client(self, number, start, requests, seconds, rate):
+        self.mine.rng, self.mine.kept, self.mine.number = random.Random(number), {}, number
         actions = [action for share, action in self.mix for _ in range(share)]
-        start = time.monotonic()
         while (requests is None or self.done < requests) and (
                 seconds is None or time.monotonic() - start < seconds):
-            action = self.rng.choice(actions)
-            self.done += action(self.rng.random() < 0.4)
+            try:
+                made = self.mine.rng.choice(actions)(self.mine.rng.random() < 0.4)
+            except OSError as problem:
+                made = 1
+                self.expect("connection", False, repr(problem).encode())
+            with self.lock:
+                self.done += made
             if rate is not None:
                 time.sleep(max(0.0, start + self.done / rate - time.monotonic()))
+        for sock in self.mine.kept.values():
+            sock.close()
+
+    def go(self, requests=None, seconds=None, rate=None, clients=CLIENTS):
+        """So many requests, or for so long, at most `rate` a second; how long it took."""
+        start = time.monotonic()
+        threads = [threading.Thread(target=self.client, args=(number, start, requests, seconds, rate))
+                   for number in range(clients)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
         return time.monotonic() - start
 
     def judge(self, halves):
         """Both halves of the load by `halves()`, what is left behind them, and the figure."""
         self.go(requests=2000)
         daemon = self.daemon
+        eventually(lambda: daemon.fd_count() < 40)
         descriptors, self.done = daemon.fd_count(), 0
         took = halves(0)
         between = daemon.rss_kib()
         took += halves(1)
         growth = daemon.rss_kib() - between
-        for sock in self.kept.values():
-            sock.close()
-        kept, self.kept = len(self.kept), {}
-        left = settled(daemon, descriptors - kept)
+        left = settled(daemon, descriptors)
         refused = self.server_errors()
         # A short run still meets steps of the allocator; what leaks grows with the requests.
         allowed = 256 if self.place.quick else 0
@@ -222,7 +240,7 @@ def soak(amount, place):
 
     def half(_):
         before, mixed.done = mixed.done, 0
-        took = mixed.go(seconds=amount / 2, rate=200)
+        took = mixed.go(seconds=amount / 2, rate=200, clients=2)
         mixed.done += before
         return took
     return mixed.judge(half)

@@ -14,7 +14,7 @@ from zoneinfo import ZoneInfo
 
 import fast_clock
 from common import (ROOT, Outcome, Unavailable, ask, connect, get, line, literal, need_root, percentile,
-                    ping_ms, status_of)
+                    ping_ms, run, status_of)
 from dovmad_harness import eventually
 from faults import Faults
 
@@ -179,6 +179,8 @@ class Zoned:
       "minute that the zone's rules say, each once", 1, 1)
 def zone_changes(_, place):
     need_root("a zone file of its own")
+    if run("unshare", "-m", "true").returncode != 0:
+        raise Unavailable("no mount namespaces here")
     if not Path(fast_clock.LIBRARY).exists():
         raise Unavailable("the preloaded clock was not built")
     cases = [(at - 60 * BEFORE, zone, None) for zone in ZONES for at in changes(zone)]
