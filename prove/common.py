@@ -10,6 +10,7 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
+import dovmad_harness as harness
 from dovmad_harness import Daemon, eventually, receive_until_end
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -69,19 +70,35 @@ class Place:
     def __init__(self, folder, build, quick, done):
         self.folder, self.build, self.quick, self.done = folder, build, quick, done
         self.shim = build / "prove" / "libfault_shim.so"
-        self.daemons = []
+        self.daemons, self.made = [], 0
 
     def make(self, start=True, env=None, name=None, **options):
         options.pop("slips", None)
-        daemon = Daemon(self.folder / (name or f"d{len(self.daemons)}"), env=env, **options)
+        self.made += 1
+        daemon = Daemon(self.folder / (name or f"d{self.made}"), env=env, **options)
+        daemon.ports = harness._reservations[-2:]
         self.daemons.append(daemon)
         return daemon.start() if start else daemon
 
+    def forget(self, daemon):
+        """Lets go of the ports of a daemon that is not started again."""
+        self.daemons.remove(daemon)
+        for mark in daemon.ports:
+            harness._reservations.remove(mark)
+            mark.close()
+
+    def make_for_once(self, **options):
+        """Like `make`; those that have ended don't come again."""
+        for daemon in [old for old in self.daemons if old.process and old.process.poll() is not None]:
+            self.forget(daemon)
+        return self.make(**options)
+
     def close(self):
-        for daemon in self.daemons:
+        for daemon in list(self.daemons):
             with contextlib.suppress(Exception):
                 if daemon.process is not None and daemon.process.poll() is None:
                     daemon.stop(signal.SIGKILL)
+            self.forget(daemon)
 
 
 def get(path, *headers, method="GET", body=b""):

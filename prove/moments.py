@@ -144,7 +144,7 @@ class Zoned:
         self.zone_file.write_bytes(ZONE_FILES.joinpath(zone).read_bytes())
         os.utime(self.zone_file, (age, age))  # whole seconds are what the C library looks at
 
-    def pass_time(self):
+    def pass_time(self, place):
         clock = [f"{name}={value}" for name, value in self.clock.environment.items()]
         with open(self.daemon.stderr_file, "ab") as stderr:
             self.daemon.process = subprocess.Popen(
@@ -158,6 +158,7 @@ class Zoned:
         self.clock.go()
         assert self.clock.at_end(), self.daemon.stderr_text()
         self.daemon.stop()
+        place.forget(self.daemon)
 
     def job_at(self, minute, zone):
         at = datetime.datetime.fromtimestamp(self.begin + 60 * minute, zone)
@@ -191,7 +192,7 @@ def zone_changes(_, place):
     wrong = []
     for begin, zone, other in cases:
         side = Zoned(place, begin, 2 * BEFORE, zone, other)
-        side.pass_time()
+        side.pass_time(place)
         expected, found = side.due(), side.seen()
         due, seen = due + expected.total(), seen + found.total()
         wrong += [f"{zone}: {'missing' if run in expected - found else 'too many'} {run}"

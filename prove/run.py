@@ -56,9 +56,9 @@ import tools  # noqa: E402,F401
 def machine():
     memory = next((line.split()[1] for line in open("/proc/meminfo", encoding="ascii")
                    if line.startswith("MemTotal")), "0")
-    files = common.run("findmnt", "-no", "FSTYPE", "-T", tempfile.gettempdir()).stdout.strip()
+    files = common.run("findmnt", "-no", "FSTYPE", "-T", tempfile.gettempdir()).stdout.split()
     return (f"{os.cpu_count()} cores of {platform.machine()}, {int(memory) >> 20} GiB, "
-            f"Linux {platform.release().split('-')[0]}, files on {files}")
+            f"Linux {platform.release().split('-')[0]}, files on {files[0] if files else '?'}")
 
 
 def git(*words):

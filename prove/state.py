@@ -79,7 +79,7 @@ def power_cuts(amount, place):
             continue
         folder = place.folder / kind
         folder.mkdir()
-        report = powercut.cut_power(place.make, folder, kind, amount // 2, random.randrange(1 << 32))
+        report = powercut.cut_power(place.make_for_once, folder, kind, amount // 2, random.randrange(1 << 32))
         done.append(report)
     if not done:
         raise Unavailable("; ".join(problems))
@@ -227,6 +227,7 @@ def start_cases(place, limit):
                         if (folder / "domain").read_text() != "old::old:Linux:6.1:x86_64:plx\n":
                             wrong.append(f"start, {part} {kind}[{nth}]: the domain file changed")
                     run("rm", "-rf", folder)
+                    place.forget(daemon)
                     if not hit:
                         break
                     nth += 1

@@ -6,6 +6,7 @@ import json
 import os
 import re
 import shutil
+import sys
 import time
 
 import dovmad_harness as harness
@@ -137,7 +138,7 @@ def valgrind(_, place):
             answered = torture.once(place)
     else:
         # What needs more speed than valgrind leaves fails: it is counted, and no fault of the daemon.
-        done = run("python3", "-B", "-m", "pytest", "-q", "--no-header", "-p", "no:cacheprovider",
+        done = run(sys.executable, "-B", "-m", "pytest", "-q", "--no-header", "-p", "no:cacheprovider",
                    ROOT / "tests" / "e2e" / f"test_{E2E[place.done - 1]}.py", timeout=1800,
                    env={**os.environ, "DOVMAD_BINARY": str(program)})
         tests = sum(map(int, re.findall(r"(\d+) passed", done.stdout)))

@@ -240,6 +240,7 @@ class Torture:
                 self.wrong.append(f"{what}: the next run did not end well")
         for path in self.place.folder.glob(f"{name}*"):
             run("rm", "-rf", path)
+        self.place.forget(daemon)
         return calls, hit
 
     def starts(self, fresh):
