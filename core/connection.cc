@@ -47,10 +47,11 @@ void free_connection(conn* c) {
     if (c->granted != nullptr) {
         qz_vector_delete(c->granted);
     }
-    enter_critical_section(&c->ctx->lock);
-    c->unlink();
-    --c->ctx->active_connections;
-    leave_critical_section(&c->ctx->lock);
+    {
+        const critical_section_guard guard(&c->ctx->lock);
+        c->unlink();
+        --c->ctx->active_connections;
+    }
     delete_conn(c);
 }
 

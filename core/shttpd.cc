@@ -188,10 +188,11 @@ void add_connection(shttpd_ctx* ctx, int fd, bool handshake, const sockaddr_stor
     c->remote.channel.fd = fd;
     c->remote.flags = sf_readable | sf_writable;
 
-    enter_critical_section(&ctx->lock);
-    ctx->connections.push_front(c);
-    ++ctx->active_connections;
-    leave_critical_section(&ctx->lock);
+    {
+        const critical_section_guard guard(&ctx->lock);
+        ctx->connections.push_front(c);
+        ++ctx->active_connections;
+    }
     visit_next(c);
 
     // The connection stands in its list before the handshake runs: a failure is found like any
@@ -440,10 +441,8 @@ int shttpd_accept(int listen_handle, int timeout_ms) {
 }
 
 int shttpd_active(shttpd_ctx* ctx) {
-    enter_critical_section(&ctx->lock);
-    const int active = ctx->active_connections;
-    leave_critical_section(&ctx->lock);
-    return active;
+    const critical_section_guard guard(&ctx->lock);
+    return ctx->active_connections;
 }
 
 void shttpd_add_mime_type(shttpd_ctx* ctx, const char* extension, const char* type) {

@@ -56,7 +56,8 @@ void open_listening_ports(shttpd_ctx* ctx);
 // fails. `is_ssl` and `u_flag` connections start without the authentication handshake.
 void shttpd_add_socket(shttpd_ctx* ctx, int fd, bool is_ssl, bool u_flag);
 
-// Accepts one connection on a listening handle, waiting up to `timeout_ms`; the descriptor or -1.
+// Accepts one connection on a listening handle, waiting up to `timeout_ms` (0: for ever); the
+// descriptor or -1.
 int shttpd_accept(int listen_handle, int timeout_ms);
 
 // Runs one pass of the main loop, waiting up to `timeout_ms` for something to do.

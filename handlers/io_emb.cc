@@ -29,10 +29,6 @@ ssize_t do_embedded(stream* s, void*, std::size_t) {
     return 0;
 }
 
-ssize_t write_embedded(stream* s, const void*, std::size_t) {
-    return do_embedded(s, nullptr, 0);
-}
-
 // Tells a handler that has not finished that its connection goes away.
 void close_embedded(stream* s) {
     if (!s->has(sf_keep_open)) {
@@ -143,7 +139,7 @@ std::size_t line_length(std::string_view block) {
 }  // namespace
 
 constinit const io_class io_embedded{
-    .name = "embedded", .read = do_embedded, .write = write_embedded, .close = close_embedded};
+    .name = "embedded", .read = do_embedded, .close = close_embedded};
 
 const registered_uri* is_registered_uri(shttpd_ctx* ctx, const char* uri) {
     for (const registered_uri& entry : ctx->registered_uris) {

@@ -53,17 +53,6 @@ class connection_rights : public rights_user {
     role_files files_;
 };
 
-// For writes that end when their connection may have gone.
-class log_teller : public rights_user {
-  public:
-    explicit log_teller(const shttpd_ctx* ctx) : ctx_(ctx) {}
-    int write(role_entry*, const std::string&, const std::string&) override { return 0; }
-    void tell(const std::string& line) override { log_always(ctx_, nullptr, "%s", line.c_str()); }
-
-  private:
-    const shttpd_ctx* ctx_;
-};
-
 // The row lives as long as the write: its namespace may be removed meanwhile.
 int connection_rights::write(role_entry* row, const std::string& path, const std::string& lost) {
     namespace_record* ns = c_->request.ns.get();
@@ -75,8 +64,10 @@ int connection_rights::write(role_entry* row, const std::string& path, const std
                  .dropped = lost,
                  .written =
                      [held, row, path, ctx](int error) {
-                         log_teller teller(ctx);
-                         finish_write(row, path, error, &teller);
+                         // The connection may have gone.
+                         finish_write(row, path, error, [ctx](const std::string& line) {
+                             log_always(ctx, nullptr, "%s", line.c_str());
+                         });
                      }});
     return write_pending;
 }

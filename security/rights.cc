@@ -314,20 +314,21 @@ int role_files::save(int role) {
         row->strays.clear();
     }
     if (error != rights_user::write_pending) {
-        finish_write(row, path, error, user_);
+        finish_write(row, path, error, [this](const std::string& line) { user_->tell(line); });
     }
     return error;
 }
 
-void finish_write(role_entry* row, const std::string& path, int error, rights_user* user) {
+void finish_write(role_entry* row, const std::string& path, int error,
+                  const std::function<void(const std::string&)>& tell) {
     row->owed = error != 0;
     if (error == 0) {
         row->current = false;
         if (row->told_error != 0) {
-            user->tell(path + " is written again");
+            tell(path + " is written again");
         }
     } else if (error != row->told_error) {
-        user->tell("Cannot replace " + path + ": " + std::strerror(error));
+        tell("Cannot replace " + path + ": " + std::strerror(error));
     }
     row->told_error = error;
 }

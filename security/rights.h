@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -159,4 +160,5 @@ class role_files {
 };
 
 // The outcome of a write that was pending.
-void finish_write(role_entry* row, const std::string& path, int error, rights_user* user);
+void finish_write(role_entry* row, const std::string& path, int error,
+                  const std::function<void(const std::string&)>& tell);

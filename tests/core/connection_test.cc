@@ -12,6 +12,7 @@
 
 #include <array>
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -239,6 +240,39 @@ TEST(Connections, AFileThatShrinksWhileItIsSentEndsItsReply) {
     const std::string reply = engine.exchange_on(client.get(), "");
     EXPECT_LT(reply.size(), std::size_t{4} << 20);
     EXPECT_EQ(engine.ended, connection_end::closed);
+}
+
+TEST(Connections, AClientThatTakesNothingMoreEndsItsDownload) {
+    (void)std::signal(SIGPIPE, SIG_IGN);  // as the daemon does
+    test_engine engine;
+    engine.root.write("big", std::string(4 << 20, 'b'));
+    for (const int passes : {0, 20}) {
+        const unique_fd client = engine.connect();
+        const std::string request = get("/big");
+        ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+        for (int i = 0; i < passes; ++i) {
+            engine.poll();
+        }
+        EXPECT_EQ(shutdown(client.get(), SHUT_RD), 0);
+        std::string taken(1 << 20, '\0');
+        while (recv(client.get(), taken.data(), taken.size(), MSG_DONTWAIT) > 0) {
+        }
+        for (int i = 0; i < 5; ++i) {
+            engine.poll();
+        }
+        EXPECT_EQ(shttpd_active(engine.ctx), 0) << passes;
+    }
+}
+
+TEST(Connections, ASocketWithoutAPeerIsClosedAndTold) {
+    test_engine engine;
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    testing::internal::CaptureStderr();
+    shttpd_add_socket(engine.ctx, fd, true, false);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "add_socket: Transport endpoint is not connected\n");
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(shttpd_active(engine.ctx), 0);
 }
 
 TEST(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {

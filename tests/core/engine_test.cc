@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,6 +32,7 @@
 namespace {
 
 std::atomic<std::time_t> wall_clock_step = 0;
+std::atomic<std::int64_t> frozen_us = 0;  // what the monotonic clock says; 0: its own time
 
 }  // namespace
 
@@ -43,6 +45,14 @@ extern "C" std::time_t time(std::time_t* result) {
         *result = now.tv_sec;
     }
     return now.tv_sec;
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* result) noexcept {
+    if (clock == CLOCK_MONOTONIC && frozen_us != 0) {
+        *result = {.tv_sec = frozen_us / 1000000, .tv_nsec = frozen_us % 1000000 * 1000};
+        return 0;
+    }
+    return static_cast<int>(syscall(SYS_clock_gettime, clock, result));
 }
 
 namespace {
@@ -303,6 +313,22 @@ TEST(Embedded, AHandlerHearsOfALostConnectionOnce) {
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
 }
 
+void tells_versions(shttpd_call_arg* arg) {
+    unsigned long major = 0;
+    unsigned long minor = 0;
+    shttpd_get_http_version(arg, &major, &minor);
+    shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n%s, %lu.%lu", shttpd_version(), major, minor);
+    arg->flags |= ARG_END_OF_OUTPUT;
+}
+
+TEST(Embedded, HandlersKnowTheVersions) {
+    test_engine engine;
+    shttpd_protect_uri(engine.ctx, "/versions", "/none");  // nothing consults it
+    shttpd_register_uri(engine.ctx, "/versions", tells_versions, nullptr);
+    EXPECT_EQ(body_of(engine.exchange("GET /versions HTTP/1.0\r\n\r\n")), "1.0, 1.0");
+    EXPECT_EQ(body_of(engine.exchange(get("/versions"))), "1.0, 1.1");
+}
+
 TEST(Embedded, ErrorHandlersReplaceTheReply) {
     test_engine engine;
     char data[] = "mine";
@@ -404,15 +430,18 @@ TEST(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
 }
 
 TEST(Engine, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
-    const auto spend = [](pass_work kind, useconds_t us) {
+    frozen_us = 1000;
+    const auto spend = [](pass_work kind, std::int64_t us) {
         const pass_work_timer time(kind);
-        usleep(us);
+        frozen_us += us;
     };
     ++pass_number;
-    spend(pass_work::logins, 1000);
+    spend(pass_work::logins, 9999);
     EXPECT_TRUE(pass_has_time_for(pass_work::logins));
-    spend(pass_work::logins, 15000);
+    EXPECT_EQ(pass_time_left_us(), 5001);
+    spend(pass_work::logins, 1);
     EXPECT_FALSE(pass_has_time_for(pass_work::logins));
+    spend(pass_work::logins, 5000);
     EXPECT_TRUE(pass_has_time_for(pass_work::starts)) << "the first of its kind";
     spend(pass_work::starts, 1000);
     EXPECT_FALSE(pass_has_time_for(pass_work::starts)) << "the others have used the time up";
@@ -420,6 +449,7 @@ TEST(Engine, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
     ++pass_number;
     EXPECT_TRUE(pass_has_time_for(pass_work::starts) && pass_has_time_for(pass_work::logins));
     EXPECT_EQ(pass_time_left_us(), 10000);
+    frozen_us = 0;
 }
 
 // A cut address would lead elsewhere.

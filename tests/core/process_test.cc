@@ -214,6 +214,19 @@ TEST(Descriptors, AreClosedFromTheLowestUpwards) {
     EXPECT_EQ(status, 0);
 }
 
+TEST(FileCalls, AreTheSystemsOwn) {
+    const temporary_folder folder;
+    const std::string made = folder.path() / "made";
+    const std::string file = folder.write("file", "text");
+    EXPECT_EQ(my_mkdir(made.c_str(), 0700), 0);
+    EXPECT_EQ(my_mkdir(made.c_str(), 0700), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(my_rename(file.c_str(), (made + "/file").c_str()), 0);
+    EXPECT_EQ(read_whole_file(made + "/file"), "text");
+    EXPECT_EQ(my_rename(file.c_str(), made.c_str()), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
 TEST(Environment, KeepsWhatFitsAndDropsTheRest) {
     std::mt19937 random(11);
     for (int round = 0; round < 200; ++round) {

@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 
+#include "core/shttpd.h"
 #include "lib/unique_fd.h"
 
 namespace {
@@ -103,6 +104,13 @@ TEST(Listening, ManyHandlesAcceptTheirOwnClients) {
         EXPECT_EQ(v6close(handle), 0);
         EXPECT_NE(fcntl(v6getsocket(handle, 1), F_GETFD), -1);  // stays open
     }
+    EXPECT_EQ(isipv6() != 0, static_cast<bool>(unique_fd(socket(AF_INET6, SOCK_STREAM, 0))));
+    EXPECT_EQ(shttpd_accept(0, 1), -1);
+    const unique_fd client = connect_to(v6getsocket(0, 1));
+    const unique_fd accepted(shttpd_accept(0, 60000));
+    EXPECT_EQ(send(client.get(), "x", 1, 0), 1);
+    char byte = 0;
+    EXPECT_EQ(recv(accepted.get(), &byte, 1, 0), 1);
     EXPECT_EQ(v6getsocket(-1, 1) + v6getsocket(4000, 1) + v6getsocket(0, 3), -3);
     int error = 0;
     EXPECT_EQ(v6listen(port_of(v6getsocket(0, 1)), 5, &error), -1);

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -338,6 +339,34 @@ TEST_F(cgi_relay_test, pair_belongs_to_nobody_else) {
         EXPECT_EQ(recv(theirs.get(), &byte, 1, MSG_DONTWAIT), 1);
         EXPECT_EQ(byte, 'x');
         stranger.socket.reset();
+    }
+}
+
+TEST_F(cgi_relay_test, pair_without_descriptors_is_told_and_leaves_none) {
+    const auto log = engine.root.path() / "log";
+    engine.ctx->error_log = std::fopen(log.c_str(), "a");
+    conn c;
+    c.ctx = engine.ctx;
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const auto lowest_free = [] {
+        const unique_fd fd(dup(0));
+        return static_cast<rlim_t>(fd.get());
+    };
+    const rlim_t first = lowest_free();
+    int sp[2] = {-1, -1};
+    int result = -1;
+    for (rlimit few{.rlim_cur = first, .rlim_max = usual.rlim_max}; result != 0; ++few.rlim_cur) {
+        setrlimit(RLIMIT_NOFILE, &few);
+        result = my_socketpair(&c, sp);
+        setrlimit(RLIMIT_NOFILE, &usual);
+        EXPECT_TRUE(result == 0 || lowest_free() == first);
+    }
+    close(sp[0]);
+    close(sp[1]);
+    const std::string text = read_whole_file(log);
+    for (const char* call : {"socket", "accept"}) {
+        EXPECT_NE(text.find(std::string("mysocketpair: ") + call + "(): 24\n"), text.npos) << text;
     }
 }
 

@@ -1,5 +1,6 @@
 // Proves the wire form against bytes made with another tool, and that the checked reader refuses
 // every broken block without leak or crash.
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,7 +58,7 @@ TEST(wire_form, is_the_bytes_of_another_tool_both_ways) {
     EXPECT_EQ(marshalled(propset_ptr(new_ps(0)).get()), block(4, 0));
     EXPECT_EQ(ps_compare(read_checked(bytes).get(), expected.get()), 1);
     propset* read = nullptr;
-    EXPECT_EQ(ps_unmarshal(bytes.data(), &read), bytes.data() + bytes.size());
+    EXPECT_EQ(ps_binary_unpack(bytes.data(), &read), bytes.data() + bytes.size());
     const propset_ptr trusted(read);
     EXPECT_EQ(ps_compare(read, expected.get()), 1);
     const std::uint32_t lengths[] = {1, 4, 4, 8, 8, 6, 10, 3, 16, 4, 16, 8, 4, 4, 4};
@@ -65,6 +66,33 @@ TEST(wire_form, is_the_bytes_of_another_tool_both_ways) {
         EXPECT_EQ(ps_at(read, i)->value->length, lengths[i]) << ps_at(read, i)->name;
         EXPECT_EQ(ps_at(read, i)->flags, ps_at(expected.get(), i)->flags);
     }
+}
+
+TEST(wire_form, items_alone_end_where_the_next_begins) {
+    const block bytes = from_hex(every_type_hex);
+    const propset_ptr expected = every_type();
+    const unsigned char* at = bytes.data() + 4;  // behind the count
+    for (void* word : qz_each(expected->entries)) {
+        const auto* entry = static_cast<kv*>(word);
+        const std::uint32_t type = entry->value->datatype;
+        kv* read = nullptr;
+        const unsigned char* end = kv_binary_unpack(at, &read);
+        EXPECT_EQ(kv_compare(read, entry), 1) << entry->name;
+        kv_free(read);
+        at += 12 + std::strlen(entry->name);  // type, length, name, flags
+        kv_value* value = nullptr;
+        EXPECT_EQ(value_binary_unpack(at, &value, type), end) << entry->name;
+        EXPECT_EQ(value_compare(value, entry->value), 1) << entry->name;
+        value_free(value);
+        if ((type & KV_ARRAY) != 0) {
+            val_array* array = nullptr;
+            EXPECT_EQ(val_array_binary_unpack(at, &array, type & ~KV_ARRAY), end) << entry->name;
+            EXPECT_EQ(array->values->count, qz_as<val_array>(entry->value->data)->values->count);
+            val_array_free(array);
+        }
+        at = end;
+    }
+    EXPECT_EQ(at, bytes.data() + bytes.size());
 }
 
 // One entry named `name` with the boolean true.

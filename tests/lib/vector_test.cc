@@ -54,6 +54,15 @@ TEST(vector, agrees_with_std_vector_on_random_operations) {
                 model.push_back(word);
         }
         ASSERT_EQ(words_of(vector), model);
+        std::vector<void*> visited;
+        qz_vector_foreach(
+            vector,
+            [](void* item, void* arg) {
+                static_cast<std::vector<void*>*>(arg)->push_back(item);
+                return 1;  // a visitor cannot stop the walk
+            },
+            &visited);
+        ASSERT_EQ(visited, model);
         ASSERT_EQ(qz_vector_at(vector, vector->count), nullptr);
     }
 }

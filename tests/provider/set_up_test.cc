@@ -229,9 +229,20 @@ TEST_F(set_up_test, refuses_what_is_incomplete_and_generates_nothing) {
         EXPECT_FALSE(fs::exists(site() / name));
         fs::rename(base / name, site() / name);
     }
-    write_file(site() / "server.key", make_certificate({"other"}).key_pem(), 0600);
-    EXPECT_EQ(start(&none, &log), at_file_error);
-    EXPECT_EQ(none, nullptr);
+    // Nobody sits in front of a daemon who could be asked for a passphrase.
+    const certified_key other = make_certificate({"other"});
+    const provider::openssl_ptr<BIO> locked(BIO_new(BIO_s_mem()));
+    ASSERT_EQ(PEM_write_bio_PrivateKey(locked.get(), other.key.get(), EVP_aes_256_cbc(), nullptr, 0,
+                                       nullptr, const_cast<char*>("secret")),
+              1);
+    std::string locked_key(8192, '\0');
+    locked_key.resize(static_cast<std::size_t>(BIO_read(locked.get(), locked_key.data(), 8192)));
+    for (const std::string& key : {other.key_pem(), locked_key}) {
+        write_file(site() / "server.key", key, 0600);
+        EXPECT_EQ(start(&none, &log), at_file_error);
+        EXPECT_EQ(none, nullptr);
+        write_file(site() / "server.crt", other.certificate_pem());
+    }
 }
 
 TEST_F(set_up_test, tells_when_it_may_not_write) {

@@ -46,6 +46,20 @@ TEST_F(authz, a_granted_role_stays_with_connection_and_namespace) {
     EXPECT_EQ(may("pub"), 0);
 }
 
+TEST_F(authz, asking_about_a_principal_remembers_nothing) {
+    start();
+    put("operator", "ann:user\nstaff:group\n");
+    const auto holds = [&](const char* principal, int kind) {
+        return assert_role(&c, role_operator, principal, kind);
+    };
+    EXPECT_EQ(holds("ann", kind_user), 1);
+    EXPECT_EQ(holds("staff", kind_group), 1);
+    EXPECT_EQ(holds("ann", kind_group) + holds("zoe", kind_user), 0);
+    EXPECT_EQ(c.granted, nullptr);
+    put("operator", "");
+    EXPECT_EQ(holds("ann", kind_user), 0);
+}
+
 TEST_F(authz, a_file_that_could_not_be_read_is_never_replaced) {
     start();
     const std::string list = folder.write("list", "ann:user\n");

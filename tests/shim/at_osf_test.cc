@@ -55,6 +55,27 @@ TEST_F(AtOsf, NamesEachKindOfFailure) {
     EXPECT_EQ(at_os_sleep_i(1000000), EINVAL);
 }
 
+TEST_F(AtOsf, CallsTheSystemsOwnFunctionsAndReturnsTheirErrors) {
+    const std::string file = folder_.write("file", "0123456789");
+    const std::string made = path("made");
+    const fs::path before = fs::current_path();
+    EXPECT_EQ(at_os_mkdir_i(made.c_str(), 0700), 0);
+    EXPECT_EQ(at_os_mkdir_i(made.c_str(), 0700), EEXIST);
+    EXPECT_EQ(at_os_chmod_i(file.c_str(), 0640), 0);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms{0640});
+    EXPECT_EQ(at_os_chmod_i(path("none").c_str(), 0640), ENOENT);
+    EXPECT_EQ(at_os_chdir_i(made.c_str()), 0);
+    EXPECT_TRUE(fs::equivalent(fs::current_path(), made));
+    fs::current_path(before);
+    EXPECT_EQ(at_os_chdir_i(file.c_str()), ENOTDIR);
+    std::FILE* opened = nullptr;
+    ASSERT_EQ(at_os_fopen_r(file.c_str(), "r", &opened), 0);
+    EXPECT_EQ(at_os_fseek_i(opened, -3, SEEK_END), 0);
+    EXPECT_EQ(std::fgetc(opened), '7');
+    EXPECT_EQ(at_os_fseek_i(opened, -1, SEEK_SET), EINVAL);
+    EXPECT_EQ(at_os_fclose_i(opened), 0);
+}
+
 TEST_F(AtOsf, RemovesADirectoryButNothingBehindItsLinks) {
     const std::string kept = folder_.write("kept/file", "x");
     (void)folder_.write("tree/one/two/file", "x");

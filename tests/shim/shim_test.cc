@@ -101,6 +101,8 @@ TEST_F(Shim, PassesWordsAndPointersUnchanged) {
         }
         REQUIRE(molbAtAuthenticateEx(~0UL, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, ~1UL) == *result);
         REQUIRE(last->arguments[0] == ~0UL && last->arguments[11] == ~1UL);
+        REQUIRE(molbAtDataPending(last) == static_cast<std::int32_t>(*result));
+        REQUIRE(last->index == 64 && last->arguments[0] == reinterpret_cast<word>(last));
         REQUIRE(molbAtAlloc(77) == reinterpret_cast<void*>(*result));
         REQUIRE(last->index == 96 && last->arguments[0] == 77);
     });
