@@ -167,14 +167,14 @@ TEST_F(collector, Refusals) {
 
 TEST_F(domain_server, RegisterAnswersWhatItReceivedAndStoresWhatTheFileCanHold) {
     EXPECT_EQ(post("/agent/domain/register",
-                   "id=id1&host=fe80::1&osname=a%3Ab&osrelease=6.1%22&cputype=x86+64"),
+                   "id=id1&host=fe80::1&osname=a%3A+b&osrelease=6.1%22&cputype=x86+64"),
               "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n"
               "\"output\" : {\n\"Status\" : \"Success\",\n\"Hostname\" : \"fe80::1\",\n"
               "\"id\" : \"id1\",\n\"Remote_Hostname\" : \"" +
                   rev +
-                  "\",\n\"OsName\" : \"a:b\",\n"
+                  "\",\n\"OsName\" : \"a: b\",\n"
                   "\"OsRelease\" : \"6.1\"\",\n\"CpuType\" : \"x86 64\"\n}\n");
-    const std::string line = "[fe80::1]:" + rev + ":id1:a_b:6.1_:x86_64:";
+    const std::string line = "[fe80::1]:" + rev + ":id1:a_ b:6.1_:x86_64:";
     EXPECT_EQ(file(), line + "plx\n");
     enrol("id1", "/two");  // again: only its namespaces can grow
     enrol("id1", "/two");
@@ -390,7 +390,13 @@ TEST_F(collector, ABlacklistLastsForItsCycles) {
     // The counter stays up, so what a report adds later goes with the next enumeration,
     EXPECT_EQ(ping("b"), "Success\n");
     const std::string long_id(64, 'l');  // could not be looked up
-    EXPECT_EQ(body_of(report("domain=d&id=x&dhc=1&list=a:a:c:" + long_id)), "Success\n");
+    const std::string log = engine.root.path() / "error.log";
+    engine.ctx->error_log = std::fopen(log.c_str(), "ae");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(body_of(report("domain=d&id=x&dhc=1&list=a:a:c:" + long_id)), "Success\n");
+    }
+    EXPECT_EQ(count_of(read_whole_file(log), "somebody blacklisted 2 hosts of domain d"), 1U);
+    EXPECT_EQ(count_of(read_whole_file(log), "\n"), 1U) << "the second one knew them all";
     EXPECT_EQ(qz_set_exists(find_domain(engine.ctx, "d")->blacklist, long_id.c_str()), 0);
     EXPECT_EQ(ping("a"), "Host blacklisted");
     EXPECT_EQ(list("?domain=d"), "b\n") << "what is blacklisted is no longer collected, nor is x";
