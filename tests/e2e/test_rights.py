@@ -6,7 +6,6 @@ import os
 import pwd
 import socket
 import ssl
-import time
 from functools import partial
 
 import pytest
@@ -32,11 +31,6 @@ def make_daemon_with_namespaces(make_daemon, tmp_path):
     return daemon
 
 
-@pytest.fixture(name="daemon")
-def make_guarded_daemon(spaces):
-    return spaces
-
-
 def access_file(root, role):
     path = root / role / ".dovmaaccess"
     return path.read_text() if path.exists() else None
@@ -57,40 +51,32 @@ def get_on(client, path):
     return reply.status, reply.read().decode()
 
 
-def edit(root, role, text):
-    """Edits an access file by hand, at a time that the daemon has not seen."""
-    path = root / role / ".dovmaaccess"
-    before = path.stat().st_mtime if path.exists() else time.time()
-    path.write_text(text)
-    os.utime(path, (before + 2, before + 2))
-
-
 # --- Grant, deny, demote ---
 
 @pytest.mark.parametrize("tls", [False, True])
-def test_a_user_is_promoted_and_demoted(daemon, tls):
-    alice = full_name(daemon, "alice")
+def test_a_user_is_promoted_and_demoted(spaces, tls):
+    alice = full_name(spaces, "alice")
 
     def roles():
-        return roles_of(daemon, ALICE, tls=tls)
+        return roles_of(spaces, ALICE, tls=tls)
 
     assert roles() == ["pub"]
-    grant(daemon, alice, "operator", tls=tls)
+    grant(spaces, alice, "operator", tls=tls)
     assert roles() == ["pub", "operator"]
-    assert access_file(daemon.root, "operator") == f"{alice}:user\n"
-    grant(daemon, alice, "agent", tls=tls)
+    assert access_file(spaces.root, "operator") == f"{alice}:user\n"
+    grant(spaces, alice, "agent", tls=tls)
     assert roles() == ["pub", "operator", "agent"]
-    grant(daemon, alice, "admin", tls=tls)
+    grant(spaces, alice, "admin", tls=tls)
     assert roles() == list(ROLES)
-    assert [access_file(daemon.root, r) for r in ("operator", "agent", "admin")] == \
+    assert [access_file(spaces.root, r) for r in ("operator", "agent", "admin")] == \
         ["", "", f"{alice}:user\n"], "admin includes the others, which are given up"
-    grant(daemon, alice, "operator", tls=tls)
-    assert access_file(daemon.root, "operator") == "", "nothing to add for an administrator"
-    deny(daemon, alice, "admin", tls=tls)
+    grant(spaces, alice, "operator", tls=tls)
+    assert access_file(spaces.root, "operator") == "", "nothing to add for an administrator"
+    deny(spaces, alice, "admin", tls=tls)
     assert roles() == ["pub"]
-    deny(daemon, alice, "pub", tls=tls)
+    deny(spaces, alice, "pub", tls=tls)
     assert roles() == ["pub"], "every user holds pub"
-    assert status(daemon, "/operator/f.txt", BOB, tls=tls) == 403
+    assert status(spaces, "/operator/f.txt", BOB, tls=tls) == 403
 
 
 # --- What is refused, and with which words ---
@@ -140,35 +126,19 @@ def test_refusals(spaces):
         assert access_file(spaces.root, role) is None
 
 
-def test_answers_that_are_always_the_same(daemon):
+def test_answers_that_are_always_the_same(spaces):
     success = b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nSuccess\n"
-    login = root_login(daemon)
+    login = root_login(spaces)
     for name in ("root", "rootx", "ROOT", "Rooty@local.x"):
         for action in ("grant", "deny"):
-            assert change(daemon, action, name, "operator").raw == success
-    assert access_file(daemon.root, "operator") is None
+            assert change(spaces, action, name, "operator").raw == success
+    assert access_file(spaces.root, "operator") is None
     for method in ("GET", "POST", "PUT"):
-        assert daemon.request(method, f"{SEC}/reset", user=login, body="").raw == success
-    assert daemon.request("POST", f"{SEC}/cleanup", body="sec_uri=x", user=login).raw == success
-    reply = daemon.request("GET", f"{SEC}/get_admin_group", user=login)
+        assert spaces.request(method, f"{SEC}/reset", user=login, body="").raw == success
+    assert spaces.request("POST", f"{SEC}/cleanup", body="sec_uri=x", user=login).raw == success
+    reply = spaces.request("GET", f"{SEC}/get_admin_group", user=login)
     assert reply.raw == b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\nroot\n"
-    assert status(daemon, "/pub/f.txt", ALICE, tls=True) == 200, "after the reset"
-
-
-# --- Access files edited by hand ---
-
-def test_an_edited_file_counts_from_the_next_check(daemon):
-    alice = full_name(daemon, "alice")
-    edit(daemon.root, "operator", f"{alice}:user\n# a comment\nstray line\n")
-    client = http.client.HTTPConnection("127.0.0.1", daemon.port, timeout=20)
-    assert get_on(client, "/operator/f.txt")[0] == 200
-    edit(daemon.root, "operator", "somebody:user\n")
-    assert status(daemon, "/operator/f.txt", ALICE) == 403
-    assert get_on(client, "/operator/f.txt")[0] == 200, "granted on this connection"
-    client.close()
-    (daemon.root / "operator" / ".dovmaaccess").unlink()
-    grant(daemon, "carol", "operator")
-    assert access_file(daemon.root, "operator") == "carol:user\n"
+    assert status(spaces, "/pub/f.txt", ALICE, tls=True) == 200, "after the reset"
 
 
 # --- Groups ---
@@ -184,17 +154,17 @@ def memberships():
 
 
 @pytest.mark.parametrize("user, group", memberships())
-def test_the_groups_of_a_system_user_count(daemon, user, group):
-    add_user(daemon, user, "wonder", "os")
+def test_the_groups_of_a_system_user_count(spaces, user, group):
+    add_user(spaces, user, "wonder", "os")
     login = f"{user}:wonder"
-    assert roles_of(daemon, login) == ["pub"]
-    grant(daemon, group, "operator", kind="group")
-    assert roles_of(daemon, login) == ["pub", "operator"]
-    assert roles_of(daemon, ALICE) == ["pub"]
-    deny(daemon, group, "operator", kind="group")
-    assert roles_of(daemon, login) == ["pub"]
-    grant(daemon, group, "admin", kind="group")
-    assert roles_of(daemon, login) == list(ROLES)
+    assert roles_of(spaces, login) == ["pub"]
+    grant(spaces, group, "operator", kind="group")
+    assert roles_of(spaces, login) == ["pub", "operator"]
+    assert roles_of(spaces, ALICE) == ["pub"]
+    deny(spaces, group, "operator", kind="group")
+    assert roles_of(spaces, login) == ["pub"]
+    grant(spaces, group, "admin", kind="group")
+    assert roles_of(spaces, login) == list(ROLES)
 
 
 # --- Namespaces ---
