@@ -3,7 +3,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -13,6 +12,7 @@
 #include "core/config_line.h"
 #include "core/paths.h"
 #include "lib/file.h"
+#include "lib/utf8.h"
 #include "provider/tool.h"
 
 namespace {
@@ -44,32 +44,6 @@ bool read_line(int fd, char forbidden, secret* result) {
         result->text.pop_back();
     }
     return true;
-}
-
-// How many bytes the character at the front has; 0: it is none of UTF-8.
-std::size_t utf8_length(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned first = byte(0);
-    const std::size_t length = first < 0x80   ? 1
-                               : first < 0xc2 ? 0
-                               : first < 0xe0 ? 2
-                               : first < 0xf0 ? 3
-                               : first < 0xf5 ? 4
-                                              : 0;
-    if (length > text.size()) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xc0U) != 0x80) {
-            return 0;
-        }
-    }
-    // Too long a form, a surrogate, or beyond the last character.
-    const unsigned second = length > 2 ? byte(1) : 0;
-    const bool outside =
-        length > 2 && ((first == 0xe0 && second < 0xa0) || (first == 0xed && second >= 0xa0) ||
-                       (first == 0xf0 && second < 0x90) || (first == 0xf4 && second >= 0x90));
-    return outside ? 0 : length;
 }
 
 // False: no terminal after all, or the answer was interrupted or no line.
@@ -124,20 +98,7 @@ void warn(const char* format, ...) {
 
 std::string json_text(std::string_view text) {
     std::string quoted = "\"";
-    while (!text.empty()) {
-        const auto first = static_cast<unsigned char>(text.front());
-        const std::size_t length = utf8_length(text);
-        if (length == 0) {
-            quoted += "\xef\xbf\xbd";
-        } else if (first < 0x20 || first == 0x7f) {
-            char escaped[8];
-            (void)std::snprintf(escaped, sizeof escaped, "\\u%04x", first);
-            quoted += escaped;
-        } else {
-            quoted.append(first == '"' || first == '\\' ? "\\" : "").append(text, 0, length);
-        }
-        text.remove_prefix(std::max<std::size_t>(length, 1));
-    }
+    append_json_text(&quoted, text);
     return quoted + '"';
 }
 
