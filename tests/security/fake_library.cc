@@ -71,6 +71,7 @@ std::int32_t molbAtSecConnWrite(void*, const void*, std::int32_t) {
     return next_count();
 }
 std::uint32_t molbAtSecConnClose(void** channel) {
+    fake.freed.push_back(*channel);
     *channel = nullptr;
     return at_ok;
 }

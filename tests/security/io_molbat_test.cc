@@ -1,5 +1,6 @@
 #include "security/io_molbat.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -56,6 +57,11 @@ TEST_F(molbat, an_unfinished_handshake_is_tried_by_every_read) {
     EXPECT_EQ(fake.accept_flags, 1U);
     molbat_handshake(&c.remote);
     EXPECT_EQ(c.client.handshake, handshake_state::done) << "a finished handshake is not repeated";
+    const int fd = c.remote.channel.fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    fake.freed.clear();
+    io_molbat.close(&c.remote);
+    EXPECT_EQ(fake.freed, (std::vector<const void*>{fake.channel, &client}));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
 TEST_F(molbat, the_outcome_of_a_handshake_shows_at_the_next_read) {
