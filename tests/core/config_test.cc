@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "core/context.h"
@@ -80,42 +81,35 @@ TEST_F(Configuration, ValuesRunToTheCommentAndTheLastCharacterIsCut) {
     const auto ports = [](const shttpd_ctx& c) { return c.listen_ports; };
     const auto mode = [](const shttpd_ctx& c) { return std::to_string(c.daemon_mode); };
     const auto size = [](const shttpd_ctx& c) { return std::to_string(c.io_buf_size); };
-    const struct {
-        std::string lines;
-        std::function<std::string(const shttpd_ctx&)> field;
-        std::string expected;
-    } rows[] = {
-        {"listen_ports 8080 # comment\n", ports, "8080 "},
-        {"  listen_ports \t 8080,9000u\n", ports, "8080,9000u"},
-        {"listen_ports 80801", ports, "8080"},
-        {"listen_ports 1\nlisten_ports 2\n", ports, "2"},
-        {"listen_ports 80\r\n", ports, "80\r"},
-        {"index_files a, b c\n", [](auto& c) { return c.index_files; }, "a, b c"},
-        {"auth_realm X\n", [](auto& c) { return c.auth_realm == "X" ? "X" : "host"; }, "host"},
-        {"daemon_mode 12x\n", mode, "12"},
-        {"daemon_mode -99999999999999999999\n", mode, "-2147483648"},
-        {"listen_ports " + std::string(2032, '1') + "\n#\n", ports, std::string(2032, '1')},
-        {"io_buf_size 1023\n", size, "16384"},
-        {"io_buf_size 1024\n", size, "1024"},
-        {"io_buf_size x\n", size, "16384"},
-        {"io_buf_size 16777217\n", size, "16777216"},
-    };
-    for (const auto& row : rows) {
+    const std::tuple<std::string, std::function<std::string(const shttpd_ctx&)>, std::string>
+        rows[] = {
+            {"listen_ports 8080 # comment\n", ports, "8080 "},
+            {"  listen_ports \t 8080,9000u\n", ports, "8080,9000u"},
+            {"listen_ports 80801", ports, "8080"},
+            {"listen_ports 1\nlisten_ports 2\n", ports, "2"},
+            {"listen_ports 80\r\n", ports, "80\r"},
+            {"index_files a, b c\n", [](auto& c) { return c.index_files; }, "a, b c"},
+            {"auth_realm X\n", [](auto& c) { return c.auth_realm == "X" ? "X" : "host"; }, "host"},
+            {"daemon_mode 12x\n", mode, "12"},
+            {"daemon_mode -99999999999999999999\n", mode, "-2147483648"},
+            {"listen_ports " + std::string(2032, '1') + "\n#\n", ports, std::string(2032, '1')},
+            {"io_buf_size 1023\n", size, "16384"},
+            {"io_buf_size 1024\n", size, "1024"},
+            {"io_buf_size x\n", size, "16384"},
+            {"io_buf_size 16777217\n", size, "16777216"},
+        };
+    for (const auto& [lines, field, expected] : rows) {
         testing::internal::CaptureStderr();
-        const context_ptr ctx = read(row.lines);
+        const context_ptr ctx = read(lines);
         const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(row.field(*ctx), row.expected) << row.lines;
-        const bool adjusted =
-            row.lines.starts_with("io_buf") && !row.lines.ends_with(row.expected + "\n");
+        EXPECT_EQ(field(*ctx), expected) << lines;
+        const bool adjusted = lines.starts_with("io_buf") && !lines.ends_with(expected + "\n");
         EXPECT_EQ(!said.empty(), adjusted) << said;
     }
 }
 
 TEST_F(Configuration, BadFilesAreFatalWithTheirText) {
-    const struct {
-        std::string lines;
-        std::string text;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"foo 1\n", ".*conf:3:\nset_option: unknown variable \\[foo\\]\n"},
         {"#\nport " + std::string(3000, '1') + "\n\nfoo 1\n",
          ".*conf:4:\nset_option: unknown variable \\[port\\]\n"},
@@ -130,8 +124,8 @@ TEST_F(Configuration, BadFilesAreFatalWithTheirText) {
         {"mime_types /no/such/types\n",
          "set_mime_types: fopen\\(/no/such/types\\): No such file or directory\n"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EXIT((void)read(row.lines), testing::ExitedWithCode(1), "^" + row.text + "$");
+    for (const auto& [lines, text] : rows) {
+        EXPECT_EXIT((void)read(lines), testing::ExitedWithCode(1), "^" + text + "$");
     }
 }
 
@@ -159,15 +153,13 @@ TEST_F(Configuration, DanglingDomainFileLinksAreNotTaken) {
     const auto link = folder_.path() / "link";
     std::filesystem::create_symlink("nowhere", dangling);
     std::filesystem::create_symlink(file, link);
-    const struct {
-        std::string path;
-        bool taken;
-    } rows[] = {{file, true}, {link, true}, {dangling, false}, {folder_.path() / "none", true}};
-    for (const auto& row : rows) {
+    const std::pair<std::string, bool> rows[] = {
+        {file, true}, {link, true}, {dangling, false}, {folder_.path() / "none", true}};
+    for (const auto& [path, taken] : rows) {
         shttpd_ctx ctx;
         const option_row* option = find_option('\0', "domain_file");
-        EXPECT_EQ(option->setter(&ctx, option->field, row.path.c_str()), row.taken ? 0 : -1);
-        EXPECT_EQ(ctx.domain_file, row.taken ? row.path : "");
+        EXPECT_EQ(option->setter(&ctx, option->field, path.c_str()), taken ? 0 : -1);
+        EXPECT_EQ(ctx.domain_file, taken ? path : "");
     }
 }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <tuple>
 
 #include "core/connection.h"
 #include "core/context.h"
@@ -208,22 +209,17 @@ TEST_F(Logs, ControlBytesForgeNoLineInEitherLog) {
 }
 
 TEST_F(Logs, GetAndSuccessfulAgentTrafficLeaveNoAccessLine) {
-    const struct {
-        int method;
-        int status;
-        const char* role;
-        bool logged;
-    } rows[] = {
+    const std::tuple<int, int, const char*, bool> rows[] = {
         {method_get, 500, "admin", false}, {method_post, 200, "agent", false},
         {method_post, 200, "ag", false},   {method_put, 200, "", false},
         {method_put, 201, "", true},       {method_delete, 200, "agents", true},
         {method_head, 200, "admin", true}, {method_post, 0, "agent", true},
     };
-    for (const auto& row : rows) {
-        c_.request.method = row.method;
-        c_.reply.status = row.status;
-        c_.request.role = row.role;
-        EXPECT_EQ(!access_line().empty(), row.logged) << row.method << row.status << row.role;
+    for (const auto& [method, status, role, logged] : rows) {
+        c_.request.method = method;
+        c_.reply.status = status;
+        c_.request.role = role;
+        EXPECT_EQ(!access_line().empty(), logged) << method << status << role;
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/context.h"
@@ -31,10 +32,7 @@ struct types_context {
 
 TEST(MimeType, IsChosenByTheEndOfTheName) {
     types_context types;
-    const struct {
-        const char* name;
-        const char* type;
-    } rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"archive.tar.gz", "application/x-tar-gz"},
         {"x.GZ", "application/x-gunzip"},
         {".html", "text/html"},
@@ -42,8 +40,8 @@ TEST(MimeType, IsChosenByTheEndOfTheName) {
         {"a.b.JpEg", "image/jpeg"},
         {"a.rar", "application/x-arj-compressed"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(types.type_of(row.name), row.type) << row.name;
+    for (const auto& [name, type] : rows) {
+        EXPECT_EQ(types.type_of(name), type) << name;
     }
     EXPECT_STREQ(get_mime_type(&types.ctx, "a.html.css", 4), "text/css");
     EXPECT_STREQ(get_mime_type(&types.ctx, "a.css", 3), "text/plain");  // "css": no dot in view
@@ -60,10 +58,7 @@ TEST(MimeType, AddedTypesWinInTheirOrder) {
 }
 
 TEST(MimeTypes, TheScanAdvancesByTheLengthOfTheType) {
-    const struct {
-        std::string line;
-        std::vector<std::string> added;
-    } rows[] = {
+    const std::pair<std::string, std::vector<std::string>> rows[] = {
         {"text/html html htm\n", {"html=text/html"}},
         {"text/html a bravo charlie\n", {"a=text/html", "charlie=text/html"}},
         {"text/html alph b charlie\n", {"alph=text/html", "harlie=text/html"}},
@@ -74,10 +69,10 @@ TEST(MimeTypes, TheScanAdvancesByTheLengthOfTheType) {
         {"\n\ntext/x x\n#\ntext/y y\n", {"x=text/x", "y=text/y"}},
     };
     const temporary_folder folder;
-    for (const auto& row : rows) {
+    for (const auto& [line, added] : rows) {
         types_context types;
-        set_mime_types(&types.ctx, folder.write("types", row.line).c_str());
-        EXPECT_EQ(types.added(), row.added) << row.line;
+        set_mime_types(&types.ctx, folder.write("types", line).c_str());
+        EXPECT_EQ(types.added(), added) << line;
     }
 }
 

@@ -11,6 +11,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -64,11 +65,7 @@ TEST(Comparison, FollowsTheCLibraryForAscii) {
 }
 
 TEST(Extensions, OnlyCommasSeparate) {
-    const struct {
-        const char* path;
-        const char* list;
-        bool matches;
-    } rows[] = {
+    const std::tuple<const char*, const char*, bool> rows[] = {
         {"/a.cgi", ".cgi", true},
         {"/a.CGI", ".x,.cGi", true},
         {"/a.cgi", ".cgi .pl .php", false},
@@ -77,9 +74,8 @@ TEST(Extensions, OnlyCommasSeparate) {
         {"x.cgi", ",.cgi", false},  // an empty entry ends the list
         {"x9", "5634,8443s, 9000u, 9", true},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(match_extension(row.path, row.list), row.matches)
-            << row.path << " | " << row.list;
+    for (const auto& [path, list, matches] : rows) {
+        EXPECT_EQ(match_extension(path, list), matches) << path << " | " << list;
     }
 }
 

@@ -16,6 +16,7 @@
 #include <numeric>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/background.h"
@@ -58,13 +59,7 @@ class target_test : public ::testing::Test {
 };
 
 TEST_F(target_test, uri_names_scheme_host_port_and_path) {
-    const struct {
-        const char* uri;
-        const char* scheme;
-        const char* host;
-        int port;
-        const char* path;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*, int, const char*> rows[] = {
         {"/http://host/x", "http", "host", 80, "/x"},
         {"http://host:8080", "http", "host", 8080, "/"},
         {"/https://h:4433/a?b=c:d", "https", "h", 4433, "/a?b=c:d"},
@@ -80,14 +75,14 @@ TEST_F(target_test, uri_names_scheme_host_port_and_path) {
         {"/HTTP://h/x", "", "", 80, ""},
         {"https://h/x", "", "", 80, ""},
     };
-    for (const auto& row : rows) {
-        c.request.uri = row.uri;
+    for (const auto& [uri, scheme, host, port, path] : rows) {
+        c.request.uri = uri;
         const proxy_target target = parse_target(&c);
-        EXPECT_EQ(target.scheme, row.scheme) << row.uri;
-        EXPECT_EQ(target.host, row.host) << row.uri;
-        EXPECT_EQ(target.port, row.port) << row.uri;
-        EXPECT_EQ(target.path, row.path) << row.uri;
-        EXPECT_EQ(is_proxy(&c), *row.scheme != '\0') << row.uri;
+        EXPECT_EQ(target.scheme, scheme) << uri;
+        EXPECT_EQ(target.host, host) << uri;
+        EXPECT_EQ(target.port, port) << uri;
+        EXPECT_EQ(target.path, path) << uri;
+        EXPECT_EQ(is_proxy(&c), *scheme != '\0') << uri;
     }
     ctx.virtual_server = "vs.example";
     c.request.uri = "/http://__VS__";
