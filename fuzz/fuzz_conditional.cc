@@ -99,7 +99,7 @@ plain_range read_plainly(const std::string& text, unsigned long size) {
     const char* begin = text.c_str() + unit.size();
     range.first = std::strtoul(begin, &end, 10);
     range.present = end != begin;
-    if (*end == '-') {
+    if (range.present && *end == '-') {
         begin = end + 1;
         const unsigned long second = std::strtoul(begin, &end, 10);
         range.end = end != begin ? std::min(second, size) : size;

@@ -29,7 +29,7 @@ def fuzz_goal(target):
     return 10_000_000 if target in ("engine", "channel") else 100_000_000
 
 
-@line("fuzz", "every parser 100 M executions in all, the engine 10 M; 0 findings", 2, 240)
+@line("fuzz", "every parser 100 M executions in all, the engine and TLS channels 10 M; 0 findings", 2, 240)
 def fuzzing(amount, place):
     if not shutil.which("clang++"):
         raise Unavailable("clang is not installed")

@@ -72,7 +72,9 @@ bool is_qualifier(std::string_view qualifier) {
 }
 
 bool is_password_hash(const std::string& hash) {
+    // The library looks at method and salt alone, and as far as the first zero byte.
     return (hash.rfind("$y$", 0) == 0 || hash.rfind("$6$", 0) == 0) &&
+           std::all_of(hash.begin(), hash.end(), [](char c) { return c > ' ' && c < 0x7f; }) &&
            crypt_checksalt(hash.c_str()) == CRYPT_SALT_OK;
 }
 

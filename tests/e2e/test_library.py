@@ -341,7 +341,7 @@ def test_check_tells_what_the_daemon_would(make_daemon, tmp_path):
             ("client_crl.pem", b"", 0o644, "error", "client_crl.pem: no revocation list"),
             ("client_ca.pem", b"half", 0o644, "error", "client_ca.pem: no certificate"),
             ("users/root", root, 0o640, "error", "users/root: mode 0640"),
-            ("users/root", b"\0\xff\n", 0o600, "error", "users/root: no line NAME:HASH"),
+            ("users/root", b"root:$6$salt$x\0\n", 0o600, "error", "users/root: no line NAME:HASH"),
             ("users/a b", b"", 0o600, "warning", "no user can have this name"),
             ("users/.dovmad-user.new", b"", 0o600, "warning", "left by a dovmad-user"),
             ("users/link", None, None, "warning", "users/link: is a symbolic link")):
