@@ -125,7 +125,7 @@ SLIPS = [
 
 
 def test_slips_are_found(make_daemon, tmp_path):
-    daemon = make_daemon(start=False)
+    daemon = make_daemon(start=False, aliases="/t=/tmp")
     good = daemon.config.read_text()
     assert checker(daemon) == (0, "")
     for number, (edit, where, kind, words) in enumerate(SLIPS):
