@@ -167,9 +167,12 @@ bool token_arrives(int fd6, int fd4) {
 
 // --- Listening ---
 
-void enable(int fd, int level, int option) {
-    const int on = 1;
-    (void)setsockopt(fd, level, option, &on, sizeof on);  // the socket works without it, too
+// What waits in the kernel for a client whose window is full. Much more and the reading of a slow one
+// would not show for minutes, as if nothing moved, and thousands of them would take gigabytes.
+constexpr int unsent_bytes = 128 * 1024;
+
+void set(int fd, int level, int option, int value) {
+    (void)setsockopt(fd, level, option, &value, sizeof value);  // the socket works without it, too
 }
 
 void keep_to_ipv6(int fd) {
@@ -191,8 +194,10 @@ int listen_on(int family, int port, int backlog) {
     if (family == AF_INET6 && state.isipv4) {
         keep_to_ipv6(fd.get());
     }
-    enable(fd.get(), SOL_SOCKET, SO_REUSEADDR);
-    enable(fd.get(), IPPROTO_TCP, TCP_NODELAY);
+    set(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    // Accepted sockets have these, too.
+    set(fd.get(), IPPROTO_TCP, TCP_NODELAY, 1);
+    set(fd.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, unsent_bytes);
     socket_address address =
         family == AF_INET6 ? ipv6_wildcard(port) : ipv4_address(INADDR_ANY, port);
     int error = 0;

@@ -210,8 +210,9 @@ def main():
             print(f"{name:<20} {line.target}")
         return 0
     start = time.monotonic()
-    subprocess.run(["prlimit", f"--pid={os.getpid()}", "--nofile=16384:16384"], check=False,
-                   stderr=subprocess.DEVNULL)
+    for limit in ("--nofile=16384:16384", "--core=0:0"):
+        subprocess.run(["prlimit", f"--pid={os.getpid()}", limit], check=False,
+                       stderr=subprocess.DEVNULL)
     names, results = chosen(options), []
 
     def work(workers, some):
