@@ -167,8 +167,8 @@ bool token_arrives(int fd6, int fd4) {
 
 // --- Listening ---
 
-// What waits in the kernel for a client whose window is full. Much more and the reading of a slow one
-// would not show for minutes, as if nothing moved, and thousands of them would take gigabytes.
+// What waits in the kernel for a client whose window is full. Much more and the reading of a slow
+// one would not show for minutes, as if nothing moved, and thousands of them would take gigabytes.
 constexpr int unsent_bytes = 128 * 1024;
 
 void set(int fd, int level, int option, int value) {
