@@ -1,3 +1,4 @@
+import os
 import sys
 from pathlib import Path
 
@@ -25,7 +26,8 @@ def make_daemon_fixture(tmp_path):
     def look(daemon):
         status, said = checker(daemon)
         slips = [line for line in said.splitlines() if "warning: " not in line or
-                 "No such file" not in line and "grants are lost" not in line]
+                 "No such file" not in line and "grants are lost" not in line and
+                 (os.geteuid() == 0 or "may write" not in line)]  # here a user is its own daemon
         assert (status, slips) == (0, [])
 
     yield make

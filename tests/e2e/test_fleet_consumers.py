@@ -202,7 +202,7 @@ def test_prometheus_scrapes_over_tls(make_daemon, tmp_path):
     for name, command in (("metrics", f"dovmad-metrics --cgi -c {daemon.config}"),
                           ("targets", "dovmad-inventory --cgi --prometheus 9100")):
         script = daemon.root / f"operator/{name}.cgi"
-        script.write_text(f"#!/bin/sh\nexec {FLEET}/{command} {options}\n")
+        script.write_text(f"#!/bin/sh\nexec '{FLEET}'/{command} {options}\n")
         script.chmod(0o755)
     daemon.request("HEAD", "/world/ping")
     for name in ("alpha", "beta", "-evil"):
