@@ -4,7 +4,8 @@ from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parent))
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE), str(HERE.parents[1] / "prove")]  # faults, kills and power cuts
 
 from dovmad_harness import CHECKER, SANITIZED_BUILD, Daemon, checker  # noqa: E402
 

@@ -1,5 +1,5 @@
-"""A few power cuts of an ext4 and an XFS image, and the order of the calls on which they depend;
-`python3 powercut.py 200` makes many cuts."""
+"""A few power cuts of an ext4 and an XFS image, and the order of the calls on which they depend; the
+score-sheet makes many."""
 
 import re
 import shutil

@@ -40,7 +40,3 @@ def kill_during_enrolments(make_daemon, folder, kills, seed):
 
     return kill_support.kill_repeatedly(daemon, kills, seed, MOVING, change=change,
                                         present=present, look=look, writers=WRITERS)
-
-
-if __name__ == "__main__":
-    kill_support.main(kill_during_enrolments)

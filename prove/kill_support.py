@@ -2,22 +2,15 @@
 
 Every answered change must be in the file, no line may be lost or cut, and whoever reads the file
 while it is rewritten never misses what was answered before he looked. The tests do it with a few
-kills; for many, by hand:
-
-    DOVMAD_BINARY=... DOVMAD_PROVIDER=... python3 tests/e2e/kill_rights.py [KILLS] [SEED]
+kills.
 """
 
 import http.client
 import random
 import signal
-import sys
-import tempfile
 import threading
 import time
 from dataclasses import dataclass
-from pathlib import Path
-
-from dovmad_harness import Daemon
 
 LONGEST_RUN_S = 0.1  # between the start of a daemon and its kill
 
@@ -123,11 +116,3 @@ def kill_repeatedly(daemon, kills, seed, names, *, change, present, look=lambda 
         held = set().union(*helds)
         assert found == held, f"answered: {sorted(held)}, in the file: {sorted(found)}"
     return report
-
-
-def main(run):
-    kills = int(sys.argv[1]) if len(sys.argv) > 1 else 1000
-    seed = int(sys.argv[2]) if len(sys.argv) > 2 else random.randrange(1 << 32)
-    print(f"{kills} kills, seed {seed}")
-    with tempfile.TemporaryDirectory() as folder:
-        print(run(lambda **options: Daemon(folder, **options), Path(folder), kills, seed))

@@ -6,8 +6,6 @@ stopped where it stands (each thread at the end of the call that it is in) and t
 what the file system has handed to its disk by then is all that survives. Another program syncs files of its own meanwhile, so that renames reach the
 journal at any time. The copy is mounted, its journal replayed, a daemon started on it: every host
 and grant that had been answered must be there. Needs root, loop devices and the mkfs program.
-
-    DOVMAD_BINARY=... DOVMAD_PROVIDER=... python3 tests/e2e/powercut.py [CUTS] [FILE SYSTEM ...]
 """
 
 import contextlib
@@ -18,14 +16,13 @@ import random
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from dovmad_harness import Daemon, eventually
+from dovmad_harness import eventually
 
 AGENTS = 32
 IMAGE_BYTES = 320 << 20  # the smallest that xfs takes is 300 MiB
@@ -236,27 +233,3 @@ def cut_power(make_daemon, base, kind, cuts, seed):
     finally:
         shutil.rmtree(images)
     return report
-
-
-def main():
-    cuts = int(sys.argv[1]) if len(sys.argv) > 1 else 200
-    lost = 0
-    for kind in sys.argv[2:] or MAKE:
-        if reason := why_not(kind):
-            print(f"{kind}: no power was cut: {reason}")
-            continue
-        with tempfile.TemporaryDirectory() as folder:
-            count = iter(range(10 ** 9))
-
-            def make_daemon(base=Path(folder), numbers=count, **options):
-                options.pop("slips")
-                return Daemon(base / f"d{next(numbers)}", **options).start()
-
-            report = cut_power(make_daemon, Path(folder), kind, cuts, random.randrange(1 << 32))
-            print(f"{kind}: {report}", flush=True)
-            lost += report.lost
-    sys.exit(1 if lost else 0)
-
-
-if __name__ == "__main__":
-    main()

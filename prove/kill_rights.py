@@ -31,7 +31,3 @@ def kill_during_rewrites(make_daemon, _folder, kills, seed):
 
     return kill_support.kill_repeatedly(daemon, kills, seed, TOGGLED, change=change,
                                         present=present)
-
-
-if __name__ == "__main__":
-    kill_support.main(kill_during_rewrites)
