@@ -10,8 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -218,9 +216,7 @@ TEST(Connections, AReaderThatStallsIsNotVisited) {
         const unique_fd client = engine.connect();
         const std::string request = get(uri);
         ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
-        for (int i = 0; i < 100; ++i) {
-            engine.poll();
-        }
+        engine.poll(100);
         EXPECT_FALSE(waits_without_descriptor(&only_connection(engine))) << uri;
         EXPECT_FALSE(has_hidden_input(&only_connection(engine))) << uri;
         EXPECT_GT(engine.exchange_on(client.get(), "").size(), 100000U);
@@ -233,9 +229,7 @@ TEST(Connections, AFileThatShrinksWhileItIsSentEndsItsReply) {
     const unique_fd client = engine.connect();
     const std::string request = get("/big");
     ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
-    for (int i = 0; i < 20; ++i) {
-        engine.poll();
-    }
+    engine.poll(20);
     ASSERT_EQ(truncate(file.c_str(), 10), 0);
     const std::string reply = engine.exchange_on(client.get(), "");
     EXPECT_LT(reply.size(), std::size_t{4} << 20);
@@ -250,16 +244,12 @@ TEST(Connections, AClientThatTakesNothingMoreEndsItsDownload) {
         const unique_fd client = engine.connect();
         const std::string request = get("/big");
         ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
-        for (int i = 0; i < passes; ++i) {
-            engine.poll();
-        }
+        engine.poll(passes);
         EXPECT_EQ(shutdown(client.get(), SHUT_RD), 0);
         std::string taken(1 << 20, '\0');
         while (recv(client.get(), taken.data(), taken.size(), MSG_DONTWAIT) > 0) {
         }
-        for (int i = 0; i < 5; ++i) {
-            engine.poll();
-        }
+        engine.poll(5);
         EXPECT_EQ(shttpd_active(engine.ctx), 0) << passes;
     }
 }
@@ -297,9 +287,7 @@ TEST(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {
         const unique_fd client = engine.connect();
         ASSERT_EQ(send(client.get(), bytes.data(), bytes.size(), 0),
                   static_cast<ssize_t>(bytes.size()));
-        for (int i = 0; i < 20; ++i) {
-            engine.poll();
-        }
+        engine.poll(20);
         EXPECT_EQ(lent_buffers(), held) << bytes.substr(0, 30);
         end_connection(&only_connection(engine));
         EXPECT_EQ(lent_buffers(), 0U);

@@ -306,9 +306,7 @@ TEST(Embedded, AHandlerHearsOfALostConnectionOnce) {
         const unique_fd client = engine.connect();
         EXPECT_NE(engine.exchange_on(client.get(), get("/endless"), 1), "");
     }
-    for (int i = 0; i < 5; ++i) {
-        engine.poll();
-    }
+    engine.poll(5);
     EXPECT_EQ(farewells, 1);
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
 }

@@ -7,13 +7,11 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <random>
 #include <set>
-#include <string>
 
 #include "core/shttpd.h"
 #include "lib/unique_fd.h"

@@ -442,9 +442,7 @@ TEST_F(domain_server, AClientThatLeavesChangesNothing) {
                              "POST /agent/domain/register HTTP/1.1\r\nContent-Length: 14\r\n\r\n"
                              "host=h&");
     client.reset();
-    for (int i = 0; i < 5; ++i) {
-        engine.poll();
-    }
+    engine.poll(5);
     EXPECT_EQ(find_host(engine.ctx, "half"), nullptr);
     EXPECT_EQ(list("?dronly=1"), "id1\n");
     be_standalone();

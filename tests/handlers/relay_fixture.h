@@ -2,7 +2,6 @@
 // of counting passes.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>

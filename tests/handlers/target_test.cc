@@ -6,13 +6,11 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <poll.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <iconv.h>
 
-#include <random>
-
 namespace {
 
 bool converts(iconv_t converter, std::string text) {

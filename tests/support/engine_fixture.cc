@@ -79,8 +79,10 @@ unique_fd test_engine::connect() {
     return unique_fd(ends[0]);
 }
 
-void test_engine::poll() {
-    shttpd_poll(ctx, 0);
+void test_engine::poll(int passes) {
+    for (int i = 0; i < passes; ++i) {
+        shttpd_poll(ctx, 0);
+    }
 }
 
 std::string test_engine::exchange(std::string_view bytes, int quiet_passes) {

@@ -44,8 +44,8 @@ class test_engine {
 
     // A client whose other end is a connection of the engine (no handshake).
     unique_fd connect();
-    // One pass of the main loop that does not wait.
-    void poll();
+    // Passes of the main loop that do not wait.
+    void poll(int passes = 1);
     // Sends the bytes on a new connection and returns everything until the engine closes it, or
     // until nothing has moved for `quiet_passes` passes.
     std::string exchange(std::string_view bytes, int quiet_passes = 50);

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Makes planning_table.txt: when other code says that schedules are due.
+"""Makes tests/sched/planning_table.txt: when other code says that schedules are due.
 
 croniter (Debian: python3-croniter) finds the matching wall-clock times without any time zone, and
 zoneinfo turns each into instants: none for a time that a daylight-saving change skips, two for one

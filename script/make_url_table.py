@@ -1,4 +1,4 @@
-"""Writes url_decode_table.txt: hexadecimal source, blank, hexadecimal result as Python decodes it."""
+"""Writes tests/core/url_decode_table.txt: hexadecimal source, blank, hexadecimal result as Python decodes it."""
 
 import random
 from pathlib import Path
@@ -15,7 +15,8 @@ def main():
     sources += ["".join(rng.choices(ALPHABET, k=rng.randint(1, 24))).encode("latin-1")
                 for _ in range(200)]
     lines = [f"{s.hex()} {unquote_to_bytes(s.replace(b'+', b' ')).hex()}\n" for s in sources]
-    Path(__file__).with_name("url_decode_table.txt").write_text("".join(lines))
+    table = Path(__file__).resolve().parents[1] / "tests" / "core" / "url_decode_table.txt"
+    table.write_text("".join(lines))
 
 
 main()
