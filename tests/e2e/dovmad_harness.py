@@ -58,7 +58,7 @@ def free_port(kind="daemon"):
     raise RuntimeError("no free port")
 
 
-def eventually(check, seconds=30):
+def eventually(check, seconds=60):
     """Asks until the answer is true or the time is over; the last answer."""
     deadline = time.monotonic() + seconds
     while not (answer := check()) and time.monotonic() < deadline:

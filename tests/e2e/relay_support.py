@@ -2,15 +2,7 @@
 
 import time
 
-
-def eventually(check, seconds=60):
-    """Whether `check` comes true; the bound is for a daemon that never gets there."""
-    deadline = time.monotonic() + seconds
-    while not check():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.02)
-    return True
+from dovmad_harness import eventually
 
 
 def calms_down(daemon):

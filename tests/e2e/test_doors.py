@@ -68,15 +68,12 @@ def test_an_attack_on_root_keeps_nobody_else_out(daemon):
     root = root_login(daemon)
     with attack(daemon, "127.0.0.2", endless(lambda n: f"root:no{n}"), 50) as statuses:
         assert eventually(lambda: len(statuses) > 20)
-        rounds = 0
-        deadline = time.monotonic() + 8
-        while time.monotonic() < deadline:
+        for number in range(25):
             for source in ("127.0.0.3", "127.0.0.1"):
-                assert ask(daemon, root, source, "/admin/f.txt") == 200, (source, rounds)
-            rounds += 1
+                assert ask(daemon, root, source, "/admin/f.txt") == 200, (source, number)
             time.sleep(0.2)
-        assert rounds > 5
-    assert len(statuses) > 100 and set(statuses) == {401}
+        assert eventually(lambda: len(statuses) > 100)
+    assert set(statuses) == {401}
     assert ask(daemon, root, "127.0.0.2") == 401, "from there nobody is listened to"
 
 
@@ -111,8 +108,7 @@ def test_no_buffer_keeps_a_login(daemon):
         sock.sendall(head * 3 + head[:70])
         eventually(lambda: sock.recv(4096).count(b"root pub") > 0)
         sock.sendall(head[70:] + b"PATCH" + head[3:])
-        time.sleep(0.3)
-    assert not daemon.find_in_memory(*secrets)
+    assert eventually(lambda: not daemon.find_in_memory(*secrets)), daemon.find_in_memory(*secrets)
 
 
 # --- Rights ---

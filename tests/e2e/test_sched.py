@@ -8,8 +8,7 @@ import socket
 import pytest
 
 import fast_clock
-from dovmad_harness import SANITIZED_BUILD
-from relay_support import eventually
+from dovmad_harness import SANITIZED_BUILD, eventually
 
 CHECK_PASSES = 9  # the daemon looks at its schedule every seventh pass
 
