@@ -67,9 +67,9 @@ class Place:
     """A folder and a build for one line; ends the daemons that the line has started. `done` is the
     amount of the pieces before this one."""
 
-    def __init__(self, folder, build, quick, done):
+    def __init__(self, folder, build, quick, done, shim=None):
         self.folder, self.build, self.quick, self.done = folder, build, quick, done
-        self.shim = build / "prove" / "libfault_shim.so"
+        self.shim = shim or build / "prove" / "libfault_shim.so"
         self.daemons, self.made = [], 0
 
     def make(self, start=True, env=None, name=None, **options):

@@ -1,28 +1,32 @@
 """Every call of a program that can fail does so once: it says so or goes on, and damages nothing.
 What requests meet is the score-sheet's affair."""
 
+import errno
 import os
 import re
 import shutil
 import signal
 
 import pytest
+from common import Place
 from dovmad_harness import SANITIZED_BUILD, checker, eventually
 from faults import Faults
 from test_user_tool import Site, run_tool
+from torture import Target, Torture, scenarios
 
 SHIM = os.environ.get("DOVMAD_FAULTS", "")
 pytestmark = pytest.mark.skipif(SANITIZED_BUILD or not SHIM, reason="needs the preloaded faults")
+AMOUNT = 6  # faults of each kind in each scenario
 DATABASE = ("open", "read", "write", "fsync", "rename", "stat")
 
 
-def each_fault(tmp_path, kinds, most, run):
+def each_fault(tmp_path, kinds, most, run, error=None):
     """Calls `run(environment, what)` with every call of each kind failing in turn, as long as one did;
     how many did."""
     faults, count = Faults(SHIM, tmp_path / "faults"), 0
     for kind in kinds:
         for nth in range(most):
-            faults.arm(kind, nth)
+            faults.arm(kind, nth, error)
             run(faults.environment, f"{kind} {nth}")
             if not faults.disarm()[1]:
                 break
@@ -67,6 +71,12 @@ def test_the_tool_does_it_or_says_so(tmp_path, args, is_done):
 
     assert each_fault(tmp_path, DATABASE, 60, run) > 20
 
+    def goes_on(environment, what):
+        site.good("lock", "alice", **environment)
+        assert site.good("passwd", "-w", "alice", input="word\n", **environment) == "", what
+
+    assert each_fault(tmp_path, ("read",), 60, goes_on, errno.EINTR) > 3
+
 
 def test_the_checker_ends_and_says_what_it_could_not_see(make_daemon, tmp_path):
     daemon = make_daemon(auth=True)
@@ -108,3 +118,17 @@ def test_a_daemon_starts_or_says_why_not(make_daemon, tmp_path):
     daemon.env = usual
     daemon.start()
     assert daemon.request("GET", "/world/ping").status == 200
+
+
+def test_requests_that_meet_faults(tmp_path):
+    """A sample of the score-sheet's."""
+    place = Place(tmp_path, None, quick=True, done=0, shim=SHIM)
+    rack, target = Torture(place, AMOUNT), Target()
+    try:
+        daemons = [rack.build(name, auth=name == "guarded").start() for name in ("plain", "guarded")]
+        for scenario in scenarios(target):
+            rack.run_scenario(daemons[scenario[0] == "login"], scenario)
+        assert [daemon.stop() for daemon in daemons] == [0, 0]
+    finally:
+        place.close()
+    assert rack.tallies["faults"] > 20 * AMOUNT and not rack.wrong, rack.wrong

@@ -577,9 +577,15 @@ def test_many_tools_lose_nothing_and_kills_leave_nothing(site):
 # --- JSON ---
 
 
+# Whole letters of each length, and bytes that are none: overlong, surrogates, too high, cut.
+NAMES = [b"1\x7f", "2漢😀".encode(), b"3\xc0\xaf", b"4\xe0\x80\x80", b"5\xed\xa0\x80", b"6\xf0\x80\x80\x80",
+         b"7\xf4\x90\x80\x80", b"8\xf5\x80", b"9\xc3"]
+
+
 def test_rights_as_json(site):
     (site.root / "operator" / ".dovmaaccess").write_bytes(
-        b'bob "the\\b\x01 \xe4\xc3\xa4:user\nwheel:group\nno entry\n')
+        b'bob "the\\b\x01 \xe4\xc3\xa4:user\nwheel:group\nno entry\n' +
+        b"".join(name + b":user\n" for name in NAMES))
     (site.root / "agent" / ".dovmaaccess").mkdir()
     everything = json.loads(site.good("rights", "--json"))
     assert everything["version"] == 1
@@ -590,7 +596,8 @@ def test_rights_as_json(site):
     assert roles["operator"] == {
         "role": "operator", "file": str(site.root / "operator" / ".dovmaaccess"), "readable": True,
         "everybody": False, "built_in": {"users": [], "groups": []},
-        "users": ['bob "the\\b\x01 \ufffdä'], "groups": ["wheel"]}
+        "users": [*(name.decode(errors="replace") for name in NAMES), 'bob "the\\b\x01 \ufffdä'],
+        "groups": ["wheel"]}
     assert roles["pub"]["everybody"] and roles["pub"]["users"] == []
     assert roles["admin"]["built_in"] == {"users": ["root"], "groups": ["root"]}
     assert not roles["agent"]["readable"]

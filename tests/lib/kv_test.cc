@@ -246,7 +246,34 @@ TEST(property_set, equality_is_by_meaning) {
     const kv_value empty{0, KV_BINARY, &data};
     EXPECT_EQ(value_compare(&none, &other_none), 1);
     EXPECT_EQ(value_compare(&none, &empty), 0);
+    EXPECT_EQ(value_compare(&empty, &none), 0);
     EXPECT_EQ(value_compare(nullptr, nullptr), 1);
+    EXPECT_EQ(value_compare(nullptr, &none) + value_compare(&none, nullptr), 0);
+
+    const auto numbers = [](std::initializer_list<std::int32_t> items) {
+        propset_ptr set(new_ps(0));
+        add_array<std::int32_t>(set.get(), "a", KV_INT32, items);
+        return set;
+    };
+    const propset_ptr sets[] = {set_of({}, ""),          set_of({"a"}, "v"), set_of({"a"}, "w"),
+                                set_of({"b"}, "v"),      numbers({1, 2}),    numbers({1, 3}),
+                                set_of({"a", "b"}, "v"), numbers({1}),       propset_ptr()};
+    for (const propset_ptr& a : sets) {
+        for (const propset_ptr& b : sets) {
+            EXPECT_EQ(ps_compare(a.get(), b.get()), &a == &b);
+        }
+        if (a != nullptr) {
+            EXPECT_EQ(kv_compare(ps_at(a.get(), 0), nullptr), ps_getcount(a.get()) == 0);
+            EXPECT_EQ(kv_compare(nullptr, ps_at(a.get(), 0)), ps_getcount(a.get()) == 0);
+        }
+    }
+}
+
+TEST(property_set, disposing_of_nothing_does_nothing) {
+    value_free(nullptr);
+    kv_free(nullptr);
+    val_array_free(nullptr);
+    EXPECT_EQ(value_copy(nullptr), nullptr);
 }
 
 }  // namespace

@@ -374,6 +374,46 @@ TEST_F(set_up_test, out_arguments_are_cleared_and_strangers_refused) {
               at_invalid_argument);
     EXPECT_EQ(credential, nullptr);
 
+    // Nothing is written through a null pointer, and what is no object of its kind is none.
+    for (void* none : {static_cast<void*>(nullptr), static_cast<void*>(stranger.data())}) {
+        EXPECT_EQ(molbAtInit(nullptr, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtAuthenticate(handle, &service_identity, 0, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtAuthenticate(handle, nullptr, 0, &credential), at_invalid_argument);
+        EXPECT_EQ(molbAtExtractInfo(handle, none, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtExtractInfo(none, none, reinterpret_cast<molb_info**>(&credential)),
+                  at_invalid_argument);
+        molb_domain_info* domains = nullptr;
+        EXPECT_EQ(molbAtGetCredentials(handle, nullptr, 0, nullptr, &count), at_invalid_argument);
+        EXPECT_EQ(molbAtGetCredentials(handle, nullptr, 0, &list, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtGetCredentials(none, nullptr, 0, &list, &count), at_invalid_argument);
+        EXPECT_EQ(molbAtGetDomainInfos(handle, 0, nullptr, &count), at_invalid_argument);
+        EXPECT_EQ(molbAtGetDomainInfos(handle, 0, &domains, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtGetDomainInfos(none, 0, &domains, &count), at_invalid_argument);
+        void* channel = nullptr;
+        EXPECT_EQ(molbAtSecConnConnect(1, handle, 0, nullptr, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtSecConnConnect(-1, handle, 0, &channel, nullptr), at_invalid_argument);
+        EXPECT_EQ(molbAtSecConnConnect(1, none, 0, &channel, nullptr), at_invalid_argument);
+        const auto accept = [&](void* own, int fd, void* service, void** made, void** client) {
+            return molbAtSecConnAcceptWithCommExtn(own, fd, service, 0, nullptr, 0, 0, made,
+                                                   client);
+        };
+        EXPECT_EQ(accept(handle, 1, nullptr, nullptr, &credential), at_invalid_argument);
+        EXPECT_EQ(accept(handle, 1, nullptr, &channel, nullptr), at_invalid_argument);
+        EXPECT_EQ(accept(none, 1, nullptr, &channel, &credential), at_invalid_argument);
+        EXPECT_EQ(accept(handle, -1, nullptr, &channel, &credential), at_invalid_argument);
+        EXPECT_EQ(accept(handle, 1, stranger.data(), &channel, &credential), at_invalid_argument);
+        EXPECT_EQ(channel, nullptr);
+        for (const auto move : {molbAtSecConnRead(none, stranger.data(), 1),
+                                molbAtSecConnWrite(none, stranger.data(), 1)}) {
+            EXPECT_EQ(move, -1);
+            EXPECT_EQ(errno, EINVAL);
+        }
+        EXPECT_EQ(molbAtDataPending(none), 0);
+        EXPECT_EQ(molbAtSecConnClose(&none), at_invalid_argument);
+    }
+    EXPECT_EQ(molbAtSecConnClose(nullptr), at_invalid_argument);
+    EXPECT_EQ(molbAtFree(stranger.data()), at_invalid_argument);
+
     // An instance that is not the daemon's own may have no key pair, and then has no credential.
     fs::create_directories(base / "other" / "dovmad-at");
     write_file(base / "other" / "dovmad-at" / "domains", "local:password:host\n");

@@ -88,11 +88,24 @@ TEST_F(AtOsf, RemovesADirectoryButNothingBehindItsLinks) {
     EXPECT_EQ(at_os_is_same_file(path("kept").c_str(), path("tree").c_str(), &same), 0);
     EXPECT_EQ(same, 0);
 
+    EXPECT_EQ(at_os_is_same_file(kept.c_str(), kept.c_str(), &same), 0);
+    EXPECT_EQ(same, 1);
+    for (const auto& [a, b] :
+         {std::pair(kept.c_str(), "/none"), std::pair("/none", kept.c_str())}) {
+        EXPECT_EQ(at_os_is_same_file(a, b, &same), int{at_not_available});
+        EXPECT_EQ(same, 0);
+    }
+    EXPECT_EQ(at_os_is_same_file(nullptr, "x", &same), int{at_invalid_argument});
+    EXPECT_EQ(at_os_is_same_file("x", nullptr, &same), int{at_invalid_argument});
+    EXPECT_EQ(at_os_is_same_file(kept.c_str(), "/proc/self/status", &same), 0);
+    EXPECT_EQ(same, 0) << "another device";
+
     EXPECT_EQ(at_os_rmdir_i(path("tree").c_str()), 0);
     EXPECT_FALSE(fs::exists(path("tree")));
     EXPECT_TRUE(fs::exists(kept));
     EXPECT_EQ(at_os_rmdir_i(path("tree").c_str()), ENOENT);
     EXPECT_EQ(at_os_emptydir_i(""), int{at_invalid_argument});
+    EXPECT_EQ(at_os_emptydir_i(nullptr), int{at_invalid_argument});
 }
 
 }  // namespace

@@ -184,7 +184,16 @@ TEST_F(Shim, SurvivesALibraryThatCannotBeLoaded) {
 TEST_F(Shim, CountsLoadsAndForgetsEverythingAtTheEnd) {
     in_child("libfake_full.so", [] {
         void* handle = nullptr;
+        REQUIRE(molbatGetSymbol(0, "molbAtInit") == nullptr);
         REQUIRE(molbAtInit(nullptr, &handle) == 0);
+        REQUIRE(molbatGetSymbol(91, "molbAtFree") != nullptr);
+        REQUIRE(molbatGetSymbol(-1, "molbAtFree") == nullptr);
+        REQUIRE(molbatGetSymbol(api_index_max + 1, "molbAtFree") == nullptr);
+        for (const auto& [first, past] :
+             {std::pair(-1, 3), std::pair(3, api_index_max + 1), std::pair(3, 2)}) {
+            REQUIRE(molbatLoadSymbols(&handle, first, past) == at_invalid_argument);
+        }
+        REQUIRE(molbatLoadSymbols(nullptr, 0, 1) == at_invalid_argument);
         auto* last = fake<fake_call>("fake_last");
         REQUIRE(last->index == 170 && last->arguments[0] == 0);  // InitEx is preferred
         REQUIRE(molbat_status().load_count == 1 && molbat_status().highest == 174);
