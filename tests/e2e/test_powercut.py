@@ -1,6 +1,7 @@
 """A few power cuts of an ext4 and an XFS image, and the order of the calls on which they depend; the
 score-sheet makes many."""
 
+import contextlib
 import re
 import shutil
 import signal
@@ -30,7 +31,9 @@ def test_order_of_write_sync_rename_and_reply(make_daemon, tmp_path):
     if not shutil.which("strace"):
         pytest.skip("strace is not installed")
     with subprocess.Popen(["strace", "-f", "-y", "-s", "40", "-e", f"trace={calls}", "-o", log, "-p",
-                           str(daemon.pid)], stderr=subprocess.PIPE) as tracer:
+                           str(daemon.pid)], stderr=subprocess.PIPE) as tracer, \
+            contextlib.ExitStack() as end:
+        end.callback(tracer.send_signal, signal.SIGINT)  # also where something is wrong
         if b"attached" not in tracer.stderr.readline():
             pytest.skip("the daemon can't be traced here")
         for method, path, body, file in [
@@ -49,4 +52,3 @@ def test_order_of_write_sync_rename_and_reply(make_daemon, tmp_path):
                 ("folder", rf"fsync\(\d+<{re.escape(str(file.parent))}>"),
                 ("reply", r"(write|send)\w*\(\d+<.*HTTP/1.1 200")] if re.search(pattern, line)]
             assert order == ["write", "sync", "rename", "folder", "reply"], (order, lines)
-        tracer.send_signal(signal.SIGINT)
