@@ -104,7 +104,7 @@ def slow_clients(amount, place):
 
 
 @line("descriptors", "4,096 descriptors taken: no exit, CPU at most 2 % meanwhile, new clients served "
-      "within a second of the release", 4, 60)
+      "within a second of the release", 4, 60, alone=True)
 def descriptors(amount, place):
     raise_own_limit(6000)
     daemon = place.make()

@@ -202,7 +202,8 @@ def zone_changes(_, place):
                    + "".join(f"; {literal(text)}" for text in wrong[:4]))
 
 
-@line("cold-start", "start to first answer within 100 ms, SIGTERM to the end within a pass", 10, 200)
+@line("cold-start", "start to first answer within 100 ms, SIGTERM to the end within a pass", 10, 200,
+      alone=True)
 def cold_start(amount, place):
     daemon = place.make()
     daemon.stop()

@@ -16,7 +16,7 @@ import powercut
 from common import Outcome, Unavailable, ask, end_daemon, get, line, need_root, run, status_of
 from dovmad_harness import eventually
 from faults import Faults
-from torture import LIBRARY_ABORT
+from torture import START_ABORTS
 
 
 def kills(run_kills, amount, place):
@@ -213,8 +213,7 @@ def start_cases(place, limit):
                     hit = faults.disarm()[1] > 0
                     status = daemon.process.poll()
                     # Without its library or its configuration it aborts, with a word about the file.
-                    aborts = any(text in daemon.stderr_text()
-                                 for text in (LIBRARY_ABORT, "zel home dir not specified"))
+                    aborts = any(text in daemon.stderr_text() for text in START_ABORTS)
                     ends = (1, -signal.SIGABRT if aborts else 1)
                     if status is not None and (status not in ends
                                                or not daemon.stderr_text().strip()):
