@@ -30,6 +30,7 @@ class Line:
     run: object
     piece: int
     alone: bool
+    least: dict
 
 
 @dataclass
@@ -43,12 +44,13 @@ class Outcome:
     partial: bool = False
 
 
-def line(name, target, quick, full, piece=None, alone=False):
+def line(name, target, quick, full, piece=None, alone=False, least=None):
     """Registers `run(amount, place) -> Outcome` as a line; `quick` and `full` are its amounts. In
-    full it is run in pieces of `piece`, which a later call goes on with. Nothing else runs beside a
-    line that is `alone`, because it measures times."""
+    full it is run in pieces of `piece`, which a later call goes on with; it is partial while a count
+    is below that in `least`. Nothing else runs beside a line that is `alone`, because it measures
+    times."""
     def register(run):
-        LINES[name] = Line(name, target, quick, full, run, piece or full, alone)
+        LINES[name] = Line(name, target, quick, full, run, piece or full, alone, least or {})
         return run
     return register
 

@@ -7,12 +7,12 @@ import socket
 import threading
 import time
 
-from common import Outcome, ask, end_daemon, get, line, make_program, run, settled
+from common import Outcome, ask, end_daemon, get, line, literal, make_program, run, settled
 from dovmad_harness import eventually
 from faults import KINDS, NEVER, Faults
 
-# Allocations are many and alike: beyond so many of a scenario they are sampled evenly.
-MALLOCS_FULL = 150
+# Beyond so many calls of a kind in a scenario they are sampled evenly: allocations are many and alike.
+FULL, QUICK = 600, 2
 # The documented ends of a start without its library, and without its configuration.
 START_ABORTS = ("Error initializing MOLB AT", "zel home dir not specified")
 GROWTH_MAX = 24  # blocks that one kind of fault may leave behind in a scenario, whatever its number
@@ -83,8 +83,8 @@ def scenarios(target):
 
 
 class Torture:
-    def __init__(self, place, amount):
-        self.place, self.amount = place, amount
+    def __init__(self, place):
+        self.place = place
         self.faults = Faults(place.shim, place.folder / "control")
         self.tallies = {"faults": 0, "aborts": 0, "refused": 0, "right": 0, "silent": 0}
         self.wrong = []
@@ -164,9 +164,9 @@ class Torture:
         if problem := self.whole(daemon):
             self.wrong.append(f"{what}: {problem}")
 
-    def places_of(self, calls, kind):
+    def places_of(self, calls):
         """Which of the calls fail: all, or a sample."""
-        most = self.amount if self.place.quick else (MALLOCS_FULL if kind == "malloc" else 400)
+        most = QUICK if self.place.quick else FULL
         if calls <= most:
             return range(calls)
         return sorted({i * calls // most for i in range(most)})
@@ -182,14 +182,18 @@ class Torture:
         if wanted not in reply:
             self.wrong.append(f"{name}: {reply[:80]!r}")
             return
+        live = self.faults.get("live")
+        for _ in range(10):  # what a request leaves by its nature, such as an entry of a file
+            self.request(daemon, template, 10, tls)
+        each = max(0, self.faults.get("live") - live) / 10
         for kind in KINDS:
             self.faults.arm(kind)
             with contextlib.suppress(OSError):
                 self.request(daemon, template, 10, tls)
             calls = self.faults.disarm()[0]
             descriptors, live, begun = daemon.fd_count(), self.faults.get("live"), daemon.pid
-            count = 0
-            for nth in self.places_of(calls, kind):
+            count, asked = 0, self.number
+            for nth in self.places_of(calls):
                 self.faults.arm(kind, nth)
                 reply = b""
                 with contextlib.suppress(OSError):
@@ -205,13 +209,11 @@ class Torture:
             left = settled(daemon, descriptors, 6)
             if left > 0:
                 self.wrong.append(f"{name}, {kind}: {left} descriptors left")
+            allowed = GROWTH_MAX + count // 2 + each * (self.number - asked)
             # Replies that nobody took may still be under way.
-            growth = self.faults.get("live") - live
-            if count > 8 and growth > GROWTH_MAX + count // 2:
-                eventually(lambda: self.faults.get("live") - live <= GROWTH_MAX + count // 2, 8)
-                growth = self.faults.get("live") - live
-                if growth > GROWTH_MAX + count // 2:
-                    self.wrong.append(f"{name}, {kind}: {growth} blocks left by {count} faults")
+            if count > 8 and not eventually(lambda: self.faults.get("live") - live <= allowed, 8):
+                self.wrong.append(f"{name}, {kind}: {self.faults.get('live') - live} blocks left by "
+                                  f"{count} faults")
 
     def start_up(self, kind, nth, fresh):
         """A start that meets one fault; whether there was one."""
@@ -254,15 +256,13 @@ class Torture:
     def starts(self, fresh):
         for kind in KINDS:
             calls = self.start_up(kind, NEVER, fresh)[0]
-            most = max(1, self.amount // 3) if self.place.quick else (
-                MALLOCS_FULL if kind == "malloc" else 80)
-            for nth in sorted({i * calls // min(most, calls) for i in range(min(most, calls))}):
+            for nth in self.places_of(calls)[:1 if self.place.quick else None]:
                 self.start_up(kind, nth, fresh)
 
     def shutdowns(self):
         """Faults between the signal and the end."""
         for kind in KINDS:
-            for nth in range(self.amount if self.place.quick else 60):
+            for nth in range(QUICK if self.place.quick else FULL):
                 daemon = self.shut
                 if daemon.process is None or daemon.process.poll() is not None:
                     daemon.start()
@@ -289,7 +289,7 @@ class Torture:
 def once(place):
     """Every scenario once, without a fault, over plain and TLS: how many were answered right, and how
     the daemons ended."""
-    rack, target = Torture(place, 0), Target()
+    rack, target = Torture(place), Target()
     rack.faults.environment.pop("LD_PRELOAD")
     daemons = {auth: rack.build(f"a{auth}", auth=auth).start(wait=False) for auth in (False, True)}
     for daemon in daemons.values():
@@ -303,27 +303,32 @@ def once(place):
     return right, [daemon.stop(timeout=300) for daemon in daemons.values()]
 
 
+PIECES = 24  # the scenarios, starts, first use, shutdowns
+
+
 @line("torture", "5,000 failing calls in 20 scenarios: 0 crashes but aborts without memory, 0 leaks, "
-      "0 damaged files, the same request right afterwards", 2, 1)
+      "0 damaged files, the same request right afterwards", PIECES, PIECES, piece=1,
+      least={"faults": 5000})
 def torture(amount, place):
-    rack = Torture(place, amount)
-    target = Target()
+    rack, target = Torture(place), Target()
+    requests = scenarios(target)
+    assert len(requests) + 3 == PIECES
     daemon = rack.build("plain").start()
     guarded = rack.build("guarded", auth=True).start()
-    all_scenarios = scenarios(target)
-    for scenario in all_scenarios:
-        rack.run_scenario(guarded if scenario[0] == "login" else daemon, scenario)
+    for piece in range(place.done, place.done + amount):
+        if piece < len(requests):
+            scenario = requests[piece]
+            rack.run_scenario(guarded if scenario[0] == "login" else daemon, scenario)
     daemon.stop()
     guarded.stop()
     run("cp", "-a", daemon.var / "sec", place.folder / "site")
-    rack.starts(fresh=False)
-    rack.starts(fresh=True)
-    rack.shut = rack.build("shut")
-    rack.shutdowns()
-    tally = ", ".join(f"{name} {count}" for name, count in rack.tallies.items())
-    enough = rack.tallies["faults"] >= (200 if place.quick else 5000)
-    return Outcome(enough and not rack.wrong,
-                   f"{len(all_scenarios) + 3} scenarios: {tally}; {len(rack.wrong)} wrong"
-                   + "".join(f"; {text}" for text in rack.wrong[:8]))
-
-
+    for piece, fresh in ((PIECES - 3, False), (PIECES - 2, True)):
+        if place.done <= piece < place.done + amount:
+            rack.starts(fresh)
+    if place.done + amount == PIECES:
+        rack.shut = rack.build("shut")
+        rack.shutdowns()
+    return Outcome(not rack.wrong, "{scenarios} scenarios: "
+                   + ", ".join(f"{name} {{{name}}}" for name in rack.tallies) + ", wrong {wrong}"
+                   + "".join(f"; {literal(text)}" for text in rack.wrong[:8]),
+                   {"scenarios": amount, **rack.tallies, "wrong": len(rack.wrong)})
