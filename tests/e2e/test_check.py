@@ -70,6 +70,12 @@ SLIPS = [
     (value("list_directories", "2"), "dovmad.conf", "error", "0 or 1"),
     (value("io_buf_size", "64k"), "dovmad.conf", "error", "not a number"),
     (value("io_buf_size", "512"), "dovmad.conf", "error", "1024"),
+    (value("io_buf_size", "999999999"), "dovmad.conf", "error", "1024"),
+    (value("cgi_interpreter", "/tmp"), "dovmad.conf", "error", "directory"),
+    (file_of("scheduler_file", "# why\n \n\na - 1 * * * * /bin/sh -c \"date\"\n"), "_file:4", "error",
+     "quotes"),
+    (file_of("scheduler_file", "a - 1 * * * * /bin/true " + "x" * 9000), "_file:1", "error", "longer"),
+    (in_root("admin/.dovmaaccess", "# who\n\nno colon\n"), "dovmaaccess:3", "error", "NAME:user"),
     (value("listen_ports", "21001u 21011u"), "dovmad.conf", "error", "not a port"),
     (value("listen_ports", "0"), "dovmad.conf", "error", "not a port"),
     (value("listen_ports", "70000u"), "dovmad.conf", "error", "not a port"),
@@ -142,6 +148,21 @@ def test_slips_are_found(make_daemon, tmp_path):
         while made:
             made.pop().unlink()
     assert len(SLIPS) >= 40
+
+
+def test_how_it_is_called(make_daemon):
+    daemon = make_daemon(start=False)
+    for args, status in ((["-h"], 0), (["another.conf"], 64), (["--frob"], 64), (["-u", "nobody2"], 64),
+                         (["-n", "5x"], 64), (["-n", "0"], 64), (["-n", "99999999"], 64)):
+        assert checker(daemon, *args)[0] == status, args
+    assert "--next" in checker(daemon, "--help")[1]
+    # Where inetd listens nobody's port is in the way.
+    good = daemon.config.read_text()
+    for mode, words in (("", "in use"), ("inetd_mode 1\n", "")):
+        daemon.config.write_text(taken_port(good, None) + mode)
+        said = checker(daemon)[1]
+        assert ("in use" in said) is bool(words), said
+    taken_port.socket.close()
 
 
 def test_what_the_library_would_refuse(make_daemon):
