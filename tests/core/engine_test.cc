@@ -115,6 +115,7 @@ TEST(Variables, AreFoundByWholeNameIgnoringCase) {
     char buffer[8];
     EXPECT_EQ(shttpd_get_var("nov", text.data(), length, buffer, 8), -1);
     EXPECT_EQ(shttpd_get_var("a", nullptr, 0, buffer, 8), -1);
+    EXPECT_EQ(shttpd_get_var("a", text.data(), length, buffer, 0), 0);
     const char* raw = nullptr;
     EXPECT_EQ(shttpd_get_var_nodecode_nocopy("a", text.data(), length, &raw), 7);
     EXPECT_EQ(std::string(raw, 7), "2%20x+y");
@@ -316,15 +317,21 @@ void tells_versions(shttpd_call_arg* arg) {
     unsigned long minor = 0;
     shttpd_get_http_version(arg, &major, &minor);
     shttpd_printf(arg, "HTTP/1.1 200 OK\r\n\r\n%s, %lu.%lu", shttpd_version(), major, minor);
+    for (const char* name :
+         {"REQUEST_METHOD", "REQUEST_URI", "QUERY_STRING", "REMOTE_USER", "PATH"}) {
+        const char* value = shttpd_get_env(arg, name);
+        shttpd_printf(arg, " %s", value != nullptr ? value : "-");
+    }
     arg->flags |= ARG_END_OF_OUTPUT;
 }
 
-TEST(Embedded, HandlersKnowTheVersions) {
+TEST(Embedded, HandlersKnowTheRequestAndTheVersions) {
     test_engine engine;
     shttpd_protect_uri(engine.ctx, "/versions", "/none");  // nothing consults it
     shttpd_register_uri(engine.ctx, "/versions", tells_versions, nullptr);
-    EXPECT_EQ(body_of(engine.exchange("GET /versions HTTP/1.0\r\n\r\n")), "1.0, 1.0");
-    EXPECT_EQ(body_of(engine.exchange(get("/versions"))), "1.0, 1.1");
+    EXPECT_EQ(body_of(engine.exchange("GET /versions HTTP/1.0\r\n\r\n")),
+              "1.0, 1.0 GET /versions - - -");
+    EXPECT_EQ(body_of(engine.exchange(get("/versions?a=b"))), "1.0, 1.1 GET /versions a=b - -");
 }
 
 TEST(Embedded, ErrorHandlersReplaceTheReply) {

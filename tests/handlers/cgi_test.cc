@@ -284,6 +284,42 @@ TEST_F(cgi_relay_test, connection_stays_only_when_the_length_was_kept) {
     }
 }
 
+TEST(chunks, end_or_break_at_the_byte_that_decides) {
+    const struct {
+        const char* bytes;
+        bool complete;
+        int beyond;  // bytes behind the one that decides
+    } rows[] = {
+        {"5\r\nhello\r\n0\r\n\r\nGET", true, 3},
+        {"A ;x=\"y\"\r\n0123456789\r\n0\t\r\n\r\n", true, 0},
+        {"0\r\nA: b\r\nC: d\r\n\r\n", true, 0},
+        {"5\rXhello", false, 5},
+        {"5\nhello", false, 5},
+        {"5;x\nhello", false, 5},
+        {"G\r\n", false, 2},
+        {"5x\r\n", false, 2},
+        {"1\r\nab", false, 0},
+        {"1\r\na\rb", false, 0},
+        {"0\r\n\rX", false, 0},
+        {"0\r\nA: b\nX", false, 1},
+        {"0\r\nA: b\rX", false, 0},
+        {"11111111111111111\r\n", false, 2},
+    };
+    for (const auto& row : rows) {
+        for (const bool by_bytes : {false, true}) {
+            const std::string_view bytes = row.bytes;
+            chunk_scanner scanner;
+            std::size_t at = by_bytes ? 0 : scanner.consume(bytes);
+            while (by_bytes && at < bytes.size() && scanner.consume(bytes.substr(at, 1)) == 1) {
+                ++at;
+            }
+            EXPECT_EQ(scanner.complete(), row.complete) << row.bytes;
+            EXPECT_EQ(scanner.failed(), !row.complete) << row.bytes;
+            EXPECT_EQ(bytes.size() - at, static_cast<std::size_t>(row.beyond)) << row.bytes;
+        }
+    }
+}
+
 TEST_F(cgi_relay_test, interim_answers_are_dropped) {
     EXPECT_EQ(run("printf 'Status: 103 Early Hints\\nLink: x\\n\\nHTTP/1.1 100 Continue\\n\\nA: "
                   "b\\n\\n'"),

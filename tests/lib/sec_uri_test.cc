@@ -168,7 +168,7 @@ TEST(text_form, keys_and_types) {
     for (const char* good : {"a", "_", "Z9 _b"}) {
         EXPECT_EQ(is_valid_key(good), 1) << good;
     }
-    for (const char* bad : {"", "9a", " a", "a.b", "a-", "\xe9", "a\xe9"}) {
+    for (const char* bad : {"", "9a", " a", "a.b", "a-", "\xe9", "a\xe9", "a{", "a["}) {
         EXPECT_EQ(is_valid_key(bad), 0) << bad;
     }
     EXPECT_EQ(is_valid_key(nullptr), 0);
