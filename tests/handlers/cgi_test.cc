@@ -288,22 +288,22 @@ TEST(chunks, end_or_break_at_the_byte_that_decides) {
     const struct {
         const char* bytes;
         bool complete;
-        int beyond;  // bytes behind the one that decides
+        int beyond;  // bytes that are not taken, the one that breaks it included
     } rows[] = {
         {"5\r\nhello\r\n0\r\n\r\nGET", true, 3},
         {"A ;x=\"y\"\r\n0123456789\r\n0\t\r\n\r\n", true, 0},
         {"0\r\nA: b\r\nC: d\r\n\r\n", true, 0},
-        {"5\rXhello", false, 5},
-        {"5\nhello", false, 5},
-        {"5;x\nhello", false, 5},
-        {"G\r\n", false, 2},
-        {"5x\r\n", false, 2},
-        {"1\r\nab", false, 0},
-        {"1\r\na\rb", false, 0},
-        {"0\r\n\rX", false, 0},
-        {"0\r\nA: b\nX", false, 1},
-        {"0\r\nA: b\rX", false, 0},
-        {"11111111111111111\r\n", false, 2},
+        {"5\rXhello", false, 6},
+        {"5\nhello", false, 6},
+        {"5;x\nhello", false, 6},
+        {"G\r\n", false, 3},
+        {"5x\r\n", false, 3},
+        {"1\r\nab", false, 1},
+        {"1\r\na\rb", false, 1},
+        {"0\r\n\rX", false, 1},
+        {"0\r\nA: b\nX", false, 2},
+        {"0\r\nA: b\rX", false, 1},
+        {"11111111111111111\r\n", false, 4},
     };
     for (const auto& row : rows) {
         for (const bool by_bytes : {false, true}) {
