@@ -26,10 +26,10 @@ class ini_test : public file_test {
         path_ = path("store.conf");
     }
 
-    // Writes the file as another process would, `seconds` later than now.
+    // Writes the file as another process would, `seconds` later than the test began.
     void put(const std::string& content, int seconds = 0) const {
         write(path_, content);
-        const timespec time{::time(nullptr) + seconds, 0};
+        const timespec time{start_ + seconds, 0};
         const timespec times[2] = {time, time};
         ASSERT_EQ(utimensat(AT_FDCWD, path_.c_str(), times, 0), 0);
     }
@@ -45,6 +45,7 @@ class ini_test : public file_test {
         return result == 0 ? value : "#" + std::to_string(result);
     }
 
+    const time_t start_ = ::time(nullptr);
     std::string path_;
 };
 
