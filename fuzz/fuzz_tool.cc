@@ -53,8 +53,8 @@ class json_reader {
             } else if (left_[1] == 'u') {
                 unsigned code = 0;
                 check(std::sscanf(std::string(left_.substr(2, 4)).c_str(), "%4x", &code) == 1);
-                check(code < 0x80);
-                text += static_cast<char>(code);
+                check(code < 0x80 || code == 0xfffd);
+                text += code < 0x80 ? std::string(1, static_cast<char>(code)) : "\xef\xbf\xbd";
                 left_.remove_prefix(6);
             } else {
                 check(left_[1] == '"' || left_[1] == '\\');
