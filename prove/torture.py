@@ -159,8 +159,10 @@ class Torture:
             else:
                 self.wrong.append(f"{what}: ended with {status}")
             daemon.start()
-        elif wanted not in reply:
+        elif wanted not in reply:  # it may never answer again
             self.wrong.append(f"{what}: then {reply[:60]!r}")
+            daemon.stop(signal.SIGKILL)
+            daemon.start()
         if problem := self.whole(daemon):
             self.wrong.append(f"{what}: {problem}")
 
