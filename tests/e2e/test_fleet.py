@@ -245,7 +245,7 @@ def test_bad_input_is_told_and_changes_nothing(tmp_path):
     server = Impostor()
     server.start()
     password = secret(tmp_path / "password", "x")
-    options = ["--url", f"http://127.0.0.1:{server.socket.getsockname()[1]}", "--timeout", "1",
+    options = ["--url", f"http://127.0.0.1:{server.socket.getsockname()[1]}",
                "--domain", "d", "--user", "me", "--password-file", password]
     server.row = (VITALS, reply(WHOLE))
     files = {name: tmp_path / name for name in ("-o", "--changes", "--sqlite")}
@@ -258,7 +258,8 @@ def test_bad_input_is_told_and_changes_nothing(tmp_path):
         server.row = (vitals, listing)
         for name in files if what in ("cut in the middle", "another clock") else ["--changes"]:
             expected = 0 if (what, name) == ("another clock", "-o") else status  # ages are right
-            done = run("dovmad-inventory", *options, *forms[name], name, files[name],
+            wait = ["--timeout", "1" if what == "too slow" else "30"]
+            done = run("dovmad-inventory", *options, *wait, *forms[name], name, files[name],
                        status=expected)
             assert words in done.stderr, what
             assert expected == 0 or re.search(r"stays as it was \d+ s ago", done.stderr)
