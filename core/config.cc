@@ -20,6 +20,7 @@
 #include "core/log.h"
 #include "core/options.h"
 #include "core/paths.h"
+#include "core/resolver.h"
 #include "core/shttpd.h"
 #include "domain/domain.h"
 #include "handlers/uri_handlers.h"
@@ -181,6 +182,7 @@ shttpd_ctx* initialize_context(shttpd_ctx* ctx, const char* path, option_slots* 
     refresh_clocks();
     ctx->start_time = current_time;
     (void)init_critical_section(&ctx->lock);
+    resolver_init();
     fill_defaults(slots);
     if (path != nullptr) {
         read_file(path, slots);

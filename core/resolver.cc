@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <unordered_map>
 #include <utility>
@@ -406,6 +408,17 @@ const name_answer* own_name(conn* c) {
         lookup.reset(known ? look_up_name(address, length, c) : answered(name_answer()));
     }
     return lookup_answer(lookup.get());
+}
+
+// The C library keeps its lock for good when memory fails it at the very first time: every look-up
+// would wait for ever, and the loop with it.
+void resolver_init() {
+    struct __res_state state {};
+    if (res_ninit(&state) == 0) {
+        res_nclose(&state);
+    } else if (errno == ENOMEM) {
+        std::abort();
+    }
 }
 
 void resolver_fini() {
