@@ -21,6 +21,7 @@
 #include "core/paths.h"
 #include "core/poll_set.h"
 #include "core/string.h"
+#include "lib/plat.h"
 
 volatile std::sig_atomic_t exit_flag = 0;
 
@@ -186,11 +187,11 @@ int set_close_on_exec(int fd) {
 }
 
 char* get_admin_group(const char* name) {
-    return my_strdup(name);
+    return qzstrdup(name);
 }
 
 char* get_admin_user(const char* name) {
-    return my_strdup(name);
+    return qzstrdup(name);
 }
 
 char* get_default_var_directory(char* buffer, std::size_t size) {

@@ -52,7 +52,7 @@ int set_non_blocking_mode(int fd);
 // The result of fcntl.
 int set_close_on_exec(int fd);
 
-// Newly allocated copies of `name` (free).
+// Newly allocated copies of `name` (free); without memory the process ends.
 char* get_admin_group(const char* name);
 char* get_admin_user(const char* name);
 
