@@ -1,6 +1,7 @@
 #include "core/resolver.h"
 
 #include <netdb.h>
+#include <pwd.h>
 #include <resolv.h>
 
 #include <algorithm>
@@ -410,9 +411,13 @@ const name_answer* own_name(conn* c) {
     return lookup_answer(lookup.get());
 }
 
-// The C library keeps its lock for good when memory fails it at the very first time: every look-up
-// would wait for ever, and the loop with it.
+// When memory fails it at the very first time, the C library keeps its resolver's lock for good,
+// for which every look-up would wait, and reads through a null in its list of name services.
 void resolver_init() {
+    std::array<char, 1024> text{};
+    passwd account{};
+    passwd* found = nullptr;
+    (void)getpwuid_r(0, &account, text.data(), text.size(), &found);
     struct __res_state state {};
     if (res_ninit(&state) == 0) {
         res_nclose(&state);

@@ -65,8 +65,8 @@ using lookup_ptr = std::unique_ptr<name_lookup, lookup_ending>;
 [[nodiscard]] const name_answer* peer_name(conn* c);
 [[nodiscard]] const name_answer* own_name(conn* c);
 
-// Lets the C library read its configuration once, before anybody asks; ends the process when there
-// is no memory for it.
+// Lets the C library read its configuration of names once, before anybody asks; ends the process
+// when there is no memory for it.
 void resolver_init();
 
 // Forgets all answers and leaves the thread to itself: a look-up that hangs holds up no ending

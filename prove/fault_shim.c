@@ -36,7 +36,8 @@ struct control {
     _Atomic int64_t hits;   /* failures */
     _Atomic int64_t live;   /* allocations that have not been freed */
     _Atomic int64_t clock_s; /* added to the wall clock */
-    char part[232];         /* only calls about a path that contains this count; empty: all do */
+    _Atomic int64_t foreign; /* whether it was the C library's own allocation that failed */
+    char part[224];         /* only calls about a path that contains this count; empty: all do */
 };
 
 static struct control none;
@@ -63,6 +64,16 @@ __attribute__((constructor)) static void attach(void) {
     if (page != MAP_FAILED) {
         control = page;
     }
+}
+
+/* For an allocation that has just failed: whether the C library itself has asked for it. */
+static void tell_whose(void* caller) {
+    const int saved = errno;
+    Dl_info asked;
+    Dl_info library;
+    control->foreign = dladdr(caller, &asked) != 0 && dladdr((void*)&__libc_malloc, &library) != 0 &&
+                       asked.dli_fbase == library.dli_fbase;
+    errno = saved;
 }
 
 static int concerns(int fd, const char* path) {
@@ -113,20 +124,28 @@ static int fails(enum kind kind, int fd, const char* path) {
         return next values;                                 \
     }
 
+static int no_memory(void* caller) {
+    const int failed = fails(k_malloc, -1, "");
+    if (failed) {
+        tell_whose(caller);
+    }
+    return failed;
+}
+
 void* malloc(size_t size) {
-    void* p = fails(k_malloc, -1, "") ? NULL : __libc_malloc(size);
+    void* p = no_memory(__builtin_return_address(0)) ? NULL : __libc_malloc(size);
     control->live += p != NULL;
     return p;
 }
 
 void* calloc(size_t count, size_t size) {
-    void* p = fails(k_malloc, -1, "") ? NULL : __libc_calloc(count, size);
+    void* p = no_memory(__builtin_return_address(0)) ? NULL : __libc_calloc(count, size);
     control->live += p != NULL;
     return p;
 }
 
 void* realloc(void* old, size_t size) {
-    if (fails(k_malloc, -1, "")) {
+    if (no_memory(__builtin_return_address(0))) {
         return NULL;
     }
     void* p = __libc_realloc(old, size);

@@ -8,7 +8,7 @@ KINDS = {"malloc": errno.ENOMEM, "open": errno.EMFILE, "read": errno.EIO, "write
          "fsync": errno.EIO, "rename": errno.EIO, "fork": errno.EAGAIN, "socket": errno.EMFILE,
          "accept": errno.EMFILE, "connect": errno.EADDRNOTAVAIL, "wait": errno.EINTR,
          "stat": errno.EACCES}
-FIELDS = ("armed", "left", "error", "calls", "hits", "live", "clock_s")
+FIELDS = ("armed", "left", "error", "calls", "hits", "live", "clock_s", "foreign")
 NEVER = 1 << 60
 
 
@@ -31,7 +31,9 @@ class Faults:
         """The n-th call from now on fails (from 0); without a number all are only counted."""
         self.disarm()
         text = part.encode() + b"\0"
-        self.page[56:56 + len(text)] = text
+        at = 8 * len(FIELDS)
+        self.page[at:at + len(text)] = text
+        self.set("foreign", 0)
         self.set("calls", 0)
         self.set("hits", 0)
         self.set("left", NEVER if nth is None else nth)
