@@ -1,18 +1,11 @@
 #include "core/background.h"
 
-#include <gtest/gtest.h>
 #include <poll.h>
 
-#include <algorithm>
 #include <atomic>
-#include <functional>
-#include <thread>
-#include <vector>
 
-#include "core/connection.h"
 #include "core/endpoint.h"
 #include "core/poll_set.h"
-#include "core/shttpd.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
@@ -133,11 +126,11 @@ TEST(Background, AHeldReplyIsNotCalledAgainBeforeItsResultAndEndsTheWait) {
     slow_answer slow;
     shttpd_register_uri(engine.ctx, "/slow", slow_answer::answer, &slow);
     const unique_fd client = engine.connect();
-    EXPECT_EQ(engine.exchange_on(client.get(), make_request("GET", "/slow"), 20), "");
+    EXPECT_EQ(engine.exchange_on(client, get("/slow"), 20), "");
     EXPECT_EQ(slow.calls, 1);
     slow.may_go = true;
     shttpd_poll(engine.ctx, 60000);  // the result ends this wait
-    EXPECT_NE(engine.exchange_on(client.get(), "", 20).find("Success"), std::string::npos);
+    EXPECT_TRUE(contains(engine.exchange_on(client, "", 20), "Success"));
     EXPECT_EQ(slow.calls, 2);
 }
 
@@ -147,7 +140,7 @@ TEST(Background, AClientThatGoesWhileItsReplyIsHeldLeavesNothingToVisit) {
     shttpd_register_uri(engine.ctx, "/slow", slow_answer::answer, &slow);
     {
         const unique_fd client = engine.connect();
-        EXPECT_EQ(engine.exchange_on(client.get(), make_request("GET", "/slow"), 20), "");
+        EXPECT_EQ(engine.exchange_on(client, get("/slow"), 20), "");
         // The visit that is asked for meets a connection that dies in the same pass.
         visit_soon(slow.waiter);
     }

@@ -2,20 +2,8 @@
 // their texts. Contexts start the supplied authentication library.
 #include "core/config.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <tuple>
-#include <utility>
-
-#include "core/context.h"
-#include "core/globals.h"
 #include "core/options.h"
 #include "core/paths.h"
-#include "core/shttpd.h"
 #include "tests/support/engine_fixture.h"
 
 // This program's own fixed paths, in the build folder: the library's first use happens once.

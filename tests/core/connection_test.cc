@@ -2,26 +2,8 @@
 // request reaches the next.
 #include "core/connection.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "core/buffer_pool.h"
-#include "core/connection.h"
-#include "core/globals.h"
 #include "core/route.h"
-#include "core/shttpd.h"
 #include "handlers/io_emb.h"
 #include "handlers/io_file.h"
 #include "tests/support/engine_fixture.h"
@@ -29,19 +11,6 @@
 namespace {
 
 int stat_calls = 0;
-
-std::string get(std::string_view uri) {
-    return make_request("GET", uri);
-}
-
-std::size_t count(std::string_view text, std::string_view part) {
-    std::size_t n = 0;
-    for (std::size_t at = text.find(part); at != std::string_view::npos;
-         at = text.find(part, at + part.size())) {
-        ++n;
-    }
-    return n;
-}
 
 conn& only_connection(const test_engine& engine) {
     return *engine.ctx->connections.first();
@@ -56,11 +25,11 @@ void answers_late(shttpd_call_arg* arg) {
     }
 }
 
-// Says nothing, ever; `user_data` counts the farewells.
+int farewells = 0;
+
+// Says nothing, ever.
 void says_nothing(shttpd_call_arg* arg) {
-    if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
-        ++*static_cast<int*>(arg->user_data);
-    }
+    farewells += (arg->flags & ARG_CONNECTION_ERROR) != 0 ? 1 : 0;
 }
 
 void tells_serial(shttpd_call_arg* arg) {
@@ -80,8 +49,13 @@ void tells_user_data(shttpd_call_arg* arg) {
     arg->flags |= ARG_END_OF_OUTPUT;
 }
 
-TEST(Connections, EndAsTheirRequestsSay) {
-    test_engine engine;
+using Buffers = engine_test;
+using Connections = engine_test;
+using Errors = engine_test;
+using Files = engine_test;
+using Uris = engine_test;
+
+TEST_F(Connections, EndAsTheirRequestsSay) {
     engine.root.write("file", "content");
     const std::string again = get("/file");
     const std::string length = "Content-Length: " + std::to_string(again.size()) + "\r\n\r\n";
@@ -100,25 +74,24 @@ TEST(Connections, EndAsTheirRequestsSay) {
     };
     for (const auto& [bytes, replies, end] : rows) {
         const std::string got = engine.exchange(bytes);
-        EXPECT_EQ(count(got, "HTTP/1.1 "), replies) << bytes.substr(0, 60) << got;
+        EXPECT_EQ(count_of(got, "HTTP/1.1 "), replies) << bytes.substr(0, 60) << got;
         EXPECT_EQ(engine.ended, end) << bytes.substr(0, 60);
     }
 }
 
 // A reply is not taken away by what the client sends after it, however late that is read.
-TEST(Connections, WhatFollowsARequestDoesNotTakeItsReplyAway) {
-    test_engine engine;
+TEST_F(Connections, WhatFollowsARequestDoesNotTakeItsReplyAway) {
     for (const char* uri : {"/none", "/world/ping"}) {
         const unique_fd client = engine.connect();
-        std::string reply = engine.exchange_on(client.get(), get(uri), 1);
+        std::string reply = engine.exchange_on(client, get(uri), 1);
         EXPECT_EQ(engine.ended, connection_end::open);
-        reply += engine.exchange_on(client.get(), get("/more"));
+        reply += engine.exchange_on(client, get("/more"));
         EXPECT_EQ(engine.ended, connection_end::closed);
-        EXPECT_EQ(count(reply, "HTTP/1.1 "), 1U);
+        EXPECT_EQ(count_of(reply, "HTTP/1.1 "), 1U);
         EXPECT_EQ(shttpd_active(engine.ctx), 1) << "it waits for the client to close";
     }
     // Who has announced the end is believed, unless there is more.
-    int late = -1;
+    static int late = -1;
     shttpd_register_uri(engine.ctx, "/late", answers_late, &late);
     for (const auto& [request, left] :
          {std::pair("GET /none HTTP/1.0\r\n\r\n", 0), std::pair("GET /none HTTP/1.0\r\n\r\nx", 1),
@@ -126,28 +99,26 @@ TEST(Connections, WhatFollowsARequestDoesNotTakeItsReplyAway) {
         engine.poll();  // the client before has gone
         const unique_fd client = engine.connect();
         late = client.get();
-        engine.exchange_on(client.get(), request);
+        engine.exchange_on(client, request);
         EXPECT_EQ(engine.ended, connection_end::closed);
         EXPECT_EQ(draining_connections(), left) << request;
     }
 }
 
-TEST(Connections, NothingOfARequestReachesTheNext) {
-    test_engine engine;
+TEST_F(Connections, NothingOfARequestReachesTheNext) {
     engine.root.write("sub/file", "content");
     const unique_fd client = engine.connect();
-    EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/sub/file/a/b"))), "content");
+    EXPECT_EQ(body_of(engine.exchange_on(client, get("/sub/file/a/b"))), "content");
     conn& c = only_connection(engine);
     EXPECT_EQ(c.request.path_info, "");
     EXPECT_EQ(c.request.mime, nullptr);
     c.birth_time = 1;
-    EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/sub/file"))), "content");
+    EXPECT_EQ(body_of(engine.exchange_on(client, get("/sub/file"))), "content");
     EXPECT_GT(c.birth_time, 1) << "an access line tells when its own request began";
 }
 
-TEST(Connections, TheOldestIsServedFirst) {
-    test_engine engine;
-    std::vector<std::uint64_t> served;
+TEST_F(Connections, TheOldestIsServedFirst) {
+    static std::vector<std::uint64_t> served;
     shttpd_register_uri(engine.ctx, "/serial", tells_serial, &served);
     std::vector<unique_fd> clients;
     for (int i = 0; i < 5; ++i) {
@@ -155,33 +126,29 @@ TEST(Connections, TheOldestIsServedFirst) {
     }
     engine.poll();
     for (auto client = clients.rbegin(); client != clients.rend(); ++client) {
-        const std::string request = get("/serial");
-        ASSERT_GT(send(client->get(), request.data(), request.size(), 0), 0);
+        engine.say(*client, get("/serial"));
     }
     engine.poll();
     EXPECT_EQ(served.size(), 5U);
     EXPECT_TRUE(std::is_sorted(served.begin(), served.end()));
 }
 
-TEST(Connections, AClientThatEndsItsSideHasGoneEvenWithAllOfItsBodyRead) {
-    test_engine engine;
-    int farewells = 0;
-    shttpd_register_uri(engine.ctx, "/silent", says_nothing, &farewells);
+TEST_F(Connections, AClientThatEndsItsSideHasGoneEvenWithAllOfItsBodyRead) {
+    shttpd_register_uri(engine.ctx, "/silent", says_nothing, nullptr);
     const unique_fd client = engine.connect();
-    EXPECT_EQ(engine.exchange_on(client.get(), make_request("POST", "/silent", "x=1")), "");
+    EXPECT_EQ(engine.exchange_on(client, make_request("POST", "/silent", "x=1")), "");
     EXPECT_EQ(shttpd_active(engine.ctx), 1);
+    farewells = 0;
     shutdown(client.get(), SHUT_WR);
     engine.poll();
     EXPECT_EQ(farewells, 1);
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
 }
 
-TEST(Connections, CallsThatMoveNothingKeepNoneAlive) {
-    test_engine engine;
-    int farewells = 0;
-    shttpd_register_uri(engine.ctx, "/silent", says_nothing, &farewells);
+TEST_F(Connections, CallsThatMoveNothingKeepNoneAlive) {
+    shttpd_register_uri(engine.ctx, "/silent", says_nothing, nullptr);
     const unique_fd client = engine.connect();
-    EXPECT_EQ(engine.exchange_on(client.get(), get("/silent"), 3), "");
+    EXPECT_EQ(engine.exchange_on(client, get("/silent"), 3), "");
     const std::time_t soon = only_connection(engine).expire_time - 10;
     only_connection(engine).expire_time = soon;
     for (int i = 0; i < 3; ++i) {
@@ -199,51 +166,44 @@ void eats_slowly(shttpd_call_arg* arg) {
     }
 }
 
-TEST(Connections, AHandlerThatTakesItsBodyInPiecesIsCalledAgainAtOnce) {
-    test_engine engine;
+TEST_F(Connections, AHandlerThatTakesItsBodyInPiecesIsCalledAgainAtOnce) {
     shttpd_register_uri(engine.ctx, "/eat", eats_slowly, nullptr);
     EXPECT_EQ(body_of(engine.exchange(make_request("POST", "/eat", std::string(600, 'x')), 250)),
               "all eaten");
 }
 
-TEST(Connections, AReaderThatStallsIsNotVisited) {
-    test_engine engine;
+TEST_F(Connections, AReaderThatStallsIsNotVisited) {
     engine.root.write("big", std::string(4 << 20, 'b'));
     for (int i = 0; i < 4000; ++i) {
         engine.root.write("d/a-rather-long-name-" + std::to_string(i), "");
     }
     for (const char* uri : {"/big", "/d/"}) {
         const unique_fd client = engine.connect();
-        const std::string request = get(uri);
-        ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+        engine.say(client, get(uri));
         engine.poll(100);
         EXPECT_FALSE(waits_without_descriptor(&only_connection(engine))) << uri;
         EXPECT_FALSE(has_hidden_input(&only_connection(engine))) << uri;
-        EXPECT_GT(engine.exchange_on(client.get(), "").size(), 100000U);
+        EXPECT_GT(engine.exchange_on(client, "").size(), 100000U);
     }
 }
 
-TEST(Connections, AFileThatShrinksWhileItIsSentEndsItsReply) {
-    test_engine engine;
+TEST_F(Connections, AFileThatShrinksWhileItIsSentEndsItsReply) {
     const auto file = engine.root.write("big", std::string(4 << 20, 'b'));
     const unique_fd client = engine.connect();
-    const std::string request = get("/big");
-    ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+    engine.say(client, get("/big"));
     engine.poll(20);
     ASSERT_EQ(truncate(file.c_str(), 10), 0);
-    const std::string reply = engine.exchange_on(client.get(), "");
+    const std::string reply = engine.exchange_on(client, "");
     EXPECT_LT(reply.size(), std::size_t{4} << 20);
     EXPECT_EQ(engine.ended, connection_end::closed);
 }
 
-TEST(Connections, AClientThatTakesNothingMoreEndsItsDownload) {
+TEST_F(Connections, AClientThatTakesNothingMoreEndsItsDownload) {
     (void)std::signal(SIGPIPE, SIG_IGN);  // as the daemon does
-    test_engine engine;
     engine.root.write("big", std::string(4 << 20, 'b'));
     for (const int passes : {0, 20}) {
         const unique_fd client = engine.connect();
-        const std::string request = get("/big");
-        ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+        engine.say(client, get("/big"));
         engine.poll(passes);
         EXPECT_EQ(shutdown(client.get(), SHUT_RD), 0);
         std::string taken(1 << 20, '\0');
@@ -254,23 +214,18 @@ TEST(Connections, AClientThatTakesNothingMoreEndsItsDownload) {
     }
 }
 
-TEST(Connections, ASocketWithoutAPeerIsClosedAndTold) {
-    test_engine engine;
+TEST_F(Connections, ASocketWithoutAPeerIsClosedAndTold) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    testing::internal::CaptureStderr();
-    shttpd_add_socket(engine.ctx, fd, true, false);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([&] { shttpd_add_socket(engine.ctx, fd, true, false); }),
               "add_socket: Transport endpoint is not connected\n");
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
 }
 
-TEST(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {
-    test_engine engine;
+TEST_F(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {
     engine.root.write("big", std::string(4 << 20, 'b'));
     engine.root.write("small", "content");
-    int farewells = 0;
-    shttpd_register_uri(engine.ctx, "/silent", says_nothing, &farewells);
+    shttpd_register_uri(engine.ctx, "/silent", says_nothing, nullptr);
     ASSERT_EQ(lent_buffers(), 0U);
     const std::vector<std::pair<std::string, std::size_t>> rows = {
         {"", 0},                                      // has said nothing yet
@@ -285,8 +240,7 @@ TEST(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {
     };
     for (const auto& [bytes, held] : rows) {
         const unique_fd client = engine.connect();
-        ASSERT_EQ(send(client.get(), bytes.data(), bytes.size(), 0),
-                  static_cast<ssize_t>(bytes.size()));
+        engine.say(client, bytes);
         engine.poll(20);
         EXPECT_EQ(lent_buffers(), held) << bytes.substr(0, 30);
         end_connection(&only_connection(engine));
@@ -295,12 +249,12 @@ TEST(Buffers, AreHeldOnlyWhileBytesAreUnderWay) {
     // A login does not outlive its request in one of them.
     const auto size = static_cast<std::size_t>(engine.ctx->io_buf_size);
     for (char* buffer : {lend_buffer(size), lend_buffer(size), lend_buffer(size)}) {
-        EXPECT_EQ(std::string_view(buffer, size).find("c2VjcmV0"), std::string_view::npos);
+        EXPECT_FALSE(contains(std::string_view(buffer, size), "c2VjcmV0"));
         take_back_buffer(buffer, size);
     }
 }
 
-TEST(Buffers, EndInASpareZeroByteWhateverTheyHeld) {
+TEST(BufferPool, EndInASpareZeroByteWhateverTheyHeld) {
     for (const std::size_t size : {std::size_t{1024}, std::size_t{4096}, std::size_t{1024}}) {
         std::vector<char*> lent;
         for (int round = 0; round < 2; ++round) {
@@ -320,9 +274,8 @@ TEST(Buffers, EndInASpareZeroByteWhateverTheyHeld) {
     free_idle_buffers();
 }
 
-TEST(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
-    test_engine engine;
-    char data[] = "mine";
+TEST_F(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
+    static char data[] = "mine";
     shttpd_handle_error(engine.ctx, 404, tells_user_data, data);
     for (const auto& [with_header, said] : {std::pair(false, "data"), std::pair(true, "none")}) {
         const unique_fd client = engine.connect();
@@ -335,7 +288,7 @@ TEST(Errors, TheFormWithAHeaderStartsHandlersWithoutTheirData) {
         }
         c.remote.set(sf_parsed);
         ASSERT_TRUE(process_connection(&c));
-        EXPECT_EQ(engine.exchange_on(client.get(), ""), said);
+        EXPECT_EQ(engine.exchange_on(client, ""), said);
         end_connection(&c);
     }
 }
@@ -351,66 +304,42 @@ TEST(HiddenInput, IsLookedForUntilTheReplyIsComplete) {
     EXPECT_FALSE(has_hidden_input(&c));
 }
 
-TEST(Files, AreReleasedWhenDescriptorsRunOut) {
-    test_engine engine;
+TEST_F(Files, AreReleasedWhenDescriptorsRunOut) {
     engine.root.write("one", "1");
     engine.root.write("two", "2");
     const unique_fd client = engine.connect();
-    EXPECT_EQ(body_of(engine.exchange_on(client.get(), get("/one"))), "1");  // stays open
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const auto forbid_more = [&] {
-        const rlimit none{static_cast<rlim_t>(unique_fd(dup(0)).get()), limit.rlim_max};
-        return setrlimit(RLIMIT_NOFILE, &none);
-    };
-    ASSERT_EQ(forbid_more(), 0);
-    const std::string reply = engine.exchange_on(client.get(), get("/two"));
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    EXPECT_EQ(body_of(reply), "2");
+    EXPECT_EQ(body_of(engine.exchange_on(client, get("/one"))), "1");  // stays open
+    {
+        const lowered_limit no_more(RLIMIT_NOFILE, next_descriptor());
+        EXPECT_EQ(body_of(engine.exchange_on(client, get("/two"))), "2");
+    }
     // So they are when a client can't be accepted.
-    sockaddr_in here{};
-    here.sin_family = AF_INET;
-    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* address = reinterpret_cast<sockaddr*>(&here);
-    socklen_t length = sizeof here;
-    unique_fd probe(socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_EQ(bind(probe.get(), address, length), 0);
-    ASSERT_EQ(getsockname(probe.get(), address, &length), 0);
-    probe.reset();
-    ASSERT_GE(shttpd_listen(engine.ctx, ntohs(here.sin_port), false, true), 0);
-    const unique_fd waiting(socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_EQ(connect(waiting.get(), address, length), 0);
-    ASSERT_EQ(forbid_more(), 0);
+    loopback_listener here;
+    here.fd.reset();
+    ASSERT_GE(shttpd_listen(engine.ctx, here.port(), false, true), 0);
+    const unique_fd waiting = here.client();
+    const lowered_limit no_more(RLIMIT_NOFILE, next_descriptor());
     engine.poll();
-    const unique_fd room(dup(0));
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    EXPECT_TRUE(room);
+    EXPECT_TRUE(unique_fd(dup(0)));
 }
 
-TEST(Files, AFullDiskIsLoggedAndAnAbortedUploadIsNoSuccess) {
-    test_engine engine;
+TEST_F(Files, AFullDiskIsLoggedAndAnAbortedUploadIsNoSuccess) {
     std::filesystem::create_symlink("/dev/full", engine.root.path() / "full");
     engine.ctx->error_log = std::fopen((engine.root.path() / "error.log").c_str(), "ae");
     engine.ctx->access_log = std::fopen((engine.root.path() / "access.log").c_str(), "ae");
     EXPECT_TRUE(engine.exchange(make_request("PUT", "/full", "x")).starts_with("HTTP/1.1 200 OK"));
     std::fflush(engine.ctx->error_log);
-    EXPECT_NE(read_whole_file(engine.root.path() / "error.log")
-                  .find("upload not written: No space left on device"),
-              std::string::npos);
+    EXPECT_TRUE(contains(read_whole_file(engine.root.path() / "error.log"),
+                         "upload not written: No space left on device"));
     engine.exchange("PUT /half HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", 3);
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
     std::fflush(engine.ctx->access_log);
     const std::string lines = read_whole_file(engine.root.path() / "access.log");
-    EXPECT_NE(lines.find("PUT /full HTTP/1.1 op=unknown from=- namespace=plx\" 200 "),
-              std::string::npos)
-        << lines;
-    EXPECT_NE(lines.find("PUT /half HTTP/1.1 op=unknown from=- namespace=plx\" 0 "),
-              std::string::npos)
-        << lines;
+    EXPECT_TRUE(contains(lines, "PUT /full HTTP/1.1 op=unknown from=- namespace=plx\" 200 "));
+    EXPECT_TRUE(contains(lines, "PUT /half HTTP/1.1 op=unknown from=- namespace=plx\" 0 "));
 }
 
-TEST(Uris, AreBoundedTogetherWithTheirRoot) {
-    test_engine engine;
+TEST_F(Uris, AreBoundedTogetherWithTheirRoot) {
     engine.ctx->io_buf_size = 65536;
     const std::size_t most = 32767 - engine.root.path().string().size();
     for (const auto& [length, said] :
@@ -419,8 +348,7 @@ TEST(Uris, AreBoundedTogetherWithTheirRoot) {
     }
 }
 
-TEST(Uris, ADeepUploadMakesItsDirectoriesInOneWalk) {
-    test_engine engine;
+TEST_F(Uris, ADeepUploadMakesItsDirectoriesInOneWalk) {
     std::string folders;
     for (int i = 0; i < 300; ++i) {
         folders += "/a";
@@ -437,8 +365,7 @@ TEST(Uris, ADeepUploadMakesItsDirectoriesInOneWalk) {
 }
 
 // Whatever stands behind a file, finding it takes few looks at the file system.
-TEST(Uris, PathInformationIsFoundInFewSteps) {
-    test_engine engine;
+TEST_F(Uris, PathInformationIsFoundInFewSteps) {
     engine.root.write("sub/file", "content");
     engine.root.write("ab", "two letters");
     engine.root.write("a", "one letter");

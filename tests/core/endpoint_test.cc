@@ -2,13 +2,6 @@
 // long replies, and answers that wait.
 #include "core/endpoint.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <memory>
-#include <string>
-
-#include "core/connection.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
@@ -84,7 +77,7 @@ class endpoints : public testing::Test {
 TEST_F(endpoints, AreAdmittedInOrder) {
     EXPECT_EQ(ask("POST", "/post", "text=a%20b"), head + "<a b>");
     // A pipelined request behind the body is no part of the last variable.
-    EXPECT_EQ(ask("POST", "/post", "x=1&text=z" + make_request("GET", "/")).substr(0, 19), head);
+    EXPECT_EQ(ask("POST", "/post", "x=1&text=z" + get("/")).substr(0, 19), head);
     const std::string too_big(40000, 'x');
     EXPECT_EQ(body_of(ask("POST", "/post", too_big)), "Request is too big");
     EXPECT_EQ(body_of(ask("GET", "/get", too_big)), "Request is too big");
@@ -99,10 +92,9 @@ TEST_F(endpoints, AreAdmittedInOrder) {
 
 TEST_F(endpoints, AreAdmittedAnewUntilTheBodyIsThere) {
     const unique_fd client = engine.connect();
-    EXPECT_EQ(engine.exchange_on(client.get(), "POST /post HTTP/1.1\r\nContent-Length: 6\r\n\r\n"),
-              "");
+    EXPECT_EQ(engine.exchange_on(client, "POST /post HTTP/1.1\r\nContent-Length: 6\r\n\r\n"), "");
     closed = true;
-    EXPECT_EQ(body_of(engine.exchange_on(client.get(), "text=a")), "Closed");
+    EXPECT_EQ(body_of(engine.exchange_on(client, "text=a")), "Closed");
 }
 
 TEST_F(endpoints, RepliesOfAnyLengthArriveWhole) {
@@ -111,19 +103,19 @@ TEST_F(endpoints, RepliesOfAnyLengthArriveWhole) {
 
 TEST_F(endpoints, AnAnswerThatWaitsIsCalledAgainWhenItsThingHasCome) {
     const unique_fd client = engine.connect();
-    EXPECT_EQ(engine.exchange_on(client.get(), make_request("POST", "/wait", "x=1")), "");
+    EXPECT_EQ(engine.exchange_on(client, make_request("POST", "/wait", "x=1")), "");
     ASSERT_NE(waiter::current, nullptr);
     EXPECT_EQ(waiter::current->calls, 0) << "nothing is called in vain";
     closed = true;  // what has been admitted stays so
     visit_soon(waiter::current->connection);
-    EXPECT_EQ(engine.exchange_on(client.get(), ""), "");
+    EXPECT_EQ(engine.exchange_on(client, ""), "");
     waiter::current->come = true;
     visit_soon(waiter::current->connection);
-    EXPECT_EQ(engine.exchange_on(client.get(), ""), head + "2");
+    EXPECT_EQ(engine.exchange_on(client, ""), head + "2");
 }
 
 TEST_F(endpoints, AWaitEndsWithItsClient) {
-    { (void)engine.exchange_on(engine.connect().get(), make_request("POST", "/wait", "x=1")); }
+    { (void)engine.exchange_on(engine.connect(), make_request("POST", "/wait", "x=1")); }
     engine.poll();
     EXPECT_EQ(waiter::current, nullptr);
     EXPECT_EQ(shttpd_active(engine.ctx), 0);

@@ -1,30 +1,12 @@
 // Proves the engine's contract in one process: embedded handlers, keep-alive, pipelining, bodies,
 // early errors, error handlers, files, PUT and DELETE, and that nothing is left behind.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
-#include <limits>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include "core/connection.h"
 #include "core/endpoint.h"
-#include "core/globals.h"
 #include "core/loop_watch.h"
 #include "core/pass_work.h"
-#include "core/shttpd.h"
 #include "handlers/io_emb.h"
 #include "handlers/io_file.h"
 #include "tests/support/engine_fixture.h"
@@ -57,14 +39,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec* result) noexcept {
 
 namespace {
 
-std::ptrdiff_t descriptors_in_use() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-std::string get(std::string_view uri) {
-    return make_request("GET", uri);
-}
-
 void say_hello(shttpd_call_arg* arg) {
     if ((arg->flags & ARG_CONNECTION_ERROR) != 0) {
         return;
@@ -86,6 +60,11 @@ void never_ends(shttpd_call_arg* arg) {
     std::memset(arg->out.ptr, 'x', static_cast<std::size_t>(arg->out.len));
     arg->out.used = arg->out.len;
 }
+
+using Embedded = engine_test;
+using Engine = engine_test;
+using Files = engine_test;
+using Listings = engine_test;
 
 TEST(Patterns, GreedyFirstAndWithoutBacktracking) {
     const test_engine engine(true);
@@ -151,16 +130,15 @@ TEST(Headers, CanBeLookedUpAnyNumberOfTimes) {
     }
 }
 
-TEST(Engine, ARequestSplitAtEveryByteIsTheSameRequest) {
-    test_engine engine;
+TEST_F(Engine, ARequestSplitAtEveryByteIsTheSameRequest) {
     engine.root.write("f", "content");
     const unique_fd client = engine.connect();
     const std::string three = get("/f") + "HEAD /f HTTP/1.1\r\n\r\n" + get("/f");
     std::string reply;
     for (const char byte : three) {
-        reply += engine.exchange_on(client.get(), {&byte, 1}, 1);
+        reply += engine.exchange_on(client, {&byte, 1}, 1);
     }
-    reply += engine.exchange_on(client.get(), "");
+    reply += engine.exchange_on(client, "");
     const std::size_t half = reply.find("\r\n\r\ncontentHTTP/1.1 200 OK\r\n");
     EXPECT_NE(half, std::string::npos);
     // HEAD sends headers only.
@@ -168,25 +146,23 @@ TEST(Engine, ARequestSplitAtEveryByteIsTheSameRequest) {
               reply.substr(0, half + 11) + reply.substr(0, half + 4) + reply.substr(0, half + 11));
 }
 
-TEST(Engine, EarlyErrorsAreAnsweredBySilence) {
-    test_engine engine;
+TEST_F(Engine, EarlyErrorsAreAnsweredBySilence) {
     engine.root.write("f", "content");
     const std::vector<std::string> silent = {
         "FOO / HTTP/1.1\r\n\r\n", "GET /\r\n\r\n", "GET / HTTP/1.1\r\nA:\tb\r\n\r\n",
         "GET /" + std::string(20000, 'a') + " HTTP/1.1\r\n\r\n"};
     for (const std::string& bytes : silent) {
         const unique_fd client = engine.connect();
-        EXPECT_EQ(engine.exchange_on(client.get(), bytes), "") << bytes.substr(0, 40);
+        EXPECT_EQ(engine.exchange_on(client, bytes), "") << bytes.substr(0, 40);
         // Nor is anything behind the error taken for a request.
-        EXPECT_EQ(engine.exchange_on(client.get(), get("/f")), "");
+        EXPECT_EQ(engine.exchange_on(client, get("/f")), "");
         EXPECT_EQ(shttpd_active(engine.ctx), 1);
     }
     engine.poll();
     EXPECT_EQ(shttpd_active(engine.ctx), 0);
 }
 
-TEST(Engine, DeliveredErrorsHaveTheirExactText) {
-    test_engine engine;
+TEST_F(Engine, DeliveredErrorsHaveTheirExactText) {
     std::filesystem::create_directory(engine.root.path() / "dir");
     engine.root.write("f", "0123456789");
     engine.root.write("pub/.dovmaaccess", "x:user\n");
@@ -222,8 +198,7 @@ TEST(Engine, DeliveredErrorsHaveTheirExactText) {
     EXPECT_EQ(descriptors_in_use(), before);
 }
 
-TEST(Files, RangesEndOneByteEarly) {
-    test_engine engine;
+TEST_F(Files, RangesEndOneByteEarly) {
     std::string content;
     for (int i = 0; i < 1000; ++i) {
         content += static_cast<char>('a' + i % 26);
@@ -244,7 +219,7 @@ TEST(Files, RangesEndOneByteEarly) {
     const unique_fd client = engine.connect();
     for (const row& r : rows) {
         const std::string reply = engine.exchange_on(
-            client.get(), std::string("GET /f HTTP/1.1\r\nRange: ") + r.range + "\r\n\r\n");
+            client, std::string("GET /f HTTP/1.1\r\nRange: ") + r.range + "\r\n\r\n");
         const bool partial = !r.content_range.empty();
         EXPECT_TRUE(reply.starts_with(partial ? "HTTP/1.1 206 Partial Content\r\n"
                                               : "HTTP/1.1 200 OK\r\n"));
@@ -252,14 +227,12 @@ TEST(Files, RangesEndOneByteEarly) {
         const std::string line =
             "bytes\r\n" + (partial ? "Content-Range: bytes " + r.content_range + "/1000\r\n" : "") +
             "\r\n";
-        EXPECT_NE(reply.find("Accept-Ranges: " + line), std::string::npos) << reply;
-        EXPECT_NE(reply.find("Content-Length: " + std::to_string(r.length) + "\r\n"),
-                  std::string::npos);
+        EXPECT_TRUE(contains(reply, "Accept-Ranges: " + line));
+        EXPECT_TRUE(contains(reply, "Content-Length: " + std::to_string(r.length) + "\r\n"));
     }
 }
 
-TEST(Files, PutStoresExactlyTheBodyAndCloses) {
-    test_engine engine;
+TEST_F(Files, PutStoresExactlyTheBodyAndCloses) {
     const std::string body(70000, 'p');
     const std::string request =
         make_request("PUT", "/a/b/new.bin", body) + get("/a/b/new.bin");  // pipelined: dropped
@@ -282,8 +255,7 @@ TEST(Files, PutStoresExactlyTheBodyAndCloses) {
               "HTTP/1.1 500 PUT Directory Error\r\n\r\n500 PUT Directory Error");
 }
 
-TEST(Engine, NothingBehindABodyOfDoubtfulLengthIsARequest) {
-    test_engine engine;
+TEST_F(Engine, NothingBehindABodyOfDoubtfulLengthIsARequest) {
     engine.root.write("f", "content");
     const std::vector<std::pair<const char*, bool>> rows = {
         {"Content-Length: 0\r\n", true},
@@ -299,13 +271,12 @@ TEST(Engine, NothingBehindABodyOfDoubtfulLengthIsARequest) {
     }
 }
 
-TEST(Embedded, AHandlerHearsOfALostConnectionOnce) {
-    test_engine engine;
+TEST_F(Embedded, AHandlerHearsOfALostConnectionOnce) {
     shttpd_register_uri(engine.ctx, "/endless", never_ends, nullptr);
     farewells = 0;
     {
         const unique_fd client = engine.connect();
-        EXPECT_NE(engine.exchange_on(client.get(), get("/endless"), 1), "");
+        EXPECT_NE(engine.exchange_on(client, get("/endless"), 1), "");
     }
     engine.poll(5);
     EXPECT_EQ(farewells, 1);
@@ -325,8 +296,7 @@ void tells_versions(shttpd_call_arg* arg) {
     arg->flags |= ARG_END_OF_OUTPUT;
 }
 
-TEST(Embedded, HandlersKnowTheRequestAndTheVersions) {
-    test_engine engine;
+TEST_F(Embedded, HandlersKnowTheRequestAndTheVersions) {
     shttpd_protect_uri(engine.ctx, "/versions", "/none");  // nothing consults it
     shttpd_register_uri(engine.ctx, "/versions", tells_versions, nullptr);
     EXPECT_EQ(body_of(engine.exchange("GET /versions HTTP/1.0\r\n\r\n")),
@@ -334,20 +304,18 @@ TEST(Embedded, HandlersKnowTheRequestAndTheVersions) {
     EXPECT_EQ(body_of(engine.exchange(get("/versions?a=b"))), "1.0, 1.1 GET /versions a=b - -");
 }
 
-TEST(Embedded, ErrorHandlersReplaceTheReply) {
-    test_engine engine;
-    char data[] = "mine";
+TEST_F(Embedded, ErrorHandlersReplaceTheReply) {
+    static char data[] = "mine";
     shttpd_handle_error(engine.ctx, 404, say_hello, data);
     EXPECT_EQ(engine.exchange(get("/none")), "HTTP/1.1 203 Hi\r\n\r\nmine");
     EXPECT_EQ(engine.exchange(get("/x") + get("/y")), "HTTP/1.1 203 Hi\r\n\r\nmine");
 }
 
-TEST(Engine, ConnectionsExpireOnlyWithoutProgress) {
-    test_engine engine;
+TEST_F(Engine, ConnectionsExpireOnlyWithoutProgress) {
     engine.root.write("f", "content");
     const unique_fd idle = engine.connect();
     const unique_fd half = engine.connect();
-    EXPECT_EQ(engine.exchange_on(half.get(), "GET /f HT"), "");
+    EXPECT_EQ(engine.exchange_on(half, "GET /f HT"), "");
     EXPECT_EQ(shttpd_active(engine.ctx), 2);
     // Expiry times are moved instead of the clock, which every pass reads afresh.
     for (conn& c : engine.ctx->connections) {
@@ -365,10 +333,9 @@ void think_long(shttpd_call_arg* arg) {
     show_success(arg);
 }
 
-TEST(Engine, LongPassesAreToldWithTheirCause) {
+TEST_F(Engine, LongPassesAreToldWithTheirCause) {
     static constexpr endpoint row = {"/think", endpoint_method::any, endpoint_body::ignored,
                                      think_long};
-    test_engine engine;
     register_endpoints(engine.ctx, {&row, 1});
     log_longest_pass(engine.ctx);  // of earlier tests
     const std::filesystem::path log = engine.root.path() / "log";
@@ -407,16 +374,15 @@ void spend_login_time(shttpd_call_arg* arg) {
     show_success(arg);
 }
 
-TEST(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
+TEST_F(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
     static constexpr endpoint row = {"/spend", endpoint_method::any, endpoint_body::ignored,
                                      spend_login_time};
-    test_engine engine;
     register_endpoints(engine.ctx, {&row, 1});
     const std::string login = "GET /spend HTTP/1.1\r\nAuthorization: Basic eDp5\r\n\r\n";
     std::vector<unique_fd> clients;
     for (const std::string& request : {login, login, login, get("/world/ping")}) {
         clients.push_back(engine.connect());
-        EXPECT_GT(send(clients.back().get(), request.data(), request.size(), 0), 0);
+        engine.say(clients.back(), request);
     }
     other_client = clients.back().get();
     const auto answered = [&] {
@@ -434,7 +400,7 @@ TEST(Engine, LoginsBeyondTheirShareOfAPassWaitInTheirOrder) {
     }
 }
 
-TEST(Engine, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
+TEST(PassWork, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
     frozen_us = 1000;
     const auto spend = [](pass_work kind, std::int64_t us) {
         const pass_work_timer time(kind);
@@ -458,8 +424,7 @@ TEST(Engine, KindsOfWorkThatCanWaitShareAPassAndNoneKeepsAnotherOut) {
 }
 
 // A cut address would lead elsewhere.
-TEST(Engine, RedirectsAreWholeOrRefused) {
-    test_engine engine;
+TEST_F(Engine, RedirectsAreWholeOrRefused) {
     engine.ctx->io_buf_size = 1024;
     std::string path;
     for (int i = 0; i < 4; ++i) {
@@ -474,8 +439,24 @@ TEST(Engine, RedirectsAreWholeOrRefused) {
     }
 }
 
-TEST(Engine, TheCountOfConnectionsStopsAtItsLargestValue) {
-    test_engine engine;
+TEST_F(Listings, CanNotBeOpenedWithoutDescriptors) {
+    std::filesystem::create_directory(engine.root.path() / "d");
+    const unique_fd client = engine.connect();
+    engine.poll();
+    const lowered_limit no_more(RLIMIT_NOFILE, next_descriptor());
+    EXPECT_EQ(engine.exchange_on(client, get("/d/")),
+              "HTTP/1.1 500 Cannot open directory\r\n\r\n500 Cannot open directory");
+}
+
+TEST_F(Listings, AreNoneForHead) {
+    std::filesystem::create_directory(engine.root.path() / "d");
+    const std::string whole = engine.exchange(get("/d/"));
+    const std::string head = engine.exchange(make_request("HEAD", "/d/"));
+    EXPECT_EQ(head, whole.substr(0, whole.find("\r\n\r\n") + 4));
+    EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK\r\n"));
+}
+
+TEST_F(Engine, TheCountOfConnectionsStopsAtItsLargestValue) {
     engine.ctx->accepted_connections = std::numeric_limits<int>::max() - 1;
     for (int i = 0; i < 2; ++i) {
         EXPECT_NE(engine.exchange(get("/none")), "");
@@ -484,15 +465,14 @@ TEST(Engine, TheCountOfConnectionsStopsAtItsLargestValue) {
 }
 
 // Even one that comes while the loop waits.
-TEST(Engine, AStepOfTheSystemsTimeEndsNoConnectionAndReachesTheNextReply) {
-    test_engine engine;
+TEST_F(Engine, AStepOfTheSystemsTimeEndsNoConnectionAndReachesTheNextReply) {
     engine.root.write("f", "content");
     const unique_fd client = engine.connect();
     for (const std::time_t step : {86400, -86400}) {
         std::thread sender([&] {
             usleep(20000);
             wall_clock_step = step;
-            EXPECT_GT(send(client.get(), get("/f").data(), get("/f").size(), 0), 0);
+            engine.say(client, get("/f"));
         });
         char byte = 0;
         while (recv(client.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) <= 0) {
@@ -500,7 +480,7 @@ TEST(Engine, AStepOfTheSystemsTimeEndsNoConnectionAndReachesTheNextReply) {
         }
         EXPECT_NEAR(static_cast<double>(current_time - std::time(nullptr)), 0, 60);
         sender.join();
-        EXPECT_EQ(body_of(engine.exchange_on(client.get(), "")), "content");
+        EXPECT_EQ(body_of(engine.exchange_on(client, "")), "content");
         EXPECT_EQ(shttpd_active(engine.ctx), 1);
     }
     wall_clock_step = 0;

@@ -1,13 +1,9 @@
 // Proves that the intrusive list behaves as a std::list does.
 #include "core/list.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
 #include <list>
-#include <random>
-#include <vector>
+
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -1,14 +1,6 @@
 // Proves the choice of a content type and the reading of a types file.
 #include "core/mime_type.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "core/context.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {

@@ -2,26 +2,14 @@
 // signals.
 #include "core/poll_set.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <map>
-#include <random>
-#include <set>
-#include <vector>
 
 #include "core/compat_unix.h"
 #include "core/globals.h"
-#include "lib/unique_fd.h"
+#include "tests/support/testing.h"
 
 namespace {
 
@@ -116,9 +104,7 @@ TEST_P(PollSet, HoldsExactlyItsLimitAndSinksWhenASlotIsTakenAgain) {
     put_poll_index(1234);
     EXPECT_EQ(get_poll_index(5), 1234);
     EXPECT_EQ(get_poll_index(5), -1);
-    testing::internal::CaptureStderr();
-    put_poll_index(32768);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([] { put_poll_index(32768); }),
               "Trying to free invalid poll index = 32768\n\n");
     for (int i = 10; i < max_poll_slots; ++i) {
         put_poll_index(i);
@@ -220,10 +206,9 @@ TEST_P(PollSet, AgreesWithPollOverDescriptorsThatComeAndGo) {
         for (auto step = random() % 6; step > 0; --step) {
             const auto action = model.size() < 3 ? 0 : random() % 8;
             if (action <= 1 && model.size() < 100) {
-                int ends[2] = {-1, -1};
-                ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-                const int index = get_poll_index(ends[0]);
-                model[index] = {.ours = unique_fd(ends[0]), .theirs = unique_fd(ends[1])};
+                auto [ours, theirs] = connected_pair();
+                const int index = get_poll_index(ours.get());
+                model[index] = {.ours = std::move(ours), .theirs = std::move(theirs)};
             } else if (action == 2) {
                 const auto gone = pick();
                 if (random() % 3 == 0) {
@@ -323,19 +308,12 @@ TEST_P(PollSet, WhatCannotBeWaitedForIsReadyAtOnce) {
 }
 
 TEST_P(PollSet, WaitsWithPollWhereEpollCannotBeMade) {
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const unique_fd next(dup(0));
-    // One descriptor is left, for waking.
-    const rlimit tight = {.rlim_cur = static_cast<rlim_t>(next.get()) + 2,
-                          .rlim_max = before.rlim_max};
-    testing::internal::CaptureStderr();
-    setrlimit(RLIMIT_NOFILE, &tight);
-    init_poll_fd_set();
-    setrlimit(RLIMIT_NOFILE, &before);
-    const bool said =
-        testing::internal::GetCapturedStderr() == "epoll: Too many open files, waiting with poll\n";
-    EXPECT_EQ(said, GetParam() == wait_source::epoll);
+    const std::string said = stderr_of([] {
+        const lowered_limit one_more(RLIMIT_NOFILE, next_descriptor() + 1);  // for waking
+        init_poll_fd_set();
+    });
+    EXPECT_EQ(said == "epoll: Too many open files, waiting with poll\n",
+              GetParam() == wait_source::epoll);
     EXPECT_EQ(current_wait_source(), wait_source::poll);
     const pipe_pair ready;
     const int index = get_poll_index(ready.out.get());
@@ -351,17 +329,13 @@ TEST_P(PollSet, AWaitThatTheKernelRefusesIsLoggedOnce) {
     for (int i = 0; i < 64; ++i) {
         (void)get_poll_index(0);
     }
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit tiny = {.rlim_cur = 40, .rlim_max = before.rlim_max};
-    testing::internal::CaptureStderr();
-    setrlimit(RLIMIT_NOFILE, &tiny);
-    EXPECT_EQ(wait_for_events(0), -1);
-    EXPECT_EQ(wait_for_events(0), -1);
-    setrlimit(RLIMIT_NOFILE, &before);
+    const std::string said = stderr_of([] {
+        const lowered_limit tiny(RLIMIT_NOFILE, 40);
+        EXPECT_EQ(wait_for_events(0), -1);
+        EXPECT_EQ(wait_for_events(0), -1);
+    });
     EXPECT_GE(wait_for_events(0), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "poll of 64 descriptors failed: Invalid argument\n");
+    EXPECT_EQ(said, "poll of 64 descriptors failed: Invalid argument\n");
 }
 
 }  // namespace

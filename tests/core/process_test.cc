@@ -1,51 +1,13 @@
 // Proves what children get and what they don't: environment, descriptors, signals, their end; and
 // the environment block against a model.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <ctime>
-#include <random>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "core/cgi_env.h"
 #include "core/child.h"
 #include "core/compat_unix.h"
-#include "core/connection.h"
-#include "core/context.h"
-#include "core/globals.h"
-#include "lib/unique_fd.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
-
-struct child_io {
-    unique_fd ours;
-    int theirs = -1;  // handed over to spawn_process
-    child_io() {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        ours.reset(ends[0]);
-        theirs = ends[1];
-    }
-    // Everything until the child has closed its end.
-    [[nodiscard]] std::string read_all() const {
-        std::string text;
-        char buffer[4096];
-        for (ssize_t n = 0; (n = read(ours.get(), buffer, sizeof buffer)) > 0;) {
-            text.append(buffer, static_cast<std::size_t>(n));
-        }
-        return text;
-    }
-};
 
 class Children : public testing::Test {
   protected:
@@ -53,21 +15,26 @@ class Children : public testing::Test {
     ~Children() override { std::fclose(ctx_.error_log); }
 
     // Runs a program to its end and returns what it wrote.
-    std::string run(const std::string& program, process_record* record, std::string folder = "") {
-        const child_io io;
+    std::string run(const std::string& program, std::string folder = "") {
+        auto [ours, given] = connected_pair();
+        const int theirs = given.release();  // spawn_process closes it
         folder = folder.empty() ? folder_.path().string() : folder;
         char variable[] = "COLOUR=blue";
         char* environment[] = {variable, nullptr};
         EXPECT_EQ(spawn_process({.ctx = &ctx_,
                                  .program = program.c_str(),
                                  .environment = environment,
-                                 .fd = io.theirs,
+                                 .fd = theirs,
                                  .directory = folder.c_str(),
-                                 .record = record}),
+                                 .record = &record_}),
                   0);
-        EXPECT_EQ(fcntl(io.theirs, F_GETFD), -1) << "the parent's end stays open";
-        std::string output = io.read_all();
-        EXPECT_EQ(waitpid(record->pid, &status_, 0), record->pid);
+        EXPECT_EQ(fcntl(theirs, F_GETFD), -1) << "the parent's end stays open";
+        std::string output;
+        char buffer[4096];
+        for (ssize_t n = 0; (n = read(ours.get(), buffer, sizeof buffer)) > 0;) {
+            output.append(buffer, static_cast<std::size_t>(n));
+        }
+        EXPECT_EQ(waitpid(record_.pid, &status_, 0), record_.pid);
         return output;
     }
 
@@ -87,6 +54,7 @@ class Children : public testing::Test {
     temporary_folder folder_;
     std::filesystem::path error_path_ = folder_.write("error.log", "");
     shttpd_ctx ctx_;
+    process_record record_;
     int status_ = -1;
 };
 
@@ -96,7 +64,6 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, &before);
     const unique_fd leak(open("/dev/null", O_RDONLY));  // not close-on-exec
-    process_record record;
     const auto script =
         folder_.write("show.sh",
                       "#!/bin/sh\necho $0 $COLOUR $HOME.; pwd -P; echo to-the-log >&2\n"
@@ -105,13 +72,13 @@ TEST_F(Children, GetStreamsDirectoryEnvironmentAndNothingElse) {
                       "  if [ -e /proc/$$/fd/$fd ]; then echo $fd; fi\n"
                       "done\n");
     EXPECT_EQ(chmod(script.c_str(), 0755), 0);
-    const std::string output = run(script, &record);
+    const std::string output = run(script);
     sigaction(SIGPIPE, &before, nullptr);
     EXPECT_LT(leak.get(), 10);
     EXPECT_EQ(output, "show.sh blue .\n" + std::filesystem::canonical(folder_.path()).string() +
                           "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n");
     EXPECT_EQ(read_whole_file(error_path_), "to-the-log\n");
-    EXPECT_STREQ(record.name, "show.sh");
+    EXPECT_STREQ(record_.name, "show.sh");
     EXPECT_EQ(status_, 0);
 }
 
@@ -125,31 +92,28 @@ TEST_F(Children, DoNotBlockTheSignalsThatTheirParentBlocks) {
                                       "\"/proc/self/status\" > 0) if (/^SigBlk/) print }\n");
     EXPECT_EQ(chmod(script.c_str(), 0755), 0);
     sigprocmask(SIG_BLOCK, &blocked, &mask);
-    process_record record;
-    const std::string output = run(script, &record);
+    const std::string output = run(script);
     sigprocmask(SIG_SETMASK, &mask, nullptr);
     EXPECT_EQ(output, "SigBlk:\t0000000000000000\n");
 }
 
 TEST_F(Children, AreRunByTheInterpreterWhenOneIsSet) {
     ctx_.cgi_interpreter = "/bin/echo";
-    process_record record;
-    EXPECT_EQ(run(folder_.path() / "some.script", &record), "some.script\n");
+    EXPECT_EQ(run(folder_.path() / "some.script"), "some.script\n");
     ctx_.cgi_interpreter = "/no/such/interpreter";
-    EXPECT_EQ(run("/x/some.script", &record), "");
+    EXPECT_EQ(run("/x/some.script"), "");
     EXPECT_EQ(logged(), "redirect: exec(/no/such/interpreter /x/some.script)\n");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
 }
 
 TEST_F(Children, ThatCannotStartSaySoInTheErrorLog) {
-    process_record record;
     const std::string long_name(100, 'n');
-    EXPECT_EQ(run("/x/" + long_name, &record), "");
+    EXPECT_EQ(run("/x/" + long_name), "");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
-    EXPECT_EQ(record.name, long_name.substr(0, 63));
-    EXPECT_EQ(run("plain", &record, "/no/such/folder"), "");
+    EXPECT_EQ(record_.name, long_name.substr(0, 63));
+    EXPECT_EQ(run("plain", "/no/such/folder"), "");
     EXPECT_EQ(WEXITSTATUS(status_), 1);
-    EXPECT_STREQ(record.name, "plain");
+    EXPECT_STREQ(record_.name, "plain");
     EXPECT_EQ(logged(), "redirect: exec(/x/" + long_name +
                             ")\nredirect: chdir(/no/such/folder): No such file or directory\n");
 }
@@ -197,20 +161,13 @@ TEST(SignalHandler, ReapsAllChildrenAndKeepsErrno) {
 }
 
 TEST(Descriptors, AreClosedFromTheLowestUpwards) {
-    const child_io io;
-    const unique_fd theirs(io.theirs);
+    const auto ends = connected_pair();
     EXPECT_EQ(set_non_blocking_mode(-1), -1);
-    const pid_t child = fork();
-    if (child == 0) {
-        close_descriptors_from(io.ours.get());
-        const bool right = fcntl(io.ours.get(), F_GETFD) == -1 &&
-                           fcntl(theirs.get(), F_GETFD) == -1 &&
-                           fcntl(STDERR_FILENO, F_GETFD) != -1;
-        _exit(right ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(holds_in_child([&] {
+        close_descriptors_from(ends.first.get());
+        return fcntl(ends.first.get(), F_GETFD) == -1 && fcntl(ends.second.get(), F_GETFD) == -1 &&
+               fcntl(STDERR_FILENO, F_GETFD) != -1;
+    }));
 }
 
 TEST(FileCalls, AreTheSystemsOwn) {

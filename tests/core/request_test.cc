@@ -1,16 +1,9 @@
 // Proves how bytes become a request: block length, headers, dates, cleaning of URIs, roles.
 #include "core/request.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
-
 #include "core/context.h"
 #include "core/globals.h"
+#include "tests/support/testing.h"
 
 namespace {
 
@@ -119,7 +112,7 @@ TEST(Uri, CleaningNeverLetsAPathClimb) {
             uri += pieces[k % pieces.size()];
         }
         const std::string out = cleaned(uri);
-        EXPECT_EQ(out.find("/."), std::string::npos) << uri << " -> " << out;
+        EXPECT_FALSE(contains(out, "/.")) << uri << " -> " << out;
     }
 }
 

@@ -2,23 +2,12 @@
 // is bounded, who is visited.
 #include "core/resolver.h"
 
-#include <gtest/gtest.h>
 #include <netdb.h>
-#include <sys/resource.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "core/background.h"
-#include "core/connection.h"
 #include "core/endpoint.h"
-#include "core/globals.h"
-#include "core/shttpd.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
@@ -34,14 +23,10 @@ void wait_while_silent() {
     }
 }
 
-host_address address_of(const char* text) {
-    addrinfo hints{};
-    hints.ai_flags = AI_NUMERICHOST;
-    addrinfo* found = nullptr;
-    EXPECT_EQ(getaddrinfo(text, nullptr, &hints, &found), 0);
+host_address host_of(const char* text) {
+    const sockaddr_storage found = address_of(text);
     host_address address{};
-    std::memcpy(&address, found->ai_addr, found->ai_addrlen);
-    freeaddrinfo(found);
+    std::memcpy(&address, &found, sizeof address);
     return address;
 }
 
@@ -57,7 +42,7 @@ class Resolver : public testing::Test {
                     wait_while_silent();
                     name_answer answer;
                     if (host.starts_with("good")) {
-                        answer.addresses = {address_of("192.0.2.7")};
+                        answer.addresses = {host_of("192.0.2.7")};
                     } else {
                         answer.code = EAI_NONAME;
                     }
@@ -88,7 +73,7 @@ class Resolver : public testing::Test {
         return wait_for(lookup_ptr(look_up_addresses(host, nullptr)));
     }
     static std::string find_name(const char* address) {
-        const host_address known = address_of(address);
+        const host_address known = host_of(address);
         return wait_for(lookup_ptr(look_up_name(&known.any, known.length(), nullptr))).name;
     }
 };
@@ -100,15 +85,12 @@ TEST_F(Resolver, WithoutAThreadThereIsNoName) {
 #endif
     std::size_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
-    const rlimit tight = {.rlim_cur = pages * 4096 + (1U << 20), .rlim_max = before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
-    const lookup_ptr lookup(look_up_addresses("good.test", nullptr));
-    const bool done = lookup_done(lookup.get());
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
-    ASSERT_TRUE(done);
-    EXPECT_EQ(lookup_answer(lookup.get())->code, EAI_AGAIN);
+    {
+        const lowered_limit tight(RLIMIT_AS, pages * 4096 + (1U << 20));
+        const lookup_ptr lookup(look_up_addresses("good.test", nullptr));
+        ASSERT_TRUE(lookup_done(lookup.get()));
+        EXPECT_EQ(lookup_answer(lookup.get())->code, EAI_AGAIN);
+    }
     EXPECT_EQ(find_host("good.test").code, 0) << "nor is that remembered";
 }
 
@@ -156,7 +138,7 @@ TEST_F(Resolver, WhatNeedsNoServerAsksNone) {
     }
     const lookup_ptr cut(look_up_addresses(std::string_view("good\0.test", 10), nullptr));
     EXPECT_EQ(lookup_answer(cut.get())->code, EAI_NONAME);
-    host_address address = address_of("2001:db8::2");
+    host_address address = host_of("2001:db8::2");
     address.set_port(8080);
     EXPECT_EQ(ntohs(address.v6.sin6_port), 8080);
     EXPECT_EQ(asked, 0);
@@ -236,20 +218,20 @@ TEST_F(Resolver, TheAskerIsVisitedWhenItsAnswerIsThereOrItsTimeIsOver) {
         silent = true;
         const unique_fd client = engine.connect();
         const std::string uri = answers ? "/count?good.one" : "/count?good.two";
-        EXPECT_EQ(engine.exchange_on(client.get(), make_request("GET", uri), 20), "");
+        EXPECT_EQ(engine.exchange_on(client, get(uri), 20), "");
         silent = !answers;
         std::string reply;
         // Waits that only the thread or the deadline can end.
         for (int pass = 0; pass < 4 && reply.empty(); ++pass) {
             shttpd_poll(engine.ctx, 60000);
-            reply = engine.exchange_on(client.get(), "", 1);
+            reply = engine.exchange_on(client, "", 1);
         }
         EXPECT_EQ(body_of(reply), answers ? "1" : "0");
     }
     // A client that leaves withdraws its question.
     silent = true;
     resolver_fini();
-    (void)engine.exchange(make_request("GET", "/count?good.three"), 20);
+    (void)engine.exchange(get("/count?good.three"), 20);
     while (shttpd_active(engine.ctx) > 0) {
         engine.poll();
     }

@@ -3,14 +3,7 @@
 // (flock) holds the thread up; it gives in after two seconds by itself.
 #include "core/state_writer.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <memory>
-#include <thread>
-#include <vector>
 
 #include "core/connection.h"
 #include "lib/file.h"
@@ -32,10 +25,7 @@ namespace {
 
 class state_writer_test : public file_test {
   protected:
-    void TearDown() override {
-        finish_state_writes();
-        file_test::TearDown();
-    }
+    ~state_writer_test() override { finish_state_writes(); }
 
     // Asks for a write whose content is a variable of the test, as a subsystem's would be.
     void ask() {
@@ -45,6 +35,15 @@ class state_writer_test : public file_test {
                              ++made;
                              return content;
                          },
+                     .written = [this](int error) { errors.push_back(error); }});
+    }
+    // The same of this text in this file.
+    void ask(const std::string& path, const std::string& text, const std::string& dropped = "",
+             const std::shared_ptr<known_file>& known = nullptr) {
+        write_state({.path = path,
+                     .content = [text] { return text; },
+                     .dropped = dropped,
+                     .known = known,
                      .written = [this](int error) { errors.push_back(error); }});
     }
     void change(const std::string& text) {
@@ -179,9 +178,7 @@ TEST_F(state_writer_test, AFailureIsToldAndTheNextChangeTriesAgain) {
     const std::string folder = path("sub");
     const std::string below = folder + "/state";
     const auto ask_below = [&] {
-        write_state({.path = below,
-                     .content = [] { return "x"; },
-                     .written = [&](int error) { errors.push_back(error); }});
+        ask(below, "x");
         const auto waiting = wait();
         pass_until([&] { return waiting->over(); });
     };
@@ -196,12 +193,7 @@ TEST_F(state_writer_test, AFailureIsToldAndTheNextChangeTriesAgain) {
 
 TEST_F(state_writer_test, LinesThatWouldBeLostAreSavedFirst) {
     const std::string backup = file() + ".bak";
-    const auto drop = [&](const std::string& lines) {
-        write_state({.path = file(),
-                     .content = [] { return "new"; },
-                     .dropped = lines,
-                     .written = [this](int error) { errors.push_back(error); }});
-    };
+    const auto drop = [&](const std::string& lines) { ask(file(), "new", lines); };
     write(file(), "old");
     write(backup, "somebody's");
     drop("a\n");
@@ -229,11 +221,7 @@ TEST_F(state_writer_test, EditsOfSomebodyElseAreSavedOnce) {
     write(file(), "a\n");
     const auto known = std::make_shared<known_file>(known_file{stamp_of(file().c_str())});
     const auto write_as = [&](const std::string& text, const std::string& lost) {
-        write_state({.path = file(),
-                     .content = [text] { return text; },
-                     .dropped = lost,
-                     .known = known,
-                     .written = [this](int error) { errors.push_back(error); }});
+        ask(file(), text, lost, known);
         finish_state_writes();
         return std::exchange(known->rescued, 0);
     };
@@ -274,7 +262,7 @@ TEST_F(state_writer_test, NoAnswerBeforeItsContentStands) {
                 return false;
             }
             const std::string text = "\n" + read(file());
-            EXPECT_NE(text.find("\n" + std::to_string(request.first) + "\n"), std::string::npos);
+            EXPECT_TRUE(contains(text, "\n" + std::to_string(request.first) + "\n"));
             return true;
         });
     }

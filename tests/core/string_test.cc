@@ -2,17 +2,9 @@
 // copies and lists against tables.
 #include "core/string.h"
 
-#include <gtest/gtest.h>
 #include <strings.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <memory>
-#include <random>
-#include <string>
-#include <tuple>
-#include <vector>
+#include "tests/support/testing.h"
 
 namespace {
 

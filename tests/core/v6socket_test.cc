@@ -3,18 +3,10 @@
 #include "core/v6socket.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 
-#include <cerrno>
-#include <cstring>
-#include <random>
-#include <set>
-
 #include "core/shttpd.h"
-#include "lib/unique_fd.h"
+#include "tests/support/testing.h"
 
 namespace {
 

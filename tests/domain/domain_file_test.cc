@@ -1,14 +1,9 @@
 // The domain file: what each kind of line means, and that what was read is written the same.
 #include "domain/domain_file.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
-#include <string>
-#include <vector>
-
 #include "domain/registry.h"
 #include "lib/plat.h"
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -1,15 +1,9 @@
 // Ping bookkeeping, the compaction of id lists, and the printed forms of a host record.
 #include "domain/registry.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
-#include <set>
-#include <string>
-#include <vector>
-
 #include "core/context.h"
 #include "lib/plat.h"
+#include "tests/support/testing.h"
 
 namespace {
 
@@ -184,8 +178,7 @@ TEST(Record, TimesAndMissingFields) {
         host->next_due = each.next;
         EXPECT_EQ(print(host, false, false, each.now, &first), head + each.tail);
     }
-    EXPECT_NE(print(host, true, false, 1000, &first).find("\"namespaces\": [],\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(print(host, true, false, 1000, &first), "\"namespaces\": [],\n"));
     free_agent_host(host);
 }
 

@@ -3,25 +3,10 @@
 
 #include "handlers/proxy.h"
 
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <ctime>
-#include <map>
-#include <numeric>
-#include <optional>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "core/background.h"
-#include "core/connection.h"
-#include "core/context.h"
 #include "core/poll_set.h"
 #include "core/request.h"
 #include "handlers/cgi_service.h"
@@ -218,21 +203,13 @@ TEST_F(head_test, body_must_have_one_end) {
 // A TCP server on a loopback port that a test drives by hand.
 class hand_target {
   public:
-    hand_target() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-        address_.sin_family = AF_INET;
-        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address_;
-        EXPECT_EQ(bind(listener_.get(), generic(), length), 0);
-        EXPECT_EQ(listen(listener_.get(), 8), 0);
-        EXPECT_EQ(getsockname(listener_.get(), generic(), &length), 0);
-    }
     [[nodiscard]] std::string uri(const std::string& scheme, const std::string& path) const {
-        return "/" + scheme + "://127.0.0.1:" + std::to_string(ntohs(address_.sin_port)) + path;
+        return "/" + scheme + "://127.0.0.1:" + std::to_string(listener_.port()) + path;
     }
     // Accepts and reads what is there; true once `received` ends with `mark`.
     bool has_received(std::string_view mark) {
         if (!peer) {
-            peer.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+            peer.reset(accept4(listener_.fd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
             connections += peer ? 1 : 0;
         }
         char buffer[65536];
@@ -264,9 +241,7 @@ class hand_target {
     int connections = 0;
 
   private:
-    sockaddr* generic() { return reinterpret_cast<sockaddr*>(&address_); }
-    unique_fd listener_;
-    sockaddr_in address_{};
+    loopback_listener listener_{8, SOCK_NONBLOCK};
 };
 
 class forward_test : public relay_fixture {
@@ -392,7 +367,7 @@ TEST_F(upload_test, broken_chunks_are_refused) {
     const std::string begun = "HTTP/1.1 200 OK\r\n\r\nbegun";
     const std::string request = "POST " + target.uri("http", "/x") +
                                 " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n";
-    EXPECT_EQ(talk_on(client.get(), request, begun,
+    EXPECT_EQ(talk_on(client, request, begun,
                       [&] {
                           if (target.has_received("hello\r\n")) {
                               target.received.clear();
@@ -400,7 +375,7 @@ TEST_F(upload_test, broken_chunks_are_refused) {
                           }
                       }),
               begun);
-    EXPECT_EQ(talk_on(client.get(), "broken"), "");
+    EXPECT_EQ(talk_on(client, "broken"), "");
     EXPECT_TRUE(target.has_ended());
 }
 
@@ -442,7 +417,7 @@ TEST_F(forward_test, target_is_not_listened_to_behind_a_whole_answer) {
     passes(3);
     EXPECT_GT(c->local.pending(), 0U);
     EXPECT_EQ(poll_revents(c->local.poll_index), 0);
-    EXPECT_EQ(body_of(talk_on(client.get(), "")).size(), 12000U);
+    EXPECT_EQ(body_of(talk_on(client, "")).size(), 12000U);
 }
 
 // The companion takes the request of a client that leaves, and never answers it.
@@ -456,17 +431,17 @@ TEST_F(forward_test, answer_that_nobody_waits_for_holds_others_up_for_five_minut
     ASSERT_EQ(run_cgi_as_service(engine.ctx, "HOBINTF", "hobintf"), 0);
     const std::string request = "GET /hob://h:/x HTTP/1.1\r\n\r\n";
     unique_fd leaver = engine.connect();
-    ASSERT_GT(send(leaver.get(), request.data(), request.size(), 0), 0);
+    engine.say(leaver, request);
     passes(3);
     leaver.reset();
     passes(1);
     clock_step = 200;
     const unique_fd client = engine.connect();
-    ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+    engine.say(client, request);
     passes(3);
     EXPECT_TRUE(engine.ctx->connections.first()->held);
     clock_step = 301;
-    EXPECT_EQ(talk_on(client.get(), "", answer), answer);
+    EXPECT_EQ(talk_on(client, "", answer), answer);
     clock_step = 0;
     (void)stop_cgi_services();
 }
@@ -481,7 +456,7 @@ class kept_target_test : public forward_test {
         to->received.clear();
         const std::string enough =
             reply.substr(0, method == "HEAD" ? reply.find("\r\n\r\n") + 4 : reply.size());
-        return talk_on(client.get(), request, enough, [&] {
+        return talk_on(client, request, enough, [&] {
             if (to->has_received("body")) {
                 to->received.clear();
                 to->answer(reply);
@@ -515,7 +490,7 @@ TEST_F(kept_target_test, serves_until_it_says_something) {
     EXPECT_EQ(target.connections, 3);
     // More than the announced length: the next reply would begin nobody knows where.
     EXPECT_TRUE(ask(&target, ok + "EXTRA").starts_with(ok));
-    (void)talk_on(client.get(), "");  // which fails unless the engine closes
+    (void)talk_on(client, "");  // which fails unless the engine closes
 }
 
 // It may close in the moment in which the next request goes out.
@@ -527,7 +502,7 @@ TEST_F(kept_target_test, request_is_repeated_once_when_the_target_ends_before_it
     target.received.clear();
     for (int ends : {1, 2}) {
         const std::string& enough = ends == 1 ? ok : error;
-        EXPECT_EQ(talk_on(client.get(), request, enough,
+        EXPECT_EQ(talk_on(client, request, enough,
                           [&] {
                               if (!target.has_received("body")) {
                                   return;
@@ -556,21 +531,21 @@ TEST_F(kept_target_test, doubtful_answers_end_the_client) {
           "HTTP/1.1 200 OK\r\nConnection: Close\r\nContent-Length: 2\r\n\r\nok"}) {
         client = engine.connect();
         EXPECT_EQ(ask(&target, reply), reply);
-        EXPECT_EQ(talk_on(client.get(), ""), "") << reply;
+        EXPECT_EQ(talk_on(client, ""), "") << reply;
         target.forget();
     }
     client = engine.connect();
     const std::string endless = "HTTP/1.1 200 OK\r\n\r\nok";
     EXPECT_EQ(ask(&target, endless), endless);
     target.peer.reset();
-    EXPECT_EQ(talk_on(client.get(), ""), "") << "only the close ends it";
+    EXPECT_EQ(talk_on(client, ""), "") << "only the close ends it";
     target.forget();
     // The service can't know that the request was a HEAD; the body may come later.
     const std::string head = ok.substr(0, ok.size() - 2);
     for (const std::string& reply : {ok, head}) {
         client = engine.connect();
         EXPECT_EQ(ask(&target, reply, "HEAD"), head);
-        EXPECT_EQ(talk_on(client.get(), ""), "");
+        EXPECT_EQ(talk_on(client, ""), "");
         target.forget();
     }
 }

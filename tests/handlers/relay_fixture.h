@@ -2,20 +2,9 @@
 // of counting passes.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <csignal>
-#include <functional>
-#include <string>
-#include <string_view>
 
-#include "core/connection.h"
 #include "core/pass_work.h"
-#include "core/shttpd.h"
-#include "lib/unique_fd.h"
 #include "tests/support/engine_fixture.h"
 
 class relay_fixture : public ::testing::Test {
@@ -25,10 +14,11 @@ class relay_fixture : public ::testing::Test {
 
     // Sends the bytes and returns what comes back until the engine closes, until `enough` has come,
     // or for 20 seconds. `meanwhile` runs after every pass.
-    std::string talk_on(int fd, std::string_view bytes, std::string_view enough = {},
-                        const std::function<void()>& meanwhile = {}) {
+    std::string talk_on(const unique_fd& client, std::string_view bytes,
+                        std::string_view enough = {}, const std::function<void()>& meanwhile = {}) {
         using clock = std::chrono::steady_clock;
         std::string reply;
+        const int fd = client.get();
         for (const auto end = clock::now() + std::chrono::seconds(20); clock::now() < end;) {
             const ssize_t sent =
                 bytes.empty() ? 0
@@ -53,15 +43,14 @@ class relay_fixture : public ::testing::Test {
     }
     std::string talk(std::string_view bytes, const std::function<void()>& meanwhile = {}) {
         const unique_fd client = engine.connect();
-        return talk_on(client.get(), bytes, {}, meanwhile);
+        return talk_on(client, bytes, {}, meanwhile);
     }
     // Sends a request on a new connection that has room for little of the reply.
     conn* begin_stalled(const unique_fd& client, std::string_view request) {
         conn* c = engine.ctx->connections.first();
         const int small = 4096;
         EXPECT_EQ(setsockopt(c->remote.channel.fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-        EXPECT_EQ(send(client.get(), request.data(), request.size(), 0),
-                  static_cast<ssize_t>(request.size()));
+        engine.say(client, request);
         return c;
     }
     void passes(int count) {
@@ -81,8 +70,7 @@ class relay_fixture : public ::testing::Test {
                 arg->flags |= ARG_END_OF_OUTPUT;
             },
             nullptr);
-        const std::string spend = make_request("GET", "/spend");
-        EXPECT_GT(send(oldest.get(), spend.data(), spend.size(), 0), 0);
+        engine.say(oldest, get("/spend"));
         shttpd_poll(engine.ctx, 0);
         int waiting = 0;
         for (const conn& c : engine.ctx->connections) {

@@ -1,12 +1,5 @@
 // Server-side includes: what counts as a directive, and whole pages through the engine.
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <random>
-#include <string>
-#include <vector>
-
 #include "handlers/ssi_scanner.h"
 #include "tests/handlers/relay_fixture.h"
 
@@ -108,13 +101,12 @@ class ssi_page : public relay_fixture {
     // The body of a page with this text.
     std::string page(std::string_view text) {
         engine.root.write("dir/page.shtml", text);
-        return body_of(talk(make_request("GET", "/dir/page.shtml")));
+        return body_of(talk(get("/dir/page.shtml")));
     }
     // The same with what is logged meanwhile.
     std::string page(std::string_view text, std::string* log) {
-        testing::internal::CaptureStderr();
-        std::string body = page(text);
-        *log = testing::internal::GetCapturedStderr();
+        std::string body;
+        *log = stderr_of([&] { body = page(text); });
         return body;
     }
 };
@@ -159,9 +151,8 @@ TEST_F(ssi_page, Includes) {
                    "<!--#include virtual=\"dir\"--><!--#include top.txt-->)",
                    &log),
               "()");
-    EXPECT_NE(log.find("ssi: fopen(" + (engine.root.path() / "none").string()), std::string::npos)
-        << log;
-    EXPECT_NE(log.find("ssi: bad #include: [top.txt]"), std::string::npos) << log;
+    EXPECT_TRUE(contains(log, "ssi: fopen(" + (engine.root.path() / "none").string()));
+    EXPECT_TRUE(contains(log, "ssi: bad #include: [top.txt]"));
 }
 
 TEST_F(ssi_page, FiveNestedIncludes) {
@@ -173,7 +164,7 @@ TEST_F(ssi_page, FiveNestedIncludes) {
     }
     std::string log;
     EXPECT_EQ(page("0<!--#include virtual=\"1.txt\"-->0", &log), "012345543210");
-    EXPECT_NE(log.find("ssi: #include: maximum nested level reached"), std::string::npos);
+    EXPECT_TRUE(contains(log, "ssi: #include: maximum nested level reached"));
 }
 
 TEST_F(ssi_page, Calls) {
@@ -182,7 +173,7 @@ TEST_F(ssi_page, Calls) {
     farewell_record record;
     shttpd_register_ssi_func(engine.ctx, "endless", never_end, &record);
     engine.root.write("page.shtml", "(<!--#call endless-->)");
-    EXPECT_EQ(body_of(engine.exchange(make_request("GET", "/page.shtml"))), "(");
+    EXPECT_EQ(body_of(engine.exchange(get("/page.shtml"))), "(");
     engine.poll();  // the client has gone
     EXPECT_GT(record.calls, 1);
     EXPECT_EQ(record.farewells, 1);
@@ -197,14 +188,13 @@ TEST_F(ssi_page, Commands) {
     EXPECT_EQ(page("<!--#exec \"ls /proc/self/fd | wc -l\"-->"), "4\n");
     std::string log;
     EXPECT_EQ(page("(<!--#exec cmd=\"ls\"--><!--#exec \"-->)", &log), "()");
-    EXPECT_NE(log.find("ssi: bad exec(cmd=\"ls\")"), std::string::npos);
+    EXPECT_TRUE(contains(log, "ssi: bad exec(cmd=\"ls\")"));
     engine.root.write("page.shtml", "<!--#exec \"echo later\"-->");
     const unique_fd oldest = engine.connect();
     const unique_fd client = engine.connect();
-    const std::string request = make_request("GET", "/page.shtml");
-    ASSERT_GT(send(client.get(), request.data(), request.size(), 0), 0);
+    engine.say(client, get("/page.shtml"));
     EXPECT_EQ(pass_without_starts(oldest), 1);
-    EXPECT_EQ(body_of(talk_on(client.get(), "")), "later\n");
+    EXPECT_EQ(body_of(talk_on(client, "")), "later\n");
 }
 
 // Pages made of random pieces, through buffers of every small size, against a straight expansion.

@@ -3,32 +3,16 @@
 
 #include "handlers/target.h"
 
-#include <gtest/gtest.h>
 #include <netdb.h>
-#include <netinet/in.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <filesystem>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "core/background.h"
-#include "core/connection.h"
-#include "core/context.h"
-#include "core/globals.h"
 #include "core/poll_set.h"
 #include "tests/handlers/relay_fixture.h"
 #include "tests/security/fake_library.h"
 
 namespace {
-
-std::size_t open_descriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 // What connecting comes to, address by address; the last one repeats.
 enum class path : std::uint8_t { open, refused, no_descriptor, black_hole };
@@ -36,19 +20,19 @@ enum class path : std::uint8_t { open, refused, no_descriptor, black_hole };
 struct {
     std::vector<path> paths;
     int attempts = 0;
-    unique_fd peer;  // the other end of an open path
-    sockaddr_in hole{};
+    unique_fd peer;                     // the other end of an open path
+    loopback_listener* hole = nullptr;  // with a full queue: drops further connection requests
 } net;
 
 int connect_by_hand(const sockaddr*, socklen_t) {
     const auto at =
         std::min<std::size_t>(static_cast<std::size_t>(net.attempts++), net.paths.size() - 1);
-    int ends[2];
     switch (net.paths[at]) {
-        case path::open:
-            EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-            net.peer.reset(ends[1]);
-            return ends[0];
+        case path::open: {
+            auto [ours, theirs] = connected_pair(SOCK_NONBLOCK);
+            net.peer = std::move(theirs);
+            return ours.release();
+        }
         case path::refused:
             errno = ECONNREFUSED;
             return -1;
@@ -58,8 +42,7 @@ int connect_by_hand(const sockaddr*, socklen_t) {
         case path::black_hole:
             break;
     }
-    unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr*>(&net.hole), sizeof net.hole), -1);
+    unique_fd fd = net.hole->client(SOCK_NONBLOCK);
     EXPECT_EQ(errno, EINPROGRESS);
     return fd.release();
 }
@@ -92,33 +75,20 @@ class target_states : public relay_fixture {
         net.attempts = 0;
         addresses_known = 1;
         fake = fake_library();
-        fill_hole();
+        for (int i = 0; i < 4; ++i) {
+            fillers.push_back(hole.client(SOCK_NONBLOCK));
+        }
+        net.hole = &hole;
         client = engine.connect();
         shttpd_poll(engine.ctx, 0);
         c = engine.ctx->connections.first();
-        descriptors = open_descriptors();
+        descriptors = descriptors_in_use();
     }
     ~target_states() override {
         names_are_silent = false;
         c->target.reset();
         set_target_connector(nullptr);
         resolver_fini();
-    }
-    // A listener whose queue is full drops further connection requests.
-    void fill_hole() {
-        socklen_t length = sizeof net.hole;
-        net.hole.sin_family = AF_INET;
-        net.hole.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        net.hole.sin_port = 0;
-        listener.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        auto* address = reinterpret_cast<sockaddr*>(&net.hole);
-        EXPECT_EQ(bind(listener.get(), address, length), 0);
-        EXPECT_EQ(listen(listener.get(), 0), 0);
-        EXPECT_EQ(getsockname(listener.get(), address, &length), 0);
-        for (int i = 0; i < 4; ++i) {
-            fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-            (void)connect(fillers.back().get(), address, length);
-        }
     }
     target& begin(const char* host, bool secure = false, std::int64_t limit_ms = 30000) {
         c->target.reset(new target(c, host, 80, secure, monotonic_ms() + limit_ms));
@@ -136,14 +106,14 @@ class target_states : public relay_fixture {
         net.peer.reset();
         EXPECT_EQ(c->target->slot, -1);
         EXPECT_EQ(c->target->channel, nullptr);
-        EXPECT_EQ(open_descriptors(), descriptors);
+        EXPECT_EQ(descriptors_in_use(), descriptors);
     }
 
-    unique_fd listener;
+    loopback_listener hole{0};
     std::vector<unique_fd> fillers;
     unique_fd client;
     conn* c = nullptr;
-    std::size_t descriptors = 0;
+    std::ptrdiff_t descriptors = 0;
 };
 
 TEST_F(target_states, names_lead_to_addresses_or_to_a_reason) {
@@ -242,12 +212,9 @@ TEST_F(target_states, kept_one_serves_again_only_while_it_is_silent_and_the_same
 
 // The client goes while its target is in each of the states.
 TEST_F(target_states, client_that_leaves_takes_its_target_along) {
-    const auto request = [](const char* host) {
-        return "GET /https://" + std::string(host) + "/x HTTP/1.1\r\n\r\n";
-    };
     client.reset();
     passes(3);
-    const std::size_t before = open_descriptors();
+    const std::ptrdiff_t before = descriptors_in_use();
     names_are_silent = true;
     const struct {
         const char* host;
@@ -260,9 +227,7 @@ TEST_F(target_states, client_that_leaves_takes_its_target_along) {
         net.paths = row.paths;
         fake.connects.assign(1000, at_again);
         client = engine.connect();
-        const std::string text = request(row.host);
-        EXPECT_EQ(send(client.get(), text.data(), text.size(), 0),
-                  static_cast<ssize_t>(text.size()));
+        engine.say(client, get("/https://" + std::string(row.host) + "/x"));
         passes(3);
         c = engine.ctx->connections.first();
         ASSERT_NE(c->target, nullptr);
@@ -271,7 +236,7 @@ TEST_F(target_states, client_that_leaves_takes_its_target_along) {
         passes(3);
         EXPECT_EQ(engine.ctx->connections.first(), nullptr);
         net.peer.reset();
-        EXPECT_EQ(open_descriptors(), before);
+        EXPECT_EQ(descriptors_in_use(), before);
     }
     client = engine.connect();
     passes(1);

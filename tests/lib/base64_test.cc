@@ -2,12 +2,7 @@
 // sanitizer see any byte too far.
 #include "lib/base64.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <memory>
-#include <optional>
-#include <string>
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -3,17 +3,11 @@
 //
 // Keys and values are heap integers with the containers' ownership rules, so that the leak checker
 // sees every mistake about who frees what.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "lib/plat.h"
 #include "lib/qz_result.h"
 #include "lib/rbtree.h"
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -2,30 +2,17 @@
 // against its parser, and its behaviour beside another process, a full disk and hooks.
 #include "lib/ini.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "lib/conf_lex.h"
 #include "lib/plat.h"
 #include "lib/qz_result.h"
-#include "lib/unique_fd.h"
 #include "tests/lib/file_fixture.h"
 
 namespace {
 
 class ini_test : public file_test {
   protected:
-    void SetUp() override {
-        file_test::SetUp();
-        path_ = path("store.conf");
-    }
-
     // Writes the file as another process would, `seconds` later than the test began.
     void put(const std::string& content, int seconds = 0) const {
         write(path_, content);
@@ -46,7 +33,7 @@ class ini_test : public file_test {
     }
 
     const time_t start_ = ::time(nullptr);
-    std::string path_;
+    const std::string path_ = path("store.conf");
 };
 
 std::string list_of(qz_vector* owned) {

@@ -1,14 +1,10 @@
 // Property sets for the tests of their wire form and their text forms.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <initializer_list>
-
 #include "lib/kv.h"
 #include "lib/plat.h"
 #include "lib/text_form.h"
+#include "tests/support/testing.h"
 
 template <class T>
 void add(propset* set, const char* name, std::uint32_t type, const T& data,

@@ -1,8 +1,5 @@
 // Proves the property sets' results, ownership and merge rules. The leak checker sees who frees
 // what.
-#include <map>
-#include <random>
-#include <string>
 
 #include "lib/qz_result.h"
 #include "tests/lib/kv_sample.h"

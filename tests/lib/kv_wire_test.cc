@@ -1,9 +1,5 @@
 // Proves the wire form against bytes made with another tool, and that the checked reader refuses
 // every broken block without leak or crash.
-#include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "tests/lib/kv_sample.h"
 

@@ -4,11 +4,7 @@
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
-
-#include <cerrno>
 
 #include "tests/lib/file_fixture.h"
 
@@ -224,14 +220,9 @@ TEST_F(replace_file_test, waits_for_another_process_that_replaces_it) {
         }
         return true;
     };
-    const pid_t other = fork();
-    if (other == 0) {
-        _exit(replace_often('a') ? 0 : 1);
-    }
+    const pid_t other = begin_in_child([&] { return replace_often('a'); });
     EXPECT_TRUE(replace_often('b'));
-    int status = -1;
-    EXPECT_EQ(waitpid(other, &status, 0), other);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(held(other));
     const std::string content = read(file);
     EXPECT_EQ(content, std::string(100'000, content.at(0)));
     EXPECT_EQ(names(), 1);

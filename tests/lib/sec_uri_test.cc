@@ -1,10 +1,6 @@
 // Proves security URIs against a table from an independent parser, and the text routines beside it.
 #include "security/sec_uri.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
 #include "lib/plat.h"
 #include "tests/lib/file_fixture.h"
 

@@ -1,13 +1,8 @@
 // Proves that the byte stream equals a string with a cursor, and pins its kept oddities.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <random>
-#include <string>
 
 #include "lib/plat.h"
 #include "lib/qzstream.h"
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -1,8 +1,9 @@
 // UTF-8 against the C library's converter.
 #include "lib/utf8.h"
 
-#include <gtest/gtest.h>
 #include <iconv.h>
+
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -1,11 +1,8 @@
 // Proves that the vector behaves as a std::vector does, with its own growth and iterator rules.
-#include <gtest/gtest.h>
-
-#include <random>
-#include <vector>
 
 #include "lib/plat.h"
 #include "lib/qz_vector.h"
+#include "tests/support/testing.h"
 
 namespace {
 

@@ -2,11 +2,6 @@
 #pragma once
 
 #include <openssl/err.h>
-#include <sys/socket.h>
-
-#include <array>
-#include <cerrno>
-#include <string>
 
 #include "tests/provider/provider_fixture.h"
 

@@ -1,10 +1,6 @@
 // A secure channel, the server's side of it: handshakes, bytes, and who the client is.
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-
-#include <filesystem>
-#include <random>
 
 #include "tests/provider/channel_fixture.h"
 

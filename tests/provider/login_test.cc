@@ -2,9 +2,6 @@
 #include <crypt.h>
 #include <dlfcn.h>
 
-#include <algorithm>
-#include <filesystem>
-
 #include "tests/provider/provider_fixture.h"
 
 namespace {

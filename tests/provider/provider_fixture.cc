@@ -2,11 +2,6 @@
 
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-
-#include <cstdlib>
-#include <fstream>
 
 #include "provider/clock.h"
 
@@ -64,10 +59,6 @@ std::string info_of(void* handle, void* credential) {
 }
 
 void provider_test::SetUp() {
-    std::string name = (std::filesystem::temp_directory_path() / "provider.XXXXXX").string();
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    base = name;
-    data_dir = base / "sec";
     setenv("ZEL_DATA_DIR", data_dir.c_str(), 1);
     clock_step_ms = 0;
 }
@@ -76,7 +67,6 @@ void provider_test::TearDown() {
     if (handle != nullptr) {
         EXPECT_EQ(molbAtTerminate(handle), at_ok);
     }
-    std::filesystem::remove_all(base);
 }
 
 void provider_test::write_file(const std::filesystem::path& path, std::string_view text, int mode) {
@@ -87,16 +77,14 @@ void provider_test::write_file(const std::filesystem::path& path, std::string_vi
     std::filesystem::rename(temporary, path);
 }
 
-std::uint32_t provider_test::start(void** started, std::string* log) {
-    testing::internal::CaptureStderr();
-    const std::uint32_t result = molbAtInit(nullptr, started);
-    *log = testing::internal::GetCapturedStderr();
+std::uint32_t provider_test::start(void** started) {
+    std::uint32_t result = at_ok;
+    log = stderr_of([&] { result = molbAtInit(nullptr, started); });
     return result;
 }
 
 void provider_test::set_up() {
-    std::string log;
-    ASSERT_EQ(start(&handle, &log), at_ok) << log;
+    ASSERT_EQ(start(&handle), at_ok) << log;
     root_password = first_password();
 }
 
@@ -123,10 +111,7 @@ std::string provider_test::log_in(const char* domain, const char* name,
 }
 
 void socket_pair::renew() {
-    int fds[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
-    ours_.reset(fds[0]);
-    theirs_.reset(fds[1]);
+    std::tie(ours_, theirs_) = connected_pair(SOCK_NONBLOCK);
 }
 
 certified_key make_certificate(const std::vector<std::string>& common_names,

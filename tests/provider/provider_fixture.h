@@ -1,17 +1,9 @@
 // Gives every test of the library a data directory of its own.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <filesystem>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include "lib/unique_fd.h"
 #include "provider/openssl_ptr.h"
 #include "security/at_types.h"
+#include "tests/support/testing.h"
 
 // The library's clock: where it stands, and how far every look at it moves it on.
 extern std::int64_t clock_ms;
@@ -31,8 +23,8 @@ class provider_test : public testing::Test {
     static void write_file(const std::filesystem::path& path, std::string_view text,
                            int mode = 0644);
 
-    // Starts an instance on ZEL_DATA_DIR; *log gets what it says on standard error.
-    static std::uint32_t start(void** handle, std::string* log);
+    // Starts an instance on ZEL_DATA_DIR; `log` gets what it says on standard error.
+    std::uint32_t start(void** handle);
     // As start, but has to succeed; the instance ends with the test.
     void set_up();
     // Starts an instance on another directory that is no daemon's own.
@@ -54,9 +46,11 @@ class provider_test : public testing::Test {
     const std::string root = "localhost/local/root";
     const std::string the_service = "localhost/service/service";
 
-    std::filesystem::path base;  // removed at the end
-    std::filesystem::path data_dir;
+    const temporary_folder folder_;
+    const std::filesystem::path base = folder_.path();
+    const std::filesystem::path data_dir = base / "sec";
     void* handle = nullptr;
+    std::string log;
     std::string root_password;
 };
 

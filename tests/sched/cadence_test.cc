@@ -1,9 +1,6 @@
 // How often the main loop looks at the schedule, under a driven clock and with a scheduler that
 // only counts: this program's own ones take the place of the daemon's.
-#include <gtest/gtest.h>
 
-#include "core/globals.h"
-#include "core/shttpd.h"
 #include "sched/sched.h"
 #include "tests/support/engine_fixture.h"
 

@@ -2,13 +2,6 @@
 // find is looked at in a whole daemon.
 #include "sched/sched_command.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cerrno>
-#include <cstdlib>
-
-#include "core/context.h"
 #include "tests/support/engine_fixture.h"
 
 namespace {
@@ -50,7 +43,7 @@ TEST(Command, WithoutInstallRootOrProgram) {
     setenv("PATH", path.c_str(), 1);
     const std::string environment = read_whole_file(out);
     for (const char* name : {"PLX_INSTALL_ROOT", "PERL5LIB", "PATH="}) {
-        EXPECT_EQ(environment.find(name), std::string::npos) << environment;
+        EXPECT_FALSE(contains(environment, name));
     }
     EXPECT_EQ(run("true"), -1) << "no search along PATH";
 }

@@ -3,20 +3,6 @@
 
 #include "sched/sched_engine.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <random>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "lib/rbtree.h"
 #include "sched/sched.h"
 #include "sched/sched_file.h"

@@ -2,13 +2,7 @@
 
 #include "sched/sched_entry.h"
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
+#include "tests/support/testing.h"
 
 namespace {
 

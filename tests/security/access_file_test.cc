@@ -1,13 +1,6 @@
 #include "security/access_file.h"
 
-#include <gtest/gtest.h>
 #include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include "lib/qz_iterator.h"
 #include "lib/rbtree.h"

@@ -1,15 +1,5 @@
 #include "security/auth.h"
 
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-
-#include <array>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "core/context.h"
-#include "core/globals.h"
 #include "lib/base64.h"
 #include "tests/security/fake_library.h"
 #include "tests/security/rights_fixture.h"
@@ -66,10 +56,7 @@ TEST_F(auth, an_address_that_was_refused_often_is_not_asked_about) {
     static std::int64_t now = 0;
     now = 1'000'000'000;
     login_clock = [] { return now; };
-    sockaddr_in peer{};
-    peer.sin_family = AF_INET;
-    peer.sin_addr.s_addr = htonl(0xC0000201);
-    std::memcpy(&c.peer, &peer, sizeof peer);
+    c.peer = address_of("192.0.2.1");
     for (int i = 0; i < 1000; ++i, now += 20) {
         EXPECT_EQ(ask(basic("u" + std::to_string(i) + ":pw")), 0);
     }

@@ -1,11 +1,5 @@
 #include "security/authz.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <map>
-#include <string>
-
 #include "core/state_writer.h"
 #include "tests/security/rights_fixture.h"
 

@@ -1,7 +1,5 @@
 #include "tests/security/fake_library.h"
 
-#include <cerrno>
-
 #include "security/api.h"
 
 fake_library fake;

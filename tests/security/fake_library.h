@@ -2,11 +2,9 @@
 #pragma once
 
 #include <deque>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "security/at_types.h"
+#include "tests/support/testing.h"
 
 struct fake_library {
     // What the entry points answer.

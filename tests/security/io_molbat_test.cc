@@ -1,14 +1,5 @@
 #include "security/io_molbat.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cerrno>
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "core/connection.h"
 #include "core/context.h"
 #include "core/io_class.h"

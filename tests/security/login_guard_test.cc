@@ -1,47 +1,28 @@
 // Proves who is listened to, on a clock that the test drives.
 #include "security/login_guard.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
+#include "tests/support/testing.h"
 
 namespace {
 
 constexpr std::int64_t second = 1000;
 
-sockaddr_storage address(const std::string& text) {
-    sockaddr_storage storage{};
-    sockaddr_in v4{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    if (inet_pton(AF_INET, text.c_str(), &v4.sin_addr) == 1) {
-        std::memcpy(&storage, &v4, sizeof v4);
-    } else if (inet_pton(AF_INET6, text.c_str(), &v6.sin6_addr) == 1) {
-        std::memcpy(&storage, &v6, sizeof v6);
-    }
-    return storage;
-}
-
 class logins : public testing::Test {
   protected:
     // A wrong login; whether the library was asked.
     bool wrong(const std::string& from, const std::string& user) {
-        if (!guard.may_ask(address(from), user, now)) {
+        if (!guard.may_ask(address_of(from), user, now)) {
             return false;
         }
-        guard.note_refused(address(from), user, now);
+        guard.note_refused(address_of(from), user, now);
         return true;
     }
     // A right one; whether it got in.
     bool right(const std::string& from, const std::string& user) {
-        if (!guard.may_ask(address(from), user, now)) {
+        if (!guard.may_ask(address_of(from), user, now)) {
             return false;
         }
-        guard.note_accepted(address(from), user, now);
+        guard.note_accepted(address_of(from), user, now);
         return true;
     }
     // How many of `tries` wrong logins, `every` ms apart, reach the library.

@@ -1,16 +1,6 @@
 // A context with namespaces in a temporary folder and a connection built by hand.
 #pragma once
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <initializer_list>
-#include <string>
-
-#include "core/connection.h"
-#include "core/context.h"
 #include "lib/plat.h"
 #include "lib/qz_vector.h"
 #include "security/authz.h"

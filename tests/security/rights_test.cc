@@ -1,18 +1,6 @@
 // Proves the rights policy by tables, over files in a temporary folder.
 #include "security/rights.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <map>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include "lib/odd_lines.h"
 #include "lib/replace_file.h"
 #include "tests/support/engine_fixture.h"

@@ -2,14 +2,6 @@
 // failure, removal that stays inside the directory it was given.
 #include "security/at_osf.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <string>
-
 #include "security/at_types.h"
 #include "tests/support/engine_fixture.h"
 

@@ -2,22 +2,12 @@
 // negotiated, gaps and failures are survived, the monitor excludes writers. Every scenario runs in
 // a process of its own, since a library is loaded once per process.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "security/api.h"
 #include "security/api_monitor.h"
 #include "security/api_state.h"
 #include "tests/shim/fake_library.h"
+#include "tests/support/testing.h"
 
 using word = std::uintptr_t;
 
@@ -45,13 +35,10 @@ namespace fs = std::filesystem;
 class Shim : public testing::Test {
   protected:
     Shim() {
-        std::string name = (fs::temp_directory_path() / "shim.XXXXXX").string();
-        home_ = mkdtemp(name.data());
         fs::create_directory(home_ / "lib");
         setenv("ZEL_HOME_DIR", home_.c_str(), 1);
         unsetenv("ZEL_USE_LIBPATH");
     }
-    ~Shim() override { fs::remove_all(home_); }
 
     // Runs a scenario in a child on one of the built libraries, or any other file; it fails with
     // the line of its first unmet requirement.
@@ -67,7 +54,8 @@ class Shim : public testing::Test {
         EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
     }
 
-    fs::path home_;
+    const temporary_folder folder_;
+    const fs::path home_ = folder_.path();
 };
 
 // What a library that is loaded exports besides its entry points.
@@ -299,11 +287,10 @@ TEST_F(Shim, NamesEveryCallAtDebugLevelFour) {
         (void)molbAtInit(nullptr, &handle);
         (void)molbAtTerminate(&handle);
     });
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
+    const std::string text = read_whole_file(log);
     for (const char* line : {") AtInit version {0,0}\n", "\nCalling molbAtInitEx\n",
                              "\nCalling molbAtFree\n", "Unload: load count now 1\n"}) {
-        EXPECT_NE(text.str().find(line), std::string::npos) << line;
+        EXPECT_TRUE(contains(text, line)) << line;
     }
 }
 

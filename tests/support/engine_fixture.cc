@@ -1,16 +1,5 @@
 #include "tests/support/engine_fixture.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-
-#include "core/globals.h"
-#include "core/shttpd.h"
 #include "core/state_writer.h"
 #include "domain/domain.h"
 #include "handlers/uri_handlers.h"
@@ -19,29 +8,6 @@
 #include "sched/sched.h"
 #include "security/authz.h"
 #include "tests/support/wait_choice.h"
-
-temporary_folder::temporary_folder() {
-    std::string name = std::filesystem::temp_directory_path() / "dovmad.XXXXXX";
-    path_ = mkdtemp(name.data());
-}
-
-temporary_folder::~temporary_folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::filesystem::path temporary_folder::write(std::string_view name,
-                                              std::string_view content) const {
-    const std::filesystem::path file = path_ / name;
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << content;
-    return file;
-}
-
-std::string read_whole_file(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 test_engine::test_engine(bool bare) : ctx(new shttpd_ctx) {
     choose_wait_source();
@@ -71,12 +37,14 @@ test_engine::~test_engine() {
 }
 
 unique_fd test_engine::connect() {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-        std::abort();
-    }
-    shttpd_add_socket(ctx, ends[1], true, false);
-    return unique_fd(ends[0]);
+    auto [ours, theirs] = connected_pair();
+    shttpd_add_socket(ctx, theirs.release(), true, false);
+    return std::move(ours);
+}
+
+void test_engine::say(const unique_fd& client, std::string_view bytes) {
+    EXPECT_EQ(send(client.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
 }
 
 void test_engine::poll(int passes) {
@@ -89,13 +57,15 @@ std::string test_engine::exchange(std::string_view bytes, int quiet_passes) {
     std::string reply;
     {
         const unique_fd client = connect();
-        reply = exchange_on(client.get(), bytes, quiet_passes);
+        reply = exchange_on(client, bytes, quiet_passes);
     }
     poll();  // the engine notices that the client has gone
     return reply;
 }
 
-std::string test_engine::exchange_on(int fd, std::string_view bytes, int quiet_passes) {
+std::string test_engine::exchange_on(const unique_fd& client, std::string_view bytes,
+                                     int quiet_passes) {
+    const int fd = client.get();
     std::string reply;
     ended = connection_end::open;
     for (int quiet = 0; quiet < quiet_passes; ++quiet) {
