@@ -7,6 +7,7 @@ prefixed by DOVMAD_TEST_ROOT), DOVMAD_PROVIDER (the authentication library) and 
 
 import base64
 import contextlib
+import http.server
 import os
 import random
 import re
@@ -251,10 +252,25 @@ class Daemon:
         assert not SANITIZED.search(text), text[-6000:]
         assert not self.bad_ends, f"the daemon ended with {self.bad_ends}: {text[-3000:]}"
 
+    def write(self, name, content="", mode=0o644, base=None):
+        """Makes a file below the document root (or `base`), and the folders on its way."""
+        path = (base or self.root) / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        path.chmod(mode)
+        return path
+
     # --- Speaking to it ---
 
     def connect(self, port=None):
         return socket.create_connection(("127.0.0.1", port or self.port), 30)
+
+    def begin(self, *requests, port=None):
+        """Connections on which these were sent."""
+        clients = [self.connect(port) for _ in requests]
+        for sock, request in zip(clients, requests):
+            sock.sendall(request)
+        return clients
 
     def raw(self, data, port=None, timeout=10, until=None, end=None):
         """Sends bytes (or a list of pieces) and returns, as `Received`, everything until the daemon
@@ -373,6 +389,20 @@ class Daemon:
                 if int(stat.read_text().rsplit(")", 1)[1].split()[1]) == self.pid:
                     found.append(int(stat.parent.name))
         return found
+
+
+class QuietHandler(http.server.BaseHTTPRequestHandler):
+    """Handles the requests of a server that logs nothing; answers in one call."""
+
+    def answer(self, status, body, headers):
+        self.send_response(status)
+        for name, value in headers.items():
+            self.send_header(name, value)
+        self.end_headers()
+        self.wfile.write(body)
+
+    def log_message(self, *_):
+        pass
 
 
 def start_daemon_expecting_failure(base, timeout=30, **options):

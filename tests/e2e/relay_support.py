@@ -2,7 +2,7 @@
 
 import time
 
-from dovmad_harness import eventually
+from dovmad_harness import eventually, receive_until_end
 
 
 def calms_down(daemon):
@@ -23,13 +23,8 @@ def get(uri, *headers, method="GET", body=b""):
 
 def receive(sock, end=None):
     """What comes up to `end`, or else until the daemon closes."""
-    received = b""
-    while end is None or not received.endswith(end):
-        chunk = sock.recv(1 << 16)
-        if not chunk:
-            assert end is None, received[-500:]
-            break
-        received += chunk
+    received = receive_until_end(sock, end and (lambda so_far: so_far.endswith(end)))
+    assert received.endswith(end) if end else received.end == "closed", received[-500:]
     return received
 
 

@@ -30,6 +30,14 @@ def add_user(daemon, name, password, *options):
     path.chmod(0o600)
 
 
+def guarded(make_daemon, **options):
+    """A daemon with folders for the roles, which knows alice."""
+    daemon = make_daemon(auth=True, **options)
+    make_role_folders(daemon.root)
+    add_user(daemon, "alice", "wonder")
+    return daemon
+
+
 def qualifier(daemon, domain="local"):
     """The host name in the user names of a domain."""
     for line in (daemon.ca.parent / "domains").read_text().splitlines():
@@ -74,13 +82,13 @@ def deny(daemon, *args, **kwargs):
 class Authority:
     """A certificate authority in a folder of its own."""
 
-    def __init__(self, folder, name):
+    def __init__(self, folder, name, *options):
         self.folder = folder
         folder.mkdir()
         self.certificate = folder / "ca.pem"
         openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
                 "-keyout", "ca.key", "-out", "ca.pem", "-subj", f"/CN={name}", "-days", "2",
-                cwd=folder)
+                *options, cwd=folder)
 
     def issue(self, name):
         """A client certificate for a common name: (certificate, key)."""

@@ -8,8 +8,9 @@ import struct
 
 import pytest
 
-from rights_support import (Authority, add_user, basic, full_name, grant, make_role_folders,
-                            qualifier, root_login)
+from dovmad_harness import receive_until_end
+from rights_support import (Authority, basic, full_name, grant, guarded, qualifier,
+                            root_login)
 
 PAGE = (
     "<html><head> <title>401 Authorization Required</title> </head><body> "
@@ -21,10 +22,7 @@ PAGE = (
 
 @pytest.fixture(name="daemon")
 def make_guarded_daemon(make_daemon):
-    daemon = make_daemon(auth=True, auth_realm="the host name is what counts")
-    make_role_folders(daemon.root)
-    add_user(daemon, "alice", "wonder")
-    return daemon
+    return guarded(make_daemon, auth_realm="the host name is what counts")
 
 
 def tls_socket(daemon, certificate=None):
@@ -37,13 +35,7 @@ def tls_socket(daemon, certificate=None):
 
 
 def read_until(sock, what):
-    received = b""
-    while what not in received:
-        chunk = sock.recv(65536)
-        if not chunk:
-            break
-        received += chunk
-    return received
+    return receive_until_end(sock, lambda received: what in received)
 
 
 def get(path, login=None):
@@ -70,8 +62,7 @@ def test_strangers_are_asked_for_a_login(daemon, tls):
 
 
 def test_everything_below_world_is_open(daemon):
-    (daemon.root / "world").mkdir()
-    (daemon.root / "world" / "news.txt").write_text("news")
+    daemon.write("world/news.txt", "news")
     assert daemon.request("GET", "/world/news.txt", tls=True).text == "news"
     assert daemon.request("GET", "/wor/x").status == 404
     assert daemon.request("GET", "/worlds/x").status == 401
@@ -88,13 +79,12 @@ def test_a_login_holds_for_its_connection(daemon, tls):
         sock.sendall(get("/admin/f.txt", root_login(daemon)))
         assert b" 403 Forbidden" in read_until(sock, b"403 Forbidden"), "still alice"
     assert daemon.request("GET", "/pub/f.txt", tls=tls).status == 401
-    reply = daemon.request("POST", "/admin/security/grant", body=b"x" * 300000, tls=tls)
+    reply = daemon.request("POST", "/admin/security/grant", body=bytes(3_000_000), tls=tls)
     assert reply.status == 401, "the rest of a refused body does not cost the answer"
 
 
 def test_requests_in_one_record_are_served_whatever_the_buffer_holds(make_daemon):
-    daemon = make_daemon(auth=True, io_buf_size=2048)
-    make_role_folders(daemon.root)
+    daemon = guarded(make_daemon, io_buf_size=2048)
     login = root_login(daemon)
     body = os.urandom(9000)
     head = (f"PUT /admin/upload HTTP/1.1\r\nAuthorization: {basic(login)}\r\n"

@@ -227,23 +227,14 @@ def mutate(text, rng):
     """One slip of the finger: a character more, less, another, or a line lost, doubled, joined."""
     at = rng.randrange(len(text))
     stuff = rng.choice(" \t#,=/0159usx\r\n-")
-    kind = rng.randrange(7)
     lines = text.splitlines(True)
     row = rng.randrange(len(lines))
-    if kind == 0:
-        return text[:at] + text[at + 1:]
-    if kind == 1:
-        return text[:at] + stuff + text[at:]
-    if kind == 2:
-        return text[:at] + stuff + text[at + 1:]
-    if kind == 3:
-        return "".join(lines[:row] + lines[row + 1:])
-    if kind == 4:
-        return text[:at] + text[at + rng.randrange(2, 12):]
-    if kind == 5:
-        return "".join(lines[:row] + [lines[row].rstrip("\n")] + lines[row + 1:])
     word = rng.choice(lines).split(" ", 1)[0]
-    return text + f"{word} {stuff}{rng.choice(['', '1', '/nowhere/x', '70000', 'nobody2'])}\n"
+    return rng.choice((
+        text[:at] + text[at + 1:], text[:at] + stuff + text[at:], text[:at] + stuff + text[at + 1:],
+        text[:at] + text[at + rng.randrange(2, 12):], "".join(lines[:row] + lines[row + 1:]),
+        "".join(lines[:row] + [lines[row].rstrip("\n")] + lines[row + 1:]),
+        text + f"{word} {stuff}{rng.choice(['', '1', '/nowhere/x', '70000', 'nobody2'])}\n"))
 
 
 @pytest.mark.skipif(SANITIZED_BUILD, reason="the same programs, a thousand times slower")

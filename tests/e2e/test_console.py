@@ -15,7 +15,7 @@ from pathlib import Path
 
 import pytest
 from browser import CHROMIUM, Browser
-from dovmad_harness import CHECKER, USER_TOOL, eventually, free_port
+from dovmad_harness import CHECKER, USER_TOOL, QuietHandler, eventually, free_port
 
 TREE = Path(__file__).resolve().parents[2]
 pytestmark = pytest.mark.skipif(CHROMIUM is None, reason="Chromium is not installed")
@@ -187,18 +187,12 @@ def test_rights_and_what_other_pages_can_do(make_console):
     daemon.user_tool("-c", daemon.config, "add", "-w", "alice", input="alices-own\n")
     grants = []
 
-    class Foreign(http.server.BaseHTTPRequestHandler):
+    class Foreign(QuietHandler):
         def do_GET(self):
             page = (f"<script>fetch('{origin}/admin/security/grant?user=evil&role=admin&type=user', "
                     "{mode: 'no-cors', credentials: 'include'})</script>").encode()
-            self.send_response(200)
-            self.send_header("Content-Type", "text/html")
-            self.end_headers()
-            self.wfile.write(page)
+            self.answer(200, page, {"Content-Type": "text/html"})
             grants.append(self.path)
-
-        def log_message(self, *_):
-            pass
 
     address = ("127.0.0.1", free_port("upstream"))
     with http.server.ThreadingHTTPServer(address, Foreign) as foreign, Browser() as browser:
@@ -288,7 +282,7 @@ def test_schedule_and_daemon(make_console, tmp_path):
         assert "server of a domain" in browser.text("#facts")
 
 
-class Fake(http.server.BaseHTTPRequestHandler):
+class Fake(QuietHandler):
     """Serves the console, and to everything else the answers that a test gives."""
     answers = {}
 
@@ -302,16 +296,9 @@ class Fake(http.server.BaseHTTPRequestHandler):
         else:
             kind, (status, body) = "text/plain", self.answers.get(path, (404, "404 Not Found"))
             body = body.encode()
-        self.send_response(status)
-        self.send_header("Content-Type", kind)
-        self.send_header("Cache-Control", "no-store")
-        self.end_headers()
-        self.wfile.write(body)
+        self.answer(status, body, {"Content-Type": kind, "Cache-Control": "no-store"})
 
     do_POST = do_GET
-
-    def log_message(self, *_):
-        pass
 
 
 def test_bad_answers_are_told_in_words():

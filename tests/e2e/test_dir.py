@@ -58,7 +58,7 @@ def test_when_there_is_a_listing(make_daemon):
     smuggled = get("/world/ping")
     request = get("/d/", f"Content-Length: {len(smuggled)}") + smuggled
     assert until_close(daemon, request) == HEAD.encode()
-    (daemon.root / "d" / "index.html").write_text("INDEX")
+    daemon.write("d/index.html", "INDEX")
     assert daemon.request("GET", "/d/").text == "INDEX"
     denied = make_daemon(list_directories=0)
     (denied.root / "d").mkdir()

@@ -1,7 +1,6 @@
 """Attacks on logins and rights that once worked, and what an administrator changes meanwhile."""
 
 import contextlib
-import re
 import socket
 import threading
 import time
@@ -9,18 +8,15 @@ import time
 import pytest
 
 from dovmad_harness import eventually
-from rights_support import (ROLES, add_user, basic, full_name, grant, make_role_folders,
-                            root_login)
+from rights_support import (ROLES, add_user, basic, full_name, grant, guarded,
+                            make_role_folders, root_login)
 
 ALICE = "alice:wonder"
 
 
 @pytest.fixture(name="daemon")
 def make_guarded_daemon(make_daemon):
-    daemon = make_daemon(auth=True)
-    make_role_folders(daemon.root)
-    add_user(daemon, "alice", "wonder")
-    return daemon
+    return guarded(make_daemon)
 
 
 def ask(daemon, login, source="127.0.0.1", path="/pub/f.txt"):
@@ -152,14 +148,3 @@ def test_access_files_stay_out_of_reach_through_aliases(make_daemon, tmp_path):
             body = b"eve:user\n" if method == "PUT" else None
             assert daemon.request(method, f"/world/keys{suffix}", body=body).status == 403
     assert path.read_text() == "ann:user\n"
-
-
-def test_request_lines_forge_no_lines(daemon):
-    daemon.raw(b'PUT /world/\r[x] [error] [client 6.6.6.6] "GET / HTTP/1.1\r\n\r\n')
-    daemon.raw(b"PUT /world/\r\x85injected HTTP/1.1\r\n\r\n")
-    for log, start in ((daemon.error_log, b"["), (daemon.access_log, b"127.0.0.1 ")):
-        lines = log.read_bytes().splitlines(keepends=True)
-        assert len(lines) == 2
-        for line in lines:
-            assert line.startswith(start) and re.fullmatch(rb"[^\x00-\x1f\x7f\x85]*\n", line)
-            assert rb"/world/\x0d" in line

@@ -198,12 +198,10 @@ def test_prometheus_scrapes_over_tls(make_daemon, tmp_path):
     daemon = make_daemon(auth=True, slips=True, domain_file=tmp_path / "hosts",
                          cgi_extensions=".cgi", scheduler_file=tmp_path / "schedule")
     options = " ".join(f"'{option}'" for option in as_root(daemon))
-    (daemon.root / "operator").mkdir()
     for name, command in (("metrics", f"dovmad-metrics --cgi -c {daemon.config}"),
                           ("targets", "dovmad-inventory --cgi --prometheus 9100")):
-        script = daemon.root / f"operator/{name}.cgi"
-        script.write_text(f"#!/bin/sh\nexec '{FLEET}'/{command} {options}\n")
-        script.chmod(0o755)
+        text = f"#!/bin/sh\nexec '{FLEET}'/{command} {options}\n"
+        daemon.write(f"operator/{name}.cgi", text, 0o755)
     daemon.request("HEAD", "/world/ping")
     for name in ("alpha", "beta", "-evil"):
         daemon.post("/agent/domain/register", {"id": name, "host": name},

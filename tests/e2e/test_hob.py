@@ -98,14 +98,16 @@ def make_hob(make_daemon, tmp_path):
 
 
 class Client:
-    """A client that keeps its connection."""
+    """A client that keeps its connection; it asks for `path` at once."""
 
-    def __init__(self, daemon):
+    def __init__(self, daemon, path=None):
         self.sock = daemon.connect()
         self.received = b""
+        if path:
+            self.sock.sendall(get("/hob://h:/" + path))
 
-    def ask(self, request):
-        self.sock.sendall(request)
+    def ask(self, path, body=b""):
+        self.sock.sendall(get("/hob://h:/" + path, method="POST" if body else "GET", body=body))
         return self.answer()
 
     def answer(self):
@@ -141,15 +143,13 @@ def test_service_starts_and_ends_with_the_daemon(hob):
 def test_requests_go_by_port_or_by_standard_input(hob):
     daemon = hob()
     client = Client(daemon)
-    assert client.ask(get("/hob://h:/a%20b?c=d")) == b"stdio /a%20b?c=d"
-    assert client.ask(get("/hob://h:/x", method="POST", body=b"one")) == b"tcp 1 one"
-    assert client.ask(get("/hob://h:/x", method="POST", body=b"two")) == b"tcp 1 two"
-    assert client.ask(get("/hob://h:/y")) == b"stdio /y"
-    assert client.ask(get("/hob://h:/chunked")) == b"e\r\nstdio /chunked\r\n0\r\n\r\n"
-    assert client.ask(get("/hob://h:/large")) == b"stdio /large" + b"x" * 500000
-    assert client.ask(get("/hob://h:/x", method="POST", body=b"three")) == b"tcp 1 three"
-    other = Client(daemon)
-    assert other.ask(get("/hob://h:/x", method="POST", body=b"four")) == b"tcp 2 four"
+    for path, body, answer in (
+            ("a%20b?c=d", b"", b"stdio /a%20b?c=d"), ("x", b"one", b"tcp 1 one"),
+            ("x", b"two", b"tcp 1 two"), ("y", b"", b"stdio /y"),
+            ("chunked", b"", b"e\r\nstdio /chunked\r\n0\r\n\r\n"),
+            ("large", b"", b"stdio /large" + b"x" * 500000), ("x", b"three", b"tcp 1 three")):
+        assert client.ask(path, body) == answer
+    assert Client(daemon).ask("x", b"four") == b"tcp 2 four"
     client.sock.sendall(get("/hob://h:/one") + get("/hob://h:/two"))
     assert client.answer() == b"stdio /one" and client.answer() == b"stdio /two"
     # HTTP/1.0 ends with its reply.
@@ -158,7 +158,7 @@ def test_requests_go_by_port_or_by_standard_input(hob):
     # The service is never told the method and answers with a body that HEAD does not have.
     reply = daemon.raw(get("/hob://h:/head", method="HEAD"))
     assert (reply, reply.end) == (b"HTTP/1.1 200 OK\r\nContent-Length: 11\r\n\r\n", "closed")
-    assert client.ask(get("/hob://h:/next")) == b"stdio /next"
+    assert client.ask("next") == b"stdio /next"
 
 
 def test_one_exchange_at_a_time(hob):
@@ -167,7 +167,7 @@ def test_one_exchange_at_a_time(hob):
 
     def run(name):
         client = Client(daemon)
-        results[name] = [client.ask(get(f"/hob://h:/{name}-{i}")) for i in range(10)]
+        results[name] = [client.ask(f"{name}-{i}") for i in range(10)]
         client.sock.close()
 
     threads = [threading.Thread(target=run, args=(f"client{n}",)) for n in range(8)]
@@ -183,32 +183,28 @@ def test_one_exchange_at_a_time(hob):
 def test_answer_of_a_client_that_left_reaches_nobody(hob):
     daemon = hob()
     for path in ("very-slow", "slow-large", "slow-chunked"):
-        leaver = Client(daemon)
-        leaver.sock.sendall(get(f"/hob://h:/{path}"))
+        leaver = Client(daemon, path)
         time.sleep(0.2)
-        waiting = Client(daemon)
-        waiting.sock.sendall(get("/hob://h:/mine"))
+        waiting = Client(daemon, "mine")
         time.sleep(0.2)
         leaver.sock.close()
         assert waiting.answer() == b"stdio /mine"
-        assert Client(daemon).ask(get("/hob://h:/after")) == b"stdio /after"
-    # One that leaves in the middle of an answer that it has begun to take.
-    leaver = Client(daemon)
-    leaver.sock.sendall(get("/hob://h:/large"))
-    leaver.sock.recv(1000)
-    leaver.sock.close()
-    assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine"
+        assert Client(daemon).ask("after") == b"stdio /after"
+    # One that leaves in the middle of an answer that it has begun to take, of whatever length.
+    for path in ("large", "nolength"):
+        leaver = Client(daemon, path)
+        leaver.sock.recv(1000)
+        leaver.sock.close()
+        assert Client(daemon).ask("mine") == b"stdio /mine"
 
 
 def test_service_that_says_nothing_holds_only_its_own_clients(hob):
     daemon = hob()
-    silent = Client(daemon)
-    silent.sock.sendall(get("/hob://h:/silent"))
+    silent = Client(daemon, "silent")
     time.sleep(0.2)
-    waiting = Client(daemon)
-    waiting.sock.sendall(get("/hob://h:/waiting"))
+    waiting = Client(daemon, "waiting")
     assert daemon.request("GET", "/world/ping").status == 200
-    assert Client(daemon).ask(get("/hob://h:/x", method="POST", body=b"tcp"))[:3] == b"tcp"
+    assert Client(daemon).ask("x", b"tcp")[:3] == b"tcp"
     assert calms_down(daemon)
     waiting.sock.close()
     silent.sock.close()
@@ -217,12 +213,6 @@ def test_service_that_says_nothing_holds_only_its_own_clients(hob):
 def test_answer_without_length_closes_the_client(hob):
     daemon = hob()
     assert until_close(daemon, get("/hob://h:/nolength")) == b"HTTP/1.1 200 OK\r\n\r\nstdio /nolength"
-    # Nor does one whose client has gone hold the others up.
-    leaver = Client(daemon)
-    leaver.sock.sendall(get("/hob://h:/nolength"))
-    leaver.sock.recv(1)
-    leaver.sock.close()
-    assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine"
 
 
 def test_late_bytes_of_a_wrong_answer_reach_nobody(hob):
@@ -230,19 +220,18 @@ def test_late_bytes_of_a_wrong_answer_reach_nobody(hob):
     for kind in ("wrong-more", "wrong-lengths", "wrong-x", "wrong-chunk"):
         first = until_close(daemon, get("/hob://h:/" + kind))
         assert b"SECRET" not in first, kind
-        assert Client(daemon).ask(get("/hob://h:/mine")) == b"stdio /mine", kind
+        assert Client(daemon).ask("mine") == b"stdio /mine", kind
 
 
 def test_interim_answers_of_the_service_are_dropped(hob):
     daemon = hob()
     client = Client(daemon)
     for path in ("interim", "plain", "interim-chunked", "plain"):
-        assert b"stdio /" + path.encode() in client.ask(get("/hob://h:/" + path)), path
-    leaver = Client(daemon)
-    leaver.sock.sendall(get("/hob://h:/slow-interim"))
+        assert b"stdio /" + path.encode() in client.ask(path), path
+    leaver = Client(daemon, "slow-interim")
     time.sleep(0.2)
     leaver.sock.close()
-    assert client.ask(get("/hob://h:/mine")) == b"stdio /mine"
+    assert client.ask("mine") == b"stdio /mine"
 
 
 def test_service_that_dies(hob):
@@ -274,8 +263,9 @@ def test_only_administrators_reach_it(hob):
     assert daemon.request("GET", "/hob://h:/admin/x").status == 401
 
 
-@pytest.mark.parametrize("output", ["", "no port here\n", "PORT : none\n", "PORT : 0\n",
-                                    "PORT : 655350\n", "PORT: 80\n"])
+@pytest.mark.parametrize("output", [
+    "", "no port here\n", "PORT : none\n", "PORT : 0\n", "PORT : 655350\n", "PORT: 80\n",
+    "none for long\n'; exec sleep '999"])
 def test_service_without_port_is_ended(hob, output):
     daemon = hob(f"#!/bin/sh\necho $$ >facts\nprintf '{output}'\n")
     pid = int(daemon.facts.read_text())
@@ -287,7 +277,7 @@ def test_service_without_port_is_ended(hob, output):
 
 def test_port_at_the_end_of_what_a_service_says(hob):
     daemon = hob(SERVICE.replace(r'"PORT : %d\n"', '"PORT : %d"'))
-    assert Client(daemon).ask(get("/hob://h:/x", method="POST", body=b"one")) == b"tcp 1 one"
+    assert Client(daemon).ask("x", b"one") == b"tcp 1 one"
 
 
 def test_missing_service(hob, make_daemon):
@@ -301,13 +291,6 @@ def test_missing_service(hob, make_daemon):
     daemon = make_daemon()
     assert daemon.raw(get("/world/ping"), until=bool)
     assert daemon.error_log.read_text() == "" and "hobintf" not in daemon.stderr_text()
-    assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
-
-
-def test_announcement_that_stays_away_is_given_up(hob):
-    daemon = hob("#!/bin/sh\necho $$ >facts\necho starting\nexec sleep 1000\n")
-    assert eventually(lambda: not alive(int(daemon.facts.read_text())))
-    assert "HOBINTF: no port announced by " in daemon.error_log.read_text()
     assert daemon.raw(get("/hob://h:/x")) == NO_SERVICE
 
 

@@ -37,44 +37,40 @@ def status(daemon, login, path="/pub/f.txt", **kwargs):
 # --- Changes of accounts ---
 
 
-@ROOT_ONLY
-@pytest.mark.parametrize("earlier", [False, True])
-def test_accounts_change_at_once_whoever_the_daemon_is(public_folder, earlier):
-    """The daemon has given up root's rights; everything of an earlier version belonged to root."""
-    base = public_folder / "d"
+@pytest.mark.parametrize("user, earlier", [
+    (None, False), pytest.param("nobody", False, marks=ROOT_ONLY),
+    pytest.param("nobody", True, marks=ROOT_ONLY)])
+def test_accounts_change_at_once_whoever_the_daemon_is(public_folder, user, earlier):
+    """A daemon may have given up root's rights; all of an earlier version may have been root's."""
+    base, uid = public_folder / "d", 65534 if user else os.geteuid()
+    longest = "x" * (42 - len("local\\alice:"))
     if earlier:
         daemon = Daemon(base, auth=True).start()
         daemon.check()
-    daemon = Daemon(base, auth=True, runtime_uid="nobody")
-    (daemon.root / "pub").mkdir(exist_ok=True)
-    (daemon.root / "pub" / "f.txt").write_text("f")
-    for log in (daemon.error_log, daemon.access_log):
-        log.touch()
-        os.chown(log, 65534, 65534)
-    daemon.pid_file.touch()
-    os.chown(daemon.pid_file, 65534, 65534)
+    daemon = Daemon(base, auth=True, runtime_uid=user)
+    daemon.write("pub/f.txt", "f")
+    for file in (daemon.error_log, daemon.access_log, daemon.pid_file):
+        file.touch()
+        os.chown(file, uid, -1)
     daemon.start()
     try:
         assert daemon.stderr_text().count("now belong to user 65534") == int(earlier)
         assert len(log_lines(daemon, "now belong to user 65534")) == int(earlier)
         at = daemon.ca.parent
-        assert {path.stat().st_uid for path in (at.parent, at, *at.rglob("*"))} == {65534}
+        assert {path.stat().st_uid for path in (at.parent, at, *at.rglob("*"))} == {uid}
         assert status(daemon, f"root:{daemon.password}") == 200
-
-        def tool(*args, input=None):
-            done = daemon.user_tool(*args, input=input)
-            assert done.returncode == 0, done
-
         for command, password, works, refused in (
                 ("add", "wonderland", "alice:wonderland", "alice:looking"),
                 ("passwd", "looking-glass", "alice:looking-glass", "alice:wonderland"),
                 ("lock", None, None, "alice:looking-glass"),
                 ("unlock", None, "alice:looking-glass", None),
-                ("del", None, None, "alice:looking-glass")):
-            tool(command, "alice", input=password)
+                ("passwd", longest, f"local\\alice:{longest}", "alice:looking-glass"),
+                ("del", None, None, f"alice:{longest}")):
+            done = daemon.user_tool(command, "alice", input=password)
+            assert done.returncode == 0, done
             assert works is None or status(daemon, works) == 200, command
             assert refused is None or status(daemon, refused) == 401, command
-        assert {path.stat().st_uid for path in at.rglob("*")} == {65534}
+        assert {path.stat().st_uid for path in at.rglob("*")} == {uid}
     finally:
         daemon.check()
 
@@ -84,8 +80,7 @@ def test_accounts_change_at_once_whoever_the_daemon_is(public_folder, earlier):
 
 def test_refused_files_are_told_and_hurt_nobody(make_daemon):
     daemon = make_daemon(auth=True)
-    (daemon.root / "pub").mkdir()
-    (daemon.root / "pub" / "f.txt").write_text("f")
+    daemon.write("pub/f.txt", "f")
     at = daemon.ca.parent
     root = f"root:{daemon.password}"
     add_user(daemon, "alice", "wonderland")
@@ -214,11 +209,7 @@ def test_half_handshakes_give_their_memory_back(make_daemon):
         tls.close()
         peer.close()
     before = daemon.rss_kib()
-    waiting = []
-    for _ in range(800):
-        sock = daemon.connect(daemon.tls_port)
-        sock.sendall(hello)
-        waiting.append(sock)
+    waiting = daemon.begin(*[hello] * 800, port=daemon.tls_port)
     for sock in waiting:
         assert sock.recv(1) == b"\x16"  # the server's hello: its half is done
     for sock in waiting:
@@ -242,8 +233,7 @@ def test_a_renewed_certificate_is_served_and_disturbs_nobody(make_daemon, tmp_pa
     chain.write_text(fresh.read_text() + authority.certificate.read_text())
     context = ssl.create_default_context(cafile=str(daemon.ca))
     request = b"GET /world/ HTTP/1.1\r\nHost: localhost\r\n\r\n"
-    (daemon.root / "world").mkdir()
-    (daemon.root / "world" / "index.html").write_text("hello")
+    daemon.write("world/index.html", "hello")
     former = presented(daemon)
 
     def renew(*args, password=None):

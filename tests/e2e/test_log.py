@@ -25,12 +25,9 @@ def make_logging_daemon(make_daemon, tmp_path):
                          io_buf_size=4096, aliases=f"/world/keys={tmp_path}/d0/root/pub/.dovmaaccess")
     daemon.certificate = foreign.issue("mallory")
     make_role_folders(daemon.root)
-    (daemon.root / "world").mkdir()
-    (daemon.root / "world" / "f.txt").write_text("world")
-    (daemon.root / "pub" / ".dovmaaccess").write_text("")
-    program = daemon.root / "world" / "p.cgi"
-    program.write_text("#!/bin/sh\nprintf 'Status: 410 Gone fishing\\r\\n\\r\\n'\n")
-    program.chmod(0o755)
+    daemon.write("world/f.txt", "world")
+    daemon.write("pub/.dovmaaccess")
+    daemon.write("world/p.cgi", "#!/bin/sh\nprintf 'Status: 410 Gone fishing\\r\\n\\r\\n'\n", 0o755)
     daemon.start()
     shutil.copy(authority.certificate, daemon.ca.parent / "client_ca.pem")
     daemon.restart()
@@ -204,14 +201,15 @@ def test_each_change_is_one_line(daemon, tmp_path):
 
 
 def test_stop_requests_name_who_made_them(daemon):
-    login = root_login(daemon)
-    assert daemon.request("POST", "/admin/lifecycle/stop", body="", user=login).status == 200
-    daemon.expected_end = True
-    with daemon.connect() as sock:
-        sock.sendall(f"GET /admin/lifecycle/stop HTTP/1.1\r\nAuthorization: {basic(login)}\r\n\r\n"
-                     .encode())
-        assert sock.recv(100) == b""
+    request = ("GET /admin/lifecycle/stop HTTP/1.1\r\nAuthorization: "
+               f"{basic(root_login(daemon))}\r\n\r\n").encode()
+    first = daemon.raw(request, until=lambda received: received.endswith(b"Success"))
+    assert first == b"HTTP/1.1 200 OK\r\n\r\nSuccess"
+    assert daemon.request("GET", "/world/ping").status == 200, "the second call ends it"
+    daemon.expected_end, console = True, daemon.stderr_text()
+    assert daemon.raw(request) == b""
     assert daemon.process.wait(10) == 0
+    assert "Exit on signal" not in daemon.stderr_text().removeprefix(console)
     assert messages(daemon) == ["root stopped the companion service", "root ended the daemon"]
 
 

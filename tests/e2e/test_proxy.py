@@ -9,14 +9,15 @@ import os
 import select
 import socket
 import ssl
-import subprocess
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from dovmad_harness import SANITIZED_BUILD, free_port, parse_response
+from dovmad_harness import (SANITIZED_BUILD, QuietHandler, free_port, parse_response,
+                            receive_until_end)
+from rights_support import Authority
 from relay_support import calms_down, eventually, get, receive, until_close
 
 NO_TARGET = (b"HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
@@ -30,22 +31,14 @@ def ask(daemon, uri, *headers, **kwargs):
     return until_close(daemon, get(uri, *headers, **kwargs))
 
 
-class KeepAlive(http.server.BaseHTTPRequestHandler):
+class KeepAlive(QuietHandler):
     """An HTTP/1.1 server that keeps every connection and answers in every way there is; its chunked
     answer has a body even where it must not have one."""
 
     protocol_version = "HTTP/1.1"
 
-    def log_message(self, *args):
-        pass
-
     def answer(self, status, body, headers):
-        self.send_response(status)
-        for name, value in headers.items():
-            self.send_header(name, value)
-        self.end_headers()
-        if self.command != "HEAD" or body == CHUNKS:
-            self.wfile.write(body)
+        super().answer(status, body if self.command != "HEAD" or body == CHUNKS else b"", headers)
 
     def do_GET(self):
         self.server.seen.append((self.requestline, self.headers, b""))
@@ -126,13 +119,7 @@ def make_raw_target():
 
 
 def read_head(sock):
-    received = b""
-    while b"\r\n\r\n" not in received:
-        chunk = sock.recv(65536)
-        if not chunk:
-            break
-        received += chunk
-    return received
+    return receive_until_end(sock, lambda received: b"\r\n\r\n" in received)
 
 
 @pytest.mark.parametrize("connection", [(), ("Connection: keep-alive",)])
@@ -180,16 +167,9 @@ def test_bodies_arrive_whole_and_alone(make_daemon, upstream):
 @pytest.fixture(name="authority")
 def make_authority(tmp_path):
     """Two self-signed certificates for localhost: the trusted one and another."""
-    paths = []
-    for name in ("trusted", "other"):
-        key, cert = tmp_path / f"{name}.key", tmp_path / f"{name}.crt"
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:P-256", "-nodes", "-keyout", key, "-out", cert, "-days",
-                        "2", "-subj", "/CN=localhost", "-addext",
-                        "subjectAltName=DNS:localhost,IP:127.0.0.1"], check=True,
-                       capture_output=True)
-        paths.append((cert, key))
-    return paths
+    made = [Authority(tmp_path / name, "localhost", "-addext",
+                      "subjectAltName=DNS:localhost,IP:127.0.0.1") for name in ("trusted", "other")]
+    return [(one.certificate, one.folder / "ca.key") for one in made]
 
 
 def tls_server_context(pair):
@@ -198,19 +178,21 @@ def tls_server_context(pair):
     return context
 
 
-def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, authority, raw_target):
-    def make_trusting(**options):
+@pytest.fixture(name="trusting")
+def trusting_fixture(make_daemon, authority):
+    def make(**options):
         daemon = make_daemon(**options)
-        trust = daemon.var / "sec" / "dovmad-at" / "peer_ca.pem"
-        trust.write_bytes(authority[0][0].read_bytes())
+        (daemon.ca.parent / "peer_ca.pem").write_bytes(authority[0][0].read_bytes())
         return daemon.restart()
+    return make
 
-    daemon = make_trusting()
-    good = Upstream(tls_server_context(authority[0]))
-    bad = Upstream(tls_server_context(authority[1]))
+
+def test_tls_targets_are_verified_and_never_spoken_to_in_clear(trusting, authority, raw_target):
+    daemon = trusting()
     heard = []
     clear = raw_target(lambda sock: heard.append(sock.recv(65536)))
-    try:
+    with contextlib.closing(Upstream(tls_server_context(authority[0]))) as good, \
+            contextlib.closing(Upstream(tls_server_context(authority[1]))) as bad:
         base = f"/https://127.0.0.1:{good.port}"
         assert parse_response(ask(daemon, base + "/x")).body == b"hello"
         assert parse_response(ask(daemon, base + "/large")).body == b"L" * 2_000_000
@@ -226,20 +208,15 @@ def test_tls_targets_are_verified_and_never_spoken_to_in_clear(make_daemon, auth
         # A record larger than the room for it: what was decrypted already is not lost from sight
         # although the target sends nothing more. Beside it, a buffer larger than a record.
         for size in (1024, 100_000):
-            other = make_trusting(io_buf_size=size)
+            other = trusting(io_buf_size=size)
             for path, length in (("/large", 2_000_000), ("/plain", 5)):
                 reply = parse_response(ask(other, base + path, "Connection: keep-alive"))
                 assert len(reply.body) == length
-    finally:
-        good.close()
-        bad.close()
 
 
-def test_client_that_takes_nothing_of_a_tls_answer_costs_nothing(make_daemon, authority):
+def test_client_that_takes_nothing_of_a_tls_answer_costs_nothing(trusting, authority):
     # The last piece lies in the daemon's buffer: nothing more is to be read from the target.
-    daemon = make_daemon(io_buf_size=16 << 20)
-    (daemon.var / "sec" / "dovmad-at" / "peer_ca.pem").write_bytes(authority[0][0].read_bytes())
-    daemon.restart()
+    daemon = trusting(io_buf_size=16 << 20)
     with contextlib.closing(Upstream(tls_server_context(authority[0]))) as target:
         with socket.socket() as client:
             client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
@@ -294,9 +271,8 @@ def test_unix_services_are_chosen_by_role(make_daemon, raw_target):
 
 def test_own_address_is_served_locally(make_daemon):
     daemon = make_daemon(auth=True)
-    (daemon.root / "world").mkdir()
-    (daemon.root / "world" / "a b.txt").write_text("local")
-    (daemon.root / "secret.txt").write_text("secret")
+    daemon.write("world/a b.txt", "local")
+    daemon.write("secret.txt", "secret")
     for form in ("/http://", "http://", "/https://"):
         for host in ("127.0.0.1", "localhost"):
             for port in (daemon.port, daemon.tls_port, f"0{daemon.tls_port}"):
@@ -378,9 +354,7 @@ def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
     descriptors = daemon.fd_count()
     requests = [get(base + "/silent")] * 10 + [
         get(base + "/endless"), get(base + "/silent", method="POST", body=bytes(100))[:-50]]
-    clients = [daemon.connect() for _ in requests]
-    for sock, request in zip(clients, requests):
-        sock.sendall(request)
+    clients = daemon.begin(*requests)
     assert ask(daemon, base + "/drip") == b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"
     assert daemon.request("GET", "/world/ping").status == 200
     assert calms_down(daemon)

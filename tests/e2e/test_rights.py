@@ -44,6 +44,12 @@ def roles_of(daemon, login, **kwargs):
     return [r for r in ROLES if status(daemon, f"/{r}/f.txt", login, **kwargs) == 200]
 
 
+def configure(daemon, action, name, root="/x"):
+    """The answer to adding a namespace or removing one."""
+    fields = {"namespace": name, "document_root": str(root)}
+    return daemon.post(f"{SPACE}/{action}", fields, user=root_login(daemon)).text
+
+
 def get_on(client, path):
     """A request of alice's on a connection that stays open: (status, text)."""
     client.request("GET", path, headers={"Authorization": basic(ALICE)})
@@ -194,44 +200,37 @@ def test_namespaces_come_and_go(spaces, tmp_path):
     three = tmp_path / "three"
     make_role_folders(three)
     login = root_login(spaces)
-    fields = {"namespace": "three", "document_root": str(three)}
     assert status(spaces, "/three/pub/f.txt", login) == 404
-    assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
-    assert spaces.post(f"{SPACE}/add", fields, user=login).text == \
-        "Namespace is already configured"
+    assert configure(spaces, "add", "three", three) == "Success\n"
+    assert configure(spaces, "add", "three", three) == "Namespace is already configured"
     assert spaces.request("GET", "/three/pub/f.txt", user=login).text == "three pub\n"
     grant(spaces, "carol", "operator", namespace="three")
-    assert spaces.post(f"{SPACE}/remove", fields, user=login).text == "Success\n"
+    assert configure(spaces, "remove", "three") == "Success\n"
     assert status(spaces, "/three/pub/f.txt", login) == 404
     assert access_file(three, "operator") == "carol:user\n", "files stay"
     assert spaces.request("GET", "/one/pub/f.txt", user=login).text == "one pub\n"
-    assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
+    assert configure(spaces, "add", "three", three) == "Success\n"
     assert spaces.request("GET", "/three/pub/f.txt", user=login).text == "three pub\n"
 
 
 def test_the_last_character_of_a_configured_name_takes_no_part(spaces):
     login = root_login(spaces)
-    assert spaces.post(f"{SPACE}/remove", {"namespace": "onx"}, user=login).text == "Success\n"
+    assert configure(spaces, "remove", "onx") == "Success\n"
     assert spaces.request("GET", "/one/pub/f.txt", user=login).text == "one pub\n", \
         "its entry is gone, the namespace is not"
-    assert spaces.post(f"{SPACE}/remove", {"namespace": "one"}, user=login).text == \
-        "Namespace not configured"
-    fields = {"namespace": "one", "document_root": str(spaces.two)}
-    assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
+    assert configure(spaces, "remove", "one") == "Namespace not configured"
+    assert configure(spaces, "add", "one", spaces.two) == "Success\n"
     assert spaces.request("GET", "/one/pub/f.txt", user=login).text == "one pub\n"
 
 
 def test_removing_where_nothing_is_left_to_remove(spaces, make_daemon):
     """An empty list of namespaces is one; where none was ever configured everything is removed."""
-    login = root_login(spaces)
     for name in ("one", "two"):
-        assert spaces.post(f"{SPACE}/remove", {"namespace": name}, user=login).text == "Success\n"
-    assert spaces.post(f"{SPACE}/remove", {"namespace": "two"}, user=login).text == \
-        "Namespace not configured"
+        assert configure(spaces, "remove", name) == "Success\n"
+    assert configure(spaces, "remove", "two") == "Namespace not configured"
     bare = make_daemon(auth=True)
     for answer in ("Success\n", "Namespace not configured"):
-        reply = bare.post(f"{SPACE}/remove", {"namespace": "x"}, user=root_login(bare))
-        assert reply.text == answer
+        assert configure(bare, "remove", "x") == answer
     assert spaces.error_log.read_text().count("root removed namespace ") == 2
     assert "removed" not in bare.error_log.read_text()
 
@@ -261,10 +260,9 @@ def test_a_namespace_is_removed_while_requests_run_in_it(spaces):
     assert b"one admin\n" in kept.recv(4096)
 
     for _ in range(3):
-        fields = {"namespace": "one", "document_root": str(spaces.two)}
-        assert spaces.post(f"{SPACE}/remove", fields, user=login).text == "Success\n"
-        assert spaces.post(f"{SPACE}/add", fields, user=login).text == "Success\n"
-    assert spaces.post(f"{SPACE}/remove", {"namespace": "one"}, user=login).text == "Success\n"
+        assert configure(spaces, "remove", "one") == "Success\n"
+        assert configure(spaces, "add", "one", spaces.two) == "Success\n"
+    assert configure(spaces, "remove", "one") == "Success\n"
 
     posting.sendall(form[9:])
     assert posting.recv(4096).endswith(b"Success\n")

@@ -9,12 +9,6 @@ import pytest
 from relay_support import calms_down, eventually, get, receive, until_close
 
 
-def write(daemon, name, text):
-    path = daemon.root / name
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(text)
-
-
 def make(make_daemon, **options):
     return make_daemon(ssi_extensions=".shtml,.shtm", **options)
 
@@ -23,7 +17,7 @@ def test_slow_command_stops_nobody(make_daemon):
     daemon = make(make_daemon)
     gate = daemon.dir / "gate"
     os.mkfifo(gate)
-    write(daemon, "slow.shtml", f'(<!--#exec "cat {gate}; echo late"-->)')
+    daemon.write("slow.shtml", f'(<!--#exec "cat {gate}; echo late"-->)')
     result = []
     slow = threading.Thread(target=lambda: result.append(daemon.request("GET", "/slow.shtml").text))
     slow.start()
@@ -40,9 +34,9 @@ def test_slow_command_stops_nobody(make_daemon):
 def test_pages_that_work_without_writing_let_others_in(make_daemon):
     daemon = make(make_daemon)
     for level in range(5):  # 24 million includes that come to nothing
-        write(daemon, f"{level}.shtml", f'<!--#include virtual="{level + 1}.shtml"-->' * 30)
-    write(daemon, "5.shtml", "")
-    write(daemon, "long.shtml", "<!--#if no-->" + "x" * 5_000_000 + "<!--#endif-->end")
+        daemon.write(f"{level}.shtml", f'<!--#include virtual="{level + 1}.shtml"-->' * 30)
+    daemon.write("5.shtml", "")
+    daemon.write("long.shtml", "<!--#if no-->" + "x" * 5_000_000 + "<!--#endif-->end")
     with daemon.connect() as deep:
         deep.sendall(get("/0.shtml"))
         assert receive(deep, b"\r\n\r\n")
@@ -55,17 +49,16 @@ def test_pages_that_work_without_writing_let_others_in(make_daemon):
 
 def test_nothing_is_left_behind(make_daemon):
     daemon = make(make_daemon)
-    write(daemon, "quick.shtml", '<!--#exec "true"--><!--#include "/nonexistent"-->')
-    write(daemon, "endless.shtml", '<!--#exec "yes"-->')
-    write(daemon, "quiet.shtml", '<!--#exec "exec sleep 1000"-->')
+    daemon.write("quick.shtml", '<!--#exec "true"--><!--#include "/nonexistent"-->')
+    daemon.write("endless.shtml", '<!--#exec "yes"-->')
+    daemon.write("quiet.shtml", '<!--#exec "exec sleep 1000"-->')
     daemon.request("GET", "/quick.shtml")
     before = daemon.fd_count()
     for _ in range(50):
         daemon.request("GET", "/quick.shtml")
     clients = []
     for page in ("endless", "quiet") * 5:
-        clients.append(daemon.connect())
-        clients[-1].sendall(get(f"/{page}.shtml"))
+        clients += daemon.begin(get(f"/{page}.shtml"))
         assert clients[-1].recv(10)
     for sock in clients:
         sock.close()

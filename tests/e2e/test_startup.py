@@ -88,11 +88,10 @@ def test_version_and_usage():
 ])
 def test_which_file_is_read(make_daemon, args, read):
     daemon = make_daemon(start=False)
-    default = daemon.prefix / "etc/opt/MOLBplxh/dovmad.conf"
-    default.parent.mkdir(parents=True)
     named = daemon.dir / "named.conf"
-    default.write_text(daemon.config.read_text() if read == "default" else "wrong 1\n")
-    named.write_text(daemon.config.read_text() if read == "file" else "wrong 1\n")
+    default = daemon.prefix / "etc/opt/MOLBplxh/dovmad.conf"
+    for name, path in (("default", default), ("file", named)):
+        daemon.write(path, daemon.config.read_text() if read == name else "wrong 1\n")
     daemon.args = [arg.format(file=named) for arg in args]
     daemon.start()
     assert daemon.request("GET", "/world/ping").status == 200
@@ -181,8 +180,6 @@ def test_a_start_where_loopback_is_down(make_daemon):
 
 def test_every_keyword_is_taken_and_acts(make_daemon, tmp_path):
     other = tmp_path / "other"
-    other.mkdir()
-    (other / "a.txt").write_text("aliased")
     (tmp_path / "types").write_text("text/x-test xyz\n")
     (tmp_path / "sched").write_text("")
     daemon = make_daemon(
@@ -194,10 +191,10 @@ def test_every_keyword_is_taken_and_acts(make_daemon, tmp_path):
         scheduler_file=tmp_path / "sched", env={"IPV6_TRACEFILE": str(tmp_path / "trace")})
     used = {line.split()[0] for line in daemon.config.read_text().splitlines()}
     assert used == {row.split()[1] for row in KEYWORDS.splitlines()}
-    (daemon.root / "start.xyz").write_text("index")
-    (daemon.root / "sub").mkdir()
-    (daemon.root / "x.run").write_text('printf "Content-Type: text/plain\\n\\n$COLOUR"\n')
-    (daemon.root / "x.inc").write_text('[<!--#exec "echo hi" -->]')
+    for name, text in (("start.xyz", "index"), ("sub/x", ""), (other / "a.txt", "aliased"),
+                       ("x.inc", '[<!--#exec "echo hi" -->]'),
+                       ("x.run", 'printf "Content-Type: text/plain\\n\\n$COLOUR"\n')):
+        daemon.write(name, text)
     daemon.start()
     index = daemon.request("GET", "/")
     assert (index.body, index.header("Content-Type")) == (b"index", "text/x-test")
@@ -287,7 +284,7 @@ def test_inetd_mode_never_talks_to_its_client_but_in_replies(make_daemon):
 
 def test_inetd_mode_serves_one_request(make_daemon):
     daemon = make_daemon(start=False, inetd_mode=1)
-    (daemon.root / "a.txt").write_text("hello")
+    daemon.write("a.txt", "hello")
     assert inetd_session(daemon, b"FOO / HTTP/1.1\r\n\r\n", hang_up=True) == b""
     received = inetd_session(
         daemon, b"HEAD /a.txt HTTP/1.1\r\n\r\nGET /a.txt HTTP/1.1\r\n\r\n")
@@ -312,18 +309,6 @@ def test_statistics_when_a_signal_ends_it(make_daemon, sig):
     assert last == f"3 requests 1.00 Mb in 1.50 Mb out. Exit on signal {int(sig)}"
 
 
-def test_the_stop_uri_ends_it_at_the_second_call(make_daemon):
-    daemon = make_daemon()
-    first = daemon.raw(b"GET /admin/lifecycle/stop HTTP/1.1\r\n\r\n",
-                       until=lambda received: received.endswith(b"Success"))
-    assert first == b"HTTP/1.1 200 OK\r\n\r\nSuccess"
-    assert daemon.request("GET", "/world/ping").status == 200
-    daemon.expected_end = True
-    assert daemon.raw(b"GET /admin/lifecycle/stop HTTP/1.1\r\n\r\n") == b""
-    assert daemon.process.wait(30) == 0
-    assert "Exit on signal" not in daemon.stderr_text()
-
-
 # --- Brokers ---
 
 def certificate_for(daemon, name):
@@ -338,14 +323,12 @@ def test_a_broker_answers_with_its_own_certificate(make_daemon):
     broker = make_daemon(auth=True)
     broker.stop()
     daemon = make_daemon(auth=True, start=False)
-    resolver = daemon.prefix / "etc/default/plx_resolv.conf"
-    resolver.parent.mkdir(parents=True)
     data = f'zel_data_dir = "{broker.var}/sec";\n'
     text = (f"[other]\nprimary_broker = other.test;\n[one]\nprimary_broker = broker.test;\n{data}"
             f"[twice]\nprimary_broker = broker.test;\nzel_data_dir = /nowhere;\n"
             f'[uri]\nprimary_broker = "kpr://b.test:7/local/root";\n{data}'
             "[gone]\nprimary_broker = gone.test;\nzel_data_dir = /nowhere;\n")
-    resolver.write_text(text)
+    resolver = daemon.write("etc/default/plx_resolv.conf", text, base=daemon.prefix)
     daemon.start()
     own, theirs = (ssl.PEM_cert_to_DER_cert(d.ca.read_text()) for d in (daemon, broker))
     assert own != theirs
@@ -363,16 +346,3 @@ def test_a_broker_answers_with_its_own_certificate(make_daemon):
     assert f"Syntax error in {resolver}\n" in daemon.stderr_text()
     resolver.write_text(f'[domains]\nz = "";\n{text}[z]\nprimary_broker = z.test;\n{data}')
     assert certificate_for(daemon, "z.test") == theirs
-
-
-def test_a_reset_keeps_what_was_good(make_daemon):
-    """An editor has just truncated the domains, and a renewal spoilt the certificate."""
-    daemon = make_daemon(auth=True)
-    certificate = daemon.ca.read_text()
-    (daemon.ca.parent / "domains").write_text("")
-    daemon.ca.write_text("-----BEGIN CERTIFICATE-----\n")
-    for _ in range(2):
-        reply = daemon.request("POST", "/admin/security/reset", user=f"root:{daemon.password}")
-        assert (reply.status, reply.text) == (200, "Success\n")
-    daemon.ca.write_text(certificate)
-    assert daemon.request("GET", "/pub/", user=f"root:{daemon.password}", tls=True).status == 404

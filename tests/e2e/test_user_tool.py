@@ -406,24 +406,6 @@ def test_tells_of_changes_that_were_not_written(make_daemon):
         daemon.stop()
 
 
-def test_accounts_of_a_running_daemon(make_daemon):
-    daemon = make_daemon(auth=True)
-    make_role_folders(daemon.root)
-    longest = "x" * (42 - len("local\\alice:"))
-    for command, password, works, refused in (
-            ("add", "wonderland", "alice:wonderland", None),
-            ("passwd", "another-one", "alice:another-one", "alice:wonderland"),
-            ("lock", None, None, "alice:another-one"),
-            ("unlock", None, "alice:another-one", None),
-            ("passwd", longest, f"local\\alice:{longest}", "alice:another-one"),
-            ("del", None, None, f"alice:{longest}")):
-        good(run_tool(daemon.config, command, "alice", input=password))
-        for login, status in ((works, 200), (refused, 401)):
-            if login:
-                reply = daemon.request("GET", "/pub/f.txt", user=login)
-                assert reply.status == status, (command, login)
-
-
 # --- What is refused, and what is warned of ---
 
 

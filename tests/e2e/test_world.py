@@ -17,10 +17,7 @@ def vitals(daemon, **kwargs):
 
 def put(daemon, path, text):
     """Writes a file where the daemon believes the root directory to be."""
-    target = daemon.prefix / path.lstrip("/")
-    target.parent.mkdir(parents=True, exist_ok=True)
-    target.write_text(text)
-    return target
+    return daemon.write(path.lstrip("/"), text, base=daemon.prefix)
 
 
 def test_ping_answers_the_bare_status_line(make_daemon):
