@@ -204,20 +204,19 @@ TEST_F(Files, RangesEndOneByteEarly) {
         content += static_cast<char>('a' + i % 26);
     }
     engine.root.write("f", content);
-    struct row {
+    const struct {
         const char* range;
         std::string content_range;  // empty: the header counts as absent
         std::size_t from;
         std::size_t length;
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {"bytes=10-", "10-999", 10, 990},   {"bytes=0-99", "0-98", 0, 99},
         {"bytes=0-5000", "0-999", 0, 1000}, {"bytes=1000-", "1000-999", 0, 0},
         {"bytes=5-5", "5-4", 0, 0},         {"bytes=0-0", "0-18446744073709551615", 0, 0},
         {"items=1-2", "", 0, 1000},         {"bytes=", "", 0, 1000},
     };
     const unique_fd client = engine.connect();
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         const std::string reply = engine.exchange_on(
             client, std::string("GET /f HTTP/1.1\r\nRange: ") + r.range + "\r\n\r\n");
         const bool partial = !r.content_range.empty();

@@ -95,20 +95,19 @@ TEST_F(Resolver, WithoutAThreadThereIsNoName) {
 }
 
 TEST_F(Resolver, AnswersAreRememberedForAWhile) {
-    struct step {
+    const struct {
         int seconds;  // since the step before
         const char* address;
         const char* name;  // in place of an address: the host that is looked for
         int asked;         // so far
-    };
-    const std::vector<step> steps = {
+    } steps[] = {
         {0, "192.0.2.1", "peer.test", 1},   {0, "::ffff:192.0.2.1", "peer.test", 1},
         {299, "192.0.2.1", "peer.test", 1}, {1, "192.0.2.1", "peer.test", 2},
         {0, "2001:db8::1", "six.test", 3},  {0, nullptr, "good.test", 4},
         {0, nullptr, "GOOD.Test", 4},       {0, nullptr, "bad.test", 5},
         {59, nullptr, "bad.test", 5},       {1, nullptr, "bad.test", 6},
     };
-    for (const step& s : steps) {
+    for (const auto& s : steps) {
         monotonic_seconds += s.seconds;
         if (s.address != nullptr) {
             EXPECT_EQ(find_name(s.address), s.name) << s.asked;

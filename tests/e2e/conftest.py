@@ -1,5 +1,6 @@
 import os
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -8,6 +9,14 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE), str(HERE.parents[1] / "prove")]  # faults, kills and power cuts
 
 from dovmad_harness import CHECKER, SANITIZED_BUILD, Daemon, checker  # noqa: E402
+
+
+@pytest.fixture(name="public_folder")
+def public_folder_fixture():
+    """A folder that every user can reach and write, as the ones of pytest are not."""
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o777)
+        yield Path(folder)
 
 
 @pytest.fixture(name="make_daemon")

@@ -1,8 +1,9 @@
 """What the tests of programs, pages and targets share: requests, whole replies, and waiting."""
 
+import contextlib
 import time
 
-from dovmad_harness import eventually, receive_until_end
+from dovmad_harness import SANITIZED_BUILD, eventually, receive_until_end
 
 
 def calms_down(daemon):
@@ -12,6 +13,17 @@ def calms_down(daemon):
         time.sleep(1)
         return daemon.cpu_seconds() - before < 0.05
     return eventually(rests)
+
+
+@contextlib.contextmanager
+def leaving_nothing(daemon, kib=None):
+    """Nothing of the block keeps a descriptor open, nor more memory than `kib` in use."""
+    daemon.request("GET", "/world/ping")
+    descriptors, memory = daemon.fd_count(), daemon.rss_kib()
+    yield
+    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    # Under AddressSanitizer freed memory is held back; its leak check stands in.
+    assert SANITIZED_BUILD or kib is None or daemon.rss_kib() < memory + kib
 
 
 def get(uri, *headers, method="GET", body=b""):

@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from relay_support import eventually, get, receive, until_close
+from relay_support import get, leaving_nothing, receive, until_close
 
 HEAD = ("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/html; charset=utf-8\r\n\r\n"
         "<html><head><title>Index of /d/</title><style>th {text-align: left;}</style></head>"
@@ -73,13 +73,11 @@ def test_five_thousand_entries_and_a_slow_reader(make_daemon, buffer_bytes):
     names = {f"entry-{i:05}-{'x' * (i % 200)}" for i in range(5000)}
     for name in names:
         (folder / name).touch()
-    before = daemon.fd_count()
-    with daemon.connect() as sock:
-        sock.settimeout(60)
-        sock.sendall(get("/d/"))
-        time.sleep(0.5)  # until nothing fits between the two
-        assert set(listing(receive(sock))) == names | {"../"}
-    with daemon.connect() as sock:  # and one that leaves
-        sock.sendall(get("/d/"))
-        assert sock.recv(10)
-    assert eventually(lambda: daemon.fd_count() <= before)
+    with leaving_nothing(daemon):
+        with daemon.connect() as sock:
+            sock.settimeout(60)
+            sock.sendall(get("/d/"))
+            time.sleep(0.5)  # until nothing fits between the two
+            assert set(listing(receive(sock))) == names | {"../"}
+        with daemon.begin(get("/d/"))[0] as sock:  # and one that leaves
+            assert sock.recv(10)

@@ -6,23 +6,14 @@ import shutil
 import socket
 import ssl
 import subprocess
-import tempfile
 from pathlib import Path
 
 import pytest
 from dovmad_harness import SANITIZED_BUILD, USER_TOOL, Daemon, eventually
 from rights_support import Authority, add_user, openssl
 
-HOOK = Path(__file__).parents[2] / "packaging" / "renew-hook"
 ROOT_ONLY = pytest.mark.skipif(os.geteuid() != 0, reason="only root can become somebody else")
-
-
-@pytest.fixture(name="public_folder")
-def public_folder_fixture():
-    """A folder that every user can reach, as the ones of pytest are not."""
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o755)
-        yield Path(folder)
+HOOK = Path(__file__).parents[2] / "packaging" / "renew-hook"
 
 
 def log_lines(daemon, *words):

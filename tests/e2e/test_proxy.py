@@ -12,13 +12,14 @@ import ssl
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
+from functools import partial
 
 import pytest
 
-from dovmad_harness import (SANITIZED_BUILD, QuietHandler, free_port, parse_response,
-                            receive_until_end)
+from browser import CHROMIUM, Browser
+from dovmad_harness import QuietHandler, free_port, parse_response, receive_until_end
 from rights_support import Authority
-from relay_support import calms_down, eventually, get, receive, until_close
+from relay_support import calms_down, eventually, get, leaving_nothing, receive, until_close
 
 NO_TARGET = (b"HTTP/1.1 404 Not Found. Could not connect to proxy target\r\n\r\n"
              b"404 Not Found. Could not connect to proxy target")
@@ -63,9 +64,9 @@ class KeepAlive(QuietHandler):
 class Upstream(http.server.ThreadingHTTPServer):
     request_queue_size = 64
 
-    def __init__(self, context=None):
+    def __init__(self, context=None, handler=KeepAlive):
         self.seen = []
-        super().__init__(("127.0.0.1", free_port("upstream")), KeepAlive)
+        super().__init__(("127.0.0.1", free_port("upstream")), handler)
         if context:
             self.socket = context.wrap_socket(self.socket, server_side=True,
                                               do_handshake_on_connect=False)
@@ -292,15 +293,11 @@ def test_own_address_is_served_locally(make_daemon):
 
 def test_dead_targets_leave_nothing_and_cost_nothing(make_daemon):
     daemon = make_daemon()
-    daemon.request("GET", "/world/ping")
-    descriptors = daemon.fd_count()
-    dead = free_port("upstream")
-    for _ in range(50):
-        assert ask(daemon, f"/http://127.0.0.1:{dead}/") == NO_TARGET
-    for target in ("no.such.host.invalid", "127.0.0.1:65536", "h" * 300, ""):
-        assert ask(daemon, f"/http://{target}/") == NO_TARGET
-    assert calms_down(daemon)
-    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    targets = [f"127.0.0.1:{free_port('upstream')}"] * 50
+    with leaving_nothing(daemon):
+        for target in (*targets, "no.such.host.invalid", "127.0.0.1:65536", "h" * 300, ""):
+            assert ask(daemon, f"/http://{target}/") == NO_TARGET
+        assert calms_down(daemon)
 
 
 def test_targets_that_go_wrong(make_daemon, raw_target):
@@ -350,17 +347,15 @@ def test_silent_and_slow_targets_disturb_nobody(make_daemon, raw_target):
 
     base = f"/http://127.0.0.1:{raw_target(play)}"
     daemon = make_daemon()
-    daemon.request("GET", "/world/ping")
-    descriptors = daemon.fd_count()
     requests = [get(base + "/silent")] * 10 + [
         get(base + "/endless"), get(base + "/silent", method="POST", body=bytes(100))[:-50]]
-    clients = daemon.begin(*requests)
-    assert ask(daemon, base + "/drip") == b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"
-    assert daemon.request("GET", "/world/ping").status == 200
-    assert calms_down(daemon)
-    for sock in clients:
-        sock.close()
-    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    with leaving_nothing(daemon):
+        clients = daemon.begin(*requests)
+        assert ask(daemon, base + "/drip") == b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"
+        assert daemon.request("GET", "/world/ping").status == 200
+        assert calms_down(daemon)
+        for sock in clients:
+            sock.close()
     release.set()
 
 
@@ -375,19 +370,17 @@ def test_targets_that_are_never_ready_keep_nobody_waiting(make_daemon, raw_targe
     release = threading.Event()
     mute = raw_target(lambda sock: release.wait(100))
     daemon = make_daemon()
-    daemon.request("GET", "/world/ping")
-    descriptors = daemon.fd_count()
-    clients = []
-    for uri in (f"/http://127.0.0.1:{hole.getsockname()[1]}/", f"/https://127.0.0.1:{mute}/") * 3:
-        clients.append(daemon.connect())
-        clients[-1].sendall(get(uri))
-        assert daemon.request("GET", "/world/ping").status == 200
-    assert select.select(clients, [], [], 0)[0] == [], "the others were served meanwhile"
-    for sock in clients:
-        sock.settimeout(15)  # many times what a target may take
-        assert receive(sock) == NO_TARGET
-        sock.close()
-    assert eventually(lambda: daemon.fd_count() <= descriptors)
+    uris = (f"/http://127.0.0.1:{hole.getsockname()[1]}/", f"/https://127.0.0.1:{mute}/") * 3
+    with leaving_nothing(daemon):
+        clients = []
+        for uri in uris:
+            clients += daemon.begin(get(uri))
+            assert daemon.request("GET", "/world/ping").status == 200
+        assert select.select(clients, [], [], 0)[0] == [], "the others were served meanwhile"
+        for sock in clients:
+            sock.settimeout(15)  # many times what a target may take
+            assert receive(sock) == NO_TARGET
+            sock.close()
     release.set()
     for sock in [*fillers, hole]:
         sock.close()
@@ -402,9 +395,27 @@ def test_many_forwarded_requests_leave_nothing(make_daemon, upstream):
         return reply.endswith(hashlib.sha256(body).hexdigest().encode())
 
     assert forward(0)
-    descriptors, memory = daemon.fd_count(), daemon.rss_kib()
-    with ThreadPoolExecutor(4) as pool:
+    with leaving_nothing(daemon, 4096), ThreadPoolExecutor(4) as pool:
         assert all(pool.map(forward, range(400)))
-    assert eventually(lambda: daemon.fd_count() <= descriptors)
-    # Under AddressSanitizer freed memory is held back; its leak check stands in.
-    assert SANITIZED_BUILD or daemon.rss_kib() < memory + 4096
+
+
+# --- A browser ---
+
+# An image, 9 wide and 1 high.
+PNG = base64.b64decode("iVBORw0KGgoAAAANSUhEUgAAAAkAAAABAQAAAAAkubnQAAAAC0lEQVR4nGNY1QAAAdcBK2xU"
+                       "ELIAAAAASUVORK5CYII=")
+
+
+@pytest.mark.skipif(CHROMIUM is None, reason="Chromium is not installed")
+def test_page_of_another_server_comes_with_its_style_and_image(make_daemon, tmp_path):
+    daemon = make_daemon()
+    (tmp_path / "style.css").write_text("#mark { width: 321px; color: rgb(1, 2, 3); }")
+    (tmp_path / "dot.png").write_bytes(PNG)
+    (tmp_path / "page.html").write_text('<!doctype html><link rel="stylesheet" href="style.css">'
+                                        '<p id="mark">text</p><img id="dot" src="dot.png">')
+    handler = partial(http.server.SimpleHTTPRequestHandler, directory=tmp_path)
+    with contextlib.closing(Upstream(handler=handler)) as server, Browser() as browser:
+        target = f"http://127.0.0.1:{server.port}/page.html"
+        browser.open(f"http://127.0.0.1:{daemon.port}/{target}")
+        assert browser.run("(s => [s.width, s.color, dot.naturalWidth])(getComputedStyle(mark))") \
+            == ["321px", "rgb(1, 2, 3)", 9]

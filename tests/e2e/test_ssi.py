@@ -6,7 +6,7 @@ import threading
 
 import pytest
 
-from relay_support import calms_down, eventually, get, receive, until_close
+from relay_support import calms_down, eventually, get, leaving_nothing, receive, until_close
 
 
 def make(make_daemon, **options):
@@ -53,16 +53,15 @@ def test_nothing_is_left_behind(make_daemon):
     daemon.write("endless.shtml", '<!--#exec "yes"-->')
     daemon.write("quiet.shtml", '<!--#exec "exec sleep 1000"-->')
     daemon.request("GET", "/quick.shtml")
-    before = daemon.fd_count()
-    for _ in range(50):
-        daemon.request("GET", "/quick.shtml")
-    clients = []
-    for page in ("endless", "quiet") * 5:
-        clients += daemon.begin(get(f"/{page}.shtml"))
-        assert clients[-1].recv(10)
-    for sock in clients:
-        sock.close()
-    assert eventually(lambda: daemon.fd_count() <= before)
+    with leaving_nothing(daemon):
+        for _ in range(50):
+            daemon.request("GET", "/quick.shtml")
+        clients = []
+        for page in ("endless", "quiet") * 5:
+            clients += daemon.begin(get(f"/{page}.shtml"))
+            assert clients[-1].recv(10)
+        for sock in clients:
+            sock.close()
     # The sleepers have no output that would end them.
     assert eventually(lambda: len(daemon.children()) == 5)
     for child in daemon.children():

@@ -9,7 +9,6 @@ import signal
 import socket
 import ssl
 import subprocess
-import tempfile
 from pathlib import Path
 
 import pytest
@@ -254,23 +253,21 @@ def test_detached(make_daemon):
 
 
 @pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
-def test_runs_as_an_unprivileged_user(make_daemon):
+def test_runs_as_an_unprivileged_user(make_daemon, public_folder):
     nobody = pwd.getpwnam("nobody")
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o777)
-        pid_file, kept = Path(folder) / "pid", Path(folder) / "kept"
-        daemon = make_daemon(slips=True, runtime_uid="nobody", pid_file=pid_file,
-                             document_root=folder)
-        kept.write_text("kept open")
-        assert daemon.request("GET", "/kept").text == "kept open"
-        kept.chmod(0)
-        assert daemon.request("GET", "/kept").status == 500
-        fields = status_of(daemon.pid)
-        assert fields["Uid"].split() == [str(nobody.pw_uid)] * 4
-        assert fields["Gid"].split() == [str(nobody.pw_gid)] * 4
-        assert fields["Groups"].split() == [str(nobody.pw_gid)]
-        assert pid_file.stat().st_uid == nobody.pw_uid
-        daemon.stop()
+    pid_file, kept = public_folder / "pid", public_folder / "kept"
+    daemon = make_daemon(slips=True, runtime_uid="nobody", pid_file=pid_file,
+                         document_root=public_folder)
+    kept.write_text("kept open")
+    assert daemon.request("GET", "/kept").text == "kept open"
+    kept.chmod(0)
+    assert daemon.request("GET", "/kept").status == 500
+    fields = status_of(daemon.pid)
+    assert fields["Uid"].split() == [str(nobody.pw_uid)] * 4
+    assert fields["Gid"].split() == [str(nobody.pw_gid)] * 4
+    assert fields["Groups"].split() == [str(nobody.pw_gid)]
+    assert pid_file.stat().st_uid == nobody.pw_uid
+    daemon.stop()
 
 
 # --- Inetd mode ---

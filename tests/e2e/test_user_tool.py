@@ -8,8 +8,6 @@ import random
 import re
 import socket
 import subprocess
-import tempfile
-from pathlib import Path
 
 import pytest
 from dovmad_harness import USER_TOOL
@@ -157,14 +155,12 @@ NOBODY = 65534
 
 
 @pytest.fixture(name="their_site")
-def their_site_fixture():
+def their_site_fixture(public_folder):
     """Everything belongs to the daemon's user, who can reach it."""
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o755)
-        site = Site(Path(folder) / "s")
-        for path in (site.base, *site.base.rglob("*")):
-            os.chown(path, NOBODY, NOBODY)
-        yield site
+    site = Site(public_folder / "s")
+    for path in (site.base, *site.base.rglob("*")):
+        os.chown(path, NOBODY, NOBODY)
+    return site
 
 
 @ROOT_ONLY
@@ -390,20 +386,18 @@ def test_will_not_send_a_password_to_a_stranger(make_daemon, tmp_path):
 
 
 @ROOT_ONLY
-def test_tells_of_changes_that_were_not_written(make_daemon):
+def test_tells_of_changes_that_were_not_written(make_daemon, public_folder):
     """The daemon may read its access files but not write them."""
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o777)
-        root = Path(folder) / "www"
-        make_role_folders(root)
-        (root / "agent" / ".dovmaaccess").write_text("bob:user\n")
-        daemon = make_daemon(auth=True, slips=True, runtime_uid="nobody", document_root=root,
-                             pid_file=Path(folder) / "pid")
-        for action, role, outcome in (("grant", "operator", "lost"), ("deny", "agent", "back")):
-            text = bad(as_root(daemon, action, "bob", role))
-            assert "could not write" in text and f"{outcome} at a restart" in text
-        good(as_root(daemon, "deny", "bob", "admin"))  # which bob never had
-        daemon.stop()
+    root = public_folder / "www"
+    make_role_folders(root)
+    (root / "agent" / ".dovmaaccess").write_text("bob:user\n")
+    daemon = make_daemon(auth=True, slips=True, runtime_uid="nobody", document_root=root,
+                         pid_file=public_folder / "pid")
+    for action, role, outcome in (("grant", "operator", "lost"), ("deny", "agent", "back")):
+        text = bad(as_root(daemon, action, "bob", role))
+        assert "could not write" in text and f"{outcome} at a restart" in text
+    good(as_root(daemon, "deny", "bob", "admin"))  # which bob never had
+    daemon.stop()
 
 
 # --- What is refused, and what is warned of ---

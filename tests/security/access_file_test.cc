@@ -55,12 +55,11 @@ TEST_F(access_file, lists_one_principal_a_line) {
 }
 
 TEST_F(access_file, search_goes_by_the_length_of_the_probe) {
-    struct search_case {
+    const struct {
         const char* lines;
         names stored;
         std::vector<const char*> found, missing;
-    };
-    const std::vector<search_case> rows = {
+    } rows[] = {
         {"alice:user\nal:user\n", {"alice"}, {"al", "alic", "ALICE", ""}, {"alicex", "b"}},
         {"al:user\nalice:user\n", {"al", "alice"}, {"al", "alice"}, {"alicex"}},
         {"root:user\n", {"root"}, {"r", "Roo", "ROOT"}, {"roots"}},

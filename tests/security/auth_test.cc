@@ -95,17 +95,16 @@ TEST_F(auth, unacceptable_headers_do_not_reach_the_library) {
 }
 
 TEST_F(auth, the_user_name_is_plain_only_for_users_of_this_system) {
-    struct row {
+    const struct {
         const char *qualifier, *domain, *name, *user_name;
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {"localhost", "local", "alice", "alice"},
         {"LOCALHOST", "local", "alice", "alice@local.LOCALHOST"},
         {"host", "local", "root", "root@local.host"},
         {nullptr, nullptr, "alice", "alice@."},
     };
     c.client_credential = &fake;
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         const molb_info info{const_cast<char*>(r.qualifier), const_cast<char*>(r.domain),
                              const_cast<char*>(r.name)};
         caller("");

@@ -56,12 +56,11 @@ TEST_F(molbat, an_unfinished_handshake_is_tried_by_every_read) {
 }
 
 TEST_F(molbat, the_outcome_of_a_handshake_shows_at_the_next_read) {
-    struct row {
+    const struct {
         std::uint32_t result;
         const char* missing;  // an entry point of the library, or the channel
         int error;            // of the read
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {at_no_credential, "", EAGAIN},
         {at_channel_failed, "", EPROTO},
         {at_not_available, "", EPROTO},
@@ -70,7 +69,7 @@ TEST_F(molbat, the_outcome_of_a_handshake_shows_at_the_next_read) {
         {at_ok, "molbAtSecConnClose", EPROTO},
         {at_ok, "channel", EPROTO},
     };
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         c.client.handshake = handshake_state::pending;
         c.client.may_hold_bytes = false;
         fake.handshakes = {r.result};
@@ -90,19 +89,18 @@ TEST_F(molbat, the_outcome_of_a_handshake_shows_at_the_next_read) {
 
 TEST_F(molbat, only_counts_reach_the_engine) {
     c.client.handshake = handshake_state::done;
-    struct row {
+    const struct {
         std::int32_t answer;
         ssize_t result;
         bool pending;
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {100, 100, true}, {99, 99, false},
         {1, 1, false},    {0, 0, false},
         {101, -1, false}, {static_cast<std::int32_t>(at_not_available), -1, false},
         {-2, -1, false},  {std::numeric_limits<std::int32_t>::min(), -1, false},
         {-1, -1, false},  // a failure without a reason must not look like a wait
     };
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         fake.counts = {r.answer, r.answer};
         c.client.may_hold_bytes = !r.pending;
         EXPECT_EQ(read(), r.result) << r.answer;

@@ -144,18 +144,17 @@ TEST_F(Shim, LeavesTheCallersStackAlone) {
 TEST_F(Shim, SurvivesALibraryThatCannotBeLoaded) {
     Dl_info other{};  // a library of another kind
     ASSERT_NE(dladdr(reinterpret_cast<void*>(&std::abort), &other), 0);
-    struct row {
+    const struct {
         const char* file;
         const char* refusal;  // of its loader entry
         std::uint32_t result;
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {"missing.so", "", at_not_available},
         {other.dli_fname, "", at_not_available},
         {"libfake_full.so", "24665", at_permission_denied},
         {"libfake_full.so", "0", at_not_available},
     };
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         in_child(r.file, [&] {
             setenv("FAKE_LOAD_RESULT", r.refusal, 1);
             void* handle = &handle;
@@ -295,17 +294,16 @@ TEST_F(Shim, NamesEveryCallAtDebugLevelFour) {
 }
 
 TEST(Loader, KnowsVersionsAndAdministrativeNames) {
-    struct row {
+    const struct {
         molb_version wanted, used;
         int highest;
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {{4, 0}, {4, 4}, 116},  {{4, 1}, {4, 1}, 100}, {{4, 3}, {4, 3}, 111}, {{4, 9}, {4, 4}, 116},
         {{5, 0}, {5, 0}, 130},  {{5, 2}, {5, 1}, 134}, {{6, 1}, {6, 0}, 174}, {{7, 0}, {6, 0}, 174},
         {{-1, 0}, {6, 0}, 174}, {{3, 4}, {6, 0}, 174},
     };
     molb_version used{};
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         EXPECT_EQ(molbat_negotiate(&r.wanted, &used), r.highest)
             << r.wanted.major << "." << r.wanted.minor;
         EXPECT_EQ(used.major, r.used.major);
@@ -320,15 +318,14 @@ TEST_F(Shim, FindsTheLibraryByHomeLibraryPathAndLocationFile) {
     constexpr const char* path_template = "/opt/MOLBat/lib//libmolbat4L_t.so";
     std::ofstream(home_ / "with_key") << "# comment\nOther=/x\nProductInstallDir=/P\n";
     std::ofstream(home_ / "without_key") << "#ProductInstallDir=/no\n";
-    struct row {
+    const struct {
         int kind;
         const char* library_path;
         const char* home;
         const char* location;
         const char* result;  // "": refused
         std::uint32_t error;
-    };
-    const std::vector<row> rows = {
+    } rows[] = {
         {0, "", "/H", "missing", "/H/lib/libmolbat4L_t.so", 0},
         {4, "", "/H/", "missing", "/H/lib/libmolbat4L_t.so", 0},
         {0, "", "/H//", "missing", "/H//lib/libmolbat4L_t.so", 0},
@@ -341,7 +338,7 @@ TEST_F(Shim, FindsTheLibraryByHomeLibraryPathAndLocationFile) {
     };
     unsetenv("ZEL_HOME_DIR");
     std::uint32_t error = 0;
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         const std::string location = home_ / r.location;
         molbat_loc_path = location.c_str();
         const molb_init settings{r.home, nullptr, nullptr, r.library_path};
