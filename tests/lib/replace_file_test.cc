@@ -226,10 +226,17 @@ TEST_F(replace_file_test, waits_for_another_process_that_replaces_it) {
     const std::string content = read(file);
     EXPECT_EQ(content, std::string(100'000, content.at(0)));
     EXPECT_EQ(names(), 1);
-    // A lock that nobody gives up ends the wait.
-    const unique_fd held(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    ASSERT_EQ(flock(held.get(), LOCK_EX), 0);
-    EXPECT_EQ(replace_file(file.c_str(), "x"), EBUSY);
+    // The lock of a file that has gone is none, and one that nobody gives up ends the wait.
+    write(path("next"), "next");
+    const unique_fd former(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd next(open(path("next").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(former.get(), LOCK_EX) + flock(next.get(), LOCK_EX), 0);
+    const pid_t waiting = begin_in_child([&] { return replace_file(file.c_str(), "x") == EBUSY; });
+    (void)usleep(100000);
+    std::filesystem::rename(path("next"), file);
+    ASSERT_EQ(flock(former.get(), LOCK_UN), 0);
+    EXPECT_TRUE(held(waiting));
+    EXPECT_EQ(read(file), "next");
 }
 
 TEST_F(replace_file_test, needs_the_file_itself_to_be_writable) {
