@@ -8,6 +8,7 @@ import struct
 
 import pytest
 
+import relay_support
 from dovmad_harness import receive_until_end
 from rights_support import (Authority, basic, full_name, grant, guarded, qualifier,
                             root_login)
@@ -39,10 +40,7 @@ def read_until(sock, what):
 
 
 def get(path, login=None):
-    lines = [f"GET {path} HTTP/1.1", "Host: localhost"]
-    if login is not None:
-        lines.append(f"Authorization: {basic(login)}")
-    return ("\r\n".join(lines) + "\r\n\r\n").encode()
+    return relay_support.get(path, *([f"Authorization: {basic(login)}"] if login else []))
 
 
 @pytest.mark.parametrize("tls", [False, True])
