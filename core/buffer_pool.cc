@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include "lib/plat.h"
+
 namespace {
 
 // What is kept for the next borrower, as bytes and as buffers: more are in use at once only while
@@ -22,7 +24,7 @@ constexpr bool keeps_buffers = true;
 #endif
 
 struct buffer_pool {
-    std::vector<char*> idle;
+    std::vector<qz_owned<char>> idle;
     std::size_t size = 0;  // of the idle ones
     std::size_t lent = 0;
 };
@@ -34,7 +36,7 @@ buffer_pool pool;
 char* lend_buffer(std::size_t size) {
     char* buffer = nullptr;
     if (size == pool.size && !pool.idle.empty()) {
-        buffer = pool.idle.back();
+        buffer = pool.idle.back().release();
         pool.idle.pop_back();
     } else {
         buffer = static_cast<char*>(std::malloc(size + 1));
@@ -58,16 +60,13 @@ void take_back_buffer(char* buffer, std::size_t size) {
     }
     if (keeps_buffers && pool.idle.size() < idle_buffers_max &&
         (pool.idle.size() + 1) * size <= idle_bytes_max) {
-        pool.idle.push_back(buffer);
+        pool.idle.emplace_back(buffer);
     } else {
         std::free(buffer);
     }
 }
 
 void free_idle_buffers() {
-    for (char* buffer : pool.idle) {
-        std::free(buffer);
-    }
     pool.idle.clear();
 }
 
