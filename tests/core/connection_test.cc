@@ -119,6 +119,7 @@ TEST_F(Connections, NothingOfARequestReachesTheNext) {
 
 TEST_F(Connections, TheOldestIsServedFirst) {
     static std::vector<std::uint64_t> served;
+    served.clear();
     shttpd_register_uri(engine.ctx, "/serial", tells_serial, &served);
     std::vector<unique_fd> clients;
     for (int i = 0; i < 5; ++i) {
