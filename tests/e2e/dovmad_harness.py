@@ -195,6 +195,7 @@ class Daemon:
             self.before_first_start(self)
             self.before_first_start = None
         with open(self.stderr_file, "ab") as stderr:
+            self.said_before = len(self.stderr_text())
             self.process = subprocess.Popen([BINARY, *self.args], env=self.env, stderr=stderr,
                                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self.expected_end = False
@@ -203,7 +204,7 @@ class Daemon:
         return self
 
     def answers(self):
-        """Whether it takes connections; an error when it has ended instead."""
+        """Whether it takes connections and can be found; an error when it has ended instead."""
         if self.process.poll() is not None:
             raise AssertionError(f"the daemon ended with {self.process.returncode}: "
                                  f"{self.stderr_text()}")
@@ -211,7 +212,7 @@ class Daemon:
             self.connect().close()
         except OSError:
             return False
-        return True
+        return " started on port" in self.stderr_text()[self.said_before:]
 
     def stop(self, sig=signal.SIGTERM, timeout=30):
         """Ends the daemon with a signal and returns its exit status."""
