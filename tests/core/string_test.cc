@@ -83,6 +83,8 @@ TEST(Copies, StayInsideTheirBuffers) {
     EXPECT_EQ(my_snprintf(buffer, 4, "%d", 12), 2);
     const std::unique_ptr<char, decltype(&std::free)> part(my_strndup("abcdef", 3), std::free);
     EXPECT_STREQ(part.get(), "abc");
+    const decltype(part) whole(my_strdup(part.get()), std::free);
+    EXPECT_STREQ(whole.get(), "abc");
 }
 
 }  // namespace

@@ -208,11 +208,13 @@ class Daemon:
         if self.process.poll() is not None:
             raise AssertionError(f"the daemon ended with {self.process.returncode}: "
                                  f"{self.stderr_text()}")
+        if " started on port" not in self.stderr_text()[self.said_before:]:
+            return False
         try:
             self.connect().close()
         except OSError:
             return False
-        return " started on port" in self.stderr_text()[self.said_before:]
+        return True
 
     def stop(self, sig=signal.SIGTERM, timeout=30):
         """Ends the daemon with a signal and returns its exit status."""

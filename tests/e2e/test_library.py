@@ -303,9 +303,12 @@ def test_check_tells_what_the_daemon_would(make_daemon, tmp_path):
     openssl("ca", "-batch", "-config", tmp_path / "ca.conf", "-selfsign", "-in", tmp_path / "csr",
             "-keyfile", at / "server.key", "-out", old, "-notext", "-startdate", "20200101000000Z",
             "-enddate", "20210101000000Z")
+    openssl("req", "-x509", "-days", "9", "-key", at / "server.key", "-out", tmp_path / "soon",
+            "-subj", "/CN=soon")
     for file, content, mode, kind, words in (
             ("server.crt", b"rubbish", 0o644, "error", "server.crt: no usable certificate"),
             ("server.crt", old.read_bytes(), 0o644, "error", "server.crt: has expired on"),
+            ("server.crt", (tmp_path / "soon").read_bytes(), 0o644, "warning", "within 30 days"),
             ("server.crt", certificate + authority.certificate.read_bytes(), 0o644, "error",
              "certificate 2 has not issued the one before it"),
             ("server.key", (authority.folder / "ca.key").read_bytes(), 0o600, "error",
@@ -344,7 +347,14 @@ def test_check_tells_what_the_daemon_would(make_daemon, tmp_path):
         folder.chmod(0o777)
         assert f"error: {folder}: mode 0777" in check()[1]
         folder.chmod(0o700)
-    assert check() == (0, "")
+    configuration = daemon.config.read_text()
+    for user, said in (("none", "error: .*no such user"), ("daemon", "warning: .*will be daemon")):
+        daemon.config.write_text(f"{configuration}runtime_uid {user}\n")
+        assert re.match(said, check()[1])
+    daemon.config.write_text(configuration)
+    if os.geteuid() == 0:
+        os.chown(at / "users", 12345, -1)
+        assert "users: belongs to user 12345, neither to root" in check()[1]
     shutil.rmtree(at / "users")
     assert "users: No such file" in check()[1]
     assert "No such file" in daemon.user_tool("-d", tmp_path / "nowhere", "check").stderr

@@ -109,7 +109,8 @@ def test_refuses_what_could_never_log_in(site):
     longest = 42 - len("local\\alice:")
     assert f"leaves {longest} " in site.bad("add", "alice", input="x" * (longest + 1))
     assert "empty" in site.bad("add", "alice", input="\n")
-    assert "no password" in site.bad("add", "alice", input="")
+    for password in ("", "a\0b\n", "x" * 5000):
+        assert "no password" in site.bad("add", "alice", input=password)
     for name in ("a{b", "a[b", "{", "a:b", "", "-a", "a b", "a/b", "..", "a\nb", "ä", "x" * 33):
         assert "a user name begins" in site.bad("add", "--", name, input="password\n"), name
     for name in ("r", "roo", "Root", "RO"):
@@ -121,6 +122,7 @@ def test_refuses_what_could_never_log_in(site):
     assert "exists" in site.bad("add", "alice", input="password\n")
     for command in ("passwd", "del", "lock", "unlock"):
         assert "no such user" in site.bad(command, "carol", input="password\n")
+        assert "a user name begins" in site.bad(command, "a:b", input="password\n")
     (site.at / "users" / "dave").write_text("dave:nonsense\n")
     assert "no line" in site.bad("lock", "dave")
     assert site.good("list").endswith("dave\t-\tunusable\n")
@@ -129,7 +131,8 @@ def test_refuses_what_could_never_log_in(site):
 def test_wrong_usage(site):
     for args in ((), ("frobnicate",), ("add",), ("add", "a", "b"), ("list", "x"), ("--frob",),
                  ("grant", "alice"), ("grant", "alice", "boss"), ("grant", "alice", "op"),
-                 ("deny", "a:b", "pub"), ("grant", "a\nb", "pub"), ("rights", "x" * 128), ("-c",)):
+                 ("deny", "a:b", "pub"), ("grant", "a\nb", "pub"), ("grant", "", "pub"),
+                 ("rights", "x" * 128), ("-c",)):
         done = run_tool(site.config, *args)
         assert (done.returncode, done.stdout) == (USAGE, "") and done.stderr, args
     usage = site.good("--help")
@@ -144,6 +147,9 @@ def test_finds_the_data_directory(site, tmp_path):
     assert "here" in site.good("list")
     assert "there" in site.good("list", ZEL_DATA_DIR=str(second.data))
     assert "here" in site.good("-d", site.data, "list", ZEL_DATA_DIR=str(second.data))
+    (tmp_path / "link").symlink_to("second/var/sec")
+    (tmp_path / "far").symlink_to(tmp_path / "link")
+    assert "there" in site.good("-d", f"{tmp_path}/./far", "list")
     assert "not set up" in site.bad("-d", tmp_path / "nowhere", "list")
     assert "missing.conf" in site.bad("-c", tmp_path / "missing.conf", "list")
 
@@ -498,6 +504,9 @@ def test_names_the_missing_configuration(tmp_path):
         assert done.returncode == 1
         assert re.fullmatch(r"dovmad-user: \S+dovmad.conf: No such file or directory; "
                             r"name one with -c\n", done.stderr), done.stderr
+    (tmp_path / "empty").touch()
+    for args in (("rights", "alice"), ("grant", "alice", "admin")):
+        assert "document_root is not set in" in bad(run_tool(tmp_path / "empty", *args))
 
 
 # --- Several at once, and none that ends well ---
