@@ -118,7 +118,7 @@ def threads(amount, place):
 
 # The C library's own tidying at the end loses what a resolver's thread still holds.
 VALGRIND = """#!/bin/sh
-exec valgrind --quiet --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \\
+exec valgrind --quiet --vgdb=no --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \\
     --errors-for-leak-kinds=definite --run-libc-freeres=no --log-file={folder}/%p.txt \\
     --child-silent-after-fork=yes {binary} "$@"
 """
