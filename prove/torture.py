@@ -259,6 +259,12 @@ class Torture:
             self.tallies["right"] += status is None
             if status == 1 and not daemon.stderr_text().strip():
                 self.wrong.append(f"{what}: ended without a word")
+            if status is None and " started on port" in said:  # what runs works, over TLS, too
+                reply = b""
+                with contextlib.suppress(OSError):
+                    reply = self.request(daemon, get("/world/page"), 10, True)
+                if b"the page" not in reply:
+                    self.wrong.append(f"{what}: then {reply[:60]!r}")
         end_daemon(daemon, status)
         if hit:
             daemon.start()

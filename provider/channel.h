@@ -54,6 +54,10 @@ struct channel {
 // callback is asked.
 void prepare_server_context(SSL_CTX* context);
 
+// Makes all that OpenSSL makes once, at the first handshake of a process, by a handshake with
+// oneself: where memory fails it then, no later handshake would ever work. False: out of memory.
+[[nodiscard]] bool rehearse_handshake(SSL_CTX* server, SSL_CTX* client);
+
 // One step of the server's handshake, as far as the bytes that are there take it. Returns at_ok
 // (the client is known), at_no_credential (done, it is not), at_again (call again when the socket
 // is readable) or at_channel_failed (the channel is good for nothing but close_channel). Once done,

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -91,7 +92,11 @@ std::uint32_t site::load(bool whole) {
     if (places != at_ok) {
         return places;
     }
-    if (!guard_.prepare()) {
+    static std::atomic<bool> rehearsed = false;
+    if (!rehearsed && tls_.server()) {
+        rehearsed = rehearse_handshake(tls_.server().get(), tls_.client().get());
+    }
+    if ((!rehearsed && tls_.server()) || !guard_.prepare()) {
         return complain(directory_, ENOMEM);
     }
     load_users();
