@@ -2,10 +2,11 @@
 
     script/prove [quick|full|list] [--jobs N] [--minutes N] [--again] [LINE ...]
 
-`quick` (the default) gives each line a small amount of work, `full` the whole one, for at most eight
-hours or as many minutes as are said: begun pieces are finished, and a later call goes on. N lines run
-at a time, by default one for each of at most two processors; those that measure times run alone,
-last, and with more priority than others where that is allowed.
+`quick` (the default) gives each line a small amount of work, and a second one, alone, to those that
+fail; `full` the whole one, for at most eight hours or as many minutes as are said: begun pieces are
+finished, and a later call goes on. N lines run at a time, by default one for each of at most two
+processors; those that measure times run alone, last, and with more priority than others where that is
+allowed.
 
 What `full` has seen stays in the build folder, and each line's row tells the commit that it measured:
 the last one that changed the product (PRODUCT, the folders that the binaries are made of). Without
@@ -224,24 +225,29 @@ def main():
     for limit in ("--nofile=16384:16384", "--core=0:0"):
         subprocess.run(["prlimit", f"--pid={os.getpid()}", limit], check=False,
                        stderr=subprocess.DEVNULL)
-    names, results = chosen(options), []
+    names, results = chosen(options), {}
 
     def work(workers, some, first=None):
         with concurrent.futures.ProcessPoolExecutor(max(1, workers), initializer=first) as pool:
             if options.mode == "quick":
-                results.extend(pool.map(quick_line, some))
+                results.update(zip(some, pool.map(quick_line, some)))
             else:
                 deadline = start + 60 * options.minutes
-                results.extend(pool.map(full_line, some, [options.again] * len(some),
-                                        [deadline] * len(some)))
+                results.update(zip(some, pool.map(full_line, some, [options.again] * len(some),
+                                                  [deadline] * len(some))))
 
     alone = [name for name in names if common.LINES[name].alone]
     work(options.jobs, [name for name in names if name not in alone])
     work(1, alone, come_first)
-    bad = sum(result.get("verdict") == "FAIL" for result in results)
-    print(f"prove {options.mode}: {len(results)} lines, {bad} failed, "
-          f"{time.monotonic() - start:.0f} s")
-    return 1 if bad else 0
+
+    def failed():
+        return [name for name, result in results.items() if result.get("verdict") == "FAIL"]
+    again = failed() if options.mode == "quick" else []
+    work(1, again, come_first)
+    print(f"prove {options.mode}: {len(results)} lines, {len(failed())} failed, "
+          + (f"met again: {', '.join(again)}, " if again else "")
+          + f"{time.monotonic() - start:.0f} s")
+    return 1 if failed() else 0
 
 
 if __name__ == "__main__":
