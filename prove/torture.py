@@ -15,6 +15,8 @@ from faults import KINDS, NEVER, Faults
 FULL, QUICK = 600, 2
 # The documented ends of a start without its library, and without its configuration.
 START_ABORTS = ("Error initializing MOLB AT", "zel home dir not specified")
+# The dynamic loader's own abort, with status 127.
+LOADER_ABORTS = "cannot allocate memory for thread-local data: ABORT"
 # A reload that fails ends the daemon.
 RELOAD_ENDS = ("Cannot get credential for service", "Cannot get list of domains", "Out of memory")
 GROWTH_MAX = 24  # blocks that one kind of fault may leave behind in a scenario, whatever its number
@@ -165,12 +167,13 @@ class Torture:
             daemon.expected_end = True
             daemon.process.stdout.close()
             told = daemon.stderr_text().strip().splitlines()[-1:]
-            if (status == -signal.SIGABRT and may_abort) or \
+            if (may_abort and (status == -signal.SIGABRT or
+                               (status == 127 and told == [LOADER_ABORTS]))) or \
                     (status == 1 and scenario[0] == "reload of the library" and
                      any(row.endswith(text) for row in told for text in RELOAD_ENDS)):
                 self.tallies["aborts"] += 1
             else:
-                self.wrong.append(f"{what}: ended with {status}")
+                self.wrong.append(f"{what}: ended with {status}, {told}")
             daemon.start()
         elif wanted not in reply:  # it may never answer again
             self.wrong.append(f"{what}: then {reply[:60]!r}")
