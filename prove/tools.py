@@ -29,17 +29,18 @@ def fuzz_goal(target):
     return 10_000_000 if target in ("engine", "channel") else 100_000_000
 
 
-@line("fuzz", "every parser 100 M executions in all, the engine and TLS channels 10 M; 0 findings", 2, 240)
+@line("fuzz", "every parser 100 M executions in all, the engine and TLS channels 10 M; 0 findings", 2, 240,
+      piece=10)
 def fuzzing(amount, place):
     if not shutil.which("clang++"):
         raise Unavailable("clang is not installed")
     known = script_fuzz("list").stdout.split()
-    targets, found, now = known, [], 0
+    runs, found, now = [(kind, target) for target in known for kind in ((), ("fast",))], [], 0
     if place.quick:  # another two in every run
         start = int(time.time() // 3600) % len(known)
-        targets = (known + known)[start:start + 2]
-    for target in targets:
-        done = script_fuzz(target, str(amount), timeout=amount + 900, counted=not place.quick)
+        runs = [((), target) for target in (known + known)[start:start + 2]]
+    for kind, target in runs:
+        done = script_fuzz(*kind, target, str(amount), timeout=amount + 3000, counted=not place.quick)
         now += int((re.search(r": +(\d+) runs", done.stdout) or [0, 0])[1])
         if done.returncode != 0:
             found.append(f"{target}: {done.stdout[-300:]}")
@@ -49,9 +50,9 @@ def fuzzing(amount, place):
     # Executions add up over runs: what is still missing is told, and is no failure of this run.
     partial = (f"; partial: {len(short)} of {len(known)} targets below their number, least {least} "
                f"with {counts[least] / 1e6:.2f} M" if short else "")
-    return Outcome(not found, f"{len(targets)} targets, {now / 1e6:.2f} M executions now, "
+    return Outcome(not found, f"{len({target for _, target in runs})} targets, {{now:,}} executions now, "
                    f"{sum(counts.values()) / 1e6:.1f} M in all, {len(found)} findings{partial}"
-                   + "".join(f"; {literal(text)}" for text in found[:2]), partial=bool(short))
+                   + "".join(f"; {literal(text)}" for text in found[:2]), {"now": now}, bool(short))
 
 
 # What has threads, by the folder of its test programs.
