@@ -329,16 +329,12 @@ bool rehearse_handshake(SSL_CTX* server, SSL_CTX* client) {
     SSL_set_connect_state(visitor.get());
     constexpr int turns_max = 8;
     bool done = false;
-    bool has_memory = true;
-    for (int turn = 0; turn < turns_max && !done && has_memory; ++turn) {
+    for (int turn = 0; turn < turns_max && !done; ++turn) {
         const int asked = SSL_do_handshake(visitor.get());
         const int answered = SSL_do_handshake(service.get());
         done = asked == 1 && answered == 1;
-        while (const unsigned long error = ERR_get_error()) {
-            has_memory = has_memory && ERR_GET_REASON(error) != ERR_R_MALLOC_FAILURE;
-        }
     }
-    return has_memory;  // whatever else may be wrong, real handshakes tell
+    return done;
 }
 
 std::uint32_t accept_step(channel* c) {

@@ -55,7 +55,8 @@ struct channel {
 void prepare_server_context(SSL_CTX* context);
 
 // Makes all that OpenSSL makes once, at the first handshake of a process, by a handshake with
-// oneself: where memory fails it then, no later handshake would ever work. False: out of memory.
+// oneself: where memory fails it before, no later handshake would ever work. False when it fails;
+// OpenSSL's queue of errors has the reason, if any.
 [[nodiscard]] bool rehearse_handshake(SSL_CTX* server, SSL_CTX* client);
 
 // One step of the server's handshake, as far as the bytes that are there take it. Returns at_ok

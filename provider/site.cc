@@ -1,5 +1,6 @@
 #include "provider/site.h"
 
+#include <openssl/err.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -95,8 +96,15 @@ std::uint32_t site::load(bool whole) {
     static std::atomic<bool> rehearsed = false;
     if (!rehearsed && tls_.server()) {
         rehearsed = rehearse_handshake(tls_.server().get(), tls_.client().get());
+        const char* reason = ERR_reason_error_string(ERR_peek_error());
+        ERR_clear_error();
+        if (!rehearsed) {
+            problem_ = directory_ + ": a TLS handshake with itself fails: " +
+                       (reason != nullptr ? reason : strerror(ENOMEM));
+            return at_not_available;
+        }
     }
-    if ((!rehearsed && tls_.server()) || !guard_.prepare()) {
+    if (!guard_.prepare()) {
         return complain(directory_, ENOMEM);
     }
     load_users();

@@ -424,8 +424,10 @@ TEST_F(forward_test, target_is_not_listened_to_behind_a_whole_answer) {
 TEST_F(forward_test, answer_that_nobody_waits_for_holds_others_up_for_five_minutes) {
     const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
     const std::string take = "dd bs=100 count=1 >/dev/null 2>&1\n";
-    const auto program = engine.root.write(
-        "bin/hobintf", "#!/bin/sh\necho 'PORT : 1'\n" + take + take + "printf '" + answer + "'\n");
+    const auto taken = engine.root.path() / "taken";
+    const auto program = engine.root.write("bin/hobintf", "#!/bin/sh\necho 'PORT : 1'\n" + take +
+                                                              ": >'" + taken.string() + "'\n" +
+                                                              take + "printf '" + answer + "'\n");
     ASSERT_EQ(chmod(program.c_str(), 0755), 0);
     engine.ctx->cgi_envvar = "PLX_INSTALL_ROOT=" + engine.root.path().string();
     ASSERT_EQ(run_cgi_as_service(engine.ctx, "HOBINTF", "hobintf"), 0);
@@ -435,6 +437,9 @@ TEST_F(forward_test, answer_that_nobody_waits_for_holds_others_up_for_five_minut
     passes(3);
     leaver.reset();
     passes(1);
+    while (!std::filesystem::exists(taken)) {  // else one look of the companion takes both requests
+        passes(1);
+    }
     clock_step = 200;
     const unique_fd client = engine.connect();
     engine.say(client, request);
