@@ -2,6 +2,7 @@
 
 import errno
 import mmap
+import shutil
 import struct
 
 KINDS = {"malloc": errno.ENOMEM, "open": errno.EMFILE, "read": errno.EIO, "write": errno.ENOSPC,
@@ -17,7 +18,8 @@ class Faults:
 
     def __init__(self, shim, path):
         path.write_bytes(bytes(4096))
-        self.environment = {"LD_PRELOAD": str(shim), "FAULT_CONTROL": str(path)}
+        # The loader parts its list by blanks, which the folder of a build may have in its name.
+        self.environment = {"LD_PRELOAD": shutil.copy(shim, path.parent), "FAULT_CONTROL": str(path)}
         with open(path, "r+b") as file:
             self.page = mmap.mmap(file.fileno(), 4096)
 
