@@ -51,6 +51,11 @@ std::uint32_t open_instance(const molb_init* init, void** handle) {
         return at_invalid_argument;
     }
     keep_keys_apart();
+    // Where memory fails it here, OpenSSL reads through nulls later, for as long as the process
+    // lives.
+    if (OSSL_LIB_CTX_get0_global_default() == nullptr) {
+        return at_no_memory;
+    }
     if (own) {
         const std::uint32_t result = set_up_on_first_use(data_dir);
         if (result != at_ok) {
