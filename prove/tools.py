@@ -30,7 +30,7 @@ def fuzz_goal(target):
 
 
 @line("fuzz", "every parser 100 M executions in all, the engine and TLS channels 10 M; 0 findings", 2, 240,
-      piece=10)
+      piece=4)
 def fuzzing(amount, place):
     if not shutil.which("clang++"):
         raise Unavailable("clang is not installed")
