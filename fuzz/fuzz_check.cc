@@ -119,7 +119,8 @@ void expect_schedule_errors(const std::string& path, const std::vector<std::stri
             lines[i].find('\0') != std::string::npos) {
             continue;
         }
-        const std::string id = lines[i].substr(first, lines[i].find(' ', first) - first);
+        const std::size_t begin = lines[i].find_first_not_of(' ');  // tabs are part of an id
+        const std::string id = lines[i].substr(begin, lines[i].find(' ', begin) - begin);
         check(qz_map_find(state->entries, id.c_str()) != nullptr ||
               errors.count(static_cast<int>(i) + 1) > 0);
     }
