@@ -202,7 +202,8 @@ int change_files(const change& wanted, bool give) {
     role_files& files = rights.files();
     const rights_change made = give ? files.grant(wanted.what, wanted.who, wanted.kind)
                                     : files.deny(wanted.what, wanted.who, wanted.kind);
-    return made.error == 0 ? exit_done : exit_failed;  // has been told
+    const bool done = made.error == 0 && !rights.row(wanted.what).unreadable;
+    return done ? exit_done : exit_failed;  // has been told
 }
 
 // --- Warnings: what is allowed, and seldom meant ---
