@@ -1,6 +1,7 @@
 """Every call of a program that can fail does so once: it says so or goes on, and damages nothing.
 What requests meet is the score-sheet's affair."""
 
+import contextlib
 import errno
 import os
 import re
@@ -120,6 +121,25 @@ def test_a_daemon_starts_or_says_why_not(make_daemon, tmp_path):
     assert daemon.request("GET", "/world/ping").status == 200
 
 
+def test_no_memory_in_the_first_handshake_spoils_no_later_one(make_daemon, tmp_path):
+    daemon, faults, lived = make_daemon(start=False), Faults(SHIM, tmp_path / "faults"), 0
+    daemon.env |= faults.environment
+    for nth in range(24):
+        daemon.start()
+        faults.arm("malloc", nth)
+        with contextlib.suppress(OSError):
+            daemon.request("GET", "/world/ping", tls=True)
+        faults.disarm()
+        daemon.expected_end = True
+        # An abort takes its time, until then the port is there.
+        if not eventually(lambda: daemon.process.poll() is not None, 0.3):
+            assert daemon.request("GET", "/world/ping", tls=True).status == 200, nth
+            lived += daemon.stop() == 0
+        daemon.process.stdout.close()
+        daemon.bad_ends.clear()
+    assert lived > 8
+
+
 @pytest.mark.parametrize("error", [None, errno.EINTR], ids=["usual", "interrupted"])
 def test_requests_that_meet_faults(tmp_path, monkeypatch, error):
     """A sample of the score-sheet's; and the same calls, only interrupted."""
@@ -135,7 +155,7 @@ def test_requests_that_meet_faults(tmp_path, monkeypatch, error):
     try:
         daemons = [rack.build(name, auth=name == "guarded").start() for name in ("plain", "guarded")]
         for scenario in scenarios(target):
-            rack.run_scenario(daemons[scenario[0] == "login"], scenario)
+            rack.run_scenario(daemons["login" in scenario[0]], scenario)
         assert [daemon.stop() for daemon in daemons] == [0, 0]
     finally:
         place.close()
